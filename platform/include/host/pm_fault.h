@@ -13,6 +13,12 @@
  * four integer arguments and a CLOCK_MONOTONIC time, so that tests can check
  * the order and timing of calls (for example open, then protect >= 100 ms
  * later).
+ *
+ * Arming: a count of 0 disarms the call; a negative count arms it for every
+ * call until pm_fault_clear().  Up to PM_FAULT_MAX_ARMED distinct calls may be
+ * armed at once; arming more is ignored.  The call log keeps the first
+ * PM_CALLLOG_CAPACITY records after pm_calllog_clear(); pm_calllog_get still
+ * counts the ones it could not keep.
  */
 #ifndef PMDB_HOST_PM_FAULT_H
 #define PMDB_HOST_PM_FAULT_H
@@ -23,6 +29,9 @@
 #ifdef __cplusplus
 extern "C" {
 #endif
+
+#define PM_FAULT_MAX_ARMED 32
+#define PM_CALLLOG_CAPACITY 4096
 
 void pm_fault_set(const char *call, int64_t result, int count);
 void pm_fault_clear(void);
@@ -40,6 +49,12 @@ void pm_calllog_clear(void);
 void pm_calllog_note(const char *call, uint64_t a0, uint64_t a1, uint64_t a2, uint64_t a3);
 /* Copies up to `max` records in call order; returns how many were recorded. */
 size_t pm_calllog_get(pm_call_rec_t *out, size_t max);
+
+/* Entry hook of every host platform call: notes the call in the log (when
+ * enabled) and then asks pm_fault_hit().  Nonzero means the call is armed and
+ * must fail with *result. */
+int pm_fault_enter(const char *call, int64_t *result, uint64_t a0, uint64_t a1, uint64_t a2,
+                   uint64_t a3);
 
 #ifdef __cplusplus
 }

@@ -1,0 +1,84 @@
+/*
+ * vesk_reader.h - host extension of the trace service: reading the three
+ * trace buffers of the current namespace from any process.
+ *
+ * Each buffer is a ring of fixed-size records in the shared-memory object
+ * "vesk.error", "vesk.database" or "vesk.event" of the namespace, created by
+ * whichever process writes or reads it first.  Every record has a sequence
+ * number, counted from 0 per buffer; a full ring overwrites its oldest
+ * records, and a reader that asks for records no longer there is told how
+ * many it lost.  Reading never disturbs writers.
+ *
+ * All calls are thread-safe.  A vesk_buf_t stays valid for the life of the
+ * process (unless its namespace is removed with vorn_host_remove_namespace
+ * in this process).
+ */
+#ifndef PMDB_HOST_VESK_READER_H
+#define PMDB_HOST_VESK_READER_H
+
+#include <stddef.h>
+#include <stdint.h>
+
+#include "vesk.h"
+
+#ifdef __cplusplus
+extern "C" {
+#endif
+
+typedef enum vesk_kind { VESK_ERROR = 0, VESK_DATABASE = 1, VESK_EVENT = 2 } vesk_kind_t;
+#define VESK_KINDS 3
+
+#define VESK_MAX_ARGS 7
+#define VESK_STR_MAX 48 /* string of _svesk, NUL included */
+/* Upper part of the id of a string record. */
+#define VESK_STRING_TAG 0x102u
+
+/* Environment variable giving the capacity (records) of a buffer created by
+ * this process; rounded up to a power of two within [16, 1048576]. */
+#define VESK_RECORDS_ENV "PMDB_TRACE_RECORDS"
+#define VESK_RECORDS_DEFAULT 4096u
+
+/* One decoded record. */
+typedef struct vesk_rec {
+    uint64_t seq;      /* sequence number in its buffer */
+    uint64_t id;       /* the id as the writer passed it */
+    uint32_t point;    /* low 32 bits of id */
+    uint32_t nargs;    /* integer arguments the writer passed (0..7) */
+    int is_string;     /* written by _svesk: str holds the string */
+    uint32_t pid;      /* writer's process and thread */
+    uint32_t tid;
+    int64_t tv_sec;    /* CLOCK_REALTIME at the write */
+    uint32_t tv_nsec;
+    uint64_t args[VESK_MAX_ARGS]; /* args[0..nargs-1]; the rest 0 */
+    char str[VESK_STR_MAX];       /* "" unless is_string */
+} vesk_rec_t;
+
+/* "error", "database", "event"; NULL for another value. */
+const char *vesk_kind_name(vesk_kind_t kind);
+/* The kind of a name above (also "db", "eve"), or -1. */
+int vesk_kind_from_name(const char *name);
+
+/* The buffer of `kind` in the current namespace, created if absent; NULL
+ * when it can be neither opened nor created. */
+vesk_buf_t *vesk_open(vesk_kind_t kind);
+/* The sequence number the next record will get. */
+uint64_t vesk_mark(const vesk_buf_t *buf);
+/* Capacity in records. */
+uint32_t vesk_capacity(const vesk_buf_t *buf);
+/* Records writers had to drop because a writer lapped by the whole ring
+ * still held their slot (never happens below `capacity` concurrent writes). */
+uint64_t vesk_dropped(const vesk_buf_t *buf);
+
+/* Copies up to max records with sequence >= since, oldest first, into out.
+ * *next (optional) receives the sequence to pass as `since` next time;
+ * *lost (optional) the number of records at or after `since` and before
+ * *next that were not copied because they were overwritten or dropped.
+ * Returns the number of records copied. */
+size_t vesk_read(const vesk_buf_t *buf, uint64_t since, vesk_rec_t *out, size_t max,
+                 uint64_t *next, uint64_t *lost);
+
+#ifdef __cplusplus
+}
+#endif
+
+#endif

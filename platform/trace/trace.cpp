@@ -1,0 +1,516 @@
+/*
+ * trace.cpp - host trace service: three shared-memory ring buffers per
+ * namespace (error, database, event), lock-free writers, seqlock readers.
+ *
+ * Object "vesk.<kind>" of the namespace (file /dev/shm/<ns>.vesk.<kind>):
+ *
+ *   header, 64 bytes
+ *   off  size  field
+ *     0     4  magic         0x4B534556 ("VESK")
+ *     4     4  format        1
+ *     8     4  header_size   64
+ *    12     4  record_size   96
+ *    16     4  capacity      records in the ring, a power of two
+ *    20     4  kind          0 error, 1 database, 2 event
+ *    24     8  head          sequence number the next writer reserves
+ *    32     8  dropped       records given up by writers (see below)
+ *    40     8  created_sec   CLOCK_REALTIME seconds at creation
+ *    48    16  reserved      0
+ *
+ *   record i (sequence s with s % capacity == i) at 64 + 96 * i
+ *   off  size  field
+ *     0     8  stamp         0 never written; 2s+1 being written; 2s+2 done
+ *     8     8  id            as passed: argument count << 32 | point
+ *    16     8  tv_sec        CLOCK_REALTIME of the write
+ *    24     4  tv_nsec
+ *    28     4  pid
+ *    32     4  tid
+ *    36     4  info          bits 0..7 integer argument count, bit 8 string
+ *    40    56  args[7]       integer arguments; unused ones 0
+ *                            a string record keeps its integer in args[0]
+ *                            and its string (47 bytes + NUL) in bytes 48..95
+ *
+ * A buffer is created complete under a private name and then published
+ * with link(2), which never replaces an existing file: every process that
+ * can open "vesk.<kind>" sees a fully initialised header, and when two
+ * processes race to create it one wins and the other opens the winner's.
+ *
+ * Concurrency contract (all processes of the namespace share the buffer):
+ *   - Writers reserve a sequence with fetch_add on `head` (relaxed: the
+ *     stamp carries the ordering).  A writer claims its slot by a CAS of the
+ *     stamp from an even value below 2s+1 to 2s+1, writes the fields with
+ *     relaxed stores after a release fence, and publishes with a release
+ *     store of 2s+2.  A slot whose stamp is odd (a writer lapped by the whole
+ *     ring is still in it) or already newer is not claimed: the record is
+ *     counted in `dropped` instead, so writers never wait and a slot's stamp
+ *     only grows.
+ *   - Readers load the stamp with acquire, copy the fields with relaxed
+ *     loads, issue an acquire fence and load the stamp again: the copy is
+ *     the record s only when both loads give 2s+2 (pairs with the writer's
+ *     release fence and release store).
+ *   - Process-local: `g_maps` (the list of mapped buffers) is changed only
+ *     under `g_map_lock`; `g_current[kind]` (acquire/release) points at an
+ *     entry of the list, whose fields are immutable once published except
+ *     `live` (acquire/release), cleared when its namespace is removed.
+ *     Mappings are never unmapped, so a pointer handed out stays valid.
+ */
+#include <errno.h>
+#include <fcntl.h>
+#include <inttypes.h>
+#include <pthread.h>
+#include <sched.h>
+#include <stdio.h>
+#include <stdlib.h>
+#include <string.h>
+#include <sys/mman.h>
+#include <sys/stat.h>
+#include <time.h>
+#include <unistd.h>
+
+#include <atomic>
+#include <new>
+
+#include "host/host_internal.h"
+#include "host/os_host.h"
+#include "host/pm_fault.h"
+#include "host/vesk_reader.h"
+#include "vesk.h"
+
+namespace {
+
+constexpr uint32_t kMagic = 0x4B534556u;
+constexpr uint32_t kFormat = 1;
+constexpr uint32_t kMinRecords = 16;
+constexpr uint32_t kMaxRecords = 1u << 20;
+constexpr uint32_t kInfoString = 1u << 8;
+constexpr size_t kPathMax = 256;
+constexpr size_t kNsMax = 41;
+/* How long a reader waits for a record whose writer is between claim and
+ * publish before counting it lost (the writer may have died there). */
+constexpr uint64_t kPendingWaitNs = 2000000;
+
+struct vesk_hdr {
+    uint32_t magic;
+    uint32_t format;
+    uint32_t header_size;
+    uint32_t record_size;
+    uint32_t capacity;
+    uint32_t kind;
+    std::atomic<uint64_t> head;
+    std::atomic<uint64_t> dropped;
+    int64_t created_sec;
+    uint64_t reserved[2];
+};
+
+/* The record as 12 words; word 0 is the stamp. */
+constexpr size_t kRecWords = 12;
+struct vesk_shm_rec {
+    std::atomic<uint64_t> stamp;
+    uint64_t words[kRecWords - 1];
+};
+
+static_assert(std::atomic<uint64_t>::is_always_lock_free, "shared atomics must be lock-free");
+static_assert(sizeof(vesk_hdr) == 64, "trace header is 64 bytes");
+static_assert(offsetof(vesk_hdr, capacity) == 16, "capacity at 16");
+static_assert(offsetof(vesk_hdr, kind) == 20, "kind at 20");
+static_assert(offsetof(vesk_hdr, head) == 24, "head at 24");
+static_assert(offsetof(vesk_hdr, dropped) == 32, "dropped at 32");
+static_assert(offsetof(vesk_hdr, created_sec) == 40, "created_sec at 40");
+static_assert(sizeof(vesk_shm_rec) == 96, "trace record is 96 bytes");
+/* Word indexes of the record fields (word w at byte 8 * w). */
+enum : size_t { W_ID = 1, W_SEC = 2, W_NSEC_PID = 3, W_TID_INFO = 4, W_ARGS = 5, W_STR = 6 };
+static_assert(W_ARGS * 8 == 40 && W_STR * 8 == 48, "args at 40, string at 48");
+static_assert(VESK_STR_MAX == (kRecWords - W_STR) * 8, "string fills the record's tail");
+
+const char *const kKindNames[VESK_KINDS] = {"error", "database", "event"};
+
+}  // namespace
+
+/* Process-local view of one mapped buffer. */
+struct vesk_buf {
+    char ns[kNsMax];
+    vesk_kind_t kind;
+    vesk_hdr *hdr;
+    vesk_shm_rec *recs;
+    uint32_t mask;
+    std::atomic<bool> live;
+    vesk_buf *next;
+};
+
+namespace {
+
+pthread_mutex_t g_map_lock = PTHREAD_MUTEX_INITIALIZER;
+vesk_buf *g_maps;
+std::atomic<vesk_buf *> g_current[VESK_KINDS];
+std::atomic<uint32_t> g_records_override{0};
+
+uint32_t round_capacity(int64_t want) {
+    if (want < kMinRecords) return kMinRecords;
+    if (want > kMaxRecords) return kMaxRecords;
+    uint32_t cap = kMinRecords;
+    while (cap < (uint64_t)want) cap <<= 1;
+    return cap;
+}
+
+pmdb_setting_source_t records_setting(uint32_t *records) {
+    const uint32_t over = g_records_override.load(std::memory_order_relaxed);
+    int64_t env = 0;
+    if (over != 0) {
+        *records = round_capacity(over);
+        return PMDB_SETTING_SETTER;
+    }
+    if (pmdb_host_env_i64(VESK_RECORDS_ENV, &env)) {
+        *records = round_capacity(env);
+        return PMDB_SETTING_ENV;
+    }
+    *records = VESK_RECORDS_DEFAULT;
+    return PMDB_SETTING_DEFAULT;
+}
+
+size_t buffer_bytes(uint32_t capacity) {
+    return sizeof(vesk_hdr) + (size_t)capacity * sizeof(vesk_shm_rec);
+}
+
+/* Creates the complete buffer under a private name and links it into
+ * place; returns 0 when the object exists afterwards (ours or a racer's). */
+int create_buffer(const char *ns, vesk_kind_t kind, const char *path) {
+    char tmp_name[64];
+    char tmp[kPathMax];
+    snprintf(tmp_name, sizeof tmp_name, "vesk.%s.tmp-%d-%d", kKindNames[kind], (int)getpid(),
+             (int)gettid());
+    if (vorn_host_shm_path(ns, tmp_name, tmp, sizeof tmp) != 0) return -1;
+    uint32_t cap = 0;
+    records_setting(&cap);
+    const size_t len = buffer_bytes(cap);
+    const int fd = open(tmp, O_RDWR | O_CREAT | O_EXCL | O_CLOEXEC | O_NOFOLLOW, 0666);
+    if (fd < 0) return -1;
+    int rc = ftruncate(fd, (off_t)len);
+    void *mem = rc == 0 ? mmap(nullptr, len, PROT_READ | PROT_WRITE, MAP_SHARED, fd, 0) : MAP_FAILED;
+    close(fd);
+    if (mem == MAP_FAILED) rc = -1;
+    if (rc == 0) {
+        auto *hdr = static_cast<vesk_hdr *>(mem); /* the file is zero-filled */
+        timespec now{};
+        clock_gettime(CLOCK_REALTIME, &now);
+        hdr->format = kFormat;
+        hdr->header_size = sizeof(vesk_hdr);
+        hdr->record_size = sizeof(vesk_shm_rec);
+        hdr->capacity = cap;
+        hdr->kind = (uint32_t)kind;
+        hdr->created_sec = now.tv_sec;
+        hdr->magic = kMagic;
+        munmap(mem, len);
+        rc = link(tmp, path) == 0 || errno == EEXIST ? 0 : -1;
+    }
+    unlink(tmp);
+    return rc;
+}
+
+bool header_valid(const vesk_hdr *hdr, size_t file_len, vesk_kind_t kind) {
+    if (file_len < sizeof(vesk_hdr)) return false;
+    const uint32_t cap = hdr->capacity;
+    return hdr->magic == kMagic && hdr->format == kFormat &&
+           hdr->header_size == sizeof(vesk_hdr) && hdr->record_size == sizeof(vesk_shm_rec) &&
+           hdr->kind == (uint32_t)kind && cap >= kMinRecords && cap <= kMaxRecords &&
+           (cap & (cap - 1)) == 0 && file_len >= buffer_bytes(cap);
+}
+
+/* Opens (creating if absent) and maps buffer kind of ns; null on failure. */
+vesk_buf *map_buffer(const char *ns, vesk_kind_t kind) {
+    char name[32];
+    char path[kPathMax];
+    snprintf(name, sizeof name, "vesk.%s", kKindNames[kind]);
+    if (vorn_host_shm_path(ns, name, path, sizeof path) != 0) return nullptr;
+    int fd = open(path, O_RDWR | O_CLOEXEC | O_NOFOLLOW);
+    if (fd < 0 && errno == ENOENT && create_buffer(ns, kind, path) == 0) {
+        fd = open(path, O_RDWR | O_CLOEXEC | O_NOFOLLOW);
+    }
+    if (fd < 0) return nullptr;
+    struct stat st {};
+    void *mem = MAP_FAILED;
+    if (fstat(fd, &st) == 0 && (size_t)st.st_size >= sizeof(vesk_hdr)) {
+        mem = mmap(nullptr, (size_t)st.st_size, PROT_READ | PROT_WRITE, MAP_SHARED, fd, 0);
+    }
+    close(fd);
+    if (mem == MAP_FAILED) return nullptr;
+    auto *hdr = static_cast<vesk_hdr *>(mem);
+    void *raw = header_valid(hdr, (size_t)st.st_size, kind) ? calloc(1, sizeof(vesk_buf)) : nullptr;
+    if (raw == nullptr) {
+        munmap(mem, (size_t)st.st_size);
+        return nullptr;
+    }
+    auto *buf = new (raw) vesk_buf{};
+    snprintf(buf->ns, sizeof buf->ns, "%s", ns);
+    buf->kind = kind;
+    buf->hdr = hdr;
+    buf->recs = reinterpret_cast<vesk_shm_rec *>(static_cast<char *>(mem) + sizeof(vesk_hdr));
+    buf->mask = hdr->capacity - 1;
+    buf->live.store(true, std::memory_order_relaxed);
+    return buf;
+}
+
+vesk_buf *buffer_of(vesk_kind_t kind) {
+    const char *ns = vorn_host_namespace();
+    vesk_buf *cur = g_current[kind].load(std::memory_order_acquire);
+    if (cur != nullptr && cur->live.load(std::memory_order_acquire) && strcmp(cur->ns, ns) == 0) {
+        return cur;
+    }
+    pthread_mutex_lock(&g_map_lock);
+    vesk_buf *found = nullptr;
+    for (vesk_buf *b = g_maps; b != nullptr && found == nullptr; b = b->next) {
+        const bool same = b->kind == kind && strcmp(b->ns, ns) == 0;
+        if (same && b->live.load(std::memory_order_relaxed)) found = b;
+    }
+    if (found == nullptr) {
+        found = map_buffer(ns, kind);
+        if (found != nullptr) {
+            found->next = g_maps;
+            g_maps = found;
+        }
+    }
+    if (found != nullptr) g_current[kind].store(found, std::memory_order_release);
+    pthread_mutex_unlock(&g_map_lock);
+    return found;
+}
+
+vesk_buf_t *getter(const char *call, vesk_kind_t kind) {
+    int64_t ignored = 0;
+    if (pm_fault_hit(call, &ignored)) return nullptr;
+    return buffer_of(kind);
+}
+
+inline void put(vesk_shm_rec *r, size_t word, uint64_t v) {
+    __atomic_store_n(&r->words[word - 1], v, __ATOMIC_RELAXED);
+}
+
+inline uint64_t get(const vesk_shm_rec *r, size_t word) {
+    return __atomic_load_n(&r->words[word - 1], __ATOMIC_RELAXED);
+}
+
+/* Claims the slot of sequence s; false when it must be given up. */
+bool claim(vesk_shm_rec *r, uint64_t s) {
+    const uint64_t want = 2 * s + 1;
+    uint64_t cur = r->stamp.load(std::memory_order_relaxed);
+    while ((cur & 1) == 0 && cur < want) {
+        if (r->stamp.compare_exchange_weak(cur, want, std::memory_order_relaxed)) return true;
+    }
+    return false;
+}
+
+/* Appends one record; str is null for integer records. */
+void write_record(vesk_buf_t *buf, uint64_t id, uint32_t nargs, const uint64_t *args,
+                  const char *str) {
+    if (buf == nullptr) return;
+    vesk_hdr *hdr = buf->hdr;
+    const uint64_t s = hdr->head.fetch_add(1, std::memory_order_relaxed);
+    vesk_shm_rec *r = &buf->recs[s & buf->mask];
+    if (!claim(r, s)) {
+        hdr->dropped.fetch_add(1, std::memory_order_relaxed);
+        return;
+    }
+    std::atomic_thread_fence(std::memory_order_release);
+    timespec now{};
+    clock_gettime(CLOCK_REALTIME, &now);
+    const uint32_t info = nargs | (str != nullptr ? kInfoString : 0);
+    put(r, W_ID, id);
+    put(r, W_SEC, (uint64_t)now.tv_sec);
+    put(r, W_NSEC_PID, (uint64_t)now.tv_nsec | ((uint64_t)(uint32_t)getpid() << 32));
+    put(r, W_TID_INFO, (uint64_t)(uint32_t)gettid() | ((uint64_t)info << 32));
+    uint64_t tail[kRecWords - W_ARGS] = {};
+    memcpy(tail, args, nargs * sizeof(uint64_t));
+    if (str != nullptr) {
+        char text[VESK_STR_MAX] = {};
+        strncpy(text, str, sizeof text - 1);
+        memcpy(&tail[W_STR - W_ARGS], text, sizeof text);
+    }
+    for (size_t w = W_ARGS; w < kRecWords; w++) put(r, w, tail[w - W_ARGS]);
+    r->stamp.store(2 * s + 2, std::memory_order_release);
+}
+
+void decode(const uint64_t *w, uint64_t s, vesk_rec_t *out) {
+    memset(out, 0, sizeof *out);
+    const uint32_t info = (uint32_t)(w[W_TID_INFO] >> 32);
+    out->seq = s;
+    out->id = w[W_ID];
+    out->point = (uint32_t)w[W_ID];
+    out->nargs = info & 0xFF;
+    if (out->nargs > VESK_MAX_ARGS) out->nargs = VESK_MAX_ARGS;
+    out->is_string = (info & kInfoString) != 0;
+    out->tv_sec = (int64_t)w[W_SEC];
+    out->tv_nsec = (uint32_t)w[W_NSEC_PID];
+    out->pid = (uint32_t)(w[W_NSEC_PID] >> 32);
+    out->tid = (uint32_t)w[W_TID_INFO];
+    memcpy(out->args, &w[W_ARGS], out->nargs * sizeof(uint64_t));
+    if (out->is_string) {
+        memcpy(out->str, &w[W_STR], sizeof out->str);
+        out->str[sizeof out->str - 1] = '\0';
+    }
+}
+
+uint64_t mono_ns() {
+    timespec ts{};
+    clock_gettime(CLOCK_MONOTONIC, &ts);
+    return (uint64_t)ts.tv_sec * 1000000000ull + (uint64_t)ts.tv_nsec;
+}
+
+/* Copies record s; false when it was overwritten, dropped or never
+ * finished by its writer. */
+bool copy_record(const vesk_buf_t *buf, uint64_t s, vesk_rec_t *out) {
+    const vesk_shm_rec *r = &buf->recs[s & buf->mask];
+    const uint64_t done = 2 * s + 2;
+    uint64_t waited_since = 0;
+    for (;;) {
+        const uint64_t st1 = r->stamp.load(std::memory_order_acquire);
+        if (st1 > done) return false;
+        if (st1 == done) {
+            uint64_t w[kRecWords];
+            for (size_t i = 1; i < kRecWords; i++) w[i] = get(r, i);
+            std::atomic_thread_fence(std::memory_order_acquire);
+            if (r->stamp.load(std::memory_order_relaxed) != done) return false;
+            decode(w, s, out);
+            return true;
+        }
+        const uint64_t now = mono_ns();
+        if (waited_since == 0) waited_since = now;
+        if (now - waited_since > kPendingWaitNs) return false;
+        sched_yield();
+    }
+}
+
+}  // namespace
+
+extern "C" {
+
+vesk_buf_t *dpa_port_mapper_get_error_vesk(void) {
+    return getter("dpa_port_mapper_get_error_vesk", VESK_ERROR);
+}
+
+vesk_buf_t *dpa_port_mapper_get_db_vesk(void) {
+    return getter("dpa_port_mapper_get_db_vesk", VESK_DATABASE);
+}
+
+vesk_buf_t *dpa_port_mapper_get_eve_vesk(void) {
+    return getter("dpa_port_mapper_get_eve_vesk", VESK_EVENT);
+}
+
+void _vesk(vesk_buf_t *buf, uint64_t id) { write_record(buf, id, 0, nullptr, nullptr); }
+
+void _vesk_1(vesk_buf_t *buf, uint64_t id, uint64_t a1) {
+    const uint64_t a[] = {a1};
+    write_record(buf, id, 1, a, nullptr);
+}
+
+void _vesk_2(vesk_buf_t *buf, uint64_t id, uint64_t a1, uint64_t a2) {
+    const uint64_t a[] = {a1, a2};
+    write_record(buf, id, 2, a, nullptr);
+}
+
+void _vesk_3(vesk_buf_t *buf, uint64_t id, uint64_t a1, uint64_t a2, uint64_t a3) {
+    const uint64_t a[] = {a1, a2, a3};
+    write_record(buf, id, 3, a, nullptr);
+}
+
+void _vesk_4(vesk_buf_t *buf, uint64_t id, uint64_t a1, uint64_t a2, uint64_t a3, uint64_t a4) {
+    const uint64_t a[] = {a1, a2, a3, a4};
+    write_record(buf, id, 4, a, nullptr);
+}
+
+void _vesk_5(vesk_buf_t *buf, uint64_t id, uint64_t a1, uint64_t a2, uint64_t a3, uint64_t a4,
+             uint64_t a5) {
+    const uint64_t a[] = {a1, a2, a3, a4, a5};
+    write_record(buf, id, 5, a, nullptr);
+}
+
+void _vesk_6(vesk_buf_t *buf, uint64_t id, uint64_t a1, uint64_t a2, uint64_t a3, uint64_t a4,
+             uint64_t a5, uint64_t a6) {
+    const uint64_t a[] = {a1, a2, a3, a4, a5, a6};
+    write_record(buf, id, 6, a, nullptr);
+}
+
+void _vesk_7(vesk_buf_t *buf, uint64_t id, uint64_t a1, uint64_t a2, uint64_t a3, uint64_t a4,
+             uint64_t a5, uint64_t a6, uint64_t a7) {
+    const uint64_t a[] = {a1, a2, a3, a4, a5, a6, a7};
+    write_record(buf, id, 7, a, nullptr);
+}
+
+void _svesk(vesk_buf_t *buf, uint64_t id, const char *str, uint64_t a1) {
+    const uint64_t a[] = {a1};
+    write_record(buf, id, 1, a, str != nullptr ? str : "");
+}
+
+const char *vesk_kind_name(vesk_kind_t kind) {
+    return (unsigned)kind < VESK_KINDS ? kKindNames[kind] : nullptr;
+}
+
+int vesk_kind_from_name(const char *name) {
+    if (name == nullptr) return -1;
+    for (int k = 0; k < VESK_KINDS; k++) {
+        if (strcmp(name, kKindNames[k]) == 0) return k;
+    }
+    if (strcmp(name, "db") == 0) return VESK_DATABASE;
+    if (strcmp(name, "eve") == 0) return VESK_EVENT;
+    return -1;
+}
+
+vesk_buf_t *vesk_open(vesk_kind_t kind) {
+    return (unsigned)kind < VESK_KINDS ? buffer_of(kind) : nullptr;
+}
+
+uint64_t vesk_mark(const vesk_buf_t *buf) {
+    return buf != nullptr ? buf->hdr->head.load(std::memory_order_acquire) : 0;
+}
+
+uint32_t vesk_capacity(const vesk_buf_t *buf) { return buf != nullptr ? buf->mask + 1 : 0; }
+
+uint64_t vesk_dropped(const vesk_buf_t *buf) {
+    return buf != nullptr ? buf->hdr->dropped.load(std::memory_order_relaxed) : 0;
+}
+
+size_t vesk_read(const vesk_buf_t *buf, uint64_t since, vesk_rec_t *out, size_t max,
+                 uint64_t *next, uint64_t *lost) {
+    uint64_t missed = 0;
+    size_t n = 0;
+    uint64_t s = since;
+    if (buf != nullptr) {
+        const uint64_t head = buf->hdr->head.load(std::memory_order_acquire);
+        const uint64_t cap = (uint64_t)buf->mask + 1;
+        const uint64_t oldest = head > cap ? head - cap : 0;
+        if (s > head) s = head; /* a mark of an older incarnation of the buffer */
+        if (s < oldest) {
+            missed += oldest - s;
+            s = oldest;
+        }
+        for (; s < head && n < max; s++) {
+            if (copy_record(buf, s, &out[n])) {
+                n++;
+            } else {
+                missed++;
+            }
+        }
+    }
+    if (next != nullptr) *next = s;
+    if (lost != nullptr) *lost = missed;
+    return n;
+}
+
+void vesk_host_set_records(uint32_t records) {
+    g_records_override.store(records, std::memory_order_relaxed);
+}
+
+void vesk_host_forget_namespace(const char *ns) {
+    pthread_mutex_lock(&g_map_lock);
+    for (vesk_buf *b = g_maps; b != nullptr; b = b->next) {
+        if (strcmp(b->ns, ns) == 0) b->live.store(false, std::memory_order_release);
+    }
+    pthread_mutex_unlock(&g_map_lock);
+}
+
+void pmdb_host_trace_settings(pmdb_setting_fn fn, void *ctx) {
+    uint32_t records = 0;
+    const pmdb_setting_source_t src = records_setting(&records);
+    char value[32];
+    snprintf(value, sizeof value, "%" PRIu32, records);
+    pmdb_host_setting_emit(fn, ctx, "trace.records", value, VESK_RECORDS_ENV, src);
+}
+
+}  // extern "C"

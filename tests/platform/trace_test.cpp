@@ -1,0 +1,229 @@
+// Trace service: records written in one process are read and decoded in
+// another; full rings lose their oldest records and say how many.
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <atomic>
+#include <string>
+#include <thread>
+#include <algorithm>
+#include <vector>
+
+#include "host/os_host.h"
+#include "host/pm_fault.h"
+#include "host/settings.h"
+#include "host/vesk_reader.h"
+#include "pmdb_test.h"
+#include "vesk.h"
+
+namespace {
+
+using pmdb::test::ChildLink;
+using pmdb::test::ChildProcess;
+using pmdb::test::PmdbTest;
+using pmdb::test::RunInChild;
+
+class TraceTest : public PmdbTest {};
+
+std::vector<vesk_rec_t> ReadAll(vesk_kind_t kind, uint64_t since, uint64_t *lost) {
+    const vesk_buf_t *buf = vesk_open(kind);
+    std::vector<vesk_rec_t> out(vesk_capacity(buf));
+    const size_t n = vesk_read(buf, since, out.data(), out.size(), nullptr, lost);
+    out.resize(n);
+    return out;
+}
+
+TEST_F(TraceTest, ChildRecordsAreDecodedInParent) {
+    const pid_t parent = getpid();
+    const auto r = RunInChild([] {
+        _vesk(dpa_port_mapper_get_error_vesk(), VESK_ID(0, 51));
+        _vesk_2(dpa_port_mapper_get_eve_vesk(), VESK_ID(2, 277), 23, 0);
+        _vesk_7(dpa_port_mapper_get_db_vesk(), VESK_ID(7, 109), 5, 0x02, 0, 0, 0, 5, 0xFF);
+        _svesk(dpa_port_mapper_get_error_vesk(), VESK_SID(58), "dnx_pmdb_ifh_shrd", 2621472);
+        return 0;
+    });
+    ASSERT_TRUE(r.ExitedWith(0)) << r.Describe();
+
+    ExpectTrace(VESK_ERROR, 51, {});
+    ExpectTrace(VESK_EVENT, 277, {23, 0});
+    ExpectTrace(VESK_DATABASE, 109, {5, 0x02, 0, 0, 0, 5, 0xFF});
+    ExpectTrace(VESK_ERROR, 58, {2621472}, "dnx_pmdb_ifh_shrd");
+
+    const auto errors = Traces(VESK_ERROR);
+    ASSERT_EQ(errors.size(), 2u);
+    EXPECT_EQ(errors[0].id, 0x33u);
+    EXPECT_EQ(errors[1].id, 0x1020000003Aull);
+    EXPECT_TRUE(errors[1].is_string);
+    EXPECT_NE(errors[0].pid, (uint32_t)parent);
+    EXPECT_EQ(errors[0].pid, errors[1].pid);
+    EXPECT_LT(errors[0].seq, errors[1].seq);
+    EXPECT_EQ(Traces(VESK_EVENT)[0].id, 0x200000115ull);
+}
+
+TEST_F(TraceTest, RecordCarriesRealtimeAndThread) {
+    timespec before{};
+    clock_gettime(CLOCK_REALTIME, &before);
+    uint32_t writer_tid = 0;
+    std::thread t([&] {
+        writer_tid = (uint32_t)gettid();
+        _vesk_1(dpa_port_mapper_get_db_vesk(), VESK_ID(1, 62), 42);
+    });
+    t.join();
+    timespec after{};
+    clock_gettime(CLOCK_REALTIME, &after);
+
+    const auto recs = Traces(VESK_DATABASE);
+    ASSERT_EQ(recs.size(), 1u);
+    EXPECT_EQ(recs[0].tid, writer_tid);
+    EXPECT_EQ(recs[0].pid, (uint32_t)getpid());
+    const double t0 = before.tv_sec + before.tv_nsec * 1e-9;
+    const double t1 = after.tv_sec + after.tv_nsec * 1e-9;
+    const double tr = recs[0].tv_sec + recs[0].tv_nsec * 1e-9;
+    EXPECT_GE(tr, t0 - 1e-6);
+    EXPECT_LE(tr, t1 + 1e-6);
+}
+
+TEST_F(TraceTest, LongStringIsTruncatedAndNullIsEmpty) {
+    const std::string longname(100, 'x');
+    _svesk(dpa_port_mapper_get_error_vesk(), VESK_SID(60), longname.c_str(), 7);
+    _svesk(dpa_port_mapper_get_error_vesk(), VESK_SID(61), nullptr, 8);
+    ExpectTrace(VESK_ERROR, 60, {7}, std::string(VESK_STR_MAX - 1, 'x').c_str());
+    ExpectTrace(VESK_ERROR, 61, {8}, "");
+}
+
+TEST_F(TraceTest, FullRingLosesOnlyOldestAndCountsThem) {
+    vesk_host_set_records(16);
+    const std::string other = pmdb::test::UniqueNamespace();
+    ASSERT_EQ(vorn_host_set_namespace(other.c_str()), 0);
+    vesk_buf_t *buf = dpa_port_mapper_get_eve_vesk();
+    ASSERT_NE(buf, nullptr);
+    ASSERT_EQ(vesk_capacity(buf), 16u);
+    for (uint64_t i = 0; i < 40; i++) _vesk_1(buf, VESK_ID(1, 300), i);
+
+    uint64_t lost = 0;
+    const auto recs = ReadAll(VESK_EVENT, 0, &lost);
+    EXPECT_EQ(lost, 24u);
+    ASSERT_EQ(recs.size(), 16u);
+    for (size_t i = 0; i < recs.size(); i++) {
+        EXPECT_EQ(recs[i].seq, 24 + i);
+        EXPECT_EQ(recs[i].args[0], 24 + i);
+    }
+    // Reading from inside the ring loses nothing.
+    ReadAll(VESK_EVENT, 30, &lost);
+    EXPECT_EQ(lost, 0u);
+    vorn_host_remove_namespace(other.c_str());
+}
+
+TEST_F(TraceTest, CapacityComesFromEnvironmentAtCreation) {
+    const auto r = RunInChild([] {
+        setenv(VESK_RECORDS_ENV, "100", 1);
+        return vesk_capacity(vesk_open(VESK_ERROR)) == 0 ? 1 : 0;
+    });
+    ASSERT_TRUE(r.ExitedWith(0)) << r.Describe();
+    // The buffer already existed in this namespace before the child ran (the
+    // fixture's mark opened it), so the child kept the default capacity.
+    EXPECT_EQ(vesk_capacity(vesk_open(VESK_ERROR)), VESK_RECORDS_DEFAULT);
+
+    const std::string other = pmdb::test::UniqueNamespace();
+    setenv(VORN_NS_ENV, other.c_str(), 1);
+    const auto created = RunInChild([] {
+        vorn_host_set_namespace(nullptr);
+        setenv(VESK_RECORDS_ENV, "100", 1);
+        return (int)vesk_capacity(vesk_open(VESK_DATABASE));
+    });
+    EXPECT_TRUE(created.ExitedWith(128)) << created.Describe();
+    vorn_host_remove_namespace(other.c_str());
+}
+
+TEST_F(TraceTest, FollowingReaderSeesRecordsWhileWriterRuns) {
+    ChildProcess writer([](ChildLink &link) {
+        vesk_buf_t *buf = dpa_port_mapper_get_db_vesk();
+        _vesk_1(buf, VESK_ID(1, 57), 1);
+        link.Ready();
+        link.WaitRelease();
+        _vesk_1(buf, VESK_ID(1, 57), 2);
+        link.Ready();
+        link.WaitRelease();
+        return 0;
+    });
+    ASSERT_TRUE(writer.WaitReady());
+    const vesk_buf_t *buf = vesk_open(VESK_DATABASE);
+    uint64_t next = 0;
+    vesk_rec_t rec[4];
+    ASSERT_EQ(vesk_read(buf, mark().seq[VESK_DATABASE], rec, 4, &next, nullptr), 1u);
+    EXPECT_EQ(rec[0].args[0], 1u);
+    writer.Release();
+    ASSERT_TRUE(writer.WaitReady());
+    ASSERT_EQ(vesk_read(buf, next, rec, 4, &next, nullptr), 1u);
+    EXPECT_EQ(rec[0].args[0], 2u);
+    writer.Release();
+    EXPECT_TRUE(writer.Wait().ExitedWith(0));
+}
+
+TEST_F(TraceTest, ConcurrentWritersFromProcessesAndThreadsLoseNothing) {
+    constexpr int kProcs = 3;
+    constexpr int kThreads = 2;
+    constexpr int kEach = 500;
+    std::vector<std::unique_ptr<ChildProcess>> kids;
+    for (int p = 0; p < kProcs; p++) {
+        kids.push_back(std::make_unique<ChildProcess>([p](ChildLink &) {
+            std::vector<std::thread> ts;
+            for (int t = 0; t < kThreads; t++) {
+                ts.emplace_back([p, t] {
+                    for (int i = 0; i < kEach; i++) {
+                        _vesk_3(dpa_port_mapper_get_error_vesk(), VESK_ID(3, 200), p, t, i);
+                    }
+                });
+            }
+            for (auto &th : ts) th.join();
+            return 0;
+        }));
+    }
+    for (auto &k : kids) ASSERT_TRUE(k->Wait().ExitedWith(0));
+
+    uint64_t lost = 0;
+    const auto recs = ReadAll(VESK_ERROR, mark().seq[VESK_ERROR], &lost);
+    EXPECT_EQ(lost, 0u);
+    ASSERT_EQ(recs.size(), (size_t)kProcs * kThreads * kEach);
+    // Per writer thread, its records appear complete and in its own order.
+    std::vector<int> next(kProcs * kThreads, 0);
+    for (const auto &r : recs) {
+        ASSERT_EQ(r.nargs, 3u);
+        const size_t w = r.args[0] * kThreads + r.args[1];
+        ASSERT_LT(w, next.size());
+        EXPECT_EQ(r.args[2], (uint64_t)next[w]);
+        next[w] = (int)r.args[2] + 1;
+    }
+}
+
+TEST_F(TraceTest, GetterFaultDropsRecordsWithoutFailingCaller) {
+    pm_fault_set("dpa_port_mapper_get_error_vesk", 0, 1);
+    vesk_buf_t *buf = dpa_port_mapper_get_error_vesk();
+    EXPECT_EQ(buf, nullptr);
+    _vesk_1(buf, VESK_ID(1, 53), 9);  // must be a no-op, not a crash
+    _svesk(buf, VESK_SID(58), "x", 1);
+    EXPECT_NE(dpa_port_mapper_get_error_vesk(), nullptr);
+    ExpectNoTrace(VESK_ERROR, 53);
+}
+
+TEST_F(TraceTest, BuffersAreObjectsOfTheNamespace) {
+    std::vector<std::string> names;
+    vorn_host_list_objects(
+        ns().c_str(),
+        [](void *ctx, const char *name) {
+            static_cast<std::vector<std::string> *>(ctx)->push_back(name);
+        },
+        &names);
+    std::sort(names.begin(), names.end());
+    EXPECT_EQ(names, (std::vector<std::string>{"vesk.database", "vesk.error", "vesk.event"}));
+}
+
+TEST_F(TraceTest, KindNames) {
+    EXPECT_STREQ(vesk_kind_name(VESK_DATABASE), "database");
+    EXPECT_EQ(vesk_kind_from_name("event"), VESK_EVENT);
+    EXPECT_EQ(vesk_kind_from_name("db"), VESK_DATABASE);
+    EXPECT_EQ(vesk_kind_from_name("errors"), -1);
+    EXPECT_EQ(vesk_kind_name((vesk_kind_t)3), nullptr);
+}
+
+}  // namespace

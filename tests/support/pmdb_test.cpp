@@ -1,0 +1,334 @@
+#include "pmdb_test.h"
+
+#include <dirent.h>
+#include <fcntl.h>
+#include <poll.h>
+#include <signal.h>
+#include <stdlib.h>
+#include <string.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <atomic>
+#include <cinttypes>
+#include <cstdio>
+#include <memory>
+#include <mutex>
+#include <sstream>
+#include <thread>
+
+#include "host/kemt_host.h"
+#include "host/os_host.h"
+#include "host/pm_fault.h"
+#include "host/settings.h"
+
+extern char **environ;
+
+namespace pmdb::test {
+
+/* ---- traces -------------------------------------------------------------- */
+
+TraceMark TraceMark::Now() {
+    TraceMark m;
+    for (int k = 0; k < VESK_KINDS; k++) m.seq[k] = vesk_mark(vesk_open((vesk_kind_t)k));
+    return m;
+}
+
+std::vector<vesk_rec_t> TracesSince(const TraceMark &mark, vesk_kind_t kind) {
+    const vesk_buf_t *buf = vesk_open(kind);
+    std::vector<vesk_rec_t> out(vesk_capacity(buf));
+    uint64_t lost = 0;
+    const size_t n = vesk_read(buf, mark.seq[kind], out.data(), out.size(), nullptr, &lost);
+    out.resize(n);
+    return out;
+}
+
+std::vector<vesk_rec_t> FindTraces(const TraceMark &mark, vesk_kind_t kind, uint32_t point) {
+    std::vector<vesk_rec_t> found;
+    for (const vesk_rec_t &r : TracesSince(mark, kind)) {
+        if (r.point == point) found.push_back(r);
+    }
+    return found;
+}
+
+std::string DescribeTrace(vesk_kind_t kind, const vesk_rec_t &rec) {
+    std::ostringstream os;
+    os << vesk_kind_name(kind) << ' ' << rec.point << " (0x" << std::hex << rec.id << std::dec
+       << ") [";
+    for (uint32_t i = 0; i < rec.nargs; i++) os << (i ? ", " : "") << rec.args[i];
+    os << ']';
+    if (rec.is_string) os << " \"" << rec.str << '"';
+    os << " pid " << rec.pid;
+    return os.str();
+}
+
+namespace {
+
+bool RecordMatches(const vesk_rec_t &r, const std::vector<uint64_t> &args, const char *str) {
+    if (r.nargs != args.size()) return false;
+    for (size_t i = 0; i < args.size(); i++) {
+        if (r.args[i] != args[i]) return false;
+    }
+    if (str == nullptr) return !r.is_string;
+    return r.is_string && strcmp(r.str, str) == 0;
+}
+
+std::string ListRecords(vesk_kind_t kind, const std::vector<vesk_rec_t> &recs) {
+    std::string s;
+    for (const vesk_rec_t &r : recs) s += "\n  " + DescribeTrace(kind, r);
+    return s.empty() ? "\n  (none)" : s;
+}
+
+}  // namespace
+
+::testing::AssertionResult TraceWritten(const TraceMark &mark, vesk_kind_t kind, uint32_t point,
+                                        const std::vector<uint64_t> &args, const char *str) {
+    const std::vector<vesk_rec_t> all = TracesSince(mark, kind);
+    for (const vesk_rec_t &r : all) {
+        if (r.point == point && RecordMatches(r, args, str)) return ::testing::AssertionSuccess();
+    }
+    std::ostringstream want;
+    want << "no " << vesk_kind_name(kind) << " trace " << point << " [";
+    for (size_t i = 0; i < args.size(); i++) want << (i ? ", " : "") << args[i];
+    want << ']';
+    if (str != nullptr) want << " \"" << str << '"';
+    return ::testing::AssertionFailure()
+           << want.str() << "; " << vesk_kind_name(kind) << " records since the mark:"
+           << ListRecords(kind, all);
+}
+
+::testing::AssertionResult TraceNotWritten(const TraceMark &mark, vesk_kind_t kind,
+                                           uint32_t point) {
+    const std::vector<vesk_rec_t> found = FindTraces(mark, kind, point);
+    if (found.empty()) return ::testing::AssertionSuccess();
+    return ::testing::AssertionFailure() << vesk_kind_name(kind) << " trace " << point
+                                         << " was written:" << ListRecords(kind, found);
+}
+
+/* ---- processes ----------------------------------------------------------- */
+
+std::string ChildResult::Describe() const {
+    std::ostringstream os;
+    if (exited) {
+        os << "exited with " << exit_code;
+    } else {
+        os << "killed by signal " << signal << " (" << strsignal(signal) << ')';
+    }
+    if (timed_out) os << " after timing out";
+    return os.str();
+}
+
+namespace {
+
+/* Reaps pid within timeout, killing it with SIGKILL after the timeout. */
+ChildResult Reap(pid_t pid, std::chrono::milliseconds timeout) {
+    ChildResult r;
+    const auto deadline = std::chrono::steady_clock::now() + timeout;
+    int status = 0;
+    for (;;) {
+        const pid_t got = waitpid(pid, &status, WNOHANG);
+        if (got == pid) break;
+        if (got < 0) return r;
+        if (std::chrono::steady_clock::now() >= deadline && !r.timed_out) {
+            r.timed_out = true;
+            kill(pid, SIGKILL);
+        }
+        std::this_thread::sleep_for(1ms);
+    }
+    r.exited = WIFEXITED(status);
+    r.exit_code = r.exited ? WEXITSTATUS(status) : -1;
+    r.signal = WIFSIGNALED(status) ? WTERMSIG(status) : 0;
+    return r;
+}
+
+/* The child's exit: its own result unless it failed an expectation. */
+[[noreturn]] void ChildExit(const std::function<int()> &body) {
+    int code = kChildThrew;
+    try {
+        code = body();
+    } catch (...) {
+        code = kChildThrew;
+    }
+    if (::testing::Test::HasFailure()) code = kChildFailedExpectation;
+    fflush(nullptr);
+    _exit(code);
+}
+
+pid_t ForkChild() {
+    fflush(nullptr);
+    return fork();
+}
+
+}  // namespace
+
+ChildResult RunInChildProcess(const std::function<int()> &body, std::chrono::milliseconds timeout) {
+    const pid_t pid = ForkChild();
+    if (pid == 0) ChildExit(body);
+    if (pid < 0) {
+        ADD_FAILURE() << "fork failed: " << strerror(errno);
+        return ChildResult{};
+    }
+    return Reap(pid, timeout);
+}
+
+void ChildLink::Ready() {
+    const char c = 'r';
+    if (write(ready_fd_, &c, 1) != 1) _exit(kChildThrew);
+}
+
+bool ChildLink::WaitRelease() {
+    char c = 0;
+    ssize_t n = 0;
+    do {
+        n = read(release_fd_, &c, 1);
+    } while (n < 0 && errno == EINTR);
+    return n == 1;
+}
+
+ChildProcess::ChildProcess(std::function<int(ChildLink &)> body) {
+    int ready[2];
+    int release[2];
+    if (pipe2(ready, O_CLOEXEC) != 0 || pipe2(release, O_CLOEXEC) != 0) {
+        ADD_FAILURE() << "pipe failed: " << strerror(errno);
+        return;
+    }
+    pid_ = ForkChild();
+    if (pid_ == 0) {
+        close(ready[0]);
+        close(release[1]);
+        ChildLink link;
+        link.ready_fd_ = ready[1];
+        link.release_fd_ = release[0];
+        ChildExit([&] { return body(link); });
+    }
+    close(ready[1]);
+    close(release[0]);
+    ready_fd_ = ready[0];
+    release_fd_ = release[1];
+    if (pid_ < 0) ADD_FAILURE() << "fork failed: " << strerror(errno);
+}
+
+ChildProcess::~ChildProcess() {
+    if (pid_ > 0 && !reaped_) {
+        kill(pid_, SIGKILL);
+        Wait(10s);
+    }
+    if (ready_fd_ >= 0) close(ready_fd_);
+    if (release_fd_ >= 0) close(release_fd_);
+}
+
+bool ChildProcess::WaitReady(std::chrono::milliseconds timeout) {
+    if (ready_fd_ < 0) return false;
+    pollfd p{ready_fd_, POLLIN, 0};
+    if (poll(&p, 1, (int)timeout.count()) != 1) return false;
+    char c = 0;
+    return read(ready_fd_, &c, 1) == 1;
+}
+
+void ChildProcess::Release() {
+    const char c = 'g';
+    if (release_fd_ >= 0 && write(release_fd_, &c, 1) != 1) {
+        ADD_FAILURE() << "could not release child " << pid_;
+    }
+}
+
+void ChildProcess::Kill(int sig) {
+    if (pid_ > 0 && !reaped_) kill(pid_, sig);
+}
+
+ChildResult ChildProcess::Wait(std::chrono::milliseconds timeout) {
+    if (pid_ > 0 && !reaped_) {
+        result_ = Reap(pid_, timeout);
+        reaped_ = true;
+    }
+    return result_;
+}
+
+std::unique_ptr<ChildProcess> StartHeldChild(std::function<void()> before,
+                                             std::function<void()> after) {
+    return std::make_unique<ChildProcess>([before, after](ChildLink &link) {
+        if (before) before();
+        link.Ready();
+        if (!link.WaitRelease()) return 0;
+        if (after) after();
+        return 0;
+    });
+}
+
+/* ---- fixture ------------------------------------------------------------- */
+
+namespace {
+
+std::atomic<unsigned> g_ns_counter{0};
+
+/* Removes the namespaces "t<pid>_<n>" left by test processes that died
+ * before their TearDown. */
+void SweepDeadNamespaces() {
+    DIR *dir = opendir("/dev/shm");
+    if (dir == nullptr) return;
+    for (dirent *de = readdir(dir); de != nullptr; de = readdir(dir)) {
+        const char *name = strncmp(de->d_name, "sem.", 4) == 0 ? de->d_name + 4 : de->d_name;
+        unsigned long pid = 0;
+        unsigned n = 0;
+        char dot = 0;
+        if (sscanf(name, "t%lu_%u%c", &pid, &n, &dot) != 3 || dot != '.') continue;
+        if (kill((pid_t)pid, 0) == 0 || errno != ESRCH) continue;
+        const std::string path = std::string("/dev/shm/") + de->d_name;
+        unlink(path.c_str());
+    }
+    closedir(dir);
+}
+
+void ClearPmdbEnvironment() {
+    std::vector<std::string> names;
+    for (char **e = environ; *e != nullptr; e++) {
+        if (strncmp(*e, "PMDB_", 5) != 0) continue;
+        const char *eq = strchr(*e, '=');
+        names.emplace_back(*e, eq != nullptr ? (size_t)(eq - *e) : strlen(*e));
+    }
+    for (const std::string &n : names) unsetenv(n.c_str());
+}
+
+}  // namespace
+
+std::string UniqueNamespace() {
+    return "t" + std::to_string(getpid()) + "_" + std::to_string(g_ns_counter++);
+}
+
+void PmdbTest::SetUp() {
+    static std::once_flag swept;
+    std::call_once(swept, SweepDeadNamespaces);
+    ClearPmdbEnvironment();
+    ns_ = UniqueNamespace();
+    ASSERT_EQ(vorn_host_set_namespace(ns_.c_str()), 0);
+    setenv(VORN_NS_ENV, ns_.c_str(), 1);
+    pm_fault_clear();
+    pm_calllog_enable(0);
+    pm_calllog_clear();
+    halvo_host_reset();
+    platform_host_reset();
+    vorn_host_sysctl_reset();
+    vesk_host_set_records(0);
+    kemt_host_reset();
+    mark_ = TraceMark::Now();
+}
+
+void PmdbTest::TearDown() {
+    pm_fault_clear();
+    vorn_host_remove_namespace(ns_.c_str());
+    vorn_host_set_namespace(nullptr);
+    unsetenv(VORN_NS_ENV);
+}
+
+void PmdbTest::ExpectTrace(vesk_kind_t kind, uint32_t point, std::initializer_list<uint64_t> args,
+                           const char *str, std::source_location loc) const {
+    const ::testing::AssertionResult r = TraceWritten(mark_, kind, point, args, str);
+    if (!r) ADD_FAILURE_AT(loc.file_name(), (int)loc.line()) << r.message();
+}
+
+void PmdbTest::ExpectNoTrace(vesk_kind_t kind, uint32_t point, std::source_location loc) const {
+    const ::testing::AssertionResult r = TraceNotWritten(mark_, kind, point);
+    if (!r) ADD_FAILURE_AT(loc.file_name(), (int)loc.line()) << r.message();
+}
+
+}  // namespace pmdb::test

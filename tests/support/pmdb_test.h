@@ -1,0 +1,177 @@
+/*
+ * pmdb_test.h - shared test support: a fixture with a private namespace,
+ * trace expectations, and helpers for child processes.
+ *
+ *   class MyTest : public pmdb::test::PmdbTest {};
+ *   TEST_F(MyTest, Something) {
+ *       ... act ...
+ *       ExpectTrace(VESK_ERROR, 58, {2621472}, "dnx_pmdb_ifh_shrd");
+ *       ExpectNoTrace(VESK_DATABASE, 62);
+ *       auto r = RunInChild([] { return do_something() == 0 ? 0 : 1; });
+ *       EXPECT_TRUE(r.ExitedWith(0)) << r.Describe();
+ *   }
+ */
+#ifndef PMDB_TEST_SUPPORT_H
+#define PMDB_TEST_SUPPORT_H
+
+#include <gtest/gtest.h>
+#include <signal.h>
+#include <sys/types.h>
+
+#include <chrono>
+#include <cstdint>
+#include <functional>
+#include <initializer_list>
+#include <memory>
+#include <source_location>
+#include <string>
+#include <type_traits>
+#include <vector>
+
+#include "host/vesk_reader.h"
+
+namespace pmdb::test {
+
+using namespace std::chrono_literals;
+
+/* ---- traces -------------------------------------------------------------- */
+
+/* Sequence numbers of the three trace buffers of the current namespace. */
+struct TraceMark {
+    uint64_t seq[VESK_KINDS] = {};
+    static TraceMark Now();
+};
+
+/* Records written to `kind` since `mark` (at most the ring's capacity). */
+std::vector<vesk_rec_t> TracesSince(const TraceMark &mark, vesk_kind_t kind);
+/* Those of them with trace point `point`. */
+std::vector<vesk_rec_t> FindTraces(const TraceMark &mark, vesk_kind_t kind, uint32_t point);
+/* One line per record: "error 58 (0x1020000003a) [2621472] \"name\" pid 12". */
+std::string DescribeTrace(vesk_kind_t kind, const vesk_rec_t &rec);
+
+/* Successful when a record of `point` with exactly `args` (same count) was
+ * written to `kind` since mark; with `str`, the record must be a string
+ * record of that text.  The failure message lists what was written. */
+::testing::AssertionResult TraceWritten(const TraceMark &mark, vesk_kind_t kind, uint32_t point,
+                                        const std::vector<uint64_t> &args,
+                                        const char *str = nullptr);
+/* Successful when no record of `point` was written to `kind` since mark. */
+::testing::AssertionResult TraceNotWritten(const TraceMark &mark, vesk_kind_t kind,
+                                           uint32_t point);
+
+/* ---- processes ----------------------------------------------------------- */
+
+struct ChildResult {
+    bool exited = false;    /* ended through exit */
+    int exit_code = -1;     /* when exited */
+    int signal = 0;         /* terminating signal, when not exited */
+    bool timed_out = false; /* killed by the helper after the timeout */
+    bool ExitedWith(int code) const { return exited && exit_code == code; }
+    bool KilledBy(int sig) const { return !exited && signal == sig; }
+    std::string Describe() const;
+};
+
+/* Exit codes of a child whose body failed a gtest expectation or threw. */
+constexpr int kChildFailedExpectation = 101;
+constexpr int kChildThrew = 102;
+
+ChildResult RunInChildProcess(const std::function<int()> &body, std::chrono::milliseconds timeout);
+
+/* Runs body (returning int, or void meaning 0) in a forked child and waits
+ * for it; the child exits with the body's result (kChildFailedExpectation
+ * when it failed an EXPECT).  After `timeout` the child is killed with
+ * SIGKILL and timed_out is set. */
+template <class Body>
+ChildResult RunInChild(Body &&body, std::chrono::milliseconds timeout = 60s) {
+    if constexpr (std::is_void_v<std::invoke_result_t<Body>>) {
+        return RunInChildProcess(
+            [&body] {
+                body();
+                return 0;
+            },
+            timeout);
+    } else {
+        return RunInChildProcess([&body] { return static_cast<int>(body()); }, timeout);
+    }
+}
+
+/* Child side of a ChildProcess handshake. */
+class ChildLink {
+public:
+    /* Tells the parent the child is ready (ChildProcess::WaitReady returns). */
+    void Ready();
+    /* Blocks until the parent calls Release (true), or it died (false). */
+    bool WaitRelease();
+
+private:
+    friend class ChildProcess;
+    int ready_fd_ = -1;
+    int release_fd_ = -1;
+};
+
+/* A forked child that the parent can synchronise with, release or kill.
+ * The destructor kills (SIGKILL) and reaps a child that still runs. */
+class ChildProcess {
+public:
+    explicit ChildProcess(std::function<int(ChildLink &)> body);
+    ~ChildProcess();
+    ChildProcess(const ChildProcess &) = delete;
+    ChildProcess &operator=(const ChildProcess &) = delete;
+
+    pid_t pid() const { return pid_; }
+    /* True once the child called Ready; false when it ended or timed out. */
+    bool WaitReady(std::chrono::milliseconds timeout = 30s);
+    void Release();
+    void Kill(int sig = SIGKILL);
+    ChildResult Wait(std::chrono::milliseconds timeout = 60s);
+
+private:
+    pid_t pid_ = -1;
+    int ready_fd_ = -1;
+    int release_fd_ = -1;
+    bool reaped_ = false;
+    ChildResult result_;
+};
+
+/* Starts a child that runs `before`, reports ready, and then waits to be
+ * released (exits 0 after `after`, when given) or killed. */
+std::unique_ptr<ChildProcess> StartHeldChild(std::function<void()> before,
+                                             std::function<void()> after = {});
+
+/* ---- fixture ------------------------------------------------------------- */
+
+/* Base fixture: a fresh namespace per test ("t<pid>_<n>", also exported as
+ * PMDB_NS so children inherit it), no PMDB_* environment settings, all host
+ * overrides, faults and the call log cleared, and a trace mark taken at the
+ * start.  TearDown removes every object of the namespace. */
+class PmdbTest : public ::testing::Test {
+protected:
+    void SetUp() override;
+    void TearDown() override;
+
+    const std::string &ns() const { return ns_; }
+    /* Takes a new trace mark; later expectations look only after it. */
+    void MarkTraces() { mark_ = TraceMark::Now(); }
+    const TraceMark &mark() const { return mark_; }
+
+    std::vector<vesk_rec_t> Traces(vesk_kind_t kind) const { return TracesSince(mark_, kind); }
+    size_t CountTraces(vesk_kind_t kind, uint32_t point) const {
+        return FindTraces(mark_, kind, point).size();
+    }
+    void ExpectTrace(vesk_kind_t kind, uint32_t point, std::initializer_list<uint64_t> args,
+                     const char *str = nullptr,
+                     std::source_location loc = std::source_location::current()) const;
+    void ExpectNoTrace(vesk_kind_t kind, uint32_t point,
+                       std::source_location loc = std::source_location::current()) const;
+
+private:
+    std::string ns_;
+    TraceMark mark_;
+};
+
+/* A fresh namespace name unique in this process and among live processes. */
+std::string UniqueNamespace();
+
+}  // namespace pmdb::test
+
+#endif
