@@ -1,0 +1,140 @@
+/*
+ * dnx_pmdb_cycle.cpp - the entry change cycle (see pmdb_cycle.h).
+ *
+ * Concurrency contract: a cycle is owned by one thread.  Between its open
+ * and its release the process counts one writer of the type (the frame's
+ * writable-reference count); the slot lock is the only lock a cycle holds,
+ * and it is taken while no process-local mutex of the frame is held.  The
+ * table-store calls are not made under the slot lock.
+ */
+#include <errno.h>
+#include <string.h>
+#include <time.h>
+#include <unistd.h>
+
+#include "pmdb.h"
+#include "pmdb_cycle.h"
+#include "tabra.h"
+
+namespace {
+
+/* tabra_remove_entry's flags argument; the same for every remover. */
+constexpr u32 kRemoveFlags = 1;
+
+cerrno step_failed(pmdb_cycle_t *cyc, pmdb_cycle_step_t step, cerrno status) {
+    cyc->failed_step = step;
+    cyc->failed_status = status;
+    return status;
+}
+
+/* Slots index the region's entry locks; one outside them is a table-store
+ * fault, refused before any lock is touched. */
+bool slot_valid(i32 slot) { return slot >= 0 && static_cast<u32>(slot) < PMDB_NUM_ENTRY_LOCKS; }
+
+void entry_forget(pmdb_cycle_t *cyc, u32 key) {
+    cyc->key = key;
+    cyc->entry = nullptr;
+    cyc->slot = 0;
+    cyc->created = false;
+}
+
+}  // namespace
+
+cerrno pmdb_cycle_open(pmdb_cycle_t *cyc, pmdb_type_t type) {
+    memset(cyc, 0, sizeof *cyc);
+    cyc->type = type;
+    const cerrno rc = dpa_chk_pmdb_open(nullptr, &cyc->hdl, type, 1);
+    if (rc != 0) {
+        cyc->hdl = nullptr;
+        return step_failed(cyc, PMDB_STEP_OPEN, rc);
+    }
+    cyc->owns_open = true;
+    return 0;
+}
+
+pmdb_cycle_t pmdb_cycle_share(const pmdb_cycle_t *cyc) {
+    pmdb_cycle_t shared;
+    memset(&shared, 0, sizeof shared);
+    shared.type = cyc->type;
+    shared.hdl = cyc->hdl;
+    return shared;
+}
+
+void pmdb_stamp(u32 *event_id_field, struct timespec *time_field, u32 event_id) {
+    *event_id_field = event_id;
+    clock_gettime(CLOCK_REALTIME, time_field);
+}
+
+pellin_mutex_type *pmdb_cycle_slot_lock(const pmdb_cycle_t *cyc, i32 slot) {
+    return &cyc->hdl->shrd_ctx->entry_lock[slot];
+}
+
+cerrno pmdb_cycle_find(pmdb_cycle_t *cyc, u32 key) {
+    entry_forget(cyc, key);
+    const cerrno rc = tabra_get_entry_by_key(cyc->hdl->tabra, key, &cyc->entry, &cyc->slot);
+    if (rc != 0) return step_failed(cyc, PMDB_STEP_LOOKUP, rc);
+    if (!slot_valid(cyc->slot)) return step_failed(cyc, PMDB_STEP_LOOKUP, PMDB_EINVAL);
+    return 0;
+}
+
+cerrno pmdb_cycle_find_or_create(pmdb_cycle_t *cyc, u32 key, pmdb_cycle_hook_t on_refresh,
+                                 void *ctx) {
+    entry_forget(cyc, key);
+    const cerrno rc = tabra_add_entry(cyc->hdl->tabra, key, &cyc->entry, &cyc->slot);
+    if (rc == PMDB_TABRA_EEXIST) {
+        if (on_refresh != nullptr) on_refresh(ctx, cyc);
+        return pmdb_cycle_find(cyc, key);
+    }
+    if (rc != 0) return step_failed(cyc, PMDB_STEP_ADD, rc);
+    if (!slot_valid(cyc->slot)) return step_failed(cyc, PMDB_STEP_ADD, PMDB_EINVAL);
+    /* A new slot's lock may be zeroed, destroyed or left over from the
+     * slot's previous entry: nobody can take it before this. */
+    cyc->created = true;
+    pmdb_lock_init(pmdb_cycle_slot_lock(cyc, cyc->slot));
+    return 0;
+}
+
+cerrno pmdb_cycle_lock(pmdb_cycle_t *cyc) {
+    const cerrno rc = pmdb_entry_lock(pmdb_cycle_slot_lock(cyc, cyc->slot));
+    if (rc != 0) return step_failed(cyc, PMDB_STEP_LOCK, rc);
+    cyc->locked = true;
+    return 0;
+}
+
+cerrno pmdb_cycle_find_lock(pmdb_cycle_t *cyc, u32 key) {
+    const cerrno rc = pmdb_cycle_find(cyc, key);
+    return rc != 0 ? rc : pmdb_cycle_lock(cyc);
+}
+
+cerrno pmdb_cycle_unlock(pmdb_cycle_t *cyc) {
+    if (!cyc->locked) return 0;
+    cyc->locked = false;
+    return pmdb_entry_unlock(pmdb_cycle_slot_lock(cyc, cyc->slot));
+}
+
+cerrno pmdb_cycle_release(pmdb_cycle_t *cyc, cerrno status) {
+    pmdb_cycle_unlock(cyc);
+    if (!cyc->owns_open) return status;
+    cyc->owns_open = false;
+    const cerrno rc = dpa_pmdb_mprotect_tabra(cyc->hdl->tabra, cyc->hdl, cyc->type);
+    return rc != 0 ? step_failed(cyc, PMDB_STEP_RELEASE, rc) : status;
+}
+
+void pmdb_cycle_retire_lock(pellin_mutex_type *lock) {
+    while (pmdb_lock_destroy(lock) == PMDB_EBUSY) usleep(1);
+}
+
+cerrno pmdb_cycle_remove_found(pmdb_cycle_t *cyc, pmdb_cycle_hook_t before_remove, void *ctx) {
+    pmdb_cycle_unlock(cyc);
+    pmdb_cycle_retire_lock(pmdb_cycle_slot_lock(cyc, cyc->slot));
+    if (before_remove != nullptr) before_remove(ctx, cyc);
+    const cerrno rc = tabra_remove_entry(cyc->hdl->tabra, kRemoveFlags, cyc->key);
+    cyc->entry = nullptr;
+    return rc != 0 ? step_failed(cyc, PMDB_STEP_REMOVE, rc) : 0;
+}
+
+cerrno pmdb_cycle_remove(pmdb_cycle_t *cyc, u32 key, pmdb_cycle_hook_t before_remove,
+                         void *ctx) {
+    const cerrno rc = pmdb_cycle_find(cyc, key);
+    return rc != 0 ? rc : pmdb_cycle_remove_found(cyc, before_remove, ctx);
+}

@@ -1,0 +1,201 @@
+/*
+ * dnx_pmdb_lock.cpp - robust entry locks, one per table slot.
+ *
+ * An entry lock is a 40-byte pthread mutex in a shared context region
+ * (entry_lock[slot]); it is error-checking, process-shared and robust, so a
+ * holder that dies does not leave its entry locked for ever.
+ *
+ * Concurrency contract:
+ *   - Any thread of any process that maps a region may call any of the four
+ *     operations on any of its locks.  A slot's lock is written (initialised,
+ *     rebuilt, retired) only by: the add path that has just been given a new
+ *     slot by the table store (pmdb_lock_init), pmdb_entry_lock when the
+ *     lock it was asked to take is broken (rebuild), and the remove path
+ *     (pmdb_lock_destroy).  Everything else is the mutex implementation's.
+ *   - Entry locks are taken between an open with write intent and its
+ *     release, never while a process-local mutex of the frame is held; a
+ *     member's lock is taken before its bundle's.
+ *
+ * Retiring a lock.  The removers wait for a holder by retrying
+ * pmdb_lock_destroy until it stops reporting EBUSY, so the destroy must
+ * refuse a held lock, atomically with respect to lockers in any process.
+ * glibc's pthread_mutex_destroy only refuses a held lock of a non-robust
+ * kind; for a robust one it marks the object invalid whoever holds it.  So
+ * for a robust lock pmdb_lock_destroy first claims it with a try-lock
+ * (registered in the caller's robust list, like any holder): a held lock
+ * gives EBUSY (or EDEADLK for the caller's own hold, also reported EBUSY).
+ * Once claimed, the owner field is set to glibc's "owner died" cookie and
+ * the lock released, which glibc turns into "not recoverable" and wakes a
+ * waiter; any locker that was already waiting, or that read the lock's
+ * kind before the destroy and acquires the word after it, is then handed
+ * ENOTRECOVERABLE instead of the lock.  Finally pthread_mutex_destroy marks
+ * the kind invalid, so later lockers get EINVAL.  pmdb_entry_lock repairs
+ * both answers by rebuilding the lock, exactly as it would for a slot
+ * re-used after removal.  A lock whose owner died is claimed with
+ * EOWNERDEAD and retired the same way, so a dead holder never makes a
+ * remover wait for ever.
+ */
+#include <errno.h>
+#include <limits.h>
+#include <string.h>
+#include <unistd.h>
+
+#include "kemt.h"
+#include "pmdb.h"
+#include "pmdb_internal.h"
+#include "pmdb_trace.h"
+#include "vorn_os.h"
+
+namespace {
+
+constexpr const char *kLockInitFn = "void pmdb_lock_init(pellin_mutex_type *)";
+constexpr const char *kEntryLockFn = "cerrno pmdb_entry_lock(pellin_mutex_type *)";
+constexpr int kMaxAttempts = 10;
+
+#ifdef __GLIBC__
+/* Fields of glibc's struct __pthread_mutex_s (nptl, x86-64) and the values
+ * this file relies on; see the header comment for why they are needed. */
+static_assert(offsetof(pthread_mutex_t, __data.__lock) == 0, "futex word");
+static_assert(offsetof(pthread_mutex_t, __data.__owner) == 8, "owner tid");
+static_assert(offsetof(pthread_mutex_t, __data.__kind) == 16, "kind");
+constexpr int kKindRobust = 16;                  /* PTHREAD_MUTEX_ROBUST_NORMAL_NP */
+constexpr int kKindInvalid = -1;                 /* set by pthread_mutex_destroy */
+constexpr int kOwnerInconsistent = INT_MAX;      /* PTHREAD_MUTEX_INCONSISTENT */
+constexpr int kOwnerNotRecoverable = INT_MAX - 1; /* PTHREAD_MUTEX_NOTRECOVERABLE */
+constexpr unsigned kFutexOwnerDied = 0x40000000u;
+constexpr unsigned kFutexTidMask = 0x3fffffffu;
+
+int lock_kind(const pthread_mutex_t *m) { return __atomic_load_n(&m->__data.__kind, __ATOMIC_RELAXED); }
+int lock_owner(const pthread_mutex_t *m) { return __atomic_load_n(&m->__data.__owner, __ATOMIC_RELAXED); }
+unsigned lock_word(const pthread_mutex_t *m) {
+    return static_cast<unsigned>(__atomic_load_n(&m->__data.__lock, __ATOMIC_RELAXED));
+}
+bool lock_is_robust(const pthread_mutex_t *m) {
+    const int kind = lock_kind(m);
+    return kind != kKindInvalid && (kind & kKindRobust) != 0;
+}
+/* True when the calling thread holds m (any kind). */
+bool lock_held_by_caller(const pthread_mutex_t *m) { return lock_owner(m) == gettid(); }
+#else
+bool lock_held_by_caller(const pthread_mutex_t *) { return false; }
+#endif
+
+void lock_init_check(int rc, unsigned line) {
+    if (rc != 0) __assert_fail("rc == 0", PMDB_LOCK_SRC_FILE, line, kLockInitFn);
+}
+
+/* Repairs the answers of a broken lock: EAGAIN asks for another attempt. */
+int lock_classify(pellin_mutex_type *lock, int rc) {
+    if (rc == ENOTRECOVERABLE) {
+        pthread_mutex_destroy(lock);
+        pmdb_lock_init(lock);
+        return EAGAIN;
+    }
+    if (rc == EOWNERDEAD) {
+        PMDB_TRACE_D(69);
+        rc = pthread_mutex_consistent_np(lock);
+        if (rc != 0) __assert_fail("rc==0", PMDB_LOCK_SRC_FILE, 113, kEntryLockFn);
+        return 0;
+    }
+    if (rc == EINVAL) {
+        pmdb_lock_init(lock);
+        return EAGAIN;
+    }
+    return rc;
+}
+
+/* Claims a robust lock for retirement; see the header comment.  Returns 0
+ * once the lock is invalid, EBUSY while someone (the caller included)
+ * holds it. */
+int lock_retire(pellin_mutex_type *lock) {
+#ifdef __GLIBC__
+    if (!lock_is_robust(lock)) return pthread_mutex_destroy(lock);
+    const int rc = pthread_mutex_trylock(lock);
+    if (rc == EBUSY || rc == EDEADLK) return EBUSY;
+    if (rc == 0 || rc == EOWNERDEAD) {
+        __atomic_store_n(&lock->__data.__owner, kOwnerInconsistent, __ATOMIC_RELAXED);
+        pthread_mutex_unlock(lock);
+    }
+#endif
+    return pthread_mutex_destroy(lock);
+}
+
+}  // namespace
+
+extern "C" {
+
+int pmdb_mutex_take(pthread_mutex_t *mutex, const char *location, int line) {
+    int rc = pthread_mutex_trylock(mutex);
+    if (rc != EBUSY) return rc;
+    /* A plain or zeroed lock answers EBUSY to its own holder and would then
+     * block for ever; an error-checking one says EDEADLK. */
+    if (lock_held_by_caller(mutex)) return EDEADLK;
+    kemt_set_mutex_block(mutex, location, line);
+    rc = pthread_mutex_lock(mutex);
+    kemt_unset_mutex_block();
+    return rc;
+}
+
+PMDB_EXPORT void pmdb_lock_init(pellin_mutex_type *lock) {
+    pthread_mutexattr_t attr;
+    int rc = pthread_mutexattr_init(&attr);
+    if (rc == 0) rc = pthread_mutexattr_settype(&attr, PTHREAD_MUTEX_ERRORCHECK);
+    lock_init_check(rc, 52);
+    rc = pthread_mutexattr_setpshared(&attr, PTHREAD_PROCESS_SHARED);
+#pragma GCC diagnostic push
+#pragma GCC diagnostic ignored "-Wdeprecated-declarations"
+    if (rc == 0) rc = pthread_mutexattr_setrobust_np(&attr, PTHREAD_MUTEX_ROBUST);
+#pragma GCC diagnostic pop
+    lock_init_check(rc, 55);
+    rc = pthread_mutexattr_setrobust(&attr, PTHREAD_MUTEX_ROBUST);
+    lock_init_check(rc, 61);
+    memset(lock, 0, sizeof *lock);
+    rc = pthread_mutex_init(lock, &attr);
+    lock_init_check(rc, 68);
+    rc = pthread_mutexattr_destroy(&attr);
+    lock_init_check(rc, 77);
+}
+
+PMDB_EXPORT cerrno pmdb_entry_lock(pellin_mutex_type *lock) {
+    int loop_count = 0;
+    int rc = EAGAIN;
+    while (rc == EAGAIN) {
+        rc = lock_classify(lock, pmdb_mutex_take(lock, "pmdb_entry_lock", 101));
+        loop_count++;
+        if (!(loop_count < kMaxAttempts))
+            __assert_fail("loop_count < 10", PMDB_LOCK_SRC_FILE, 125, kEntryLockFn);
+    }
+    return static_cast<cerrno>(rc);
+}
+
+PMDB_EXPORT cerrno pmdb_entry_unlock(pellin_mutex_type *lock) {
+    return static_cast<cerrno>(pthread_mutex_unlock(lock));
+}
+
+PMDB_EXPORT cerrno pmdb_lock_destroy(pellin_mutex_type *lock) {
+    const int rc = lock_retire(lock);
+    if (rc != 0) PMDB_TRACE_D(71);
+    return static_cast<cerrno>(rc);
+}
+
+void pmdb_lock_inspect(const pellin_mutex_type *lock, pmdb_lock_view_t *view) {
+    memset(view, 0, sizeof *view);
+#ifdef __GLIBC__
+    const int kind = lock_kind(lock);
+    const unsigned word = lock_word(lock);
+    view->destroyed = kind == kKindInvalid;
+    view->initialised = lock_is_robust(lock);
+    if (view->initialised) {
+        view->owner_tid = static_cast<int>(word & kFutexTidMask);
+        view->owner_died = (word & kFutexOwnerDied) != 0 && view->owner_tid == 0;
+        view->not_recoverable = lock_owner(lock) == kOwnerNotRecoverable;
+    } else if (!view->destroyed && word != 0) {
+        view->owner_tid = lock_owner(lock);
+    }
+    view->held = view->owner_tid != 0;
+#else
+    (void)lock;
+#endif
+}
+
+}  // extern "C"
