@@ -1,0 +1,304 @@
+/*
+ * reader_access.cpp - consistent copies of single table entries.
+ *
+ * The reader reaches each database through two shared objects that writers
+ * create: the table in the table store (attached, never created) and the
+ * type's shared context region (mapped read-write, never created, sized or
+ * zeroed here), whose entry_lock[slot] is the lock writers hold while they
+ * change the entry in that slot.
+ *
+ * Copy protocol (copy()):
+ *   1. look the key up in the table store: slot s;
+ *   2. take entry_lock[s]: try-lock, then a wait bounded by g_wait_ms;
+ *   3. copy the entry through the table store into a local buffer; the store
+ *      reports the slot it copied from and never mixes two occupants;
+ *   4. release the lock;
+ *   5. keep the copy only when the store copied from slot s (slot s still
+ *      holds the key, so the lock we held was the entry's) and the release
+ *      succeeded (the lock was not retired under us); otherwise start again.
+ *   Only a kept copy reaches the caller's buffer.
+ * A lock that is not usable (never initialised: the entry is being created;
+ * retired: the entry is being removed; not recoverable) is not waited on: the
+ * key is looked up again after a short pause until the entry is gone (not
+ * found) or the wait bound has passed (busy).
+ *
+ * Concurrency contract of this file:
+ *   - g_table[t], g_region[t]: null until attached / mapped, then set once
+ *     (release) under g_attach_lock and never changed; the fast path's
+ *     acquire loads pair with those stores.  Neither is ever unmapped.
+ *   - region magic: read with acquire; pairs with the creator's store of the
+ *     magic after zeroing the region.
+ *   - g_wait_ms and the counters: relaxed; they order nothing.
+ *   - Slot locks: this library holds at most one at a time, only for the copy
+ *     of one record, runs no callback while holding it, and never initialises,
+ *     repairs or destroys one (the writers own their life cycle).  A lock
+ *     whose holder died is made consistent here, since we then hold it.
+ *   - g_attach_lock is process-local and held only around attach and map.
+ */
+#include <errno.h>
+#include <fcntl.h>
+#include <limits.h>
+#include <string.h>
+#include <sys/mman.h>
+#include <sys/stat.h>
+#include <time.h>
+
+#include <atomic>
+
+#include "kemt.h"
+#include "reader_internal.h"
+#include "tabra.h"
+#include "vorn_os.h"
+
+namespace pmdb_reader {
+namespace {
+
+constexpr const char *kTableName[PMDB_NUM_TYPES] = {PMDB_IFH_TABLE_NAME, PMDB_PUNT_TABLE_NAME,
+                                                    PMDB_OAM_TABLE_NAME};
+constexpr const char *kRegionName[PMDB_NUM_TYPES] = {PMDB_IFH_SHM_NAME, PMDB_PUNT_SHM_NAME,
+                                                     PMDB_OAM_SHM_NAME};
+constexpr u32 kEntrySize[PMDB_NUM_TYPES] = {PMDB_IFH_ENTRY_SIZE, PMDB_PUNT_ENTRY_SIZE,
+                                            PMDB_OAM_ENTRY_SIZE};
+constexpr long kRetryPauseNs = 2000;
+
+/* The tables' key hash, the same rule the writers register when they open a
+ * table (the low 16 bits of the key); the table store needs it for lookups
+ * through an attached handle. */
+u32 key_hash(u32 key) { return key & 0xFFFFu; }
+
+std::atomic<tabra_hdl_t> g_table[PMDB_NUM_TYPES];
+std::atomic<dnx_pmdb_shrd_ctx_t *> g_region[PMDB_NUM_TYPES];
+pthread_mutex_t g_attach_lock = PTHREAD_MUTEX_INITIALIZER;
+std::atomic<u32> g_wait_ms{PMDB_READER_LOCK_WAIT_MS_DEFAULT};
+
+struct counters {
+    std::atomic<u64> copies, owner_dead, busy, retries, lock_lost;
+};
+counters g_count;
+
+void bump(std::atomic<u64> &c) { c.fetch_add(1, std::memory_order_relaxed); }
+
+#ifdef __GLIBC__
+/* glibc's mutex kind word: -1 once destroyed, the robust bit once initialised
+ * by a writer (a zeroed slot lock is a valid plain mutex that would not keep
+ * writers out, so it must not count as the entry's lock). */
+static_assert(offsetof(pthread_mutex_t, __data.__kind) == 16, "glibc mutex kind");
+constexpr int kKindRobust = 16;
+bool lock_usable(const pellin_mutex_type *lock) {
+    const int kind = __atomic_load_n(&lock->__data.__kind, __ATOMIC_RELAXED);
+    return kind != -1 && (kind & kKindRobust) != 0;
+}
+#else
+bool lock_usable(const pellin_mutex_type *) { return true; }
+#endif
+
+/* The wait bound of one copy, started at the first wait. */
+class wait_budget {
+public:
+    const timespec *deadline() {
+        if (!armed_) {
+            clock_gettime(CLOCK_REALTIME, &deadline_);
+            const u64 ns = static_cast<u64>(g_wait_ms.load(std::memory_order_relaxed)) * 1000000u +
+                           static_cast<u64>(deadline_.tv_nsec);
+            deadline_.tv_sec += static_cast<time_t>(ns / 1000000000u);
+            deadline_.tv_nsec = static_cast<long>(ns % 1000000000u);
+            armed_ = true;
+        }
+        return &deadline_;
+    }
+    bool spent() {
+        const timespec *end = deadline();
+        timespec now;
+        clock_gettime(CLOCK_REALTIME, &now);
+        return now.tv_sec > end->tv_sec || (now.tv_sec == end->tv_sec && now.tv_nsec >= end->tv_nsec);
+    }
+
+private:
+    bool armed_ = false;
+    timespec deadline_{};
+};
+
+enum class hold { held, by_caller, unusable, busy };
+
+hold classify(pellin_mutex_type *lock, int rc) {
+    if (rc == 0) return hold::held;
+    if (rc == EOWNERDEAD) {
+        /* We hold it now; the entry keeps whatever the dead writer left. */
+        bump(g_count.owner_dead);
+        if (pthread_mutex_consistent_np(lock) == 0) return hold::held;
+        pthread_mutex_unlock(lock);
+        return hold::busy;
+    }
+    if (rc == EDEADLK) return hold::by_caller; /* this thread is the writer */
+    if (rc == EINVAL || rc == ENOTRECOVERABLE) return hold::unusable;
+    return hold::busy; /* ETIMEDOUT and anything unexpected */
+}
+
+hold take_slot_lock(pellin_mutex_type *lock, wait_budget &budget) {
+    if (!lock_usable(lock)) return hold::unusable;
+    int rc = pthread_mutex_trylock(lock);
+    if (rc == EBUSY) {
+        kemt_set_mutex_block(lock, "dpa_pmdb_reader_copy", __LINE__);
+        rc = pthread_mutex_timedlock(lock, budget.deadline());
+        kemt_unset_mutex_block();
+    }
+    return classify(lock, rc);
+}
+
+void pause_before_retry() {
+    const timespec ts{0, kRetryPauseNs};
+    nanosleep(&ts, nullptr);
+}
+
+dnx_pmdb_shrd_ctx_t *map_region(const char *name) {
+    const int fd = _shm_open(name, O_RDWR, 0);
+    if (fd < 0) return nullptr;
+    void *map = MAP_FAILED;
+    struct stat st;
+    /* A region still being sized by its creator is not mapped: touching the
+     * pages beyond its end would fault. */
+    if (fstat(fd, &st) == 0 && st.st_size >= PMDB_SHM_SIZE)
+        map = vornos_mmap(nullptr, PMDB_SHM_SIZE, PROT_READ | PROT_WRITE, MAP_SHARED, fd, 0);
+    vorn_close(fd);
+    return map == MAP_FAILED ? nullptr : static_cast<dnx_pmdb_shrd_ctx_t *>(map);
+}
+
+cerrno attach(pmdb_type_t type) {
+    cerrno rc = PMDB_OK;
+    pthread_mutex_lock(&g_attach_lock);
+    if (g_table[type].load(std::memory_order_relaxed) == nullptr) {
+        tabra_hdl_t table = nullptr;
+        rc = tabra_attach_hashed(kTableName[type], key_hash, &table);
+        if (rc == PMDB_OK) g_table[type].store(table, std::memory_order_release);
+        if (rc == TABRA_E_NOTFOUND) rc = PMDB_ENOTFOUND;
+    }
+    if (rc == PMDB_OK && g_region[type].load(std::memory_order_relaxed) == nullptr) {
+        dnx_pmdb_shrd_ctx_t *region = map_region(kRegionName[type]);
+        if (region != nullptr) g_region[type].store(region, std::memory_order_release);
+        if (region == nullptr) rc = PMDB_ENOTFOUND;
+    }
+    pthread_mutex_unlock(&g_attach_lock);
+    return rc;
+}
+
+bool valid_type(pmdb_type_t type) { return static_cast<unsigned>(type) < PMDB_NUM_TYPES; }
+
+/* One attempt of the copy protocol on slot `slot`.  True when the copy in
+ * `local` is the entry's; false asks for another attempt. */
+bool copy_under_lock(tabra_hdl_t table, pellin_mutex_type *lock, hold how, u32 key, i32 slot,
+                     void *local, u32 len, cerrno *rc) {
+    i32 copied_from = -1;
+    *rc = tabra_copy_entry_by_key(table, key, local, len, &copied_from);
+    const bool released = how != hold::held || pthread_mutex_unlock(lock) == 0;
+    if (!released) bump(g_count.lock_lost);
+    if (*rc == TABRA_E_NOTFOUND) *rc = PMDB_OK; /* removed: the next lookup says so */
+    return *rc == PMDB_OK && released && copied_from == slot;
+}
+
+}  // namespace
+
+u32 entry_size(pmdb_type_t type) { return valid_type(type) ? kEntrySize[type] : 0; }
+
+cerrno ready(pmdb_type_t type) {
+    if (!valid_type(type)) return PMDB_EINVAL;
+    dnx_pmdb_shrd_ctx_t *region = g_region[type].load(std::memory_order_acquire);
+    if (region == nullptr || g_table[type].load(std::memory_order_acquire) == nullptr) {
+        const cerrno rc = attach(type);
+        if (rc != PMDB_OK) return rc;
+        region = g_region[type].load(std::memory_order_acquire);
+    }
+    const u32 magic = __atomic_load_n(&region->magic, __ATOMIC_ACQUIRE);
+    return magic == PMDB_SHRD_CTX_MAGIC ? PMDB_OK : PMDB_ENOTFOUND;
+}
+
+cerrno copy(pmdb_type_t type, u32 key, void *out, u32 len) {
+    cerrno rc = ready(type);
+    if (rc != PMDB_OK) return rc;
+    tabra_hdl_t table = g_table[type].load(std::memory_order_acquire);
+    dnx_pmdb_shrd_ctx_t *region = g_region[type].load(std::memory_order_acquire);
+    alignas(16) unsigned char local[kMaxEntrySize];
+    wait_budget budget;
+    for (;;) {
+        void *entry = nullptr;
+        i32 slot = -1;
+        rc = tabra_get_entry_by_key(table, key, &entry, &slot);
+        if (rc != PMDB_OK) return rc == TABRA_E_NOTFOUND ? PMDB_ENOTFOUND : rc;
+        if (slot < 0 || static_cast<u32>(slot) >= PMDB_NUM_ENTRY_LOCKS) return TABRA_E_CORRUPT;
+        pellin_mutex_type *lock = &region->entry_lock[slot];
+        const hold how = take_slot_lock(lock, budget);
+        if (how == hold::busy) break;
+        if (how != hold::unusable && copy_under_lock(table, lock, how, key, slot, local, len, &rc)) {
+            memcpy(out, local, len);
+            bump(g_count.copies);
+            return PMDB_OK;
+        }
+        if (rc != PMDB_OK) return rc;
+        bump(g_count.retries);
+        if (budget.spent()) break;
+        pause_before_retry();
+    }
+    bump(g_count.busy);
+    return PMDB_EBUSY;
+}
+
+namespace {
+
+struct scan_state {
+    pmdb_type_t type;
+    match_fn match;
+    const void *want;
+    visit_fn visit;
+    void *ctx;
+    cerrno skipped; /* first failure of an accepted entry, reported at the end */
+};
+
+int scan_slot(void *arg, u32 key, i32, const void *entry) {
+    auto *s = static_cast<scan_state *>(arg);
+    if (s->match != nullptr && !s->match(key, entry, s->want)) return 0;
+    alignas(16) unsigned char local[kMaxEntrySize];
+    const cerrno rc = copy(s->type, key, local, kEntrySize[s->type]);
+    if (rc != PMDB_OK) {
+        if (rc != PMDB_ENOTFOUND && s->skipped == PMDB_OK) s->skipped = rc;
+        return 0;
+    }
+    if (s->match != nullptr && !s->match(key, local, s->want)) return 0;
+    return s->visit(s->ctx, key, local);
+}
+
+}  // namespace
+
+cerrno scan(pmdb_type_t type, match_fn match, const void *want, visit_fn visit, void *ctx) {
+    const cerrno rc = ready(type);
+    if (rc != PMDB_OK) return rc;
+    scan_state state{type, match, want, visit, ctx, PMDB_OK};
+    const cerrno walked = tabra_walk(g_table[type].load(std::memory_order_acquire), scan_slot, &state);
+    return walked != PMDB_OK ? walked : state.skipped;
+}
+
+}  // namespace pmdb_reader
+
+extern "C" {
+
+PMDB_EXPORT cerrno dpa_pmdb_count_entries(pmdb_type_t type, u32 *count) {
+    if (count == nullptr) return PMDB_EINVAL;
+    const cerrno rc = pmdb_reader::ready(type);
+    if (rc == PMDB_OK) *count = tabra_count(pmdb_reader::g_table[type].load(std::memory_order_acquire));
+    return rc;
+}
+
+PMDB_EXPORT void dpa_pmdb_reader_set_lock_wait_ms(u32 ms) {
+    pmdb_reader::g_wait_ms.store(ms == 0 ? PMDB_READER_LOCK_WAIT_MS_DEFAULT : ms,
+                                 std::memory_order_relaxed);
+}
+
+PMDB_EXPORT void dpa_pmdb_reader_get_stats(dpa_pmdb_reader_stats_t *out) {
+    if (out == nullptr) return;
+    const auto &c = pmdb_reader::g_count;
+    out->copies = c.copies.load(std::memory_order_relaxed);
+    out->owner_dead = c.owner_dead.load(std::memory_order_relaxed);
+    out->busy = c.busy.load(std::memory_order_relaxed);
+    out->retries = c.retries.load(std::memory_order_relaxed);
+    out->lock_lost = c.lock_lost.load(std::memory_order_relaxed);
+}
+
+}  // extern "C"

@@ -1,0 +1,56 @@
+/*
+ * reader_internal.h - what the two halves of the reader library share:
+ * consistent copies of single entries (reader_access.cpp) and the queries
+ * built on them (reader_queries.cpp).
+ */
+#ifndef PMDB_READER_INTERNAL_H
+#define PMDB_READER_INTERNAL_H
+
+#include "pmdb.h"
+#include "pmdb_reader.h"
+
+namespace pmdb_reader {
+
+/* Largest entry of the three tables: the local copy buffer size. */
+constexpr u32 kMaxEntrySize = PMDB_IFH_ENTRY_SIZE;
+
+/* Entry size of a table type, 0 for an unknown type. */
+u32 entry_size(pmdb_type_t type);
+
+/* Makes sure the table and shared context region of `type` are reachable
+ * (attaching and mapping on first use).  0, PMDB_ENOTFOUND when either does
+ * not exist yet or the region has no magic, or a table-store status. */
+cerrno ready(pmdb_type_t type);
+
+/* Consistent copy of the first `len` bytes (len <= entry size) of the entry
+ * of `key` into `out`; `out` is written only on success.  0, PMDB_ENOTFOUND,
+ * PMDB_EBUSY or a table-store status. */
+cerrno copy(pmdb_type_t type, u32 key, void *out, u32 len);
+
+/* Match rule of a scan for the entry stored under `key`.  `entry` is either
+ * the live table memory (read without a lock, as a pre-filter: every field
+ * must be loaded with load()) or a consistent copy (the confirmation). */
+typedef bool (*match_fn)(u32 key, const void *entry, const void *want);
+
+/* Called for every confirmed match with its key and consistent copy; a
+ * nonzero return ends the scan and becomes its result. */
+typedef int (*visit_fn)(void *ctx, u32 key, const void *copy);
+
+/* Scans the occupied slots of `type` in ascending slot order; every entry
+ * that `match` accepts (null: every entry) is copied consistently, checked
+ * again on the copy and handed to `visit`.  Entries removed meanwhile are
+ * skipped.  Returns the visitor's nonzero result, else PMDB_EBUSY when an
+ * accepted entry could not be copied in time, else 0; PMDB_ENOTFOUND when
+ * the table is not ready. */
+cerrno scan(pmdb_type_t type, match_fn match, const void *want, visit_fn visit, void *ctx);
+
+/* Relaxed load of a field that a writer in another process may be changing:
+ * a pre-filter reads each field once, whole, and never more. */
+template <typename T>
+inline T load(const T &field) {
+    return __atomic_load_n(&field, __ATOMIC_RELAXED);
+}
+
+}  // namespace pmdb_reader
+
+#endif
