@@ -9,7 +9,31 @@
  *
  * Statuses: 0 success; TABRA_E_EXISTS (0xA6F01400) the key is already present
  * (tabra_add_entry still returns the entry and its slot); the other
- * TABRA_E_* values are failures.
+ * TABRA_E_* values are failures.  Every failure is written to the error trace
+ * buffer under one of the TABRA_TP_* points below.
+ *
+ * Parameter record (tabra_params_t): version must be 1; table_name 1 to 63
+ * characters; entry_size 1 to TABRA_MAX_ENTRY_SIZE; hash_buckets 1 to 65536
+ * (the hash function must return values below it); hash_fn non-null and
+ * called only by the store.  open_flags: O_CREAT (64) lets tabra_open create
+ * a missing table, without it a missing table is TABRA_E_NOTFOUND; the access
+ * bits are not looked at (every open may write).  max_entries bounds the
+ * number of entries; the value of the most recent tabra_open or protection
+ * call of any process is in force, a value above 65536 counts as 65536 and 0
+ * leaves the value in force unchanged.  tbl_param1..3 are accepted and not
+ * used.  Reopening an open table in the same process returns the same handle.
+ *
+ * Write protection is per process.  tabra_make_shm_readonly_protected makes
+ * every entry of the table read-only in this process.  tabra_make_shm_writable
+ * opens a write window: from then on each entry that tabra_add_entry or
+ * tabra_get_entry_by_key hands out in this process is writable, until the
+ * next tabra_make_shm_readonly_protected.  An entry pointer obtained before
+ * the window opened must be looked up again before it is written.
+ *
+ * Threads and processes: every call may be made from any thread of any
+ * process.  Lookups never wait for writers; adds and removes of one table
+ * serialise only on the short index update.  A process killed at any point
+ * inside an add or remove leaves a table that the next writer repairs.
  */
 #ifndef PMDB_PLATFORM_TABRA_H
 #define PMDB_PLATFORM_TABRA_H
@@ -29,6 +53,42 @@ extern "C" {
 #define TABRA_E_MISMATCH 0xA6F01406u     /* table exists with another format */
 #define TABRA_E_PROT 0xA6F01407u         /* changing page protection failed */
 #define TABRA_E_CORRUPT 0xA6F01408u      /* consistency check found a fault */
+#define TABRA_E_LOCK 0xA6F01409u         /* the table's writer lock is unusable */
+
+#define TABRA_CAPACITY 65536u       /* slots of every table */
+#define TABRA_MAX_ENTRY_SIZE 16384u /* largest entry_size */
+#define TABRA_REMOVE_BY_KEY 1u      /* the flags of tabra_remove_entry */
+
+/* Trace points (error buffer); arguments in brackets, status first. */
+#define TABRA_TP_OPEN_INVAL 900u   /* [status, reason, value] bad parameter record */
+#define TABRA_TP_OPEN_SHM 901u     /* [status, errno, stage] object cannot be made or mapped */
+#define TABRA_TP_OPEN_MISMATCH 902u /* [status, stored entry size, wanted entry size] */
+#define TABRA_TP_NO_TABLE 903u     /* [status, 0, 0] open without O_CREAT or attach: no table */
+#define TABRA_TP_ADD_INVAL 904u    /* [status, key, hash] bad argument or hash out of range */
+#define TABRA_TP_ADD_FULL 905u     /* [status, key, max_entries] */
+#define TABRA_TP_GET_NOTFOUND 906u /* [status, key, 0] lookup or copy of a missing key */
+#define TABRA_TP_GET_INVAL 907u    /* [status, key, hash] lookup or copy: bad argument */
+#define TABRA_TP_RM_NOTFOUND 908u  /* [status, key, 0] */
+#define TABRA_TP_RM_INVAL 909u     /* [status, key, flags] */
+#define TABRA_TP_LOCK 910u         /* [status, errno, 0] writer lock unusable */
+#define TABRA_TP_REPAIR 911u       /* [op in flight (0 none, 1 add, 2 remove), key, slot]
+                                      a writer died holding the lock; repaired */
+#define TABRA_TP_PROT 912u         /* [status, errno, what (1 page, 2 whole, 3 protect)] */
+#define TABRA_TP_CHECK 913u        /* [status, fault code, slot] consistency check failed */
+#define TABRA_TP_NOMEM 914u        /* [status, bytes, 0] */
+#define TABRA_TP_WALK_INVAL 915u   /* [status, 0, 0] walk, info or check: bad argument */
+
+/* Test-only crash points.  When the environment variable TABRA_CRASH_AT is
+ * "add:<k>", "remove:<k>" or "repair:<k>" at a process's first add, remove or
+ * repair (read again in a child after fork), the process kills itself with
+ * SIGKILL at point k of that operation.  Points are numbered from 1; an add
+ * that creates an entry passes TABRA_CRASH_ADD_POINTS points, a remove that
+ * finds its key TABRA_CRASH_REMOVE_POINTS, the repair after a dead writer
+ * TABRA_CRASH_REPAIR_POINTS.  Unset, each point costs one predictable branch. */
+#define TABRA_CRASH_ENV "TABRA_CRASH_AT"
+#define TABRA_CRASH_ADD_POINTS 10
+#define TABRA_CRASH_REMOVE_POINTS 9
+#define TABRA_CRASH_REPAIR_POINTS 4
 
 cerrno tabra_init(event_mgr_p em, void *debug_desc);
 cerrno tabra_open(const tabra_params_t *params, tabra_hdl_t *out);
@@ -41,15 +101,25 @@ cerrno tabra_make_shm_readonly_protected(tabra_hdl_t table, const tabra_params_t
 /* --- Reader-side and tooling calls (reader library, pmdbctl, tests) --- */
 
 /* Attaches to an existing table without creating it: TABRA_E_NOTFOUND when
- * no table of that name exists in the namespace. */
+ * no table of that name exists in the namespace.  When this process already
+ * has the table open, that handle is returned.  A handle made by tabra_attach
+ * knows no hash function unless tabra_attach_hashed names one: it cannot add
+ * or remove (TABRA_E_INVAL), and it looks keys up in bucket key % buckets as
+ * long as every key of the table was placed there (true of hash functions of
+ * that form), else by a scan of the occupied slots, which may miss a key that
+ * is removed and added again during the scan.  A new attached handle starts
+ * read-only protected. */
 cerrno tabra_attach(const char *table_name, tabra_hdl_t *out);
+cerrno tabra_attach_hashed(const char *table_name, dpa_pmdb_hash_fn_t hash_fn, tabra_hdl_t *out);
 /* Copies the entry of `key` (len bytes, at most the entry size) into buf.
  * The copy never mixes two different occupants of a slot: an entry removed
  * or re-used while it is copied makes the copy retry. */
 cerrno tabra_copy_entry_by_key(tabra_hdl_t table, u32 key, void *buf, u32 len, i32 *slot);
 /* Calls fn for every occupied slot in ascending slot order, visiting only
- * occupied slots; entry is read-only and valid during the call.  A nonzero
- * return of fn stops the walk and is returned. */
+ * occupied slots; entry is read-only and valid during the call (a private
+ * copy: key, slot and entry always belong to one occupant of the slot).  A
+ * nonzero return of fn stops the walk and is returned.  An entry added or
+ * removed during the walk may or may not be visited. */
 typedef int (*tabra_walk_fn_t)(void *ctx, u32 key, i32 slot, const void *entry);
 cerrno tabra_walk(tabra_hdl_t table, tabra_walk_fn_t fn, void *ctx);
 /* Number of entries present. */
@@ -62,12 +132,25 @@ typedef struct tabra_info {
     u32 max_entries;
     u32 capacity; /* slots in the table object */
     u64 object_size;
+    u32 hash_buckets;
+    u32 intent_op;         /* operation in flight: 0 none, 1 add, 2 remove */
+    u64 repairs;           /* repairs after dead writers */
+    u64 max_lock_wait_ns;  /* longest wait for the writer lock so far */
+    u64 adds;
+    u64 removes;
 } tabra_info_t;
+PMDB_CHECK_SIZE(tabra_info_t, 128);
+PMDB_CHECK_OFF(tabra_info_t, entry_size, 64);
+PMDB_CHECK_OFF(tabra_info_t, object_size, 80);
+PMDB_CHECK_OFF(tabra_info_t, hash_buckets, 88);
+PMDB_CHECK_OFF(tabra_info_t, repairs, 96);
+PMDB_CHECK_OFF(tabra_info_t, removes, 120);
 cerrno tabra_get_info(tabra_hdl_t table, tabra_info_t *info);
 /* Checks index, free slots and counts; 0 when consistent, else
  * TABRA_E_CORRUPT with a one-line description of the first fault in report. */
 cerrno tabra_check(tabra_hdl_t table, char *report, size_t len);
-/* Calls fn with the name of every table of the current namespace. */
+/* Calls fn with the name of every table of the current namespace; returns
+ * the number of tables. */
 int tabra_list(void (*fn)(void *ctx, const char *table_name), void *ctx);
 
 #ifdef __cplusplus

@@ -1,0 +1,1219 @@
+/*
+ * tabra.cpp - the table store: named tables of fixed-size entries in shared
+ * memory, found by hashed 32-bit key, with per-process write protection.
+ *
+ * The shared format, and who may store what under which lock, is in
+ * tabra_layout.h.  This file adds the process-local side:
+ *
+ *   - `g_tables` (registry of this process's handles) is guarded by
+ *     `g_tables_lock`; handles are never freed, so a handle pointer stays
+ *     valid for the life of the process.
+ *   - Per handle, `prot_lock` guards the write-window state: `window_open`,
+ *     `whole_rw`, the list of pages made writable and their bitmap.
+ *     `window_open` and `whole_rw` are also read without the lock (acquire /
+ *     relaxed) as a fast "nothing to do" test, and are checked again under
+ *     the lock before any mprotect.
+ *   - Lock order: `g_tables_lock` before a table's `writer`; `prot_lock` is
+ *     never held together with `writer`.
+ *
+ * Write windows.  mprotect on a range costs in proportion to the pages in it
+ * that are populated, so protecting the whole entries mapping at every window
+ * would make each change dearer as the table fills.  Instead a window makes
+ * writable only the pages of the entries it hands out, remembers them, and
+ * protects just those at its end; a window that touches more than
+ * kProtPageLimit pages makes the whole mapping writable once and protects it
+ * whole at the end, which amortises over the many entries it changes.
+ *
+ * Repair.  An add or a remove records its intent before its first index
+ * store.  The next process to take the writer lock after the owner died
+ * (EOWNERDEAD) finishes or undoes that operation (see repair_add and
+ * repair_remove), rebuilds the summary and the count from the bitmap, and
+ * marks the lock consistent.  A repair cut short by another death is simply
+ * done again by the next owner.
+ */
+#include "tabra.h"
+
+#include <errno.h>
+#include <fcntl.h>
+#include <signal.h>
+#include <stdio.h>
+#include <stdlib.h>
+#include <string.h>
+#include <sys/file.h>
+#include <sys/mman.h>
+#include <sys/stat.h>
+#include <time.h>
+#include <unistd.h>
+
+#include "host/os_host.h"
+#include "host/pm_fault.h"
+#include "tabra_layout.h"
+#include "vesk.h"
+#include "vorn_os.h"
+
+namespace {
+
+constexpr u32 kNoSlot = 0xFFFFFFFFu;
+constexpr size_t kPage = 4096;
+constexpr u32 kProtPageLimit = 64; /* pages per window before going whole */
+constexpr u32 kWalkRetries = 64;   /* copies of one slot before it is skipped */
+
+/* ---------------------------------------------------------------------- */
+/* Atomics on shared memory                                               */
+/* ---------------------------------------------------------------------- */
+
+template <class T>
+inline T ld_acq(const T *p) {
+    return __atomic_load_n(p, __ATOMIC_ACQUIRE);
+}
+template <class T>
+inline T ld_rlx(const T *p) {
+    return __atomic_load_n(p, __ATOMIC_RELAXED);
+}
+template <class T>
+inline void st_rel(T *p, T v) {
+    __atomic_store_n(p, v, __ATOMIC_RELEASE);
+}
+template <class T>
+inline void st_rlx(T *p, T v) {
+    __atomic_store_n(p, v, __ATOMIC_RELAXED);
+}
+
+inline u32 word_head(u64 w) {
+    return static_cast<u32>(w);
+}
+inline u32 word_seq(u64 w) {
+    return static_cast<u32>(w >> 32);
+}
+inline u64 make_word(u32 seq, u32 head) {
+    return (static_cast<u64>(seq) << 32) | head;
+}
+
+/* ---------------------------------------------------------------------- */
+/* Process-local handle                                                   */
+/* ---------------------------------------------------------------------- */
+
+}  // namespace
+
+struct tabra_table {
+    tabra_table *next; /* registry link */
+    char name[64];     /* table name */
+    char object[128];  /* namespaced object name: the registry key */
+    u8 *index;         /* header .. summary, read-write */
+    u8 *entries;       /* caller-facing entries mapping, protection switched */
+    u8 *alias;         /* the same entries, always writable, for the store */
+    size_t entries_len;
+    u32 stride;
+    u32 entry_size;
+    dpa_pmdb_hash_fn_t hash_fn;
+    pthread_mutex_t prot_lock;
+    int window_open; /* a write window is open in this process */
+    int whole_rw;    /* the whole entries mapping is writable */
+    u32 ntouched;
+    u32 touched[kProtPageLimit]; /* pages made writable in the window */
+    u64 *page_rw;                /* bitmap of the same pages */
+};
+
+namespace {
+
+pthread_mutex_t g_tables_lock = PTHREAD_MUTEX_INITIALIZER;
+tabra_table *g_tables;
+
+inline tabra_shm_hdr_t *hdr(tabra_table *t) {
+    return reinterpret_cast<tabra_shm_hdr_t *>(t->index);
+}
+inline u64 *buckets(tabra_table *t) {
+    return reinterpret_cast<u64 *>(t->index + TABRA_OFF_BUCKETS);
+}
+inline tabra_slot_meta_t *slots(tabra_table *t) {
+    return reinterpret_cast<tabra_slot_meta_t *>(t->index + TABRA_OFF_SLOTS);
+}
+inline u64 *bitmap(tabra_table *t) {
+    return reinterpret_cast<u64 *>(t->index + TABRA_OFF_BITMAP);
+}
+inline u64 *summary(tabra_table *t) {
+    return reinterpret_cast<u64 *>(t->index + TABRA_OFF_SUMMARY);
+}
+inline u8 *entry_at(tabra_table *t, u32 slot) {
+    return t->entries + static_cast<size_t>(slot) * t->stride;
+}
+
+/* ---------------------------------------------------------------------- */
+/* Tracing and the host hooks                                             */
+/* ---------------------------------------------------------------------- */
+
+cerrno fail(u32 point, cerrno status, u64 a1, u64 a2) {
+    _vesk_3(dpa_port_mapper_get_error_vesk(), VESK_ID(3, point), status, a1, a2);
+    return status;
+}
+
+/* Notes the call in the host call log and answers whether a test armed it to
+ * fail; *status then holds the armed result. */
+bool injected(const char *call, u64 a0, u64 a1, u64 a2, u64 a3, cerrno *status) {
+    int64_t r = 0;
+    if (pm_fault_enter(call, &r, a0, a1, a2, a3) == 0) return false;
+    *status = static_cast<cerrno>(r);
+    return true;
+}
+
+/* ---------------------------------------------------------------------- */
+/* Test-only crash points                                                 */
+/* ---------------------------------------------------------------------- */
+
+enum crash_op { CRASH_NONE = 0, CRASH_ADD = 1, CRASH_REMOVE = 2, CRASH_REPAIR = 3 };
+constexpr int kCrashUnread = -1;
+int g_crash_op = kCrashUnread; /* read once per process image; reset after fork */
+int g_crash_point;
+
+void crash_read_env() {
+    const char *v = getenv(TABRA_CRASH_ENV);
+    int op = CRASH_NONE;
+    int point = 0;
+    if (v != nullptr) {
+        static const struct {
+            const char *name;
+            int op;
+        } names[] = {{"add:", CRASH_ADD}, {"remove:", CRASH_REMOVE}, {"repair:", CRASH_REPAIR}};
+        for (const auto &n : names) {
+            const size_t len = strlen(n.name);
+            if (strncmp(v, n.name, len) == 0) {
+                op = n.op;
+                point = atoi(v + len);
+            }
+        }
+    }
+    g_crash_point = point;
+    __atomic_store_n(&g_crash_op, op, __ATOMIC_RELAXED);
+}
+
+void crash_after_fork() {
+    __atomic_store_n(&g_crash_op, kCrashUnread, __ATOMIC_RELAXED);
+}
+
+__attribute__((constructor)) void crash_register_fork_hook() {
+    pthread_atfork(nullptr, nullptr, crash_after_fork);
+}
+
+__attribute__((noinline)) void crash_slow(int op, int point) {
+    if (__atomic_load_n(&g_crash_op, __ATOMIC_RELAXED) == kCrashUnread) crash_read_env();
+    if (g_crash_op == op && g_crash_point == point) raise(SIGKILL);
+}
+
+inline void crash_point(int op, int point) {
+    if (__builtin_expect(__atomic_load_n(&g_crash_op, __ATOMIC_RELAXED) == CRASH_NONE, 1)) return;
+    crash_slow(op, point);
+}
+
+/* ---------------------------------------------------------------------- */
+/* Entry bytes: word-wise atomic copies, so that a copy racing with a     */
+/* writer is a defined (if possibly torn, then discarded) read            */
+/* ---------------------------------------------------------------------- */
+
+void copy_out(u8 *dst, const u8 *src, u32 len) {
+    u32 i = 0;
+    for (; i + 8 <= len; i += 8) {
+        const u64 v = ld_rlx(reinterpret_cast<const u64 *>(src + i));
+        memcpy(dst + i, &v, 8);
+    }
+    for (; i < len; i++) dst[i] = ld_rlx(src + i);
+}
+
+void zero_entry(tabra_table *t, u32 slot) {
+    u64 *p = reinterpret_cast<u64 *>(t->alias + static_cast<size_t>(slot) * t->stride);
+    for (u32 i = 0; i < t->stride / 8; i++) st_rlx(p + i, u64{0});
+}
+
+/* ---------------------------------------------------------------------- */
+/* Index walks                                                            */
+/* ---------------------------------------------------------------------- */
+
+/* Lock-free lookup: the slot holding key in bucket b, or kNoSlot.  Retries
+ * while the bucket's sequence moves under the walk; never waits. */
+u32 find_lockfree(tabra_table *t, u32 b, u32 key) {
+    tabra_slot_meta_t *m = slots(t);
+    for (;;) {
+        const u64 w1 = ld_acq(&buckets(t)[b]);
+        u32 cur = word_head(w1);
+        u32 found = kNoSlot;
+        for (u32 steps = 0; cur != 0 && cur <= TABRA_SLOTS && steps < TABRA_SLOTS; steps++) {
+            const tabra_slot_meta_t *s = &m[cur - 1];
+            if (ld_rlx(&s->key) == key && ld_rlx(&s->state) == TABRA_SLOT_LINKED) {
+                found = cur - 1;
+                break;
+            }
+            cur = ld_acq(&s->next);
+        }
+        __atomic_thread_fence(__ATOMIC_ACQUIRE);
+        if (word_seq(ld_rlx(&buckets(t)[b])) == word_seq(w1)) return found;
+    }
+}
+
+/* Under `writer`: the slot of key in bucket b and its predecessor in the
+ * chain (kNoSlot when it is the head); false when absent. */
+bool find_locked(tabra_table *t, u32 b, u32 key, u32 *slot, u32 *pred) {
+    tabra_slot_meta_t *m = slots(t);
+    u32 prev = kNoSlot;
+    u32 cur = word_head(buckets(t)[b]);
+    for (u32 steps = 0; cur != 0 && cur <= TABRA_SLOTS && steps < TABRA_SLOTS; steps++) {
+        if (m[cur - 1].key == key) {
+            *slot = cur - 1;
+            *pred = prev;
+            return true;
+        }
+        prev = cur - 1;
+        cur = m[cur - 1].next;
+    }
+    return false;
+}
+
+/* Under `writer`: whether slot x is on the chain of bucket b (its predecessor
+ * in *pred, kNoSlot for the head). */
+bool on_chain(tabra_table *t, u32 b, u32 x, u32 *pred) {
+    tabra_slot_meta_t *m = slots(t);
+    u32 prev = kNoSlot;
+    u32 cur = word_head(buckets(t)[b]);
+    for (u32 steps = 0; cur != 0 && cur <= TABRA_SLOTS && steps < TABRA_SLOTS; steps++) {
+        if (cur - 1 == x) {
+            *pred = prev;
+            return true;
+        }
+        prev = cur - 1;
+        cur = m[cur - 1].next;
+    }
+    return false;
+}
+
+/* ---------------------------------------------------------------------- */
+/* Index stores (all under `writer`)                                      */
+/* ---------------------------------------------------------------------- */
+
+void bump_seq(tabra_table *t, u32 b) {
+    const u64 w = buckets(t)[b];
+    st_rel(&buckets(t)[b], make_word(word_seq(w) + 2, word_head(w)));
+}
+
+void set_head(tabra_table *t, u32 b, u32 head_plus1) {
+    const u64 w = buckets(t)[b];
+    st_rel(&buckets(t)[b], make_word(word_seq(w) + 2, head_plus1));
+}
+
+/* Unlinks x (predecessor pred) from bucket b with one release store, then
+ * moves the bucket's sequence so that walkers standing on x retry. */
+void unlink_slot(tabra_table *t, u32 b, u32 x, u32 pred) {
+    tabra_slot_meta_t *m = slots(t);
+    const u32 nx = m[x].next;
+    if (pred == kNoSlot) {
+        set_head(t, b, nx);
+        return;
+    }
+    st_rel(&m[pred].next, nx);
+    bump_seq(t, b);
+}
+
+void bitmap_set(tabra_table *t, u32 x, bool on) {
+    u64 *word = &bitmap(t)[x / 64];
+    const u64 bit = u64{1} << (x % 64);
+    const u64 v = on ? (*word | bit) : (*word & ~bit);
+    st_rel(word, v);
+    u64 *sw = &summary(t)[x / 4096];
+    const u64 sbit = u64{1} << ((x / 64) % 64);
+    st_rlx(sw, v == ~u64{0} ? (*sw | sbit) : (*sw & ~sbit));
+}
+
+/* Lowest free slot, or kNoSlot. */
+u32 alloc_slot(tabra_table *t) {
+    for (u32 s = 0; s < TABRA_SUMMARY_WORDS; s++) {
+        const u64 open_words = ~summary(t)[s];
+        if (open_words == 0) continue;
+        const u32 w = s * 64 + static_cast<u32>(__builtin_ctzll(open_words));
+        const u64 free_bits = ~bitmap(t)[w];
+        if (free_bits != 0) return w * 64 + static_cast<u32>(__builtin_ctzll(free_bits));
+    }
+    return kNoSlot;
+}
+
+void intent_begin(tabra_table *t, u32 op, u32 key, u32 slot, u32 b) {
+    tabra_intent_t *in = &hdr(t)->intent;
+    in->key = key;
+    in->slot = slot;
+    in->bucket = b;
+    st_rel(&in->op, op);
+}
+
+void intent_end(tabra_table *t) {
+    st_rel(&hdr(t)->intent.op, TABRA_OP_NONE);
+}
+
+/* Gives slot x a new or no occupant: gen flips parity, and no later store of
+ * the slot's entry may be seen before it. */
+void flip_gen(tabra_table *t, u32 x) {
+    tabra_slot_meta_t *s = &slots(t)[x];
+    st_rel(&s->gen, s->gen + 1);
+    __atomic_thread_fence(__ATOMIC_RELEASE);
+}
+
+/* ---------------------------------------------------------------------- */
+/* Repair after a dead writer                                             */
+/* ---------------------------------------------------------------------- */
+
+/* An add is committed once its slot is on the chain: keep it; else undo. */
+void repair_add(tabra_table *t, const tabra_intent_t *in) {
+    tabra_slot_meta_t *s = &slots(t)[in->slot];
+    u32 pred = kNoSlot;
+    if (on_chain(t, in->bucket, in->slot, &pred)) {
+        st_rel(&s->state, static_cast<u16>(TABRA_SLOT_LINKED));
+        bitmap_set(t, in->slot, true);
+        return;
+    }
+    bitmap_set(t, in->slot, false);
+    if (s->gen % 2 == 1) flip_gen(t, in->slot);
+    st_rel(&s->state, static_cast<u16>(TABRA_SLOT_FREE));
+}
+
+/* A remove that recorded its intent is always finished. */
+void repair_remove(tabra_table *t, const tabra_intent_t *in) {
+    tabra_slot_meta_t *s = &slots(t)[in->slot];
+    u32 pred = kNoSlot;
+    if (on_chain(t, in->bucket, in->slot, &pred)) unlink_slot(t, in->bucket, in->slot, pred);
+    bump_seq(t, in->bucket);
+    bitmap_set(t, in->slot, false);
+    if (s->gen % 2 == 1) flip_gen(t, in->slot);
+    st_rel(&s->state, static_cast<u16>(TABRA_SLOT_FREE));
+}
+
+/* Summary and count follow from the bitmap. */
+void rebuild_counts(tabra_table *t) {
+    u32 count = 0;
+    for (u32 s = 0; s < TABRA_SUMMARY_WORDS; s++) {
+        u64 full = 0;
+        for (u32 i = 0; i < 64; i++) {
+            const u64 w = bitmap(t)[s * 64 + i];
+            count += static_cast<u32>(__builtin_popcountll(w));
+            if (w == ~u64{0}) full |= u64{1} << i;
+        }
+        st_rlx(&summary(t)[s], full);
+    }
+    st_rlx(&hdr(t)->count, count);
+}
+
+void repair(tabra_table *t) {
+    tabra_intent_t in = hdr(t)->intent;
+    crash_point(CRASH_REPAIR, 1);
+    const bool valid = in.slot < TABRA_SLOTS && in.bucket < TABRA_BUCKET_WORDS;
+    if (in.op == TABRA_OP_ADD && valid) repair_add(t, &in);
+    if (in.op == TABRA_OP_REMOVE && valid) repair_remove(t, &in);
+    crash_point(CRASH_REPAIR, 2);
+    rebuild_counts(t);
+    crash_point(CRASH_REPAIR, 3);
+    intent_end(t);
+    crash_point(CRASH_REPAIR, 4);
+    st_rlx(&hdr(t)->repairs, hdr(t)->repairs + 1);
+    fail(TABRA_TP_REPAIR, in.op, in.key, in.slot);
+}
+
+/* ---------------------------------------------------------------------- */
+/* The writer lock                                                        */
+/* ---------------------------------------------------------------------- */
+
+u64 mono_ns() {
+    timespec ts{};
+    clock_gettime(CLOCK_MONOTONIC, &ts);
+    return static_cast<u64>(ts.tv_sec) * 1000000000ull + static_cast<u64>(ts.tv_nsec);
+}
+
+void note_wait(tabra_table *t, u64 waited) {
+    u64 *max = &hdr(t)->max_lock_wait_ns;
+    u64 cur = ld_rlx(max);
+    while (waited > cur && !__atomic_compare_exchange_n(max, &cur, waited, true, __ATOMIC_RELAXED,
+                                                        __ATOMIC_RELAXED)) {
+    }
+}
+
+cerrno lock_writer(tabra_table *t) {
+    pthread_mutex_t *mu = &hdr(t)->writer;
+    int r = pthread_mutex_trylock(mu);
+    if (r == EBUSY) {
+        const u64 t0 = mono_ns();
+        r = pthread_mutex_lock(mu);
+        note_wait(t, mono_ns() - t0);
+    }
+    if (r == EOWNERDEAD) {
+        repair(t);
+        r = pthread_mutex_consistent(mu);
+    }
+    if (r != 0) return fail(TABRA_TP_LOCK, TABRA_E_LOCK, static_cast<u64>(r), 0);
+    return 0;
+}
+
+void unlock_writer(tabra_table *t) {
+    pthread_mutex_unlock(&hdr(t)->writer);
+}
+
+/* ---------------------------------------------------------------------- */
+/* Add and remove under the writer lock                                   */
+/* ---------------------------------------------------------------------- */
+
+cerrno add_locked(tabra_table *t, u32 key, u32 b, u32 *out) {
+    tabra_shm_hdr_t *h = hdr(t);
+    u32 pred = kNoSlot;
+    crash_point(CRASH_ADD, 1);
+    if (find_locked(t, b, key, out, &pred)) return TABRA_E_EXISTS;
+    const u32 x = h->count < ld_rlx(&h->max_entries) ? alloc_slot(t) : kNoSlot;
+    if (x == kNoSlot) return TABRA_E_FULL;
+    tabra_slot_meta_t *s = &slots(t)[x];
+    intent_begin(t, TABRA_OP_ADD, key, x, b);
+    crash_point(CRASH_ADD, 2);
+    st_rlx(&s->key, key);
+    st_rlx(&s->bucket, static_cast<u16>(b));
+    st_rlx(&s->next, word_head(buckets(t)[b]));
+    st_rlx(&s->state, static_cast<u16>(TABRA_SLOT_RESERVED));
+    crash_point(CRASH_ADD, 3);
+    zero_entry(t, x);
+    crash_point(CRASH_ADD, 4);
+    flip_gen(t, x);
+    crash_point(CRASH_ADD, 5);
+    if (b != key % h->buckets && ld_rlx(&h->hash_is_mod) != 0) st_rel(&h->hash_is_mod, 0u);
+    st_rel(&s->state, static_cast<u16>(TABRA_SLOT_LINKED));
+    crash_point(CRASH_ADD, 6);
+    set_head(t, b, x + 1); /* commit: the entry is in the index */
+    crash_point(CRASH_ADD, 7);
+    bitmap_set(t, x, true);
+    crash_point(CRASH_ADD, 8);
+    st_rlx(&h->count, h->count + 1);
+    st_rlx(&h->adds, h->adds + 1);
+    crash_point(CRASH_ADD, 9);
+    intent_end(t);
+    crash_point(CRASH_ADD, 10);
+    *out = x;
+    return 0;
+}
+
+cerrno remove_locked(tabra_table *t, u32 key, u32 b) {
+    tabra_shm_hdr_t *h = hdr(t);
+    u32 x = kNoSlot;
+    u32 pred = kNoSlot;
+    crash_point(CRASH_REMOVE, 1);
+    if (!find_locked(t, b, key, &x, &pred)) return TABRA_E_NOTFOUND;
+    intent_begin(t, TABRA_OP_REMOVE, key, x, b);
+    crash_point(CRASH_REMOVE, 2);
+    unlink_slot(t, b, x, pred);
+    crash_point(CRASH_REMOVE, 3);
+    bump_seq(t, b);
+    crash_point(CRASH_REMOVE, 4);
+    bitmap_set(t, x, false);
+    crash_point(CRASH_REMOVE, 5);
+    flip_gen(t, x);
+    crash_point(CRASH_REMOVE, 6);
+    st_rel(&slots(t)[x].state, static_cast<u16>(TABRA_SLOT_FREE));
+    crash_point(CRASH_REMOVE, 7);
+    st_rlx(&h->count, h->count - 1);
+    st_rlx(&h->removes, h->removes + 1);
+    crash_point(CRASH_REMOVE, 8);
+    intent_end(t);
+    crash_point(CRASH_REMOVE, 9);
+    return 0;
+}
+
+/* ---------------------------------------------------------------------- */
+/* Write windows (process-local)                                          */
+/* ---------------------------------------------------------------------- */
+
+bool page_marked(const tabra_table *t, u32 p) {
+    return (t->page_rw[p / 64] >> (p % 64)) & 1u;
+}
+void page_mark(tabra_table *t, u32 p, bool on) {
+    const u64 bit = u64{1} << (p % 64);
+    t->page_rw[p / 64] = on ? (t->page_rw[p / 64] | bit) : (t->page_rw[p / 64] & ~bit);
+}
+
+void forget_pages(tabra_table *t) {
+    for (u32 i = 0; i < t->ntouched; i++) page_mark(t, t->touched[i], false);
+    t->ntouched = 0;
+}
+
+cerrno prot_range(tabra_table *t, size_t first_page, size_t npages, int prot, u32 what) {
+    if (mprotect(t->entries + first_page * kPage, npages * kPage, prot) == 0) return 0;
+    return fail(TABRA_TP_PROT, TABRA_E_PROT, static_cast<u64>(errno), what);
+}
+
+/* Caller holds prot_lock, window open, mapping not whole-writable. */
+cerrno open_pages(tabra_table *t, u32 first, u32 last) {
+    u32 fresh = 0;
+    for (u32 p = first; p <= last; p++) fresh += page_marked(t, p) ? 0u : 1u;
+    if (fresh == 0) return 0;
+    if (t->ntouched + fresh > kProtPageLimit) {
+        const cerrno st = prot_range(t, 0, t->entries_len / kPage, PROT_READ | PROT_WRITE, 2);
+        if (st != 0) return st;
+        forget_pages(t);
+        st_rlx(&t->whole_rw, 1);
+        return 0;
+    }
+    const cerrno st = prot_range(t, first, last - first + 1, PROT_READ | PROT_WRITE, 1);
+    if (st != 0) return st;
+    for (u32 p = first; p <= last; p++) {
+        if (page_marked(t, p)) continue;
+        page_mark(t, p, true);
+        t->touched[t->ntouched++] = p;
+    }
+    return 0;
+}
+
+/* Makes slot's entry writable when this process has a write window open. */
+cerrno touch_entry(tabra_table *t, u32 slot) {
+    if (!ld_acq(&t->window_open) || ld_rlx(&t->whole_rw)) return 0;
+    const size_t off = static_cast<size_t>(slot) * t->stride;
+    const u32 first = static_cast<u32>(off / kPage);
+    const u32 last = static_cast<u32>((off + t->entry_size - 1) / kPage);
+    pthread_mutex_lock(&t->prot_lock);
+    cerrno st = 0;
+    if (t->window_open && !t->whole_rw) st = open_pages(t, first, last);
+    pthread_mutex_unlock(&t->prot_lock);
+    return st;
+}
+
+int cmp_u32(const void *a, const void *b) {
+    const u32 x = *static_cast<const u32 *>(a);
+    const u32 y = *static_cast<const u32 *>(b);
+    return x < y ? -1 : (x > y ? 1 : 0);
+}
+
+/* Caller holds prot_lock: protects the window's pages, in runs. */
+cerrno close_pages(tabra_table *t) {
+    if (t->whole_rw) {
+        const cerrno st = prot_range(t, 0, t->entries_len / kPage, PROT_READ, 3);
+        if (st == 0) st_rlx(&t->whole_rw, 0);
+        return st;
+    }
+    qsort(t->touched, t->ntouched, sizeof t->touched[0], cmp_u32);
+    cerrno st = 0;
+    for (u32 i = 0; i < t->ntouched && st == 0;) {
+        u32 j = i + 1;
+        while (j < t->ntouched && t->touched[j] == t->touched[j - 1] + 1) j++;
+        st = prot_range(t, t->touched[i], j - i, PROT_READ, 3);
+        i = j;
+    }
+    if (st == 0) forget_pages(t);
+    return st;
+}
+
+void refresh_max_entries(tabra_table *t, const tabra_params_t *p) {
+    if (p == nullptr || p->max_entries == 0) return;
+    const u32 v = p->max_entries > TABRA_CAPACITY ? TABRA_CAPACITY : p->max_entries;
+    if (ld_rlx(&hdr(t)->max_entries) != v) st_rlx(&hdr(t)->max_entries, v);
+}
+
+/* The common start of both protection calls: call log and fault hook,
+ * argument check, and taking on the fresh max_entries.  True when the call
+ * must return *st at once. */
+bool prot_call_refused(const char *call, tabra_table *t, const tabra_params_t *p, cerrno *st) {
+    const u64 flags = p ? p->open_flags : 0;
+    const u64 max = p ? p->max_entries : 0;
+    if (injected(call, flags, max, 0, 0, st)) return true;
+    if (t == nullptr || (p != nullptr && p->version != PMDB_TABRA_PARAMS_VERSION)) {
+        *st = fail(TABRA_TP_OPEN_INVAL, TABRA_E_INVAL, 2, 0);
+        return true;
+    }
+    refresh_max_entries(t, p);
+    return false;
+}
+
+/* ---------------------------------------------------------------------- */
+/* Creating, attaching and mapping                                        */
+/* ---------------------------------------------------------------------- */
+
+u32 stride_of(u32 entry_size) {
+    return (entry_size + 7u) & ~7u;
+}
+size_t object_size_of(u32 stride) {
+    const size_t end = TABRA_OFF_ENTRIES + static_cast<size_t>(TABRA_SLOTS) * stride;
+    return (end + kPage - 1) & ~(kPage - 1);
+}
+
+/* 0, or the reason code traced with TABRA_TP_OPEN_INVAL. */
+u32 params_fault(const tabra_params_t *p) {
+    if (p == nullptr) return 1;
+    if (p->version != PMDB_TABRA_PARAMS_VERSION) return 2;
+    if (p->table_name == nullptr || p->table_name[0] == '\0' || strlen(p->table_name) > 63)
+        return 3;
+    if (p->entry_size == 0 || p->entry_size > TABRA_MAX_ENTRY_SIZE) return 4;
+    if (p->hash_buckets == 0 || p->hash_buckets > TABRA_BUCKET_WORDS) return 5;
+    if (p->hash_fn == nullptr) return 6;
+    return 0;
+}
+
+bool name_ok(const char *name) {
+    return name != nullptr && name[0] != '\0' && strlen(name) <= 63;
+}
+
+/* What an open asks of the object. */
+struct open_req {
+    const char *name;
+    const char *object;           /* namespaced object name */
+    const tabra_params_t *params; /* null: attach */
+    bool create;
+};
+
+void init_header(u8 *index, const open_req &rq) {
+    tabra_shm_hdr_t *h = reinterpret_cast<tabra_shm_hdr_t *>(index);
+    memset(h, 0, sizeof *h);
+    h->format = TABRA_SHM_FORMAT;
+    h->entry_size = rq.params->entry_size;
+    h->stride = stride_of(rq.params->entry_size);
+    h->capacity = TABRA_CAPACITY;
+    h->buckets = rq.params->hash_buckets;
+    h->max_entries = TABRA_CAPACITY;
+    h->object_size = object_size_of(h->stride);
+    h->hash_is_mod = 1;
+    snprintf(h->name, sizeof h->name, "%s", rq.name);
+    pthread_mutexattr_t a;
+    pthread_mutexattr_init(&a);
+    pthread_mutexattr_setpshared(&a, PTHREAD_PROCESS_SHARED);
+    pthread_mutexattr_setrobust(&a, PTHREAD_MUTEX_ROBUST);
+    pthread_mutex_init(&h->writer, &a);
+    pthread_mutexattr_destroy(&a);
+    st_rel(&h->magic, TABRA_SHM_MAGIC);
+}
+
+cerrno shm_fail(int err, u64 stage) {
+    return fail(TABRA_TP_OPEN_SHM, TABRA_E_SHM, static_cast<u64>(err), stage);
+}
+
+/* Holding the object's flock: makes sure it holds an initialised table of
+ * the requested format and maps its index part into *index. */
+cerrno prepare_object(int fd, const open_req &rq, u8 **index) {
+    struct stat sb {};
+    if (fstat(fd, &sb) != 0) return shm_fail(errno, 1);
+    const bool sized = static_cast<size_t>(sb.st_size) >= TABRA_OFF_ENTRIES;
+    if (!sized && !rq.create) return fail(TABRA_TP_NO_TABLE, TABRA_E_NOTFOUND, 0, 0);
+    const size_t want = rq.params ? object_size_of(stride_of(rq.params->entry_size)) : 0;
+    if (!sized && ftruncate(fd, static_cast<off_t>(want)) != 0) return shm_fail(errno, 2);
+    void *m = vornos_mmap(nullptr, TABRA_OFF_ENTRIES, PROT_READ | PROT_WRITE, MAP_SHARED, fd, 0);
+    if (m == MAP_FAILED) return shm_fail(errno, 3);
+    *index = static_cast<u8 *>(m);
+    tabra_shm_hdr_t *h = reinterpret_cast<tabra_shm_hdr_t *>(m);
+    if (ld_acq(&h->magic) == TABRA_SHM_MAGIC) return 0;
+    if (!rq.create) return fail(TABRA_TP_NO_TABLE, TABRA_E_NOTFOUND, 0, 0);
+    /* A creator died before finishing: start again at our size. */
+    if (static_cast<size_t>(sb.st_size) != want && ftruncate(fd, static_cast<off_t>(want)) != 0)
+        return shm_fail(errno, 2);
+    init_header(*index, rq);
+    return 0;
+}
+
+cerrno check_format(int fd, tabra_shm_hdr_t *h, const open_req &rq) {
+    if (h->format != TABRA_SHM_FORMAT || h->capacity != TABRA_CAPACITY ||
+        h->stride != stride_of(h->entry_size) || h->object_size != object_size_of(h->stride))
+        return fail(TABRA_TP_OPEN_MISMATCH, TABRA_E_MISMATCH, h->format, h->entry_size);
+    if (rq.params &&
+        (rq.params->entry_size != h->entry_size || rq.params->hash_buckets != h->buckets))
+        return fail(TABRA_TP_OPEN_MISMATCH, TABRA_E_MISMATCH, h->entry_size, rq.params->entry_size);
+    struct stat sb {};
+    if (fstat(fd, &sb) != 0 || static_cast<u64>(sb.st_size) < h->object_size)
+        return fail(TABRA_TP_OPEN_MISMATCH, TABRA_E_MISMATCH, static_cast<u64>(sb.st_size),
+                    h->object_size);
+    return 0;
+}
+
+cerrno map_entries(int fd, tabra_table *t, bool writable) {
+    const int prot = writable ? PROT_READ | PROT_WRITE : PROT_READ;
+    void *e = vornos_mmap(nullptr, t->entries_len, prot, MAP_SHARED, fd, TABRA_OFF_ENTRIES);
+    if (e == MAP_FAILED) return shm_fail(errno, 4);
+    void *a = vornos_mmap(nullptr, t->entries_len, PROT_READ | PROT_WRITE, MAP_SHARED, fd,
+                          TABRA_OFF_ENTRIES);
+    if (a == MAP_FAILED) {
+        munmap(e, t->entries_len);
+        return shm_fail(errno, 5);
+    }
+    t->entries = static_cast<u8 *>(e);
+    t->alias = static_cast<u8 *>(a);
+    t->whole_rw = writable ? 1 : 0;
+    return 0;
+}
+
+tabra_table *new_handle(const open_req &rq, u8 *index) {
+    tabra_table *t = static_cast<tabra_table *>(calloc(1, sizeof(tabra_table)));
+    if (t == nullptr) return nullptr;
+    const tabra_shm_hdr_t *h = reinterpret_cast<const tabra_shm_hdr_t *>(index);
+    snprintf(t->name, sizeof t->name, "%s", rq.name);
+    snprintf(t->object, sizeof t->object, "%s", rq.object);
+    t->index = index;
+    t->stride = h->stride;
+    t->entry_size = h->entry_size;
+    t->entries_len = static_cast<size_t>(TABRA_SLOTS) * h->stride;
+    t->entries_len = (t->entries_len + kPage - 1) & ~(kPage - 1);
+    t->page_rw = static_cast<u64 *>(calloc(t->entries_len / kPage / 64 + 1, sizeof(u64)));
+    if (t->page_rw == nullptr) {
+        free(t);
+        return nullptr;
+    }
+    pthread_mutex_init(&t->prot_lock, nullptr);
+    return t;
+}
+
+/* Builds a handle for the object (flock held). */
+cerrno handle_for(int fd, const open_req &rq, tabra_table **out) {
+    u8 *index = nullptr;
+    cerrno st = prepare_object(fd, rq, &index);
+    if (st == 0) st = check_format(fd, reinterpret_cast<tabra_shm_hdr_t *>(index), rq);
+    tabra_table *t = st == 0 ? new_handle(rq, index) : nullptr;
+    if (st == 0 && t == nullptr) st = fail(TABRA_TP_NOMEM, TABRA_E_NOMEM, sizeof(tabra_table), 0);
+    if (st == 0) st = map_entries(fd, t, rq.params != nullptr);
+    if (st != 0 && index != nullptr) munmap(index, TABRA_OFF_ENTRIES);
+    if (st != 0 && t != nullptr) {
+        free(t->page_rw);
+        free(t);
+    }
+    if (st == 0) *out = t;
+    return st;
+}
+
+cerrno map_table(const open_req &rq, tabra_table **out) {
+    char obj[96];
+    snprintf(obj, sizeof obj, TABRA_SHM_PREFIX "%s", rq.name);
+    const int fd = _shm_open(obj, O_RDWR | (rq.create ? O_CREAT : 0), 0666);
+    if (fd < 0 && errno == ENOENT && !rq.create)
+        return fail(TABRA_TP_NO_TABLE, TABRA_E_NOTFOUND, 0, 0);
+    if (fd < 0) return shm_fail(errno, 0);
+    cerrno st = 0;
+    if (flock(fd, LOCK_EX) != 0) st = shm_fail(errno, 6);
+    if (st == 0) st = handle_for(fd, rq, out);
+    flock(fd, LOCK_UN);
+    vorn_close(fd);
+    return st;
+}
+
+/* Caller holds g_tables_lock.  Keyed by the namespaced object, so that a
+ * process that changes namespace does not meet its old tables. */
+tabra_table *registry_find(const char *object) {
+    for (tabra_table *t = g_tables; t != nullptr; t = t->next) {
+        if (strcmp(t->object, object) == 0) return t;
+    }
+    return nullptr;
+}
+
+/* Reuses this process's handle of the table or maps a new one. */
+cerrno get_handle(open_req rq, dpa_pmdb_hash_fn_t hash_fn, tabra_table **out) {
+    char bare[96];
+    char object[128];
+    snprintf(bare, sizeof bare, TABRA_SHM_PREFIX "%s", rq.name);
+    if (vorn_host_shm_name(bare, object, sizeof object) != 0) return shm_fail(ENAMETOOLONG, 0);
+    rq.object = object;
+    pthread_mutex_lock(&g_tables_lock);
+    cerrno st = 0;
+    tabra_table *t = registry_find(object);
+    if (t != nullptr && rq.params != nullptr && rq.params->entry_size != t->entry_size)
+        st = fail(TABRA_TP_OPEN_MISMATCH, TABRA_E_MISMATCH, t->entry_size, rq.params->entry_size);
+    if (t == nullptr && st == 0) {
+        st = map_table(rq, &t);
+        if (st == 0) {
+            t->next = g_tables;
+            g_tables = t;
+        }
+    }
+    if (st == 0 && t->hash_fn == nullptr && hash_fn != nullptr) t->hash_fn = hash_fn;
+    pthread_mutex_unlock(&g_tables_lock);
+    if (st == 0) *out = t;
+    return st;
+}
+
+/* The bucket of key for a writer: TABRA_E_INVAL when the handle has no hash
+ * function or the hash is out of range. */
+cerrno bucket_of(tabra_table *t, u32 key, u32 *b, u32 point) {
+    if (t->hash_fn == nullptr) return fail(point, TABRA_E_INVAL, key, 0xFFFFFFFFu);
+    const u32 v = t->hash_fn(key);
+    if (v >= hdr(t)->buckets) return fail(point, TABRA_E_INVAL, key, v);
+    *b = v;
+    return 0;
+}
+
+/* Slot of key by a scan of the occupied slots: the lookup of a handle that
+ * knows no hash function once keys sit elsewhere than key % buckets.  A key
+ * that moves to another slot during the scan may be missed. */
+u32 find_by_scan(tabra_table *t, u32 key) {
+    const tabra_slot_meta_t *m = slots(t);
+    for (u32 w = 0; w < TABRA_BITMAP_WORDS; w++) {
+        for (u64 bits = ld_acq(&bitmap(t)[w]); bits != 0; bits &= bits - 1) {
+            const u32 x = w * 64 + static_cast<u32>(__builtin_ctzll(bits));
+            if (ld_rlx(&m[x].key) == key && ld_rlx(&m[x].state) == TABRA_SLOT_LINKED) return x;
+        }
+    }
+    return kNoSlot;
+}
+
+/* Lock-free lookup for readers: the slot of key or kNoSlot in *x. */
+cerrno lookup(tabra_table *t, u32 key, u32 *x) {
+    if (t->hash_fn != nullptr) {
+        u32 b = 0;
+        const cerrno st = bucket_of(t, key, &b, TABRA_TP_GET_INVAL);
+        if (st == 0) *x = find_lockfree(t, b, key);
+        return st;
+    }
+    *x = ld_acq(&hdr(t)->hash_is_mod) ? find_lockfree(t, key % hdr(t)->buckets, key)
+                                      : find_by_scan(t, key);
+    return 0;
+}
+
+/* Copies slot x's entry when it is occupied (by key, unless any_key) and the
+ * occupant did not change during the copy. */
+bool copy_slot(tabra_table *t, u32 x, u32 key, bool any_key, u8 *buf, u32 len, u32 *key_out) {
+    const tabra_slot_meta_t *s = &slots(t)[x];
+    const u32 g1 = ld_acq(&s->gen);
+    if (g1 % 2 == 0) return false;
+    const u32 k = ld_rlx(&s->key);
+    if (!any_key && k != key) return false;
+    copy_out(buf, entry_at(t, x), len);
+    __atomic_thread_fence(__ATOMIC_ACQUIRE);
+    if (ld_rlx(&s->gen) != g1) return false;
+    *key_out = k;
+    return true;
+}
+
+/* ---------------------------------------------------------------------- */
+/* Consistency check (under `writer`)                                     */
+/* ---------------------------------------------------------------------- */
+
+struct check_state {
+    tabra_table *t;
+    u64 *seen; /* slots reached from a bucket */
+    u32 *keys; /* keys reached, for the duplicate test */
+    u32 nkeys;
+    char *report;
+    size_t len;
+    u32 code; /* first fault, 0 none */
+    u32 fault_slot;
+};
+
+bool fault(check_state *c, u32 code, u32 slot, const char *fmt, unsigned long long a,
+           unsigned long long b) {
+    if (c->code != 0) return false;
+    c->code = code;
+    c->fault_slot = slot;
+    if (c->report != nullptr && c->len > 0) snprintf(c->report, c->len, fmt, a, b);
+    return false;
+}
+
+bool seen(const check_state *c, u32 x) {
+    return (c->seen[x / 64] >> (x % 64)) & 1u;
+}
+
+bool check_chain_slot(check_state *c, u32 b, u32 x) {
+    tabra_table *t = c->t;
+    const tabra_slot_meta_t *s = &slots(t)[x];
+    if (seen(c, x)) return fault(c, 3, x, "slot %llu reached twice (bucket %llu)", x, b);
+    c->seen[x / 64] |= u64{1} << (x % 64);
+    if (s->state != TABRA_SLOT_LINKED)
+        return fault(c, 4, x, "slot %llu on a chain in state %llu", x, s->state);
+    if (s->gen % 2 == 0)
+        return fault(c, 5, x, "slot %llu on a chain with even generation %llu", x, s->gen);
+    if (s->bucket != b) return fault(c, 6, x, "slot %llu on chain %llu of another bucket", x, b);
+    if (t->hash_fn != nullptr && t->hash_fn(s->key) != b)
+        return fault(c, 7, x, "key %#llx hashes elsewhere than bucket %llu", s->key, b);
+    if (hdr(t)->hash_is_mod && s->key % hdr(t)->buckets != b)
+        return fault(c, 19, x, "key %#llx in bucket %llu which is not key mod buckets", s->key, b);
+    c->keys[c->nkeys++] = s->key;
+    return true;
+}
+
+bool check_buckets(check_state *c) {
+    tabra_table *t = c->t;
+    for (u32 b = 0; b < TABRA_BUCKET_WORDS; b++) {
+        const u64 w = buckets(t)[b];
+        if (word_seq(w) % 2 != 0)
+            return fault(c, 1, 0, "bucket %llu has odd sequence %llu", b, word_seq(w));
+        if (b >= hdr(t)->buckets && word_head(w) != 0)
+            return fault(c, 2, 0, "bucket %llu beyond the hash range %llu is used", b,
+                         hdr(t)->buckets);
+        for (u32 cur = word_head(w); cur != 0; cur = slots(t)[cur - 1].next) {
+            if (cur > TABRA_SLOTS) return fault(c, 8, 0, "bucket %llu links slot %llu", b, cur - 1);
+            if (!check_chain_slot(c, b, cur - 1)) return false;
+        }
+    }
+    return true;
+}
+
+bool check_slots(check_state *c) {
+    tabra_table *t = c->t;
+    for (u32 x = 0; x < TABRA_SLOTS; x++) {
+        const tabra_slot_meta_t *s = &slots(t)[x];
+        const bool used = (bitmap(t)[x / 64] >> (x % 64)) & 1u;
+        if (used != seen(c, x))
+            return fault(c, 9, x, "slot %llu: bitmap says %llu, index disagrees", x, used);
+        if (!seen(c, x) && s->state != TABRA_SLOT_FREE)
+            return fault(c, 10, x, "slot %llu off every chain in state %llu (leaked)", x, s->state);
+        if (!seen(c, x) && s->gen % 2 != 0)
+            return fault(c, 11, x, "free slot %llu has odd generation %llu", x, s->gen);
+    }
+    return true;
+}
+
+bool check_counts(check_state *c) {
+    tabra_table *t = c->t;
+    tabra_shm_hdr_t *h = hdr(t);
+    u32 pop = 0;
+    for (u32 w = 0; w < TABRA_BITMAP_WORDS; w++) {
+        pop += static_cast<u32>(__builtin_popcountll(bitmap(t)[w]));
+        const bool full = (summary(t)[w / 64] >> (w % 64)) & 1u;
+        if (full != (bitmap(t)[w] == ~u64{0}))
+            return fault(c, 12, w * 64, "summary bit of bitmap word %llu is %llu", w, full);
+    }
+    if (pop != h->count) return fault(c, 13, 0, "count %llu, occupied slots %llu", h->count, pop);
+    if (c->nkeys != pop)
+        return fault(c, 14, 0, "keys indexed %llu, occupied slots %llu", c->nkeys, pop);
+    if (h->intent.op != TABRA_OP_NONE)
+        return fault(c, 15, h->intent.slot, "operation %llu still in flight on slot %llu",
+                     h->intent.op, h->intent.slot);
+    qsort(c->keys, c->nkeys, sizeof(u32), cmp_u32);
+    for (u32 i = 1; i < c->nkeys; i++) {
+        if (c->keys[i] == c->keys[i - 1])
+            return fault(c, 16, 0, "key %#llx present %llu times", c->keys[i], 2);
+    }
+    return true;
+}
+
+bool check_header(check_state *c) {
+    tabra_shm_hdr_t *h = hdr(c->t);
+    if (h->magic != TABRA_SHM_MAGIC || h->format != TABRA_SHM_FORMAT)
+        return fault(c, 17, 0, "bad magic %#llx or format %llu", h->magic, h->format);
+    if (h->max_entries > TABRA_CAPACITY || h->count > TABRA_CAPACITY)
+        return fault(c, 18, 0, "max_entries %llu or count %llu above capacity", h->max_entries,
+                     h->count);
+    return true;
+}
+
+cerrno run_check(tabra_table *t, char *report, size_t len) {
+    check_state c{};
+    c.t = t;
+    c.report = report;
+    c.len = len;
+    c.seen = static_cast<u64 *>(calloc(TABRA_BITMAP_WORDS, sizeof(u64)));
+    c.keys = static_cast<u32 *>(malloc(TABRA_SLOTS * sizeof(u32)));
+    cerrno st = 0;
+    if (c.seen == nullptr || c.keys == nullptr)
+        st = fail(TABRA_TP_NOMEM, TABRA_E_NOMEM, TABRA_SLOTS * 4, 0);
+    if (st == 0) {
+        st = lock_writer(t);
+        if (st == 0) {
+            (void)(check_header(&c) && check_buckets(&c) && check_slots(&c) && check_counts(&c));
+            unlock_writer(t);
+        }
+    }
+    if (st == 0 && c.code != 0) st = fail(TABRA_TP_CHECK, TABRA_E_CORRUPT, c.code, c.fault_slot);
+    if (st == 0 && report != nullptr && len > 0) report[0] = '\0';
+    free(c.seen);
+    free(c.keys);
+    return st;
+}
+
+struct list_ctx {
+    void (*fn)(void *, const char *);
+    void *ctx;
+    int n;
+};
+
+void list_one(void *p, const char *object) {
+    list_ctx *l = static_cast<list_ctx *>(p);
+    const size_t len = strlen(TABRA_SHM_PREFIX);
+    if (strncmp(object, TABRA_SHM_PREFIX, len) != 0 || object[len] == '\0') return;
+    l->n++;
+    if (l->fn != nullptr) l->fn(l->ctx, object + len);
+}
+
+}  // namespace
+
+/* ---------------------------------------------------------------------- */
+/* Exported calls                                                         */
+/* ---------------------------------------------------------------------- */
+
+extern "C" {
+
+cerrno tabra_init(event_mgr_p em, void *debug_desc) {
+    cerrno st = 0;
+    if (injected("tabra_init", reinterpret_cast<u64>(em), reinterpret_cast<u64>(debug_desc), 0, 0,
+                 &st))
+        return st;
+    return 0;
+}
+
+cerrno tabra_open(const tabra_params_t *params, tabra_hdl_t *out) {
+    cerrno st = 0;
+    const u64 flags = params ? params->open_flags : 0;
+    const u64 max = params ? params->max_entries : 0;
+    const u64 esz = params ? params->entry_size : 0;
+    const u64 nb = params ? params->hash_buckets : 0;
+    if (injected("tabra_open", flags, max, esz, nb, &st)) return st;
+    const u32 why = params_fault(params);
+    if (why != 0 || out == nullptr) return fail(TABRA_TP_OPEN_INVAL, TABRA_E_INVAL, why, esz);
+    const open_req rq{params->table_name, nullptr, params, (params->open_flags & O_CREAT) != 0};
+    tabra_table *t = nullptr;
+    st = get_handle(rq, params->hash_fn, &t);
+    if (st != 0) return st;
+    refresh_max_entries(t, params);
+    *out = t;
+    return 0;
+}
+
+cerrno tabra_attach_hashed(const char *table_name, dpa_pmdb_hash_fn_t hash_fn, tabra_hdl_t *out) {
+    cerrno st = 0;
+    if (injected("tabra_attach", 0, 0, 0, 0, &st)) return st;
+    if (!name_ok(table_name) || out == nullptr)
+        return fail(TABRA_TP_OPEN_INVAL, TABRA_E_INVAL, 3, 0);
+    const open_req rq{table_name, nullptr, nullptr, false};
+    tabra_table *t = nullptr;
+    st = get_handle(rq, hash_fn, &t);
+    if (st == 0) *out = t;
+    return st;
+}
+
+cerrno tabra_attach(const char *table_name, tabra_hdl_t *out) {
+    return tabra_attach_hashed(table_name, nullptr, out);
+}
+
+cerrno tabra_add_entry(tabra_hdl_t t, u32 key, void **entry, i32 *slot) {
+    cerrno st = 0;
+    if (injected("tabra_add_entry", key, 0, 0, 0, &st)) return st;
+    if (t == nullptr || entry == nullptr || slot == nullptr)
+        return fail(TABRA_TP_ADD_INVAL, TABRA_E_INVAL, key, 0);
+    u32 b = 0;
+    st = bucket_of(t, key, &b, TABRA_TP_ADD_INVAL);
+    if (st != 0) return st;
+    st = lock_writer(t);
+    if (st != 0) return st;
+    u32 x = kNoSlot;
+    st = add_locked(t, key, b, &x);
+    unlock_writer(t);
+    if (st == TABRA_E_FULL) return fail(TABRA_TP_ADD_FULL, st, key, ld_rlx(&hdr(t)->max_entries));
+    if (st != 0 && st != TABRA_E_EXISTS) return st;
+    const cerrno pst = touch_entry(t, x);
+    if (pst != 0) return pst;
+    *entry = entry_at(t, x);
+    *slot = static_cast<i32>(x);
+    return st;
+}
+
+cerrno tabra_get_entry_by_key(tabra_hdl_t t, u32 key, void **entry, i32 *slot) {
+    cerrno st = 0;
+    if (injected("tabra_get_entry_by_key", key, 0, 0, 0, &st)) return st;
+    if (t == nullptr || entry == nullptr || slot == nullptr)
+        return fail(TABRA_TP_GET_INVAL, TABRA_E_INVAL, key, 0);
+    u32 x = kNoSlot;
+    st = lookup(t, key, &x);
+    if (st != 0) return st;
+    if (x == kNoSlot) return fail(TABRA_TP_GET_NOTFOUND, TABRA_E_NOTFOUND, key, 0);
+    st = touch_entry(t, x);
+    if (st != 0) return st;
+    *entry = entry_at(t, x);
+    *slot = static_cast<i32>(x);
+    return 0;
+}
+
+cerrno tabra_remove_entry(tabra_hdl_t t, u32 flags, u32 key) {
+    cerrno st = 0;
+    if (injected("tabra_remove_entry", flags, key, 0, 0, &st)) return st;
+    if (t == nullptr || flags != TABRA_REMOVE_BY_KEY)
+        return fail(TABRA_TP_RM_INVAL, TABRA_E_INVAL, key, flags);
+    u32 b = 0;
+    st = bucket_of(t, key, &b, TABRA_TP_RM_INVAL);
+    if (st != 0) return st;
+    st = lock_writer(t);
+    if (st != 0) return st;
+    st = remove_locked(t, key, b);
+    unlock_writer(t);
+    if (st == TABRA_E_NOTFOUND) return fail(TABRA_TP_RM_NOTFOUND, st, key, 0);
+    return st;
+}
+
+cerrno tabra_make_shm_writable(tabra_hdl_t t, const tabra_params_t *params) {
+    cerrno st = 0;
+    if (prot_call_refused("tabra_make_shm_writable", t, params, &st)) return st;
+    pthread_mutex_lock(&t->prot_lock);
+    st_rel(&t->window_open, 1);
+    pthread_mutex_unlock(&t->prot_lock);
+    return 0;
+}
+
+cerrno tabra_make_shm_readonly_protected(tabra_hdl_t t, const tabra_params_t *params) {
+    cerrno st = 0;
+    if (prot_call_refused("tabra_make_shm_readonly_protected", t, params, &st)) return st;
+    pthread_mutex_lock(&t->prot_lock);
+    st = close_pages(t);
+    if (st == 0) st_rel(&t->window_open, 0);
+    pthread_mutex_unlock(&t->prot_lock);
+    return st;
+}
+
+cerrno tabra_copy_entry_by_key(tabra_hdl_t t, u32 key, void *buf, u32 len, i32 *slot) {
+    cerrno st = 0;
+    if (injected("tabra_copy_entry_by_key", key, len, 0, 0, &st)) return st;
+    if (t == nullptr || buf == nullptr || len > t->entry_size)
+        return fail(TABRA_TP_GET_INVAL, TABRA_E_INVAL, key, 0);
+    for (;;) {
+        u32 x = kNoSlot;
+        st = lookup(t, key, &x);
+        if (st != 0) return st;
+        if (x == kNoSlot) return fail(TABRA_TP_GET_NOTFOUND, TABRA_E_NOTFOUND, key, 0);
+        u32 k = 0;
+        if (!copy_slot(t, x, key, false, static_cast<u8 *>(buf), len, &k)) continue;
+        if (slot != nullptr) *slot = static_cast<i32>(x);
+        return 0;
+    }
+}
+
+cerrno tabra_walk(tabra_hdl_t t, tabra_walk_fn_t fn, void *ctx) {
+    cerrno st = 0;
+    if (injected("tabra_walk", 0, 0, 0, 0, &st)) return st;
+    if (t == nullptr || fn == nullptr) return fail(TABRA_TP_WALK_INVAL, TABRA_E_INVAL, 0, 0);
+    u8 *buf = static_cast<u8 *>(malloc(t->stride));
+    if (buf == nullptr) return fail(TABRA_TP_NOMEM, TABRA_E_NOMEM, t->stride, 0);
+    for (u32 w = 0; w < TABRA_BITMAP_WORDS && st == 0; w++) {
+        for (u64 bits = ld_acq(&bitmap(t)[w]); bits != 0 && st == 0; bits &= bits - 1) {
+            const u32 x = w * 64 + static_cast<u32>(__builtin_ctzll(bits));
+            u32 key = 0;
+            bool got = false;
+            for (u32 i = 0; i < kWalkRetries && !got; i++)
+                got = copy_slot(t, x, 0, true, buf, t->entry_size, &key);
+            if (got) st = static_cast<cerrno>(fn(ctx, key, static_cast<i32>(x), buf));
+        }
+    }
+    free(buf);
+    return st;
+}
+
+u32 tabra_count(tabra_hdl_t t) {
+    return t == nullptr ? 0 : ld_rlx(&hdr(t)->count);
+}
+
+cerrno tabra_get_info(tabra_hdl_t t, tabra_info_t *info) {
+    cerrno st = 0;
+    if (injected("tabra_get_info", 0, 0, 0, 0, &st)) return st;
+    if (t == nullptr || info == nullptr) return fail(TABRA_TP_WALK_INVAL, TABRA_E_INVAL, 0, 0);
+    const tabra_shm_hdr_t *h = hdr(t);
+    memset(info, 0, sizeof *info);
+    snprintf(info->name, sizeof info->name, "%s", t->name);
+    info->entry_size = h->entry_size;
+    info->count = ld_rlx(&h->count);
+    info->max_entries = ld_rlx(&h->max_entries);
+    info->capacity = h->capacity;
+    info->object_size = h->object_size;
+    info->hash_buckets = h->buckets;
+    info->intent_op = ld_rlx(&h->intent.op);
+    info->repairs = ld_rlx(&h->repairs);
+    info->max_lock_wait_ns = ld_rlx(&h->max_lock_wait_ns);
+    info->adds = ld_rlx(&h->adds);
+    info->removes = ld_rlx(&h->removes);
+    return 0;
+}
+
+cerrno tabra_check(tabra_hdl_t t, char *report, size_t len) {
+    cerrno st = 0;
+    if (injected("tabra_check", 0, 0, 0, 0, &st)) return st;
+    if (t == nullptr) return fail(TABRA_TP_WALK_INVAL, TABRA_E_INVAL, 0, 0);
+    return run_check(t, report, len);
+}
+
+int tabra_list(void (*fn)(void *ctx, const char *table_name), void *ctx) {
+    list_ctx l{fn, ctx, 0};
+    vorn_host_list_objects(nullptr, list_one, &l);
+    return l.n;
+}
+
+}  // extern "C"

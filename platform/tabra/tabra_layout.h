@@ -1,0 +1,172 @@
+/*
+ * tabra_layout.h - the shared-memory format of one table of the table store.
+ *
+ * One POSIX shared-memory object per table, named "tabra.<table name>" in the
+ * OS layer's namespace.  Every process maps it three times: the index part
+ * (header to bitmaps) read-write; the entries part once as the caller-facing
+ * mapping whose protection each process switches, and once more as a private
+ * always-writable alias through which the store itself writes entries.
+ *
+ *   byte offset   size                 content
+ *   0             4096                 tabra_shm_hdr (below)
+ *   4096          65536 x 8            bucket words, one per hash value:
+ *                                        bits 0..31  head slot + 1 (0 = empty)
+ *                                        bits 32..63 change sequence (+2 per
+ *                                                    change of the chain)
+ *   528384        65536 x 16           slot records tabra_slot_meta
+ *   1576960       1024 x 8             occupied-slot bitmap (bit s = slot s
+ *                                      linked in the index)
+ *   1585152       16 x 8               full-word summary (bit w = bitmap word
+ *                                      w has all 64 bits set)
+ *   1585280       3968                 zero
+ *   1589248       65536 x stride       entries, slot s at 1589248 + s*stride
+ *                                      (stride = entry size rounded up to 8)
+ *   object size   rounded up to 4096
+ *
+ * All integers are little-endian.  The header's magic is written last when
+ * the table is created; a header without it is a table still being created
+ * (or whose creator died), which the next opener initialises again.
+ *
+ * Concurrency contract
+ *   - Creation and attaching are serialised by flock(LOCK_EX) on the object.
+ *   - `writer` (robust, process-shared) guards every store to the bucket
+ *     words, slot records, bitmaps, count, statistics and the intent record.
+ *     It is held only for one index update (an add or a remove), a repair or
+ *     a consistency check.
+ *   - Readers take no lock.  A reader loads a bucket word (acquire), walks the
+ *     chain with acquire loads of `next`, and loads the bucket word again: the
+ *     walk stands only when the sequence is unchanged.  Writers publish a slot
+ *     fully (key, bucket, next, gen, state) before the release store that
+ *     links it, and unlink it with one release store, so every chain a reader
+ *     can see is well formed; the sequence is what detects a slot that was
+ *     removed and reused elsewhere under the reader's feet.
+ *   - `gen` of a slot is odd while the slot has an occupant and even while it
+ *     is free; it changes (release, followed by a release fence) before any
+ *     store that gives the slot or its entry to another occupant.  Copies of an
+ *     entry load gen (acquire), copy, fence (acquire), load gen again, and keep
+ *     the copy only when both loads agree and are odd.
+ *   - `hash_is_mod` starts at 1 and is cleared (release) before the first
+ *     key whose hash is not key % buckets is linked; it is never set again.
+ *     Handles that know no hash function (attached by name only) look keys
+ *     up in bucket key % buckets while it reads 1 (acquire), and by a scan
+ *     of the occupied slots once it is 0.
+ *   - Bitmap words are stored with release and read with acquire by walks;
+ *     `count` is read relaxed (a hint to readers, exact under `writer`).
+ *   - The intent record names the one add or remove in flight: written before
+ *     the first index store of the operation (fields, then `op` with
+ *     release), cleared after the last.  The next owner of `writer` after a
+ *     death completes a committed add or any remove and rolls back an add
+ *     that was not yet linked; every step of the repair can be done again.
+ */
+#ifndef PMDB_PLATFORM_TABRA_LAYOUT_H
+#define PMDB_PLATFORM_TABRA_LAYOUT_H
+
+#include <pthread.h>
+#include <stddef.h>
+#include <stdint.h>
+
+#include "pmdb.h"
+
+#ifdef __cplusplus
+extern "C" {
+#endif
+
+#define TABRA_SHM_MAGIC 0x41524254u /* "TBRA" */
+#define TABRA_SHM_FORMAT 1u
+#define TABRA_SHM_PREFIX "tabra."
+
+#define TABRA_SLOTS 65536u
+#define TABRA_BUCKET_WORDS 65536u
+#define TABRA_BITMAP_WORDS (TABRA_SLOTS / 64u)
+#define TABRA_SUMMARY_WORDS (TABRA_BITMAP_WORDS / 64u)
+
+#define TABRA_OFF_BUCKETS 4096u
+#define TABRA_OFF_SLOTS (TABRA_OFF_BUCKETS + TABRA_BUCKET_WORDS * 8u)
+#define TABRA_OFF_BITMAP (TABRA_OFF_SLOTS + TABRA_SLOTS * 16u)
+#define TABRA_OFF_SUMMARY (TABRA_OFF_BITMAP + TABRA_BITMAP_WORDS * 8u)
+#define TABRA_OFF_ENTRIES 1589248u /* TABRA_OFF_SUMMARY + 128, page aligned */
+
+/* Slot states. */
+#define TABRA_SLOT_FREE 0u
+#define TABRA_SLOT_RESERVED 1u /* taken by the add in flight, not yet linked */
+#define TABRA_SLOT_LINKED 2u
+
+/* Intent operations. */
+#define TABRA_OP_NONE 0u
+#define TABRA_OP_ADD 1u
+#define TABRA_OP_REMOVE 2u
+
+/* Slot record (16 bytes). */
+typedef struct tabra_slot_meta {
+    u32 key;
+    u32 next;   /* next slot of the chain + 1, 0 = end */
+    u32 gen;    /* odd: occupied */
+    u16 state;  /* TABRA_SLOT_* */
+    u16 bucket; /* hash value of key */
+} tabra_slot_meta_t;
+
+/* The add or remove in flight (32 bytes). */
+typedef struct tabra_intent {
+    u32 op; /* TABRA_OP_*; written last, cleared last */
+    u32 key;
+    u32 slot;
+    u32 bucket;
+    u32 reserved[4];
+} tabra_intent_t;
+
+/* Table header (4096 bytes).
+ *
+ *    0 u32 magic            4 u32 format        8 u32 entry_size   12 u32 stride
+ *   16 u32 capacity        20 u32 buckets      24 u32 max_entries 28 u32 count
+ *   32 u64 object_size     40 u64 repairs      48 u64 max_lock_wait_ns
+ *   56 u64 adds            64 char name[64]
+ *  128 pthread_mutex_t writer (40)            168 u64 removes
+ *  176 u32 hash_is_mod    180 12 bytes zero   192 tabra_intent_t intent (32)
+ *  224 zero up to 4096
+ */
+typedef struct tabra_shm_hdr {
+    u32 magic;
+    u32 format;
+    u32 entry_size;
+    u32 stride;
+    u32 capacity;
+    u32 buckets;     /* hash values are 0 .. buckets - 1 */
+    u32 max_entries; /* in force; written by opens and protection calls */
+    u32 count;
+    u64 object_size;
+    u64 repairs;
+    u64 max_lock_wait_ns;
+    u64 adds;
+    char name[64];
+    pthread_mutex_t writer;
+    u64 removes;
+    u32 hash_is_mod; /* 1 while every key ever linked sits in bucket key % buckets */
+    u8 reserved_180[12];
+    tabra_intent_t intent;
+    u8 reserved_224[4096 - 224];
+} tabra_shm_hdr_t;
+
+PMDB_CHECK_SIZE(tabra_slot_meta_t, 16);
+PMDB_CHECK_OFF(tabra_slot_meta_t, gen, 8);
+PMDB_CHECK_OFF(tabra_slot_meta_t, bucket, 14);
+PMDB_CHECK_SIZE(tabra_intent_t, 32);
+PMDB_CHECK_SIZE(tabra_shm_hdr_t, 4096);
+PMDB_CHECK_OFF(tabra_shm_hdr_t, count, 28);
+PMDB_CHECK_OFF(tabra_shm_hdr_t, object_size, 32);
+PMDB_CHECK_OFF(tabra_shm_hdr_t, adds, 56);
+PMDB_CHECK_OFF(tabra_shm_hdr_t, name, 64);
+PMDB_CHECK_OFF(tabra_shm_hdr_t, writer, 128);
+PMDB_CHECK_OFF(tabra_shm_hdr_t, removes, 168);
+PMDB_CHECK_OFF(tabra_shm_hdr_t, hash_is_mod, 176);
+PMDB_CHECK_OFF(tabra_shm_hdr_t, intent, 192);
+static_assert(TABRA_OFF_SLOTS == 528384u, "slot records offset");
+static_assert(TABRA_OFF_BITMAP == 1576960u, "bitmap offset");
+static_assert(TABRA_OFF_SUMMARY == 1585152u, "summary offset");
+static_assert(TABRA_OFF_ENTRIES % 4096u == 0 && TABRA_OFF_ENTRIES >= TABRA_OFF_SUMMARY + 128u,
+              "entries offset");
+
+#ifdef __cplusplus
+}
+#endif
+
+#endif
