@@ -1,0 +1,290 @@
+/*
+ * dnx_pmdb_ifh_add.cpp - adding or refreshing one IFH entry, and the
+ * sub-interface count of an entry (interface entries subsystem, add family).
+ *
+ * dpa_pmdb_add_ifh_entry is the one writer of an IFH entry's interface
+ * block, punt block and key: it creates the entry of an interface or
+ * refreshes it from an event, reports the entry to its caller as a summary
+ * (and, for key changes, the previous values), registers a port's node with
+ * the inventory and the node values of the IFH region, and tells the AIB
+ * update callback when a refreshed port's intf_data_64 changed.
+ *
+ * Concurrency contract:
+ *  - Every change of an entry is made inside one entry change cycle: write
+ *    access to the IFH table is held from the open to the release, and the
+ *    entry is touched only while its slot lock is held.  A new entry is
+ *    zero-filled under that lock, never before.
+ *  - The inventory and node-value calls for event type 1 run under the
+ *    entry's lock with this operation's IFH handle, so they neither open nor
+ *    release.  Lock order: slot lock, then nothing (the inventory list has
+ *    no lock; the globals are written without one).
+ *  - The AIB update callback runs after the lock is released and write
+ *    access dropped, on the caller's thread.
+ *  - summary, prev and punt_out are caller memory, written under the lock
+ *    but needing none.
+ */
+#include <cstring>
+#include <ctime>
+
+#include "pmdb.h"
+#include "pmdb_cycle.h"
+#include "pmdb_trace.h"
+#include "pmdb_writer.h"
+
+namespace {
+
+constexpr size_t kMacLen = 6;
+constexpr u32 kNumOamSlots = 32;
+constexpr u32 kNumPuntWords = 5;
+
+/* What one add learned under the lock and reports after the release. */
+struct add_result {
+    bool intf_data_changed; /* event type 3 changed a stored nonzero intf_data_64 */
+    u32 old_intf_data_64;
+    u16 node_mask;
+    u32 sub_ifh;
+    u32 bundle_ifh;
+};
+
+bool has_flag(const pmdb_event_t *ev, u32 flag) { return (ev->valid_flags & flag) != 0; }
+
+void set_bit(u8 *flags, u8 bit, bool on) {
+    if (on)
+        *flags = static_cast<u8>(*flags | bit);
+    else
+        *flags = static_cast<u8>(*flags & ~bit);
+}
+
+/* Copies the nonzero OAM slots; zero slots leave the summary's value. */
+void copy_oam_slots(u32 *dst, const u32 *src) {
+    for (u32 i = 0; i < kNumOamSlots; i++)
+        if (src[i] != 0) dst[i] = src[i];
+}
+
+/* Node numbers beyond the 16-bit mask record no node. */
+u16 node_bit(u16 node) {
+    if (node == 0 || node > PMDB_NODE_MASK_MAX_NODE) return 0;
+    return static_cast<u16>(1u << node);
+}
+
+/* The entry's previous keys, before this event changes them. */
+void fill_prev(const pmdb_ifh_entry_t *e, dpa_pmdb_ifh_summary_t *prev) {
+    const pmdb_intf_info_t *in = &e->intf_info;
+    set_bit(&prev->sum_flags, PMDB_SUM_EGRESS_KEY, (in->intf_flags & PMDB_INTF_EGRESS_KEY) != 0);
+    prev->egress_lif = in->egress_lif;
+    prev->ingress_lif = in->ingress_lif;
+    prev->slot_id = in->slot_id;
+    prev->sys_port = in->sys_port;
+    copy_oam_slots(prev->oam_slots, in->oam_slots);
+}
+
+/* Step 7: a new entry starts from zeros; both kinds record the node. */
+void prepare_entry(pmdb_ifh_entry_t *e, bool created, const pmdb_event_t *ev, u16 node,
+                   dpa_pmdb_ifh_summary_t *prev) {
+    if (created) memset(e, 0, sizeof(*e));
+    if (has_flag(ev, PMDB_VF_INTF)) e->node_mask = static_cast<u16>(e->node_mask | node_bit(node));
+    if (!created && prev != nullptr) fill_prev(e, prev);
+}
+
+/* Event type 1 of a port that is not node-local: the port's node joins the
+ * inventory and the node values, under this operation's open handle.  Their
+ * results cannot fail the add. */
+void register_node(const pmdb_intf_info_t *in, dnx_db_hdl_t *hdl) {
+    (void)pm_port_inv_entry_add(in->node_id, in->node_index, in->npu_index, in->high_scale);
+    (void)dpa_pmdb_update_scale_info(in->node_id, in->node_index, in->high_scale, 1, hdl);
+    (void)dpa_pmdb_update_glbls_inv_node_info(in->node_id, in->node_mac, 1, hdl);
+}
+
+/* Event type 3: a refreshed port is hosted by the newest inventory node. */
+void take_inventory_node(pmdb_intf_info_t *in) {
+    const pm_port_inv_entry_t *head = pm_port_inv_entry_get();
+    if (head == nullptr) return;
+    in->node_id = head->node_id;
+    memcpy(in->node_mac, head->mac, kMacLen);
+}
+
+/* Step 10: the interface block. */
+void apply_intf(pmdb_ifh_entry_t *e, const pmdb_event_t *ev, dnx_db_hdl_t *hdl,
+                pmdb_punt_info_t *punt_out, add_result *res) {
+    const pmdb_intf_info_t *src = &ev->intf_info;
+    if (ev->event_type == PMDB_EV_INTF_REFRESH) {
+        u32 stored = e->intf_info.intf_data_64;
+        res->old_intf_data_64 = stored;
+        res->intf_data_changed = stored != 0 && stored != src->intf_data_64;
+    }
+    memcpy(&e->intf_info, src, sizeof(e->intf_info));
+    if (e->punt_info.punt_data[0] != 0) memcpy(punt_out, &e->punt_info, sizeof(*punt_out));
+    if (ev->event_type == PMDB_EV_INTF_ADD && src->intf_type != PMDB_INTF_TYPE_NODE_LOCAL)
+        register_node(&e->intf_info, hdl);
+    if (ev->event_type == PMDB_EV_INTF_REFRESH) take_inventory_node(&e->intf_info);
+}
+
+/* Step 11: the punt block; zero punt words leave the stored ones. */
+void apply_punt(pmdb_ifh_entry_t *e, u32 ifh, const pmdb_event_t *ev, bool created,
+                dpa_pmdb_ifh_summary_t *summary) {
+    const pmdb_punt_info_t *src = &ev->punt_info;
+    e->punt_info.ifh = src->ifh;
+    PMDB_TRACE_D(149, src->ifh, ifh, src->punt_data[0]);
+    for (u32 i = 0; i < kNumPuntWords; i++)
+        if (src->punt_data[i] != 0) e->punt_info.punt_data[i] = src->punt_data[i];
+    if (created) summary->sum_flags = static_cast<u8>(summary->sum_flags | PMDB_SUM_PUNT_ONLY_CREATED);
+}
+
+/* Step 12: the summary.  Bits 0, 2, 6 and 7 of sum_flags keep the caller's
+ * value (bit 2 is only ever set, by apply_punt). */
+void fill_summary(const pmdb_ifh_entry_t *e, bool created, dpa_pmdb_ifh_summary_t *s) {
+    const pmdb_intf_info_t *in = &e->intf_info;
+    s->egress_lif = in->egress_lif;
+    s->oam_id = in->oam_id;
+    s->sys_port = in->sys_port;
+    s->intf_data_44 = in->intf_data_44;
+    s->lc_slot = in->lc_slot;
+    s->slot_id = in->slot_id;
+    s->npu_index = in->npu_index;
+    s->ingress_lif = in->ingress_lif;
+    s->port_lo = static_cast<u16>(in->member_port & 0x3FFu);
+    s->port_hi = static_cast<u8>(in->member_port >> 10);
+    s->member_port_shift = static_cast<u8>(in->member_port_shift & 3u);
+    bool sub = in->sub_ifh != 0;
+    set_bit(&s->sum_flags, PMDB_SUM_EGRESS_KEY, (in->intf_flags & PMDB_INTF_EGRESS_KEY) != 0);
+    set_bit(&s->sum_flags, PMDB_SUM_CREATED, created);
+    set_bit(&s->sum_flags, PMDB_SUM_IS_SUB_INTF, sub && (in->ifh != 0 || in->bundle_ifh != 0));
+    set_bit(&s->sum_flags, PMDB_SUM_IS_BUNDLE_SUB_INTF, sub && in->bundle_ifh != 0);
+    s->parent_ifh = sub ? (in->ifh != 0 ? in->ifh : in->bundle_ifh) : 0;
+    s->bundle_ifh = in->bundle_ifh;
+    copy_oam_slots(s->oam_slots, in->oam_slots);
+}
+
+/* Steps 9 to 12 on the locked entry of a full (not MAC-only) event. */
+void write_entry(pmdb_ifh_entry_t *e, u32 ifh, const pmdb_event_t *ev, bool created,
+                 dnx_db_hdl_t *hdl, dpa_pmdb_ifh_summary_t *summary, pmdb_punt_info_t *punt_out,
+                 add_result *res) {
+    e->key = ifh;
+    pmdb_stamp(&e->event_id, &e->last_update, ev->event_id);
+    if (has_flag(ev, PMDB_VF_INTF)) apply_intf(e, ev, hdl, punt_out, res);
+    if (has_flag(ev, PMDB_VF_PUNT)) apply_punt(e, ifh, ev, created, summary);
+    fill_summary(e, created, summary);
+    res->node_mask = e->node_mask;
+    res->sub_ifh = e->intf_info.sub_ifh;
+    res->bundle_ifh = e->intf_info.bundle_ifh;
+}
+
+/* Traces of a written entry, after its lock is released. */
+void trace_written(u32 ifh, u16 node, const dpa_pmdb_ifh_summary_t *s, const add_result *res) {
+    PMDB_TRACE_D(150, ifh, s->egress_lif, s->ingress_lif, s->sys_port, s->intf_data_44, s->port_lo,
+                 s->port_hi);
+    if (node != 0 && res->sub_ifh != 0 && res->bundle_ifh != 0)
+        PMDB_TRACE_D(151, ifh, s->egress_lif, s->ingress_lif, res->bundle_ifh, res->node_mask);
+}
+
+/* Step 14: tell the AIB update callback about a changed intf_data_64. */
+void notify_aib(u32 ifh, const pmdb_event_t *ev, const add_result *res) {
+    dpa_pmdb_aib_update_cb_t cb = dpa_pmdb_aib_update_cb_get();
+    if (!res->intf_data_changed || cb == nullptr) return;
+    PMDB_TRACE_E(152, ifh, ev->event_type, res->old_intf_data_64, ev->intf_info.intf_data_64);
+    u32 handle = ifh;
+    u32 status = PMDB_OK;
+    cb(&handle, &status, 1);
+}
+
+void trace_refresh(void * /*ctx*/, const pmdb_cycle_t *cyc) { PMDB_TRACE_D(146, cyc->key); }
+
+/* Find or create the entry and take its lock, with the writer's own traces
+ * for the step that failed. */
+cerrno acquire_entry(pmdb_cycle_t *cyc, u32 ifh) {
+    cerrno rc = pmdb_cycle_find_or_create(cyc, ifh, trace_refresh);
+    if (rc == PMDB_OK) rc = pmdb_cycle_lock(cyc);
+    if (rc == PMDB_OK) return PMDB_OK;
+    if (cyc->failed_step == PMDB_STEP_ADD)
+        PMDB_TRACE_E(145, ifh, rc);
+    else if (cyc->failed_step == PMDB_STEP_LOOKUP)
+        PMDB_TRACE_E(147, ifh, rc);
+    else
+        PMDB_TRACE_E(148, ifh, rc);
+    return rc;
+}
+
+}  // namespace
+
+extern "C" {
+
+cerrno dpa_pmdb_add_ifh_entry(u32 ifh, const pmdb_event_t *ev, i32 *slot,
+                              dpa_pmdb_ifh_summary_t *summary, pmdb_punt_info_t *punt_out,
+                              dpa_pmdb_ifh_summary_t *prev, u16 node) {
+    if (has_flag(ev, PMDB_VF_PUNT) && has_flag(ev, PMDB_VF_NO_PUNT)) {
+        PMDB_TRACE_E(142);
+        return PMDB_OK;
+    }
+    if (ev->event_type == PMDB_EV_INTF_ADD_NO_IFH || ev->event_type == PMDB_EV_INTF_PUNT_NO_IFH) {
+        /* These events make no IFH entry; the caller keys its punt entries
+         * from the event's own LIF and port. */
+        summary->ingress_lif = ev->intf_info.ingress_lif;
+        summary->sys_port = ev->intf_info.sys_port;
+        return PMDB_OK;
+    }
+    if (ifh == 0) {
+        PMDB_TRACE_E(143);
+        return PMDB_EINVAL;
+    }
+    pmdb_cycle_t cyc;
+    cerrno rc = pmdb_cycle_open(&cyc, PMDB_TYPE_IFH);
+    if (rc != PMDB_OK) {
+        PMDB_TRACE_E(144, ifh, rc);
+        return rc;
+    }
+    add_result res = {};
+    rc = acquire_entry(&cyc, ifh);
+    *slot = cyc.slot;
+    if (rc == PMDB_OK) {
+        auto *e = static_cast<pmdb_ifh_entry_t *>(cyc.entry);
+        prepare_entry(e, cyc.created, ev, node, prev);
+        bool mac_only = ev->event_type == PMDB_EV_BUNDLE_MAC;
+        if (mac_only)
+            memcpy(e->intf_info.mac_addr, ev->intf_info.mac_addr, kMacLen);
+        else
+            write_entry(e, ifh, ev, cyc.created, cyc.hdl, summary, punt_out, &res);
+        pmdb_cycle_unlock(&cyc);
+        if (!mac_only) trace_written(ifh, node, summary, &res);
+    }
+    rc = pmdb_cycle_release(&cyc, rc);
+    if (rc == PMDB_OK) notify_aib(ifh, ev, &res);
+    return rc;
+}
+
+bool pmdb_ifh_lock_existing(pmdb_cycle_t *cyc, u32 ifh, const pmdb_ifh_update_traces_t *tp,
+                            cerrno *rc) {
+    if (ifh == 0) {
+        PMDB_TRACE_E(tp->zero_key);
+        *rc = PMDB_EINVAL;
+        return false;
+    }
+    *rc = pmdb_cycle_open(cyc, PMDB_TYPE_IFH);
+    if (*rc != PMDB_OK) {
+        PMDB_TRACE_E(tp->open_failed, ifh, *rc);
+        return false;
+    }
+    *rc = pmdb_cycle_find_lock(cyc, ifh);
+    if (*rc == PMDB_OK) return true;
+    PMDB_TRACE_E(cyc->failed_step == PMDB_STEP_LOOKUP ? tp->lookup_failed : tp->lock_failed, ifh,
+                 *rc);
+    *rc = pmdb_cycle_release(cyc, *rc);
+    return false;
+}
+
+cerrno dpa_pmdb_update_sub_intf_count(u32 ifh, i32 increment, u32 event_id) {
+    static const pmdb_ifh_update_traces_t kTraces = {129, 130, 131, 133};
+    pmdb_cycle_t cyc;
+    cerrno rc = PMDB_OK;
+    if (!pmdb_ifh_lock_existing(&cyc, ifh, &kTraces, &rc)) return rc;
+    auto *e = static_cast<pmdb_ifh_entry_t *>(cyc.entry);
+    /* The count never goes below 0; an unchanged count keeps its stamp. */
+    if (increment != 0 || e->sub_intf_count != 0) {
+        e->sub_intf_count = static_cast<u16>(increment != 0 ? e->sub_intf_count + 1
+                                                            : e->sub_intf_count - 1);
+        pmdb_stamp(&e->event_id, &e->last_update, event_id);
+    }
+    PMDB_TRACE_V(132, ifh, e->intf_info.egress_lif, e->intf_info.ingress_lif);
+    return pmdb_cycle_release(&cyc, PMDB_OK);
+}
+
+}  // extern "C"

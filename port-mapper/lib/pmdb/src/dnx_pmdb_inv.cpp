@@ -1,0 +1,255 @@
+/*
+ * dnx_pmdb_inv.cpp - node inventory and scale information.
+ *
+ * Two pieces of node knowledge:
+ *
+ *  1. The port inventory list: process-local, one heap entry per node that
+ *     hosts a port this process has added, newest at the head.  It supplies
+ *     replacement nodes for the high-scale role and the BVI refresh, and a
+ *     node leaving it triggers that refresh.
+ *
+ *  2. The node values of the IFH region's globals block, read in place by
+ *     every process on the card (offsets from the start of the region):
+ *
+ *       0x280008  u32  hs_node_mask   bit (node_index & 31) per high-scale node
+ *       0x28000C  u32  hs_node_id     current high-scale node
+ *       0x280010  u32  inv_node_id    recorded inventory node, 0 = none
+ *       0x280014  u8[6] inv_node_mac  its MAC
+ *
+ * Concurrency contract:
+ *  - The list and its head have no lock: the library handles one event at a
+ *    time per process, and callers that add or remove from several threads
+ *    serialise themselves.  An unlinked entry is passed to the BVI refresh
+ *    and freed only after it returns.
+ *  - The globals are plain words in shared memory written without an entry
+ *    lock.  Inside the library they are written only from the IFH add path,
+ *    which holds its IFH open (and the entry's slot lock) while it calls in
+ *    here; writers in different processes are not coordinated, and readers
+ *    may see the mask and the node id of different updates.
+ *  - With a caller's handle these operations neither open nor release: the
+ *    caller's open covers them.  Without one they take and drop write access
+ *    themselves, the release's failure replacing their own result.
+ */
+#include <cstdlib>
+#include <cstring>
+
+#include "pmdb.h"
+#include "pmdb_cycle.h"
+#include "pmdb_trace.h"
+#include "pmdb_writer.h"
+#include "platform_id.h"
+
+namespace {
+
+/* Head of the inventory list; null while empty. */
+pm_port_inv_entry_t *pm_port_inv_list = nullptr;
+
+constexpr size_t kMacLen = 6;
+
+pm_port_inv_entry_t *inv_find(u32 node_id) {
+    pm_port_inv_entry_t *e = pm_port_inv_list;
+    while (e != nullptr && e->node_id != node_id) e = e->next;
+    return e;
+}
+
+void inv_fill_mac(pm_port_inv_entry_t *e, u8 npu_index) {
+    /* The platform's result is not examined: a node without a known MAC
+     * keeps whatever the entry held (zeros for a new entry). */
+    (void)platform_get_amba_mac(e->node_id, npu_index, e->mac, 0);
+}
+
+/* Unlinks the entry of node_id and returns it, or null when not listed. */
+pm_port_inv_entry_t *inv_unlink(u32 node_id) {
+    pm_port_inv_entry_t **link = &pm_port_inv_list;
+    while (*link != nullptr && (*link)->node_id != node_id) link = &(*link)->next;
+    pm_port_inv_entry_t *e = *link;
+    if (e == nullptr) return nullptr;
+    *link = e->next;
+    e->next = nullptr;
+    return e;
+}
+
+/* Bit of a node in hs_node_mask: node indices wrap modulo 32. */
+u32 hs_bit(i32 node_index) { return 1u << (static_cast<u32>(node_index) & 31u); }
+
+/* Write access to the IFH region's globals for one operation: the caller's
+ * handle when given (its open covers us), else an open of our own that
+ * glbls_end releases. */
+struct glbls_scope {
+    dnx_db_hdl_t *hdl;
+    bool opened;
+    pmdb_cycle_t cyc;
+};
+
+cerrno glbls_begin(glbls_scope *sc, dnx_db_hdl_t *given, u32 open_failed_point) {
+    sc->hdl = given;
+    sc->opened = false;
+    if (given != nullptr) return PMDB_OK;
+    cerrno rc = pmdb_cycle_open(&sc->cyc, PMDB_TYPE_IFH);
+    if (rc != PMDB_OK) {
+        PMDB_TRACE_E(open_failed_point, rc);
+        return rc;
+    }
+    sc->opened = true;
+    sc->hdl = sc->cyc.hdl;
+    return PMDB_OK;
+}
+
+cerrno glbls_end(glbls_scope *sc, cerrno rc) {
+    if (!sc->opened) return rc;
+    return pmdb_cycle_release(&sc->cyc, rc);
+}
+
+dnx_pmdb_glbls_t *glbls_of(const glbls_scope *sc) { return &sc->hdl->shrd_ctx->glbls; }
+
+/* Removal of the node that holds the high-scale role: the first high-scale
+ * node still listed takes it over.  With none left the role stays with the
+ * removed node's id (the mask already lacks its bit) and 2 is returned. */
+cerrno hs_hand_over(dnx_pmdb_glbls_t *g) {
+    u32 next = 0;
+    if (pm_inventory_get_first_high_scale_nodeid(&next) != PMDB_OK) {
+        PMDB_TRACE_V(116);
+        return PMDB_ENOTFOUND;
+    }
+    g->hs_node_id = next;
+    PMDB_TRACE_V(117, g->hs_node_id, g->hs_node_mask);
+    return PMDB_OK;
+}
+
+cerrno hs_update(dnx_pmdb_glbls_t *g, u32 node_id, i32 node_index, int add) {
+    if (add != 0) {
+        /* The last high-scale node added is the current one. */
+        g->hs_node_id = node_id;
+        g->hs_node_mask |= hs_bit(node_index);
+        PMDB_TRACE_V(114, g->hs_node_id, g->hs_node_mask);
+        return PMDB_OK;
+    }
+    g->hs_node_mask &= ~hs_bit(node_index);
+    if (g->hs_node_id != node_id) {
+        PMDB_TRACE_V(115);
+        return PMDB_OK;
+    }
+    return hs_hand_over(g);
+}
+
+/* Records the inventory node with the pair of traces of its path (119/120
+ * for an added node, 123/124 for the remove form's replacement): the address
+ * lets a debugger find the published MAC, the bytes show it. */
+void inv_node_record(dnx_pmdb_glbls_t *g, u32 node_id, const u8 *mac, u32 addr_point) {
+    g->inv_node_id = node_id;
+    memcpy(g->inv_node_mac, mac, kMacLen);
+    const u8 *m = g->inv_node_mac;
+    PMDB_TRACE_V(addr_point, g->inv_node_id, m);
+    PMDB_TRACE_V(addr_point + 1, g->inv_node_id, m[0], m[1], m[2], m[3], m[4], m[5]);
+}
+
+/* Remove form: acts only while no node is recorded.  It clears the MAC;
+ * a named node (nonzero id, necessarily not the recorded 0) is simply
+ * acknowledged; node 0 asks for the first listed node to be recorded. */
+cerrno inv_node_remove(dnx_pmdb_glbls_t *g, u32 node_id) {
+    if (g->inv_node_id != 0) return PMDB_OK;
+    memset(g->inv_node_mac, 0, kMacLen);
+    if (node_id != g->inv_node_id) {
+        PMDB_TRACE_V(121);
+        return PMDB_OK;
+    }
+    u32 id = 0;
+    u8 mac[kMacLen] = {};
+    cerrno rc = pm_inventory_get_first_inv_nodeid(&id, mac);
+    if (rc != PMDB_OK) {
+        PMDB_TRACE_V(122);
+        return rc;
+    }
+    inv_node_record(g, id, mac, 123);
+    return PMDB_OK;
+}
+
+}  // namespace
+
+extern "C" {
+
+PMDB_EXPORT pm_port_inv_entry_t *pm_port_inv_entry_get(void) { return pm_port_inv_list; }
+
+PMDB_EXPORT pm_port_inv_entry_t *pm_port_inv_entry_add(u32 node_id, i32 node_index, u8 npu_index,
+                                                       u8 high_scale) {
+    pm_port_inv_entry_t *e = inv_find(node_id);
+    if (e != nullptr) {
+        /* A known node keeps its index and scale flag; only its MAC may
+         * have become known since. */
+        inv_fill_mac(e, npu_index);
+        return e;
+    }
+    e = static_cast<pm_port_inv_entry_t *>(calloc(1, sizeof(*e)));
+    if (e == nullptr) return nullptr;
+    e->node_id = node_id;
+    e->node_index = node_index;
+    e->high_scale = high_scale;
+    inv_fill_mac(e, npu_index);
+    e->next = pm_port_inv_list;
+    if (pm_port_inv_list == nullptr)
+        PMDB_TRACE_V(110, node_id, node_index, high_scale);
+    else
+        PMDB_TRACE_V(111, node_id, node_index, high_scale);
+    pm_port_inv_list = e;
+    return e;
+}
+
+PMDB_EXPORT cerrno pm_port_inv_entry_remove(u32 node_id) {
+    pm_port_inv_entry_t *e = inv_unlink(node_id);
+    if (e == nullptr) return PMDB_OK;
+    /* The entry is out of the list, so the refresh sees the new head as the
+     * node to move the BVI entries to. */
+    dpa_bvi_upd_node_entries(e);
+    free(e);
+    return PMDB_OK;
+}
+
+PMDB_EXPORT cerrno pm_inventory_get_first_high_scale_nodeid(u32 *node_id) {
+    const pm_port_inv_entry_t *e = pm_port_inv_list;
+    while (e != nullptr && e->high_scale == 0) e = e->next;
+    if (e == nullptr) return PMDB_ENOTFOUND;
+    *node_id = e->node_id;
+    PMDB_TRACE_V(107, e->node_id);
+    return PMDB_OK;
+}
+
+PMDB_EXPORT cerrno pm_inventory_get_first_inv_nodeid(u32 *node_id, u8 *mac) {
+    const pm_port_inv_entry_t *e = pm_port_inv_list;
+    while (e != nullptr && e->node_id == 0) e = e->next;
+    if (e == nullptr) return PMDB_ENOTFOUND;
+    *node_id = e->node_id;
+    memcpy(mac, e->mac, kMacLen);
+    const u8 *m = e->mac;
+    PMDB_TRACE_V(109, e->node_id, m[0], m[1], m[2], m[3], m[4], m[5]);
+    return PMDB_OK;
+}
+
+PMDB_EXPORT cerrno dpa_pmdb_update_scale_info(u32 node_id, i32 node_index, u8 high_scale, int add,
+                                              dnx_db_hdl_t *hdl) {
+    if (high_scale == 0 && add != 0) {
+        PMDB_TRACE_V(112);
+        return PMDB_OK;
+    }
+    glbls_scope sc;
+    cerrno rc = glbls_begin(&sc, hdl, 113);
+    if (rc != PMDB_OK) return rc;
+    /* A removal clears the node's bit whatever its scale flag says. */
+    rc = hs_update(glbls_of(&sc), node_id, node_index, add);
+    return glbls_end(&sc, rc);
+}
+
+PMDB_EXPORT cerrno dpa_pmdb_update_glbls_inv_node_info(u32 node_id, const u8 *mac, int add,
+                                                       dnx_db_hdl_t *hdl) {
+    glbls_scope sc;
+    cerrno rc = glbls_begin(&sc, hdl, 118);
+    if (rc != PMDB_OK) return rc;
+    dnx_pmdb_glbls_t *g = glbls_of(&sc);
+    if (add == 0)
+        rc = inv_node_remove(g, node_id);
+    else if (g->inv_node_id == 0)
+        /* The first node ever added stays recorded for the life of the region. */
+        inv_node_record(g, node_id, mac, 119);
+    return glbls_end(&sc, rc);
+}
+
+}  // extern "C"
