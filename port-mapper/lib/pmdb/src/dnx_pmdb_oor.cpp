@@ -1,0 +1,273 @@
+/*
+ * dnx_pmdb_oor.cpp - out-of-resource (OOR) state of IFH entries: a member's
+ * own level, a bundle's two member counters and its derived state, the
+ * process's OOR callback, and the accounting that moves a member's level
+ * into or out of its bundle's counters when it joins or leaves.
+ *
+ * Concurrency contract:
+ *  - All OOR fields live in the intf_info block of IFH entries and are
+ *    written only under the entry's slot lock, inside an entry change cycle
+ *    of the IFH table (write access held from open to release).
+ *  - Lock order: a member's slot lock, then its bundle's.  Both
+ *    dpa_pmdb_update_bundle_oor_state and dpa_pmdb_update_bundle_oor_members
+ *    take the bundle's lock while holding the member's and release the
+ *    bundle's first.  This is what keeps a bundle's counters equal to the
+ *    number of its members at each level: a member's level and its share of
+ *    the counters only change together, under the member's lock.
+ *  - The callback runs on the caller's thread after the bundle's lock is
+ *    released (the member's lock and write access may still be held, see
+ *    dpa_pmdb_update_ifh_entry_member); it must not take IFH slot locks of
+ *    that member or bundle.
+ *  - oor_cb is written by dpa_pmdb_set_oor_cb (store-release) and read by
+ *    the accounting and the IFH removal (load-acquire), so a reader that
+ *    sees the pointer also sees whatever the registering thread wrote
+ *    before it.  Users set it before handing the library events.
+ */
+#include <atomic>
+#include <cstring>
+#include <ctime>
+
+#include "pmdb.h"
+#include "pmdb_cycle.h"
+#include "pmdb_ops.h"
+#include "pmdb_trace.h"
+
+namespace {
+
+std::atomic<dpa_pmdb_oor_cb_t> oor_cb{nullptr};
+
+/* Records a change of an entry's state: the state, one more change and its
+ * time.  The reason is the caller's to write (the member accounting has
+ * none). */
+void record_state(pmdb_intf_info_t *in, u32 state) {
+    in->oor_state = state;
+    in->oor_changes++;
+    clock_gettime(CLOCK_REALTIME, &in->oor_time);
+}
+
+/* The counter of `level`, or null for a level that is counted nowhere. */
+u16 *level_counter(pmdb_intf_info_t *bundle, u32 level) {
+    if (level == PMDB_OOR_LEVEL2) return &bundle->oor_members_2;
+    if (level == PMDB_OOR_LEVEL1) return &bundle->oor_members_1;
+    return nullptr;
+}
+
+/* Counts one member of `level` in (+1) or out (-1).  A counter never goes
+ * below 0: false when a count-out found it at 0 (nothing changed). */
+bool count_level(pmdb_intf_info_t *bundle, u32 level, bool in) {
+    u16 *counter = level_counter(bundle, level);
+    if (counter == nullptr) return true;
+    if (in) {
+        (*counter)++;
+        return true;
+    }
+    if (*counter == 0) return false;
+    (*counter)--;
+    return true;
+}
+
+/* Both cycles of a member-and-bundle change end here: the bundle's lock
+ * first, then the member's lock and write access. */
+cerrno finish(pmdb_cycle_t *member, pmdb_cycle_t *bundle, cerrno rc) {
+    pmdb_cycle_release(bundle, PMDB_OK);
+    return pmdb_cycle_release(member, rc);
+}
+
+/* Out-parameters of dpa_pmdb_update_bundle_oor_state. */
+struct bundle_report {
+    u32 *bundle_ifh;
+    u32 *state;
+    u32 *changed;
+    u32 *slot;
+};
+
+/* Steps 10 to 14 of the state update, on the locked bundle: moves the
+ * member from its old level to the new one and raises the bundle's own
+ * state when the derived state rises to a level. */
+void fold_into_bundle(pmdb_intf_info_t *b, i32 bundle_slot, u32 bundle_ifh, u32 old_state,
+                      u32 state, u32 reason, const bundle_report *out) {
+    PMDB_TRACE_V(303, bundle_ifh, bundle_slot, b->oor_state, b->oor_members_1, b->oor_members_2);
+    const u32 before = dpa_pmdb_oor_derived_state(b);
+    PMDB_TRACE_V(304, before, b->oor_members_1, b->oor_members_2);
+    if (!count_level(b, old_state, false)) {
+        if (old_state == PMDB_OOR_LEVEL2)
+            PMDB_TRACE_E(294, b->bundle_ifh, state, b->oor_state, b->oor_members_1,
+                         b->oor_members_2);
+        else
+            PMDB_TRACE_E(293, b->bundle_ifh, state, b->oor_state, b->oor_members_1,
+                         b->oor_members_2);
+    }
+    count_level(b, state, true);
+    const u32 after = dpa_pmdb_oor_derived_state(b);
+    PMDB_TRACE_V(305, after, b->oor_members_1, b->oor_members_2);
+    if (after == before) {
+        *out->changed = 0;
+        return;
+    }
+    *out->bundle_ifh = bundle_ifh;
+    *out->slot = static_cast<u32>(bundle_slot);
+    *out->state = after;
+    *out->changed = 1;
+    /* Falling back to none leaves the bundle's recorded state as it was:
+     * only dpa_pmdb_set_bundle_oor_state clears it. */
+    if (after == PMDB_OOR_NONE) return;
+    record_state(b, after);
+    b->oor_reason = reason;
+}
+
+/* The member accounting's bundle side: looks the bundle up under the
+ * caller's open, moves the member's level, and reports the derived state
+ * before and after.  False when the bundle could not be found or locked. */
+bool account_member(pmdb_cycle_t *bundle, u32 bundle_ifh, u32 level, bool join, u32 *old_state,
+                    u32 *new_state) {
+    cerrno rc = pmdb_cycle_find(bundle, bundle_ifh);
+    if (rc != PMDB_OK) {
+        PMDB_TRACE_E(313, bundle_ifh, rc);
+        return false;
+    }
+    rc = pmdb_cycle_lock(bundle);
+    if (rc != PMDB_OK) {
+        PMDB_TRACE_E(314, bundle_ifh, rc);
+        return false;
+    }
+    auto *b = &static_cast<pmdb_ifh_entry_t *>(bundle->entry)->intf_info;
+    PMDB_TRACE_V(315, bundle_ifh, bundle->slot, b->oor_state, b->oor_members_1,
+                 b->oor_members_2);
+    *old_state = dpa_pmdb_oor_derived_state(b);
+    PMDB_TRACE_V(316, *old_state, b->oor_members_1, b->oor_members_2);
+    count_level(b, level, join);
+    *new_state = dpa_pmdb_oor_derived_state(b);
+    PMDB_TRACE_V(317, *new_state, b->oor_members_1, b->oor_members_2);
+    if (*new_state != *old_state && *new_state != PMDB_OOR_NONE) record_state(b, *new_state);
+    return true;
+}
+
+}  // namespace
+
+extern "C" {
+
+u32 dpa_pmdb_oor_derived_state(const pmdb_intf_info_t *bundle_info) {
+    if (bundle_info->oor_members_2 != 0) return PMDB_OOR_LEVEL2;
+    if (bundle_info->oor_members_1 != 0) return PMDB_OOR_LEVEL1;
+    return PMDB_OOR_NONE;
+}
+
+dpa_pmdb_oor_cb_t dpa_pmdb_oor_cb_get(void) { return oor_cb.load(std::memory_order_acquire); }
+
+void dpa_pmdb_set_oor_cb(dpa_pmdb_oor_cb_t cb) {
+    oor_cb.store(cb, std::memory_order_release);
+    PMDB_TRACE_V(318, cb);
+}
+
+cerrno dpa_pmdb_update_bundle_oor_state(u32 ifh, u32 state, u32 reason, u32 *bundle_ifh_out,
+                                        u32 *bundle_state_out, u32 *changed_out,
+                                        u32 *bundle_slot_out) {
+    pmdb_cycle_t member;
+    cerrno rc = pmdb_cycle_open(&member, PMDB_TYPE_IFH);
+    if (rc != PMDB_OK) {
+        PMDB_TRACE_E(295, rc);
+        return rc;
+    }
+    pmdb_cycle_t bundle = pmdb_cycle_share(&member);
+    rc = pmdb_cycle_find(&member, ifh);
+    if (rc != PMDB_OK) {
+        PMDB_TRACE_E(296, ifh, rc);
+        return finish(&member, &bundle, rc);
+    }
+    rc = pmdb_cycle_lock(&member);
+    if (rc != PMDB_OK) {
+        PMDB_TRACE_E(297, ifh, rc);
+        return finish(&member, &bundle, rc);
+    }
+    auto *m = &static_cast<pmdb_ifh_entry_t *>(member.entry)->intf_info;
+    PMDB_TRACE_V(298, ifh, m, member.slot, m->ifh, m->bundle_ifh, m->oor_state);
+    if (m->ifh == 0 && m->sub_ifh == 0) {
+        PMDB_TRACE_V(299, ifh);
+        return finish(&member, &bundle, PMDB_OK);
+    }
+    const u32 old_state = m->oor_state;
+    if (old_state == state) return finish(&member, &bundle, PMDB_OK);
+    PMDB_TRACE_V(300, ifh, old_state, state);
+    record_state(m, state);
+    m->oor_reason = reason;
+    const u32 bundle_ifh = m->bundle_ifh;
+    if (bundle_ifh == 0) return finish(&member, &bundle, PMDB_OK);
+
+    /* The member's new state stays recorded when the bundle cannot be
+     * reached: its counters are then out of step until the next change. */
+    rc = pmdb_cycle_find(&bundle, bundle_ifh);
+    if (rc != PMDB_OK) {
+        PMDB_TRACE_E(301, bundle_ifh, rc);
+        return finish(&member, &bundle, rc);
+    }
+    rc = pmdb_cycle_lock(&bundle);
+    if (rc != PMDB_OK) {
+        PMDB_TRACE_E(302, bundle_ifh, rc);
+        return finish(&member, &bundle, rc);
+    }
+    const bundle_report out = {bundle_ifh_out, bundle_state_out, changed_out, bundle_slot_out};
+    fold_into_bundle(&static_cast<pmdb_ifh_entry_t *>(bundle.entry)->intf_info, bundle.slot,
+                     bundle_ifh, old_state, state, reason, &out);
+    return finish(&member, &bundle, PMDB_OK);
+}
+
+cerrno dpa_pmdb_set_bundle_oor_state(u32 ifh, i32 state, u32 reason, u32 *slot_out) {
+    pmdb_cycle_t cyc;
+    cerrno rc = pmdb_cycle_open(&cyc, PMDB_TYPE_IFH);
+    if (rc != PMDB_OK) {
+        PMDB_TRACE_E(306, rc);
+        return rc;
+    }
+    rc = pmdb_cycle_find(&cyc, ifh);
+    if (rc != PMDB_OK) {
+        PMDB_TRACE_E(307, ifh, rc);
+        return pmdb_cycle_release(&cyc, rc);
+    }
+    rc = pmdb_cycle_lock(&cyc);
+    if (rc != PMDB_OK) {
+        PMDB_TRACE_E(308, ifh, rc);
+        return pmdb_cycle_release(&cyc, rc);
+    }
+    auto *in = &static_cast<pmdb_ifh_entry_t *>(cyc.entry)->intf_info;
+    /* Clearing is refused only while members at both levels are counted;
+     * any other request is recorded, even one that repeats the state. */
+    if (state == 0 && in->oor_members_1 != 0 && in->oor_members_2 != 0) {
+        PMDB_TRACE_E(309, ifh);
+        return pmdb_cycle_release(&cyc, PMDB_EINVAL);
+    }
+    record_state(in, static_cast<u32>(state));
+    in->oor_reason = reason;
+    *slot_out = static_cast<u32>(cyc.slot);
+    PMDB_TRACE_V(310, ifh, cyc.slot, in, state);
+    return pmdb_cycle_release(&cyc, PMDB_OK);
+}
+
+void dpa_pmdb_update_bundle_oor_members(dnx_db_hdl_t *hdl, pmdb_intf_info_t *member_info,
+                                        i32 join) {
+    /* One load: the callback that decides whether to count is the one told. */
+    const dpa_pmdb_oor_cb_t cb = dpa_pmdb_oor_cb_get();
+    if (cb == nullptr) return;
+    const u32 bundle_ifh = member_info->bundle_ifh;
+    PMDB_TRACE_V(311, join, member_info->ifh, member_info->oor_state, bundle_ifh);
+    if (bundle_ifh == 0) {
+        PMDB_TRACE_E(312, member_info->ifh);
+        return;
+    }
+    /* The caller's open covers this lookup: a cycle on its handle that
+     * never releases write access. */
+    pmdb_cycle_t opener;
+    memset(&opener, 0, sizeof opener);
+    opener.type = PMDB_TYPE_IFH;
+    opener.hdl = hdl;
+    pmdb_cycle_t bundle = pmdb_cycle_share(&opener);
+    u32 old_state = PMDB_OOR_NONE;
+    u32 new_state = PMDB_OOR_NONE;
+    const bool done =
+        account_member(&bundle, bundle_ifh, member_info->oor_state, join != 0, &old_state,
+                       &new_state);
+    const i32 slot = bundle.slot;
+    pmdb_cycle_release(&bundle, PMDB_OK);
+    if (done && new_state != old_state) cb(bundle_ifh, static_cast<u32>(slot), new_state, 0);
+}
+
+}  // extern "C"
