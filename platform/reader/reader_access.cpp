@@ -15,8 +15,11 @@
  *   4. release the lock;
  *   5. keep the copy only when the store copied from slot s (slot s still
  *      holds the key, so the lock we held was the entry's) and the release
- *      succeeded (the lock was not retired under us); otherwise start again.
- *   Only a kept copy reaches the caller's buffer.
+ *      succeeded (the lock was not retired under us); otherwise start again;
+ *   6. a kept record whose own key field is not the key has not been written
+ *      yet (the store zero-fills a new entry before its writer fills it) and
+ *      counts as missing.
+ *   Only a kept, written copy reaches the caller's buffer.
  * A lock that is not usable (never initialised: the entry is being created;
  * retired: the entry is being removed; not recoverable) is not waited on: the
  * key is looked up again after a short pause until the entry is gone (not
@@ -195,6 +198,16 @@ bool copy_under_lock(tabra_hdl_t table, pellin_mutex_type *lock, hold how, u32 k
     return *rc == PMDB_OK && released && copied_from == slot;
 }
 
+/* Every record starts with the key it is stored under, written by the first
+ * change of the entry.  A record that does not hold its key yet is an entry
+ * that the table store has made and its writer has not filled (or that only
+ * a MAC-only event touched): it counts as missing. */
+bool written(const unsigned char *record, u32 key) {
+    u32 stored;
+    memcpy(&stored, record, sizeof stored);
+    return stored == key;
+}
+
 }  // namespace
 
 u32 entry_size(pmdb_type_t type) { return valid_type(type) ? kEntrySize[type] : 0; }
@@ -217,6 +230,7 @@ cerrno copy(pmdb_type_t type, u32 key, void *out, u32 len) {
     tabra_hdl_t table = g_table[type].load(std::memory_order_acquire);
     dnx_pmdb_shrd_ctx_t *region = g_region[type].load(std::memory_order_acquire);
     alignas(16) unsigned char local[kMaxEntrySize];
+    const u32 copy_len = len < sizeof key ? static_cast<u32>(sizeof key) : len;
     wait_budget budget;
     for (;;) {
         void *entry = nullptr;
@@ -227,7 +241,9 @@ cerrno copy(pmdb_type_t type, u32 key, void *out, u32 len) {
         pellin_mutex_type *lock = &region->entry_lock[slot];
         const hold how = take_slot_lock(lock, budget);
         if (how == hold::busy) break;
-        if (how != hold::unusable && copy_under_lock(table, lock, how, key, slot, local, len, &rc)) {
+        if (how != hold::unusable &&
+            copy_under_lock(table, lock, how, key, slot, local, copy_len, &rc)) {
+            if (!written(local, key)) return PMDB_ENOTFOUND;
             memcpy(out, local, len);
             bump(g_count.copies);
             return PMDB_OK;

@@ -25,7 +25,13 @@
  *   0              PMDB_OK        success
  *   2              PMDB_ENOTFOUND no entry under the key, or the table or the
  *                                 shared context region does not exist yet or
- *                                 has no magic (the database is not ready)
+ *                                 has no magic (the database is not ready).
+ *                                 An entry whose own `key` field does not hold
+ *                                 its key counts as missing: the table store
+ *                                 zero-fills a new entry, so that is an entry
+ *                                 whose writer has not filled it yet (or one
+ *                                 that only a MAC-only event touched).  Walks
+ *                                 skip such entries too.
  *   16             PMDB_EBUSY     the entry's slot lock stayed held beyond the
  *                                 wait bound, or the lock is not usable right
  *                                 now (not initialised yet, or left not

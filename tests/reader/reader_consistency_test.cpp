@@ -1,0 +1,245 @@
+// Consistency of reader copies against writers in other processes: no torn
+// copy while a writer rewrites an entry under its slot lock, no endless wait
+// behind a dead or stuck writer, and no copy of another key when a slot is
+// re-used.
+#include <sched.h>
+#include <string.h>
+#include <time.h>
+
+#include <array>
+#include <chrono>
+#include <set>
+
+#include "pmdb_cycle.h"
+#include "pmdb_reader.h"
+#include "pmdb_test.h"
+#include "reader_card.h"
+#include "tabra.h"
+
+namespace {
+
+using namespace rcard;
+using namespace std::chrono_literals;
+using pmdb::test::ChildLink;
+using pmdb::test::ChildProcess;
+using pmdb::test::PmdbTest;
+using Clock = std::chrono::steady_clock;
+
+constexpr size_t kWords = PMDB_READER_INFO_COPY_SIZE / 4;
+using Copy = std::array<u32, PMDB_PUNT_ENTRY_SIZE / 4>;
+
+class ReaderConsistencyTest : public PmdbTest {
+protected:
+    void TearDown() override {
+        dpa_pmdb_reader_set_lock_wait_ms(0);
+        PmdbTest::TearDown();
+    }
+};
+
+/* Writes `value` into every word of the interface and punt blocks that follow
+ * `blocks`, yielding half way so that an unlocked reader would see a mix. */
+void WritePattern(void *blocks, u32 value) {
+    u32 *w = static_cast<u32 *>(blocks);
+    for (size_t i = 0; i < kWords; i++) {
+        if (i == kWords / 2) sched_yield();
+        __atomic_store_n(&w[i], value, __ATOMIC_RELAXED);
+    }
+}
+
+void *IfhBlocks(void *entry) { return &static_cast<pmdb_ifh_entry_t *>(entry)->intf_info; }
+void *PuntBlocks(void *entry) { return &static_cast<pmdb_punt_entry_t *>(entry)->intf_info; }
+
+/* Entry `key` of `type` with every block word `value` (the key field kept). */
+cerrno PutPattern(pmdb_type_t type, u32 key, u32 value) {
+    return Write(type, key, [&](void *e) {
+        *static_cast<u32 *>(e) = key;
+        WritePattern(type == PMDB_TYPE_IFH ? IfhBlocks(e) : PuntBlocks(e), value);
+    });
+}
+
+bool Uniform(const Copy &c) {
+    for (size_t i = 1; i < kWords; i++)
+        if (c[i] != c[0]) return false;
+    return true;
+}
+
+cerrno ReadBlocks(pmdb_type_t type, u32 key, Copy *out) {
+    return type == PMDB_TYPE_IFH ? dpa_pmdb_get_ifh_entry_by_key(key, out->data(), 0, 0)
+                                 : dpa_pmdb_get_punt_entry_by_key(key, out->data());
+}
+
+/* A child that rewrites `key` with patterns 1, 2, 3, ... until killed. */
+std::unique_ptr<ChildProcess> StartRewriter(pmdb_type_t type, u32 key) {
+    return std::make_unique<ChildProcess>([type, key](ChildLink &link) {
+        link.Ready();
+        for (u32 v = 1;; v++)
+            if (PutPattern(type, key, v) != PMDB_OK) return 1;
+    });
+}
+
+/* A child that holds the slot lock of `key` with the second half of the
+ * blocks rewritten to `value` (the handles in the first half stay), then
+ * waits to be released or killed. */
+std::unique_ptr<ChildProcess> StartHolder(u32 key, u32 value) {
+    return std::make_unique<ChildProcess>([key, value](ChildLink &link) {
+        pmdb_cycle_t cyc;
+        if (pmdb_cycle_open(&cyc, PMDB_TYPE_IFH) != 0 || pmdb_cycle_find_lock(&cyc, key) != 0)
+            return 1;
+        u32 *w = static_cast<u32 *>(IfhBlocks(cyc.entry));
+        for (size_t i = kWords / 2; i < kWords; i++) w[i] = value;
+        link.Ready();
+        link.WaitRelease();
+        return static_cast<int>(pmdb_cycle_release(&cyc, 0));
+    });
+}
+
+dpa_pmdb_reader_stats_t Stats() {
+    dpa_pmdb_reader_stats_t s;
+    dpa_pmdb_reader_get_stats(&s);
+    return s;
+}
+
+void ExpectNoTornCopies(pmdb_type_t type) {
+    constexpr u32 kKey = 0x4242;
+    ASSERT_EQ(PutPattern(type, kKey, 0), PMDB_OK);
+    auto writer = StartRewriter(type, kKey);
+    ASSERT_TRUE(writer->WaitReady());
+    std::set<u32> seen;
+    size_t copies = 0, torn = 0;
+    const auto end = Clock::now() + 1500ms;
+    while (Clock::now() < end) {
+        Copy c;
+        ASSERT_EQ(ReadBlocks(type, kKey, &c), PMDB_OK);
+        copies++;
+        torn += Uniform(c) ? 0 : 1;
+        seen.insert(c[0]);
+    }
+    EXPECT_EQ(torn, 0u) << "of " << copies << " copies";
+    EXPECT_GT(seen.size(), 20u) << "the writer must have changed the entry during the reads";
+
+    /* The same reads without the slot lock do see half-written entries, so
+     * the loop above would have noticed a reader that skipped the lock. */
+    dnx_db_hdl_t *hdl = nullptr;
+    ASSERT_EQ(dpa_chk_pmdb_open(nullptr, &hdl, type, 0), PMDB_OK);
+    const size_t off = type == PMDB_TYPE_IFH ? 40 : 24;
+    bool raw_torn = false;
+    for (const auto stop = Clock::now() + 5s; !raw_torn && Clock::now() < stop;) {
+        std::array<u8, PMDB_IFH_ENTRY_SIZE> raw;
+        ASSERT_EQ(tabra_copy_entry_by_key(hdl->tabra, kKey, raw.data(), hdl->cfg->entry_size, nullptr),
+                  PMDB_OK);
+        Copy c;
+        memcpy(c.data(), raw.data() + off, PMDB_READER_INFO_COPY_SIZE);
+        raw_torn = !Uniform(c);
+    }
+    EXPECT_TRUE(raw_torn);
+}
+
+TEST_F(ReaderConsistencyTest, NoTornIfhCopyWhileAnotherProcessRewrites) {
+    ExpectNoTornCopies(PMDB_TYPE_IFH);
+}
+
+TEST_F(ReaderConsistencyTest, NoTornPuntCopyWhileAnotherProcessRewrites) {
+    ExpectNoTornCopies(PMDB_TYPE_PUNT);
+}
+
+TEST_F(ReaderConsistencyTest, WriterKilledHoldingTheLockDoesNotBlockReaders) {
+    ASSERT_EQ(PutPattern(PMDB_TYPE_IFH, P1, 1), PMDB_OK);
+    auto holder = StartHolder(P1, 9);
+    ASSERT_TRUE(holder->WaitReady());
+    holder->Kill(SIGKILL);
+    EXPECT_TRUE(holder->Wait().KilledBy(SIGKILL));
+
+    dpa_pmdb_reader_set_lock_wait_ms(10000);
+    const u64 dead_before = Stats().owner_dead;
+    Copy c;
+    const auto t0 = Clock::now();
+    ASSERT_EQ(ReadBlocks(PMDB_TYPE_IFH, P1, &c), PMDB_OK);
+    EXPECT_LT(Clock::now() - t0, 1s);
+    EXPECT_EQ(Stats().owner_dead, dead_before + 1);
+    /* The copy shows what the dead writer left: the old half, then its half. */
+    EXPECT_EQ(c[0], 1u);
+    EXPECT_EQ(c[kWords - 1], 9u);
+
+    /* The lock is usable again for writers and readers. */
+    ASSERT_EQ(PutPattern(PMDB_TYPE_IFH, P1, 3), PMDB_OK);
+    ASSERT_EQ(ReadBlocks(PMDB_TYPE_IFH, P1, &c), PMDB_OK);
+    EXPECT_TRUE(Uniform(c));
+    EXPECT_EQ(c[0], 3u);
+}
+
+TEST_F(ReaderConsistencyTest, StuckWriterGivesBusyAfterTheBoundAndLeavesTheBuffer) {
+    ASSERT_EQ(PutIfh(P1, Intf(P1, 0, B, kNode1), PMDB_IFH_MEMBER_ACTIVE), PMDB_OK);
+    ASSERT_EQ(PutIfh(P2, Intf(P2, 0, B, kNode1), PMDB_IFH_MEMBER_ACTIVE), PMDB_OK);
+    auto holder = StartHolder(P1, 9);
+    ASSERT_TRUE(holder->WaitReady());
+
+    dpa_pmdb_reader_set_lock_wait_ms(60);
+    Copy c;
+    c.fill(kWords);
+    const auto t0 = Clock::now();
+    EXPECT_EQ(ReadBlocks(PMDB_TYPE_IFH, P1, &c), PMDB_EBUSY);
+    const auto waited = Clock::now() - t0;
+    EXPECT_GE(waited, 55ms);
+    EXPECT_LT(waited, 2s);
+    EXPECT_EQ(c[0], kWords);
+    EXPECT_EQ(c[kWords - 1], kWords);
+
+    /* A list query reports the busy entry and still returns the others. */
+    std::array<u32, 3> members{7, 7, 7};
+    EXPECT_EQ(dpa_pmdb_get_bundle_member_ifh_entries(B, members.data(), 2, PMDB_READER_ALL_NODES),
+              PMDB_EBUSY);
+    EXPECT_EQ(members, (std::array<u32, 3>{P2, 0, 7}));
+
+    holder->Release();
+    EXPECT_TRUE(holder->Wait().ExitedWith(0));
+    ASSERT_EQ(ReadBlocks(PMDB_TYPE_IFH, P1, &c), PMDB_OK);
+    EXPECT_EQ(c[0], P1);
+    EXPECT_EQ(c[kWords - 1], 9u);
+}
+
+TEST_F(ReaderConsistencyTest, WriterThreadReadingItsOwnLockedEntryDoesNotWait) {
+    ASSERT_EQ(PutPattern(PMDB_TYPE_IFH, P1, 4), PMDB_OK);
+    pmdb_cycle_t cyc;
+    ASSERT_EQ(pmdb_cycle_open(&cyc, PMDB_TYPE_IFH), PMDB_OK);
+    ASSERT_EQ(pmdb_cycle_find_lock(&cyc, P1), PMDB_OK);
+    dpa_pmdb_reader_set_lock_wait_ms(5000);
+    Copy c;
+    const auto t0 = Clock::now();
+    EXPECT_EQ(ReadBlocks(PMDB_TYPE_IFH, P1, &c), PMDB_OK);
+    EXPECT_LT(Clock::now() - t0, 1s);
+    EXPECT_EQ(c[0], 4u);
+    /* The reader did not release the writer's lock. */
+    EXPECT_EQ(pmdb_cycle_release(&cyc, PMDB_OK), PMDB_OK);
+}
+
+TEST_F(ReaderConsistencyTest, SlotReusedByAnotherKeyIsNeverCopiedAsTheFirst) {
+    constexpr u32 kA = 0x1111, kB = 0x2222;
+    ASSERT_EQ(PutPattern(PMDB_TYPE_PUNT, kA, kA), PMDB_OK);
+    auto writer = std::make_unique<ChildProcess>([](ChildLink &link) {
+        link.Ready();
+        for (;;) {
+            if (Remove(PMDB_TYPE_PUNT, kA) != 0 || PutPattern(PMDB_TYPE_PUNT, kB, kB) != 0) return 1;
+            if (Remove(PMDB_TYPE_PUNT, kB) != 0 || PutPattern(PMDB_TYPE_PUNT, kA, kA) != 0) return 1;
+        }
+    });
+    ASSERT_TRUE(writer->WaitReady());
+    size_t found[2] = {0, 0}, missing = 0, wrong = 0;
+    const auto end = Clock::now() + 1500ms;
+    for (unsigned i = 0; Clock::now() < end; i++) {
+        const u32 key = i % 2 == 0 ? kA : kB;
+        Copy c;
+        const cerrno rc = ReadBlocks(PMDB_TYPE_PUNT, key, &c);
+        ASSERT_TRUE(rc == PMDB_OK || rc == PMDB_ENOTFOUND) << rc;
+        if (rc == PMDB_ENOTFOUND) missing++;
+        if (rc == PMDB_OK && (!Uniform(c) || c[0] != key)) wrong++;
+        if (rc == PMDB_OK) found[i % 2]++;
+    }
+    EXPECT_EQ(wrong, 0u);
+    EXPECT_GT(found[0], 0u);
+    EXPECT_GT(found[1], 0u);
+    EXPECT_GT(missing, 0u);
+    const auto r = writer->Wait(0ms); /* still running: killed here */
+    EXPECT_FALSE(r.exited) << "the writer failed: " << r.Describe();
+}
+
+}  // namespace
