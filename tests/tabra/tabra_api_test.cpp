@@ -1,0 +1,539 @@
+/*
+ * Table store: opening, adding, finding, removing, walking and copying
+ * entries, limits, hooks, and the consistency check on damaged tables.
+ */
+#include <fcntl.h>
+#include <sys/mman.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <cstring>
+#include <set>
+#include <vector>
+
+#include "host/os_host.h"
+#include "host/pm_fault.h"
+#include "tabra_layout.h"
+#include "tabra_test_util.h"
+
+using namespace tabra_test;
+using pmdb::test::PmdbTest;
+using pmdb::test::RunInChild;
+
+namespace {
+
+class TabraOpen : public PmdbTest {};
+class TabraEntries : public PmdbTest {};
+class TabraReader : public PmdbTest {};
+class TabraHooks : public PmdbTest {};
+class TabraCheck : public PmdbTest {};
+
+std::vector<std::string> ListTables() {
+    std::vector<std::string> names;
+    tabra_list([](void *ctx,
+                  const char *n) { static_cast<std::vector<std::string> *>(ctx)->push_back(n); },
+               &names);
+    std::sort(names.begin(), names.end());
+    return names;
+}
+
+TEST_F(TabraOpen, RefusesBadParameterRecords) {
+    struct bad_case {
+        const char *what;
+        void (*spoil)(tabra_params_t *);
+        u64 reason;
+    } cases[] = {
+        {"version", [](tabra_params_t *p) { p->version = 2; }, 2},
+        {"no name", [](tabra_params_t *p) { p->table_name = nullptr; }, 3},
+        {"empty name", [](tabra_params_t *p) { p->table_name = ""; }, 3},
+        {"long name",
+         [](tabra_params_t *p) {
+             p->table_name = "N234567890123456789012345678901234567890123456789012345678901234";
+         },
+         3},
+        {"entry size 0", [](tabra_params_t *p) { p->entry_size = 0; }, 4},
+        {"entry size too big", [](tabra_params_t *p) { p->entry_size = TABRA_MAX_ENTRY_SIZE + 1; },
+         4},
+        {"no buckets", [](tabra_params_t *p) { p->hash_buckets = 0; }, 5},
+        {"too many buckets", [](tabra_params_t *p) { p->hash_buckets = 65537; }, 5},
+        {"no hash function", [](tabra_params_t *p) { p->hash_fn = nullptr; }, 6},
+    };
+    for (const bad_case &c : cases) {
+        SCOPED_TRACE(c.what);
+        tabra_params_t p = Params("T");
+        c.spoil(&p);
+        MarkTraces();
+        tabra_hdl_t h = nullptr;
+        EXPECT_EQ(tabra_open(&p, &h), TABRA_E_INVAL);
+        EXPECT_EQ(h, nullptr);
+        ExpectTrace(VESK_ERROR, TABRA_TP_OPEN_INVAL, {TABRA_E_INVAL, c.reason, p.entry_size});
+    }
+    EXPECT_EQ(tabra_open(nullptr, nullptr), TABRA_E_INVAL);
+    EXPECT_TRUE(ListTables().empty()) << "a refused open created an object";
+}
+
+TEST_F(TabraOpen, FirstOpenCreatesLaterOpensAttachInAnyProcess) {
+    /* The child creates the table and adds a key; this process has never
+     * opened it, so its open attaches to the child's object. */
+    auto r = RunInChild([] {
+        tabra_hdl_t h = OpenOrDie(Params("SHARED"));
+        i32 slot = -1;
+        auto *e = static_cast<u32 *>(AddOrDie(h, 0x1234, &slot));
+        tabra_make_shm_writable(h, nullptr);
+        void *again = nullptr;
+        tabra_get_entry_by_key(h, 0x1234, &again, &slot);
+        *static_cast<u32 *>(again) = 0xCAFE;
+        return e == again && slot == 0 ? 0 : 1;
+    });
+    ASSERT_TRUE(r.ExitedWith(0)) << r.Describe();
+    EXPECT_EQ(ListTables(), std::vector<std::string>{"SHARED"});
+
+    tabra_params_t p = Params("SHARED");
+    tabra_hdl_t h = OpenOrDie(p);
+    tabra_hdl_t h2 = OpenOrDie(p);
+    EXPECT_EQ(h, h2) << "a second open in one process gives the same handle";
+    void *e = nullptr;
+    i32 slot = -1;
+    ASSERT_EQ(tabra_get_entry_by_key(h, 0x1234, &e, &slot), 0u);
+    EXPECT_EQ(slot, 0);
+    EXPECT_EQ(*static_cast<u32 *>(e), 0xCAFEu);
+    tabra_info_t info{};
+    ASSERT_EQ(tabra_get_info(h, &info), 0u);
+    EXPECT_STREQ(info.name, "SHARED");
+    EXPECT_EQ(info.entry_size, 328u);
+    EXPECT_EQ(info.count, 1u);
+    EXPECT_EQ(info.capacity, TABRA_CAPACITY);
+    EXPECT_GE(info.object_size, 65536ull * 328);
+}
+
+TEST_F(TabraOpen, TablesOfOtherNamespacesAreNotSeen) {
+    OpenOrDie(Params("MINE"));
+    auto r = RunInChild([] {
+        vorn_host_set_namespace((pmdb::test::UniqueNamespace()).c_str());
+        tabra_hdl_t h = nullptr;
+        const cerrno st = tabra_attach("MINE", &h);
+        vorn_host_remove_namespace(nullptr);
+        return st == TABRA_E_NOTFOUND ? 0 : 1;
+    });
+    EXPECT_TRUE(r.ExitedWith(0)) << r.Describe();
+}
+
+TEST_F(TabraOpen, OtherEntrySizeIsAMismatch) {
+    auto r = RunInChild([] { return OpenOrDie(Params("SIZED", 328)) ? 0 : 1; });
+    ASSERT_TRUE(r.ExitedWith(0)) << r.Describe();
+    tabra_params_t p = Params("SIZED", 312);
+    tabra_hdl_t h = nullptr;
+    MarkTraces();
+    EXPECT_EQ(tabra_open(&p, &h), TABRA_E_MISMATCH);
+    ExpectTrace(VESK_ERROR, TABRA_TP_OPEN_MISMATCH, {TABRA_E_MISMATCH, 328, 312});
+    /* The same mismatch against this process's own handle. */
+    p = Params("SIZED", 328);
+    ASSERT_NE(OpenOrDie(p), nullptr);
+    p.entry_size = 80;
+    EXPECT_EQ(tabra_open(&p, &h), TABRA_E_MISMATCH);
+}
+
+TEST_F(TabraOpen, OnlyOCreatCreates) {
+    tabra_params_t p = Params("ABSENT", 80, Low16, 65536, 65536, O_RDWR);
+    tabra_hdl_t h = nullptr;
+    MarkTraces();
+    EXPECT_EQ(tabra_open(&p, &h), TABRA_E_NOTFOUND);
+    EXPECT_EQ(tabra_attach("ABSENT", &h), TABRA_E_NOTFOUND);
+    EXPECT_EQ(CountTraces(VESK_ERROR, TABRA_TP_NO_TABLE), 2u);
+    EXPECT_TRUE(ListTables().empty());
+    p.open_flags = PMDB_TABRA_OPEN_READ; /* O_CREAT alone creates, and may write */
+    h = OpenOrDie(p);
+    ASSERT_NE(h, nullptr);
+    EXPECT_EQ(ListTables(), std::vector<std::string>{"ABSENT"});
+    AddOrDie(h, 5);
+}
+
+TEST_F(TabraOpen, MaxEntriesIsClampedAndZeroKeepsTheValue) {
+    tabra_params_t p = Params("MAX", 80, Low16, 65536, 100000);
+    tabra_hdl_t h = OpenOrDie(p);
+    tabra_info_t info{};
+    tabra_get_info(h, &info);
+    EXPECT_EQ(info.max_entries, 65536u);
+    p.max_entries = 7;
+    ASSERT_EQ(tabra_make_shm_writable(h, &p), 0u);
+    tabra_get_info(h, &info);
+    EXPECT_EQ(info.max_entries, 7u);
+    p.max_entries = 0;
+    ASSERT_EQ(tabra_make_shm_readonly_protected(h, &p), 0u);
+    tabra_get_info(h, &info);
+    EXPECT_EQ(info.max_entries, 7u);
+}
+
+TEST_F(TabraEntries, AddGivesSlotAndZeroedEntryThenExists) {
+    tabra_hdl_t h = OpenOrDie(Params("E"));
+    void *e1 = nullptr;
+    i32 s1 = -1;
+    ASSERT_EQ(tabra_add_entry(h, 0x10001, &e1, &s1), 0u);
+    EXPECT_EQ(s1, 0);
+    const std::vector<u8> zero(328, 0);
+    EXPECT_EQ(memcmp(e1, zero.data(), 328), 0);
+    memset(e1, 0x5A, 328);
+
+    void *e2 = nullptr;
+    i32 s2 = -1;
+    MarkTraces();
+    EXPECT_EQ(tabra_add_entry(h, 0x10001, &e2, &s2), TABRA_E_EXISTS);
+    EXPECT_EQ(e2, e1);
+    EXPECT_EQ(s2, s1);
+    EXPECT_EQ(static_cast<u8 *>(e2)[327], 0x5A) << "an existing entry is not zeroed again";
+    EXPECT_TRUE(Traces(VESK_ERROR).empty()) << "already-exists is not a failure";
+
+    void *e3 = nullptr;
+    i32 s3 = -1;
+    ASSERT_EQ(tabra_add_entry(h, 0x20001, &e3, &s3), 0u); /* same bucket */
+    EXPECT_EQ(s3, 1);
+    EXPECT_EQ(static_cast<u8 *>(e3) - static_cast<u8 *>(e1), 328);
+    EXPECT_EQ(tabra_count(h), 2u);
+    EXPECT_EQ(CheckReport(h), "");
+}
+
+TEST_F(TabraEntries, MissingKeysAreNotFoundAndTraced) {
+    tabra_hdl_t h = OpenOrDie(Params("M"));
+    AddOrDie(h, 0x10007);
+    void *e = nullptr;
+    i32 slot = -1;
+    MarkTraces();
+    EXPECT_EQ(tabra_get_entry_by_key(h, 0x20007, &e, &slot), TABRA_E_NOTFOUND);
+    ExpectTrace(VESK_ERROR, TABRA_TP_GET_NOTFOUND, {TABRA_E_NOTFOUND, 0x20007, 0});
+    EXPECT_EQ(tabra_get_entry_by_key(h, 8, &e, &slot), TABRA_E_NOTFOUND);
+    u8 buf[328];
+    EXPECT_EQ(tabra_copy_entry_by_key(h, 8, buf, sizeof buf, &slot), TABRA_E_NOTFOUND);
+    EXPECT_EQ(tabra_remove_entry(h, TABRA_REMOVE_BY_KEY, 0x30007), TABRA_E_NOTFOUND);
+    ExpectTrace(VESK_ERROR, TABRA_TP_RM_NOTFOUND, {TABRA_E_NOTFOUND, 0x30007, 0});
+    EXPECT_EQ(tabra_count(h), 1u);
+    ASSERT_EQ(tabra_remove_entry(h, TABRA_REMOVE_BY_KEY, 0x10007), 0u);
+    EXPECT_EQ(tabra_get_entry_by_key(h, 0x10007, &e, &slot), TABRA_E_NOTFOUND);
+    EXPECT_EQ(tabra_remove_entry(h, TABRA_REMOVE_BY_KEY, 0x10007), TABRA_E_NOTFOUND);
+}
+
+TEST_F(TabraEntries, BadArgumentsAreRefused) {
+    tabra_hdl_t h = OpenOrDie(Params("B", 80, Mod7, 7));
+    void *e = nullptr;
+    i32 slot = -1;
+    EXPECT_EQ(tabra_add_entry(nullptr, 1, &e, &slot), TABRA_E_INVAL);
+    EXPECT_EQ(tabra_add_entry(h, 1, nullptr, &slot), TABRA_E_INVAL);
+    EXPECT_EQ(tabra_get_entry_by_key(h, 1, &e, nullptr), TABRA_E_INVAL);
+    MarkTraces();
+    EXPECT_EQ(tabra_remove_entry(h, 0, 1), TABRA_E_INVAL);
+    ExpectTrace(VESK_ERROR, TABRA_TP_RM_INVAL, {TABRA_E_INVAL, 1, 0});
+    u8 buf[81];
+    EXPECT_EQ(tabra_copy_entry_by_key(h, 1, buf, 81, &slot), TABRA_E_INVAL)
+        << "longer than an entry";
+    EXPECT_EQ(tabra_walk(h, nullptr, nullptr), TABRA_E_INVAL);
+    EXPECT_EQ(tabra_count(nullptr), 0u);
+}
+
+u32 OutOfRange(u32 key) {
+    return key == 99 ? 7 : key % 7;
+}
+
+TEST_F(TabraEntries, HashValueBeyondTheBucketsIsRefused) {
+    tabra_hdl_t h = OpenOrDie(Params("H", 80, OutOfRange, 7));
+    void *e = nullptr;
+    i32 slot = -1;
+    MarkTraces();
+    EXPECT_EQ(tabra_add_entry(h, 99, &e, &slot), TABRA_E_INVAL);
+    ExpectTrace(VESK_ERROR, TABRA_TP_ADD_INVAL, {TABRA_E_INVAL, 99, 7});
+    EXPECT_EQ(tabra_get_entry_by_key(h, 99, &e, &slot), TABRA_E_INVAL);
+    EXPECT_EQ(tabra_count(h), 0u);
+    EXPECT_EQ(CheckReport(h), "");
+}
+
+TEST_F(TabraEntries, FreedSlotsAreReusedLowestFirstAndZeroed) {
+    tabra_hdl_t h = OpenOrDie(Params("R", 80, Mod7, 7));
+    tabra_make_shm_writable(h, nullptr);
+    for (u32 k = 1; k <= 6; k++) memset(AddOrDie(h, k * 100), 0xEE, 80);
+    ASSERT_EQ(tabra_remove_entry(h, TABRA_REMOVE_BY_KEY, 400), 0u); /* slot 3 */
+    ASSERT_EQ(tabra_remove_entry(h, TABRA_REMOVE_BY_KEY, 200), 0u); /* slot 1 */
+    i32 slot = -1;
+    auto *e = static_cast<u8 *>(AddOrDie(h, 7000, &slot));
+    EXPECT_EQ(slot, 1);
+    EXPECT_TRUE(std::all_of(e, e + 80, [](u8 b) { return b == 0; })) << "reused slot not zeroed";
+    AddOrDie(h, 8000, &slot);
+    EXPECT_EQ(slot, 3);
+    AddOrDie(h, 9000, &slot);
+    EXPECT_EQ(slot, 6);
+    const std::map<u32, i32> want{{100, 0}, {7000, 1}, {300, 2}, {8000, 3},
+                                  {500, 4}, {600, 5},  {9000, 6}};
+    EXPECT_EQ(Contents(h), want);
+    EXPECT_EQ(CheckReport(h), "");
+}
+
+TEST_F(TabraEntries, FullAtMaxEntriesFromTheFreshestRecord) {
+    tabra_params_t p = Params("F", 80, Low16, 65536, 3);
+    tabra_hdl_t h = OpenOrDie(p);
+    for (u32 k = 1; k <= 3; k++) AddOrDie(h, k);
+    void *e = nullptr;
+    i32 slot = -1;
+    MarkTraces();
+    EXPECT_EQ(tabra_add_entry(h, 4, &e, &slot), TABRA_E_FULL);
+    ExpectTrace(VESK_ERROR, TABRA_TP_ADD_FULL, {TABRA_E_FULL, 4, 3});
+    EXPECT_EQ(tabra_add_entry(h, 3, &e, &slot), TABRA_E_EXISTS) << "a present key is still found";
+    /* Another process's protection call raises the bound for everyone. */
+    auto r = RunInChild([] {
+        tabra_params_t q = Params("F", 80, Low16, 65536, 4);
+        tabra_hdl_t h2 = nullptr;
+        if (tabra_attach("F", &h2) != 0) return 1;
+        return tabra_make_shm_readonly_protected(h2, &q) == 0 ? 0 : 2;
+    });
+    ASSERT_TRUE(r.ExitedWith(0)) << r.Describe();
+    EXPECT_EQ(tabra_add_entry(h, 4, &e, &slot), 0u);
+    EXPECT_EQ(tabra_add_entry(h, 5, &e, &slot), TABRA_E_FULL);
+    ASSERT_EQ(tabra_remove_entry(h, TABRA_REMOVE_BY_KEY, 2), 0u);
+    EXPECT_EQ(tabra_add_entry(h, 5, &e, &slot), 0u);
+    EXPECT_EQ(slot, 1);
+    /* Lowering the bound below the count refuses adds but keeps entries. */
+    p.max_entries = 2;
+    tabra_make_shm_writable(h, &p);
+    EXPECT_EQ(tabra_add_entry(h, 6, &e, &slot), TABRA_E_FULL);
+    EXPECT_EQ(tabra_count(h), 4u);
+    EXPECT_EQ(CheckReport(h), "");
+}
+
+TEST_F(TabraEntries, AllSixtyFiveThousandSlotsAndNoMore) {
+    tabra_hdl_t h = OpenOrDie(Params("ALL", 8));
+    std::vector<bool> seen(TABRA_CAPACITY, false);
+    for (u32 k = 0; k < TABRA_CAPACITY; k++) {
+        void *e = nullptr;
+        i32 slot = -1;
+        ASSERT_EQ(tabra_add_entry(h, k * 3 + 1, &e, &slot), 0u) << k;
+        ASSERT_TRUE(slot >= 0 && slot < 65536 && !seen[slot]) << slot;
+        seen[slot] = true;
+    }
+    void *e = nullptr;
+    i32 slot = -1;
+    EXPECT_EQ(tabra_add_entry(h, 2, &e, &slot), TABRA_E_FULL);
+    EXPECT_EQ(tabra_count(h), TABRA_CAPACITY);
+    EXPECT_EQ(CheckReport(h), "");
+    for (u32 k = 0; k < TABRA_CAPACITY; k += 2)
+        ASSERT_EQ(tabra_remove_entry(h, TABRA_REMOVE_BY_KEY, k * 3 + 1), 0u);
+    EXPECT_EQ(tabra_count(h), TABRA_CAPACITY / 2);
+    EXPECT_EQ(CheckReport(h), "");
+    EXPECT_EQ(tabra_add_entry(h, 2, &e, &slot), 0u);
+    EXPECT_EQ(slot, 0);
+}
+
+TEST_F(TabraEntries, LongChainsKeepEveryKeyReachable) {
+    tabra_hdl_t h = OpenOrDie(Params("CH", 16, Mod7, 7));
+    std::set<u32> present;
+    for (u32 k = 1; k <= 700; k++) {
+        AddOrDie(h, k);
+        present.insert(k);
+    }
+    /* Remove heads, middles and tails of the seven chains. */
+    for (u32 k = 1; k <= 700; k += (k % 3) + 1) {
+        ASSERT_EQ(tabra_remove_entry(h, TABRA_REMOVE_BY_KEY, k), 0u);
+        present.erase(k);
+    }
+    for (u32 k = 1; k <= 700; k++) {
+        void *e = nullptr;
+        i32 slot = -1;
+        const cerrno st = tabra_get_entry_by_key(h, k, &e, &slot);
+        EXPECT_EQ(st, present.count(k) ? 0u : TABRA_E_NOTFOUND) << k;
+    }
+    std::set<u32> walked;
+    for (const auto &[k, s] : Contents(h)) walked.insert(k);
+    EXPECT_EQ(walked, present);
+    EXPECT_EQ(CheckReport(h), "");
+}
+
+struct WalkLog {
+    std::vector<std::pair<u32, i32>> seen;
+    int stop_after = 0;
+};
+
+TEST_F(TabraReader, WalkVisitsOccupiedSlotsInOrderAndStops) {
+    tabra_hdl_t h = OpenOrDie(Params("W", 16));
+    tabra_make_shm_writable(h, nullptr);
+    for (u32 k = 1; k <= 200; k++) *static_cast<u32 *>(AddOrDie(h, k * 7)) = k;
+    for (u32 k = 1; k <= 200; k += 3) tabra_remove_entry(h, TABRA_REMOVE_BY_KEY, k * 7);
+    WalkLog log;
+    auto fn = [](void *ctx, u32 key, i32 slot, const void *entry) {
+        auto *l = static_cast<WalkLog *>(ctx);
+        if (*static_cast<const u32 *>(entry) * 7 != key) ADD_FAILURE() << "entry of another key";
+        l->seen.emplace_back(key, slot);
+        return l->stop_after != 0 && static_cast<int>(l->seen.size()) == l->stop_after ? 42 : 0;
+    };
+    ASSERT_EQ(tabra_walk(h, fn, &log), 0u);
+    ASSERT_EQ(log.seen.size(), tabra_count(h));
+    for (size_t i = 1; i < log.seen.size(); i++)
+        EXPECT_LT(log.seen[i - 1].second, log.seen[i].second);
+    for (const auto &[key, slot] : log.seen)
+        EXPECT_NE((key / 7 - 1) % 3, 0u) << "removed key walked";
+    WalkLog partial;
+    partial.stop_after = 10;
+    EXPECT_EQ(tabra_walk(h, fn, &partial), 42u);
+    EXPECT_EQ(partial.seen.size(), 10u);
+}
+
+/* Fills table `name` in a child, so that this process (and so every later
+ * child) has never opened it: their handles come from attaching by name. */
+void FillInChild(const char *name, dpa_pmdb_hash_fn_t fn, u32 n, u32 (*key_of)(u32)) {
+    auto r = RunInChild([&] {
+        tabra_hdl_t h = OpenOrDie(Params(name, 328, fn));
+        tabra_make_shm_writable(h, nullptr);
+        for (u32 k = 1; k <= n; k++) memset(AddOrDie(h, key_of(k)), static_cast<int>(k), 328);
+        return tabra_count(h) == n ? 0 : 1;
+    });
+    ASSERT_TRUE(r.ExitedWith(0)) << r.Describe();
+}
+
+TEST_F(TabraReader, CopiesAndWalksFromAnotherProcess) {
+    FillInChild("RD", Low16, 50, [](u32 k) { return 0x10000 + k; });
+    auto r = RunInChild([] {
+        /* The low-16 hash of the table is key % buckets, so a handle without
+         * a hash function looks keys up in their bucket. */
+        tabra_hdl_t rd = nullptr;
+        if (tabra_attach("RD", &rd) != 0) return 1;
+        u8 buf[328];
+        i32 slot = -1;
+        for (u32 k = 1; k <= 50; k++) {
+            if (tabra_copy_entry_by_key(rd, 0x10000 + k, buf, sizeof buf, &slot) != 0) return 2;
+            if (slot != static_cast<i32>(k - 1) || buf[0] != k || buf[327] != k) return 3;
+        }
+        if (tabra_copy_entry_by_key(rd, 0x20001, buf, 4, &slot) != TABRA_E_NOTFOUND) return 4;
+        void *e = nullptr;
+        if (tabra_add_entry(rd, 5, &e, &slot) != TABRA_E_INVAL) return 5;
+        if (tabra_get_entry_by_key(rd, 0x10005, &e, &slot) != 0 || slot != 4) return 6;
+        return Contents(rd).size() == 50 && tabra_count(rd) == 50 ? 0 : 7;
+    });
+    EXPECT_TRUE(r.ExitedWith(0)) << r.Describe();
+}
+
+TEST_F(TabraReader, AttachWithoutHashFindsKeysOfAnyHash) {
+    FillInChild("HI", High16, 300, [](u32 k) { return k * 0x10001; });
+    auto r = RunInChild([] {
+        tabra_hdl_t rd = nullptr;
+        if (tabra_attach("HI", &rd) != 0) return 1;
+        u8 v = 0;
+        i32 slot = -1;
+        for (u32 k = 1; k <= 300; k++) {
+            if (tabra_copy_entry_by_key(rd, k * 0x10001, &v, 1, &slot) != 0) return 2;
+            if (v != static_cast<u8>(k)) return 3;
+        }
+        if (tabra_copy_entry_by_key(rd, 0x10002, &v, 1, &slot) != TABRA_E_NOTFOUND) return 4;
+        tabra_hdl_t hashed = nullptr;
+        if (tabra_attach_hashed("HI", High16, &hashed) != 0 || hashed != rd) return 5;
+        return tabra_copy_entry_by_key(rd, 7 * 0x10001, &v, 1, &slot) == 0 && v == 7 ? 0 : 6;
+    });
+    EXPECT_TRUE(r.ExitedWith(0)) << r.Describe();
+}
+
+TEST_F(TabraHooks, InjectedFailuresAndCallLog) {
+    tabra_params_t p = Params("LOG", 80, Low16, 65536, 1000, PMDB_TABRA_OPEN_WRITE);
+    pm_calllog_clear();
+    pm_calllog_enable(1);
+    pm_fault_set("tabra_open", 0xA6F01404, 1);
+    tabra_hdl_t h = nullptr;
+    EXPECT_EQ(tabra_open(&p, &h), 0xA6F01404u);
+    EXPECT_EQ(h, nullptr);
+    EXPECT_TRUE(ListTables().empty()) << "an injected failure did the work anyway";
+    h = OpenOrDie(p);
+    p.open_flags = PMDB_TABRA_OPEN_READ;
+    p.max_entries = 900;
+    ASSERT_EQ(tabra_make_shm_readonly_protected(h, &p), 0u);
+    pm_fault_set("tabra_make_shm_writable", 77, 1);
+    EXPECT_EQ(tabra_make_shm_writable(h, &p), 77u);
+    pm_fault_set("tabra_add_entry", 0xA6F01402, 1);
+    void *e = nullptr;
+    i32 slot = -1;
+    EXPECT_EQ(tabra_add_entry(h, 9, &e, &slot), 0xA6F01402u);
+    EXPECT_EQ(tabra_add_entry(h, 9, &e, &slot), 0u);
+    pm_calllog_enable(0);
+
+    std::vector<pm_call_rec_t> all(256);
+    all.resize(std::min<size_t>(pm_calllog_get(all.data(), all.size()), all.size()));
+    std::vector<pm_call_rec_t> log; /* the table store's own calls */
+    std::vector<std::string> names;
+    for (const auto &rec : all) {
+        if (strncmp(rec.call, "tabra_", 6) != 0) continue;
+        log.push_back(rec);
+        names.emplace_back(rec.call);
+    }
+    const std::vector<std::string> want{"tabra_open",
+                                        "tabra_open",
+                                        "tabra_make_shm_readonly_protected",
+                                        "tabra_make_shm_writable",
+                                        "tabra_add_entry",
+                                        "tabra_add_entry"};
+    ASSERT_EQ(names, want);
+    EXPECT_EQ(log[1].args[0], 66u) << "open flags";
+    EXPECT_EQ(log[1].args[1], 1000u) << "max_entries";
+    EXPECT_EQ(log[1].args[2], 80u) << "entry size";
+    EXPECT_EQ(log[2].args[0], 64u);
+    EXPECT_EQ(log[2].args[1], 900u);
+    EXPECT_EQ(log[4].args[0], 9u) << "key";
+    tabra_info_t info{};
+    tabra_get_info(h, &info);
+    EXPECT_EQ(info.max_entries, 900u);
+}
+
+/* ---- the check on damaged tables ---------------------------------------- */
+
+/* Maps the table's object directly, to damage it as a faulty writer would. */
+u8 *MapObject(const char *table) {
+    char object[128];
+    vorn_host_shm_name((std::string(TABRA_SHM_PREFIX) + table).c_str(), object, sizeof object);
+    const int fd = shm_open(object, O_RDWR, 0);
+    if (fd < 0) return nullptr;
+    void *m = mmap(nullptr, TABRA_OFF_ENTRIES, PROT_READ | PROT_WRITE, MAP_SHARED, fd, 0);
+    close(fd);
+    return m == MAP_FAILED ? nullptr : static_cast<u8 *>(m);
+}
+
+struct Damage {
+    const char *what;
+    void (*apply)(u8 *obj);
+    const char *report_part;
+};
+
+tabra_slot_meta_t *Slot(u8 *obj, u32 s) {
+    return reinterpret_cast<tabra_slot_meta_t *>(obj + TABRA_OFF_SLOTS) + s;
+}
+u64 *Bucket(u8 *obj, u32 b) {
+    return reinterpret_cast<u64 *>(obj + TABRA_OFF_BUCKETS) + b;
+}
+tabra_shm_hdr_t *Header(u8 *obj) {
+    return reinterpret_cast<tabra_shm_hdr_t *>(obj);
+}
+
+TEST_F(TabraCheck, FindsEachKindOfDamage) {
+    /* Keys 1..10 in a Mod7 table: slot k-1 holds key k; bucket 1 chains
+     * 8 -> 1 (slots 7 -> 0). */
+    const Damage cases[] = {
+        {"bitmap bit lost",
+         [](u8 *o) { reinterpret_cast<u64 *>(o + TABRA_OFF_BITMAP)[0] &= ~u64{4}; }, "bitmap"},
+        {"count off", [](u8 *o) { Header(o)->count += 1; }, "count"},
+        {"chain cut: slot leaked", [](u8 *o) { Slot(o, 7)->next = 0; }, "slot 0"},
+        {"slot on two chains",
+         [](u8 *o) { *Bucket(o, 2) = (*Bucket(o, 2) & ~u64{0xFFFFFFFF}) | 1u; }, "twice"},
+        {"key in the wrong bucket", [](u8 *o) { Slot(o, 0)->key = 3; }, "hashes"},
+        {"linked slot marked free", [](u8 *o) { Slot(o, 4)->state = TABRA_SLOT_FREE; }, "state"},
+        {"duplicate key", [](u8 *o) { Slot(o, 0)->key = 8; }, "present"},
+        {"operation left in flight", [](u8 *o) { Header(o)->intent.op = 7; }, "in flight"},
+    };
+    int n = 0;
+    for (const Damage &d : cases) {
+        SCOPED_TRACE(d.what);
+        const std::string name = "D" + std::to_string(n++);
+        tabra_hdl_t h = OpenOrDie(Params(name.c_str(), 16, Mod7, 7));
+        for (u32 k = 1; k <= 10; k++) AddOrDie(h, k);
+        ASSERT_EQ(CheckReport(h), "");
+        u8 *obj = MapObject(name.c_str());
+        ASSERT_NE(obj, nullptr);
+        d.apply(obj);
+        MarkTraces();
+        char report[256] = "";
+        EXPECT_EQ(tabra_check(h, report, sizeof report), TABRA_E_CORRUPT);
+        EXPECT_NE(std::string(report).find(d.report_part), std::string::npos) << report;
+        EXPECT_EQ(CountTraces(VESK_ERROR, TABRA_TP_CHECK), 1u);
+        munmap(obj, TABRA_OFF_ENTRIES);
+    }
+}
+
+}  // namespace

@@ -1,0 +1,242 @@
+/*
+ * Table store: many processes and threads adding, finding and removing at
+ * once.  Every case ends with the consistency check and the exact set of
+ * keys that must be present.
+ */
+#include <pthread.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <atomic>
+#include <chrono>
+#include <cstring>
+#include <set>
+#include <thread>
+#include <vector>
+
+#include "tabra_test_util.h"
+
+using namespace tabra_test;
+using pmdb::test::PmdbTest;
+
+namespace {
+
+class TabraConcurrency : public PmdbTest {};
+
+constexpr int kProcs = 4;
+constexpr u32 kRounds = 12;
+constexpr u32 kBatch = 400; /* keys per round */
+
+/* Round r adds keys of batch r and removes the even keys of batch r - 1.
+ * Process p adds the keys of the batch with (i % 4) in {p, p + 1} and removes
+ * those with (i % 4) in {p, p + 2}: each key is added by two processes at
+ * once and removed by two at once, while other keys come and go. */
+u32 KeyOf(u32 round, u32 i) {
+    return (round + 1) * 0x10000 + i * 13 % 0xFFF0;
+}
+
+struct RoundLog {
+    pthread_barrier_t barrier;
+    std::atomic<u32> add_ok[kRounds][kBatch];
+    std::atomic<u32> add_exists[kRounds][kBatch];
+    std::atomic<u32> remove_ok[kRounds][kBatch];
+    std::atomic<u32> remove_notfound[kRounds][kBatch];
+    std::atomic<u32> other_status;
+};
+
+bool Adds(int p, u32 i) {
+    return i % 4 == static_cast<u32>(p) || i % 4 == (p + 1u) % 4;
+}
+bool Removes(int p, u32 i) {
+    return i % 2 == 0 && (i % 4 == static_cast<u32>(p) || i % 4 == (p + 2u) % 4);
+}
+
+void RunRounds(int p, tabra_hdl_t h, RoundLog *log) {
+    for (u32 r = 0; r <= kRounds; r++) {
+        for (u32 i = 0; i < kBatch; i++) {
+            if (r < kRounds && Adds(p, i)) {
+                void *e = nullptr;
+                i32 slot = -1;
+                const cerrno st = tabra_add_entry(h, KeyOf(r, i), &e, &slot);
+                if (st == 0)
+                    log->add_ok[r][i]++;
+                else if (st == TABRA_E_EXISTS)
+                    log->add_exists[r][i]++;
+                else
+                    log->other_status++;
+            }
+            if (r > 0 && Removes(p, i)) {
+                const cerrno st = tabra_remove_entry(h, TABRA_REMOVE_BY_KEY, KeyOf(r - 1, i));
+                if (st == 0)
+                    log->remove_ok[r - 1][i]++;
+                else if (st == TABRA_E_NOTFOUND)
+                    log->remove_notfound[r - 1][i]++;
+                else
+                    log->other_status++;
+            }
+        }
+        pthread_barrier_wait(&log->barrier);
+    }
+}
+
+TEST_F(TabraConcurrency, FourProcessesOverlappingKeysEndWithTheExactSet) {
+    Shared<RoundLog> log;
+    pthread_barrierattr_t a;
+    pthread_barrierattr_init(&a);
+    pthread_barrierattr_setpshared(&a, PTHREAD_PROCESS_SHARED);
+    pthread_barrier_init(&log->barrier, &a, kProcs);
+    /* A collision-heavy hash: every round's keys share 16 buckets. */
+    tabra_params_t params = Params(
+        "CONC", 80, [](u32 k) { return k % 16; }, 16);
+    tabra_hdl_t h = OpenOrDie(params);
+    ASSERT_NE(h, nullptr);
+    std::vector<pid_t> kids;
+    for (int p = 0; p < kProcs; p++) {
+        const pid_t pid = fork();
+        if (pid == 0) {
+            RunRounds(p, h, log.operator->());
+            _exit(0);
+        }
+        kids.push_back(pid);
+    }
+    for (pid_t pid : kids) {
+        int status = 0;
+        ASSERT_EQ(waitpid(pid, &status, 0), pid);
+        EXPECT_TRUE(WIFEXITED(status) && WEXITSTATUS(status) == 0) << status;
+    }
+    EXPECT_EQ(log->other_status.load(), 0u);
+    std::set<u32> want;
+    for (u32 r = 0; r < kRounds; r++) {
+        for (u32 i = 0; i < kBatch; i++) {
+            /* Two adders: exactly one created the entry. */
+            EXPECT_EQ(log->add_ok[r][i].load(), 1u) << r << "/" << i;
+            EXPECT_EQ(log->add_exists[r][i].load(), 1u) << r << "/" << i;
+            if (i % 2 == 0) {
+                EXPECT_EQ(log->remove_ok[r][i].load(), 1u) << r << "/" << i;
+                EXPECT_EQ(log->remove_notfound[r][i].load(), 1u) << r << "/" << i;
+            } else {
+                want.insert(KeyOf(r, i));
+            }
+        }
+    }
+    std::set<u32> got;
+    for (const auto &[k, s] : Contents(h)) got.insert(k);
+    EXPECT_EQ(got, want);
+    EXPECT_EQ(tabra_count(h), want.size());
+    EXPECT_EQ(CheckReport(h), "");
+}
+
+/* Readers in other processes look up keys that stay in the table while
+ * writers add and remove other keys of the same buckets, reusing slots all
+ * the time: a stable key must never go missing, and a copy must never show
+ * another key's entry. */
+struct ChurnLog {
+    std::atomic<int> stop;
+    std::atomic<u64> lookups;
+    std::atomic<u64> misses;
+    std::atomic<u64> wrong;
+    std::atomic<u64> churn;
+};
+
+/* Churn key i of writer w: even i in bucket 1 (with the stable keys), odd i
+ * in bucket 2.  Step n adds key n and removes key n - 32 (same parity), and
+ * step n + 1 adds in the other bucket, taking the slot just freed: a reader
+ * standing on that slot is led into the wrong chain unless it notices. */
+u32 ChurnKey(int w, u32 i) {
+    return 0x1000000u * static_cast<u32>(w + 1) + i * 8 + 1 + i % 2;
+}
+
+void Churn(tabra_hdl_t h, tabra_params_t params, int w, ChurnLog *log) {
+    tabra_make_shm_writable(h, &params);
+    for (u32 n = 0; log->stop.load() == 0; n++) {
+        void *e = nullptr;
+        i32 slot = -1;
+        const u32 key = ChurnKey(w, n % 64);
+        if (tabra_add_entry(h, key, &e, &slot) == 0) *static_cast<u32 *>(e) = key;
+        tabra_remove_entry(h, TABRA_REMOVE_BY_KEY, ChurnKey(w, (n + 32) % 64));
+        log->churn++;
+    }
+}
+
+void Look(tabra_hdl_t h, ChurnLog *log) {
+    u32 n = 0;
+    while (log->stop.load() == 0) {
+        const u32 key = (n++ % 64) * 8 + 1; /* the stable keys */
+        u32 v[20];
+        i32 slot = -1;
+        const cerrno st = tabra_copy_entry_by_key(h, key, v, sizeof v, &slot);
+        if (st != 0)
+            log->misses++;
+        else if (v[0] != key)
+            log->wrong++;
+        log->lookups++;
+    }
+}
+
+TEST_F(TabraConcurrency, LookupsNeverMissAStableKeyWhileItsBucketsChurn) {
+    Shared<ChurnLog> log;
+    tabra_params_t params = Params(
+        "CHURN", 80, [](u32 k) { return k % 8; }, 8);
+    tabra_hdl_t h = OpenOrDie(params);
+    tabra_make_shm_writable(h, &params);
+    for (u32 i = 0; i < 64; i++) *static_cast<u32 *>(AddOrDie(h, i * 8 + 1)) = i * 8 + 1;
+    std::vector<pid_t> kids;
+    for (int k = 0; k < 4; k++) {
+        const pid_t pid = fork();
+        if (pid == 0) {
+            if (k < 2)
+                Churn(h, params, k, log.operator->());
+            else
+                Look(h, log.operator->());
+            _exit(0);
+        }
+        kids.push_back(pid);
+    }
+    const auto until = std::chrono::steady_clock::now() + std::chrono::milliseconds(1500);
+    while (std::chrono::steady_clock::now() < until &&
+           (log->lookups.load() < 3000000 || log->churn.load() < 1000000))
+        std::this_thread::sleep_for(std::chrono::milliseconds(10));
+    log->stop = 1;
+    for (pid_t pid : kids) waitpid(pid, nullptr, 0);
+    EXPECT_GT(log->lookups.load(), 1000u);
+    EXPECT_GT(log->churn.load(), 1000u);
+    EXPECT_EQ(log->misses.load(), 0u);
+    EXPECT_EQ(log->wrong.load(), 0u);
+    EXPECT_EQ(CheckReport(h), "");
+    for (u32 i = 0; i < 64; i++) {
+        void *e = nullptr;
+        i32 slot = -1;
+        EXPECT_EQ(tabra_get_entry_by_key(h, i * 8 + 1, &e, &slot), 0u);
+    }
+}
+
+TEST_F(TabraConcurrency, ThreadsOfOneProcessAddFindAndRemove) {
+    tabra_hdl_t h = OpenOrDie(Params(
+        "THR", 16, [](u32 k) { return k % 32; }, 32));
+    std::atomic<u32> errors{0};
+    std::vector<std::thread> threads;
+    for (u32 t = 0; t < 4; t++) {
+        threads.emplace_back([&, t] {
+            for (u32 round = 0; round < 20; round++) {
+                for (u32 i = 0; i < 200; i++) {
+                    void *e = nullptr;
+                    i32 slot = -1;
+                    const u32 key = t * 100000 + i + 1;
+                    if (tabra_add_entry(h, key, &e, &slot) != 0) errors++;
+                    if (tabra_get_entry_by_key(h, key, &e, &slot) != 0) errors++;
+                }
+                for (u32 i = 0; i < 200; i++) {
+                    if (round == 19 && i % 2 == 1) continue;
+                    if (tabra_remove_entry(h, TABRA_REMOVE_BY_KEY, t * 100000 + i + 1) != 0)
+                        errors++;
+                }
+            }
+        });
+    }
+    for (auto &t : threads) t.join();
+    EXPECT_EQ(errors.load(), 0u);
+    EXPECT_EQ(tabra_count(h), 400u);
+    EXPECT_EQ(CheckReport(h), "");
+}
+
+}  // namespace

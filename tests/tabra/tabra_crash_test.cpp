@@ -1,0 +1,343 @@
+/*
+ * Table store: writers killed with SIGKILL inside adds, removes and repairs.
+ *
+ * Deterministic series: a child sets TABRA_CRASH_AT=<op>:<k> and runs one
+ * operation, for k = 1, 2, ... until the operation completes; the child must
+ * die at every point the operation has.  After each death the table must pass
+ * the check and hold exactly the state before or after the operation, the
+ * other entries untouched.  Random series: writers are killed at random
+ * moments, and every add and remove that returned must be reflected.
+ */
+#include <signal.h>
+#include <stdlib.h>
+#include <sys/wait.h>
+#include <time.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <atomic>
+#include <chrono>
+#include <cstring>
+#include <random>
+#include <set>
+#include <string>
+#include <thread>
+#include <vector>
+
+#include "tabra_test_util.h"
+
+using namespace tabra_test;
+using pmdb::test::PmdbTest;
+using pmdb::test::RunInChild;
+
+namespace {
+
+class TabraCrash : public PmdbTest {};
+
+enum class Op { kAdd, kRemove };
+
+/* A table state to start from and one operation on it. */
+struct Scenario {
+    std::vector<u32> adds;    /* made in this order (slots 0, 1, ...) */
+    std::vector<u32> removes; /* then removed */
+    Op op;
+    u32 key;
+};
+
+const char *OpName(Op op) {
+    return op == Op::kAdd ? "add" : "remove";
+}
+int OpPoints(Op op) {
+    return op == Op::kAdd ? TABRA_CRASH_ADD_POINTS : TABRA_CRASH_REMOVE_POINTS;
+}
+
+/* A writer dies in the middle of the operation at crash point `point` of
+ * `what` ("add", "remove" or "repair"). */
+pmdb::test::ChildResult RunOpDyingAt(tabra_hdl_t h, const Scenario &sc, const char *what,
+                                     int point) {
+    return RunInChild([&] {
+        const std::string at = std::string(what) + ":" + std::to_string(point);
+        setenv(TABRA_CRASH_ENV, at.c_str(), 1);
+        void *e = nullptr;
+        i32 slot = -1;
+        const cerrno st = sc.op == Op::kAdd ? tabra_add_entry(h, sc.key, &e, &slot)
+                                            : tabra_remove_entry(h, TABRA_REMOVE_BY_KEY, sc.key);
+        return st == 0 ? 0 : 3;
+    });
+}
+
+/* Sets up a fresh table for one run; returns its handle and the state
+ * before and after the operation. */
+struct Prepared {
+    tabra_hdl_t h = nullptr;
+    std::map<u32, i32> before;
+    std::set<u32> after_keys;
+};
+
+Prepared Prepare(const std::string &name, const Scenario &sc) {
+    Prepared p;
+    p.h = OpenOrDie(Params(name.c_str(), 80, Mod7, 7));
+    tabra_make_shm_writable(p.h, nullptr);
+    for (u32 k : sc.adds) memset(AddOrDie(p.h, k), static_cast<int>(k & 0xFF), 80);
+    for (u32 k : sc.removes) EXPECT_EQ(tabra_remove_entry(p.h, TABRA_REMOVE_BY_KEY, k), 0u);
+    p.before = Contents(p.h);
+    for (const auto &[k, s] : p.before) p.after_keys.insert(k);
+    if (sc.op == Op::kAdd)
+        p.after_keys.insert(sc.key);
+    else
+        p.after_keys.erase(sc.key);
+    return p;
+}
+
+/* After a death: the check passes (repairing on the way), the table is the
+ * state before or after the operation, and entries other than the one
+ * operated on kept their slot and bytes.  Returns true for "after". */
+bool ExpectBeforeOrAfter(const Prepared &p, const Scenario &sc) {
+    EXPECT_EQ(CheckReport(p.h), "");
+    const std::map<u32, i32> now = Contents(p.h);
+    std::set<u32> keys;
+    for (const auto &[k, s] : now) keys.insert(k);
+    std::set<u32> before_keys;
+    for (const auto &[k, s] : p.before) before_keys.insert(k);
+    const bool after = keys == p.after_keys;
+    EXPECT_TRUE(after || keys == before_keys) << "neither before nor after";
+    for (const auto &[k, s] : p.before) {
+        if (k == sc.key || now.count(k) == 0) continue;
+        EXPECT_EQ(now.at(k), s) << "key " << k << " moved";
+        u8 b[80];
+        i32 slot = -1;
+        EXPECT_EQ(tabra_copy_entry_by_key(p.h, k, b, sizeof b, &slot), 0u);
+        EXPECT_EQ(b[79], static_cast<u8>(k & 0xFF)) << "key " << k << " entry changed";
+    }
+    EXPECT_EQ(tabra_count(p.h), now.size());
+    if (after && sc.op == Op::kAdd) {
+        u8 b[80];
+        i32 slot = -1;
+        EXPECT_EQ(tabra_copy_entry_by_key(p.h, sc.key, b, sizeof b, &slot), 0u);
+        EXPECT_TRUE(std::all_of(b, b + 80, [](u8 v) { return v == 0; }))
+            << "added entry not zeroed";
+    }
+    return after;
+}
+
+/* The table works on after the repair: the operation (or its undo) can be
+ * made again with the expected result, and the check still passes. */
+void ExpectUsable(const Prepared &p, const Scenario &sc, bool after) {
+    void *e = nullptr;
+    i32 slot = -1;
+    if (sc.op == Op::kAdd) {
+        EXPECT_EQ(tabra_add_entry(p.h, sc.key, &e, &slot), after ? TABRA_E_EXISTS : 0u);
+        EXPECT_EQ(tabra_remove_entry(p.h, TABRA_REMOVE_BY_KEY, sc.key), 0u);
+    } else {
+        EXPECT_EQ(tabra_remove_entry(p.h, TABRA_REMOVE_BY_KEY, sc.key),
+                  after ? TABRA_E_NOTFOUND : 0u);
+        EXPECT_EQ(tabra_add_entry(p.h, sc.key, &e, &slot), 0u);
+    }
+    EXPECT_EQ(CheckReport(p.h), "");
+}
+
+/* Kills the operation at each of its points in turn; the run past the last
+ * point completes.  Once the state is "after", later points stay "after". */
+void CrashSeries(const std::string &tag, const Scenario &sc) {
+    bool seen_after = false;
+    const int points = OpPoints(sc.op);
+    for (int k = 1; k <= points + 1; k++) {
+        SCOPED_TRACE(tag + " " + OpName(sc.op) + ":" + std::to_string(k));
+        const Prepared p = Prepare(tag + std::to_string(k), sc);
+        const auto r = RunOpDyingAt(p.h, sc, OpName(sc.op), k);
+        if (k == points + 1) {
+            EXPECT_TRUE(r.ExitedWith(0)) << "the operation has more points: " << r.Describe();
+        } else {
+            ASSERT_TRUE(r.KilledBy(SIGKILL)) << "point not reached: " << r.Describe();
+        }
+        const bool after = ExpectBeforeOrAfter(p, sc);
+        EXPECT_FALSE(seen_after && !after) << "an earlier point already left the state after";
+        seen_after = seen_after || after;
+        ExpectUsable(p, sc, after);
+    }
+    EXPECT_TRUE(seen_after);
+}
+
+TEST_F(TabraCrash, AddKilledAtEveryPoint) {
+    /* Key 15 goes to bucket 1, which holds 8 and 1. */
+    CrashSeries("A", Scenario{{1, 2, 8}, {}, Op::kAdd, 15});
+    /* Into an empty bucket. */
+    CrashSeries("E", Scenario{{1, 2}, {}, Op::kAdd, 6});
+}
+
+TEST_F(TabraCrash, RemoveKilledAtEveryPoint) {
+    /* Bucket 1 chains 22 -> 15 -> 8 -> 1 (newest first). */
+    const std::vector<u32> keys{1, 8, 15, 22, 3};
+    CrashSeries("H", Scenario{keys, {}, Op::kRemove, 22}); /* head */
+    CrashSeries("M", Scenario{keys, {}, Op::kRemove, 15}); /* middle */
+    CrashSeries("T", Scenario{keys, {}, Op::kRemove, 1});  /* tail */
+    CrashSeries("S", Scenario{keys, {}, Op::kRemove, 3});  /* alone */
+}
+
+TEST_F(TabraCrash, SlotReuseKilledAtEveryPoint) {
+    /* Slot 1 (key 8) and slot 3 (key 4) were freed; the add takes slot 1,
+     * whose old occupant was on the same chain. */
+    CrashSeries("U", Scenario{{1, 8, 15, 4, 5}, {8, 4}, Op::kAdd, 22});
+}
+
+/* A writer dies in an operation; the next writer dies at each point of its
+ * repair; the one after that must still converge. */
+void RepairSeries(const std::string &tag, const Scenario &sc) {
+    for (int k = 2; k <= OpPoints(sc.op) - 1; k++) {
+        for (int j = 1; j <= TABRA_CRASH_REPAIR_POINTS; j++) {
+            SCOPED_TRACE(tag + " " + OpName(sc.op) + ":" + std::to_string(k) +
+                         " repair:" + std::to_string(j));
+            const Prepared p = Prepare(tag + std::to_string(k) + "_" + std::to_string(j), sc);
+            ASSERT_TRUE(RunOpDyingAt(p.h, sc, OpName(sc.op), k).KilledBy(SIGKILL));
+            /* The second writer repairs on its way into any operation. */
+            const Scenario other{{}, {}, Op::kAdd, 1000 + static_cast<u32>(j)};
+            const auto r = RunOpDyingAt(p.h, other, "repair", j);
+            ASSERT_TRUE(r.KilledBy(SIGKILL)) << "repair point not reached: " << r.Describe();
+            const bool after = ExpectBeforeOrAfter(p, sc);
+            tabra_info_t later{};
+            tabra_get_info(p.h, &later);
+            EXPECT_GE(later.repairs, 1u);
+            EXPECT_EQ(later.intent_op, 0u);
+            ExpectUsable(p, sc, after);
+        }
+    }
+}
+
+TEST_F(TabraCrash, RepairKilledAtEveryPointStillConverges) {
+    MarkTraces();
+    RepairSeries("RA", Scenario{{1, 2, 8}, {}, Op::kAdd, 15});
+    RepairSeries("RR", Scenario{{1, 8, 15, 22}, {}, Op::kRemove, 15});
+    EXPECT_GT(CountTraces(VESK_ERROR, TABRA_TP_REPAIR), 0u);
+}
+
+/* ---- random kills --------------------------------------------------------- */
+
+constexpr int kWriters = 4;
+constexpr u32 kKeysPerWriter = 96;
+constexpr int kKills = 200;
+
+enum KeyState : u32 { kAbsent = 0, kPresent = 1, kUnknown = 2 };
+
+/* What each writer knows of its own keys (no other writer touches them). */
+struct WriterLog {
+    std::atomic<u32> state[kWriters][kKeysPerWriter];
+    std::atomic<u64> ops;
+    std::atomic<u64> violations;
+    std::atomic<u64> max_op_ns;
+    char violation[256];
+};
+
+u32 RandomKey(int w, u32 i) {
+    return static_cast<u32>(w + 1) * 0x100000u + i * 37 + 5;
+}
+
+u64 NowNs() {
+    timespec ts{};
+    clock_gettime(CLOCK_MONOTONIC, &ts);
+    return static_cast<u64>(ts.tv_sec) * 1000000000ull + static_cast<u64>(ts.tv_nsec);
+}
+
+void NoteViolation(WriterLog *log, const char *what, u32 key) {
+    if (log->violations++ == 0)
+        snprintf(log->violation, sizeof log->violation, "%s key %u", what, key);
+}
+
+/* One writer: random adds and removes of its keys, recording what each
+ * finished call proves about the key. */
+[[noreturn]] void RandomWriter(tabra_hdl_t h, int w, WriterLog *log, unsigned seed) {
+    std::mt19937 rng(seed);
+    for (;;) {
+        const u32 i = rng() % kKeysPerWriter;
+        const u32 key = RandomKey(w, i);
+        const u32 known = log->state[w][i].exchange(kUnknown);
+        const u64 t0 = NowNs();
+        void *e = nullptr;
+        i32 slot = -1;
+        if (rng() % 2 == 0) {
+            const cerrno st = tabra_add_entry(h, key, &e, &slot);
+            if (st == 0 && known == kPresent)
+                NoteViolation(log, "add of a present key made a new entry:", key);
+            if (st == TABRA_E_EXISTS && known == kAbsent)
+                NoteViolation(log, "absent key exists:", key);
+            if (st != 0 && st != TABRA_E_EXISTS) NoteViolation(log, "add failed:", key);
+            log->state[w][i] = kPresent;
+        } else {
+            const cerrno st = tabra_remove_entry(h, TABRA_REMOVE_BY_KEY, key);
+            if (st == 0 && known == kAbsent) NoteViolation(log, "removed an absent key:", key);
+            if (st == TABRA_E_NOTFOUND && known == kPresent)
+                NoteViolation(log, "present key lost:", key);
+            if (st != 0 && st != TABRA_E_NOTFOUND) NoteViolation(log, "remove failed:", key);
+            log->state[w][i] = kAbsent;
+        }
+        const u64 took = NowNs() - t0;
+        u64 max = log->max_op_ns.load();
+        while (took > max && !log->max_op_ns.compare_exchange_weak(max, took)) {
+        }
+        log->ops++;
+    }
+}
+
+TEST_F(TabraCrash, TwoHundredRandomKillsLoseNothing) {
+    Shared<WriterLog> log;
+    for (auto &row : log->state)
+        for (auto &s : row) s = kAbsent;
+    /* Two buckets: long chains keep writers inside the index update for a
+     * good share of their time, so that many kills land there. */
+    tabra_hdl_t h = OpenOrDie(Params(
+        "RND", 80, [](u32 k) { return k % 2; }, 2));
+    ASSERT_NE(h, nullptr);
+    std::mt19937 rng(12345);
+    pid_t writers[kWriters];
+    auto spawn = [&](int w) {
+        const unsigned seed = static_cast<unsigned>(rng());
+        const pid_t pid = fork();
+        if (pid == 0) RandomWriter(h, w, log.operator->(), seed);
+        writers[w] = pid;
+    };
+    for (int w = 0; w < kWriters; w++) spawn(w);
+    for (int kill_no = 0; kill_no < kKills; kill_no++) {
+        std::this_thread::sleep_for(std::chrono::microseconds(200 + rng() % 3000));
+        const int w = static_cast<int>(rng() % kWriters);
+        kill(writers[w], SIGKILL);
+        int status = 0;
+        ASSERT_EQ(waitpid(writers[w], &status, 0), writers[w]);
+        ASSERT_TRUE(WIFSIGNALED(status) && WTERMSIG(status) == SIGKILL) << status;
+        spawn(w);
+    }
+    for (int w = 0; w < kWriters; w++) {
+        kill(writers[w], SIGKILL);
+        waitpid(writers[w], nullptr, 0);
+    }
+    EXPECT_EQ(log->violations.load(), 0u) << log->violation;
+    EXPECT_GT(log->ops.load(), 1000u);
+    EXPECT_EQ(CheckReport(h), "");
+    std::map<u32, i32> now = Contents(h);
+    u32 unknown = 0;
+    for (int w = 0; w < kWriters; w++) {
+        for (u32 i = 0; i < kKeysPerWriter; i++) {
+            const u32 key = RandomKey(w, i);
+            const u32 st = log->state[w][i].load();
+            if (st == kPresent) {
+                EXPECT_EQ(now.count(key), 1u) << "completed add lost: " << key;
+            }
+            if (st == kAbsent) {
+                EXPECT_EQ(now.count(key), 0u) << "completed remove undone: " << key;
+            }
+            unknown += st == kUnknown ? 1 : 0;
+            now.erase(key);
+        }
+    }
+    EXPECT_TRUE(now.empty()) << "keys nobody added: " << now.size();
+    tabra_info_t info{};
+    ASSERT_EQ(tabra_get_info(h, &info), 0u);
+    EXPECT_LT(info.max_lock_wait_ns, 2000000000ull);
+    EXPECT_LT(log->max_op_ns.load(), 2000000000ull);
+    RecordProperty("repairs", std::to_string(info.repairs));
+    RecordProperty("ops", std::to_string(log->ops.load()));
+    std::printf("random kills: %d, operations %llu, repairs %llu, keys left unknown %u\n", kKills,
+                static_cast<unsigned long long>(log->ops.load()),
+                static_cast<unsigned long long>(info.repairs), unknown);
+    EXPECT_GT(info.repairs, 0u) << "no kill landed inside the writer lock";
+}
+
+}  // namespace

@@ -1,0 +1,233 @@
+/*
+ * Table store: per-process write protection.  Each case runs the writes in a
+ * child process and looks at how it ended: a write outside a write window
+ * must kill the writer with SIGSEGV, a write inside one must not.  A shared
+ * progress counter tells which write the child was at when it died.
+ */
+#include <signal.h>
+
+#include <cstring>
+#include <thread>
+#include <vector>
+
+#include "tabra_test_util.h"
+
+using namespace tabra_test;
+using pmdb::test::ChildLink;
+using pmdb::test::ChildProcess;
+using pmdb::test::PmdbTest;
+using pmdb::test::RunInChild;
+
+namespace {
+
+class TabraProtection : public PmdbTest {
+  protected:
+    /* Steps the child completed, visible after it died. */
+    Shared<int> progress;
+    void Step() { (*progress)++; }
+
+    /* In a child: closes the write window and writes to `entry`, which must
+     * fault; the progress then reads 2. */
+    int CloseWindowAndWrite(tabra_hdl_t h, const tabra_params_t &p, void *entry) {
+        Step();
+        if (tabra_make_shm_readonly_protected(h, &p) != 0) return 1;
+        Step();
+        static_cast<volatile u8 *>(entry)[0] = 0xEE;
+        Step();
+        return 0;
+    }
+    void ExpectFaultAfterClosing(const pmdb::test::ChildResult &r) {
+        EXPECT_TRUE(r.KilledBy(SIGSEGV)) << r.Describe();
+        EXPECT_EQ(*progress, 2);
+    }
+};
+
+void Write(void *entry, u8 v) {
+    static_cast<volatile u8 *>(entry)[0] = v;
+}
+
+TEST_F(TabraProtection, WriteOutsideAWindowFaults) {
+    tabra_params_t p = Params("P");
+    auto r = RunInChild([&] {
+        tabra_hdl_t h = OpenOrDie(p);
+        void *e = AddOrDie(h, 1);
+        Write(e, 1); /* before the first protection the table is writable */
+        return CloseWindowAndWrite(h, p, e);
+    });
+    ExpectFaultAfterClosing(r);
+}
+
+TEST_F(TabraProtection, EntriesHandedOutInAWindowAreWritableUntilItCloses) {
+    tabra_params_t p = Params("P");
+    auto r = RunInChild([&] {
+        tabra_hdl_t h = OpenOrDie(p);
+        tabra_make_shm_readonly_protected(h, &p);
+        if (tabra_make_shm_writable(h, &p) != 0) return 1;
+        void *added = AddOrDie(h, 1);
+        Write(added, 1);
+        void *found = nullptr;
+        i32 slot = -1;
+        AddOrDie(h, 0x50000); /* slot 1, same page */
+        if (tabra_get_entry_by_key(h, 0x50000, &found, &slot) != 0) return 2;
+        Write(found, 2);
+        void *again = nullptr;
+        if (tabra_add_entry(h, 1, &again, &slot) != TABRA_E_EXISTS) return 3;
+        Write(again, 3);
+        return CloseWindowAndWrite(h, p, found);
+    });
+    ExpectFaultAfterClosing(r);
+    /* What the child wrote inside its window is in the table. */
+    tabra_hdl_t h = nullptr;
+    ASSERT_EQ(tabra_attach_hashed("P", Low16, &h), 0u);
+    u8 b = 0;
+    i32 slot = -1;
+    ASSERT_EQ(tabra_copy_entry_by_key(h, 1, &b, 1, &slot), 0u);
+    EXPECT_EQ(b, 3);
+    ASSERT_EQ(tabra_copy_entry_by_key(h, 0x50000, &b, 1, &slot), 0u);
+    EXPECT_EQ(b, 2);
+}
+
+TEST_F(TabraProtection, APointerFromBeforeTheWindowMustBeLookedUpAgain) {
+    tabra_params_t p = Params("P");
+    auto lookup_first = RunInChild([&] {
+        tabra_hdl_t h = OpenOrDie(p);
+        void *e = AddOrDie(h, 7);
+        tabra_make_shm_readonly_protected(h, &p);
+        tabra_make_shm_writable(h, &p);
+        void *again = nullptr;
+        i32 slot = -1;
+        if (tabra_get_entry_by_key(h, 7, &again, &slot) != 0 || again != e) return 1;
+        Write(e, 1);
+        return 0;
+    });
+    EXPECT_TRUE(lookup_first.ExitedWith(0)) << lookup_first.Describe();
+    auto stale = RunInChild([&] {
+        tabra_hdl_t h = OpenOrDie(p);
+        void *e = nullptr;
+        i32 slot = -1;
+        if (tabra_get_entry_by_key(h, 7, &e, &slot) != 0) return 1;
+        tabra_make_shm_readonly_protected(h, &p);
+        tabra_make_shm_writable(h, &p);
+        Write(e, 1);
+        return 0;
+    });
+    EXPECT_TRUE(stale.KilledBy(SIGSEGV)) << stale.Describe();
+}
+
+TEST_F(TabraProtection, EntriesAcrossAPageBoundaryAreWritableWhole) {
+    /* 328-byte entries: slot 12 spans bytes 3936..4263, two pages. */
+    tabra_params_t p = Params("P");
+    auto r = RunInChild([&] {
+        tabra_hdl_t h = OpenOrDie(p);
+        for (u32 k = 1; k <= 13; k++) AddOrDie(h, k);
+        tabra_make_shm_readonly_protected(h, &p);
+        tabra_make_shm_writable(h, &p);
+        void *e = nullptr;
+        i32 slot = -1;
+        if (tabra_get_entry_by_key(h, 13, &e, &slot) != 0 || slot != 12) return 1;
+        memset(e, 0x77, 328);
+        /* The entry's second page is protected again. */
+        return CloseWindowAndWrite(h, p, static_cast<u8 *>(e) + 327);
+    });
+    ExpectFaultAfterClosing(r);
+}
+
+TEST_F(TabraProtection, AWindowOverManyPagesCoversThemAllAndProtectsThemAll) {
+    tabra_params_t p = Params("P");
+    auto r = RunInChild([&] {
+        tabra_hdl_t h = OpenOrDie(p);
+        for (u32 k = 0; k < 3000; k++) AddOrDie(h, k + 1);
+        tabra_make_shm_readonly_protected(h, &p);
+        tabra_make_shm_writable(h, &p);
+        void *first = nullptr;
+        i32 slot = -1;
+        /* Every 12th entry: about one per page, well past 64 pages. */
+        for (u32 k = 0; k < 3000; k += 12) {
+            void *e = nullptr;
+            if (tabra_get_entry_by_key(h, k + 1, &e, &slot) != 0) return 1;
+            Write(e, 9);
+            if (first == nullptr) first = e;
+        }
+        return CloseWindowAndWrite(h, p, first);
+    });
+    ExpectFaultAfterClosing(r);
+}
+
+TEST_F(TabraProtection, ProtectionBelongsToEachProcess) {
+    tabra_params_t p = Params("P");
+    tabra_hdl_t h = OpenOrDie(p);
+    tabra_make_shm_readonly_protected(h, &p);
+    tabra_make_shm_writable(h, &p);
+    void *mine = AddOrDie(h, 5);
+    /* This process holds its window open while another writes outside its
+     * own: only the other one faults. */
+    auto r = RunInChild([&] {
+        tabra_make_shm_readonly_protected(h, &p);
+        Step();
+        Write(mine, 1);
+        Step();
+        return 0;
+    });
+    EXPECT_TRUE(r.KilledBy(SIGSEGV)) << r.Describe();
+    EXPECT_EQ(*progress, 1);
+    Write(mine, 2);
+    EXPECT_EQ(static_cast<u8 *>(mine)[0], 2);
+    /* And a child that opens its own window while this one is closed. */
+    ASSERT_EQ(tabra_make_shm_readonly_protected(h, &p), 0u);
+    auto w = RunInChild([&] {
+        tabra_make_shm_writable(h, &p);
+        void *e = nullptr;
+        i32 slot = -1;
+        if (tabra_get_entry_by_key(h, 5, &e, &slot) != 0) return 1;
+        Write(e, 3);
+        return 0;
+    });
+    EXPECT_TRUE(w.ExitedWith(0)) << w.Describe();
+    EXPECT_EQ(static_cast<u8 *>(mine)[0], 3);
+}
+
+TEST_F(TabraProtection, AttachedHandlesStartReadOnly) {
+    auto fill = RunInChild([] { return AddOrDie(OpenOrDie(Params("P")), 4) ? 0 : 1; });
+    ASSERT_TRUE(fill.ExitedWith(0)) << fill.Describe();
+    auto r = RunInChild([&] {
+        tabra_hdl_t h = nullptr;
+        if (tabra_attach("P", &h) != 0) return 1;
+        void *e = nullptr;
+        i32 slot = -1;
+        if (tabra_get_entry_by_key(h, 4, &e, &slot) != 0) return 2;
+        Step();
+        Write(e, 1);
+        Step();
+        return 0;
+    });
+    EXPECT_TRUE(r.KilledBy(SIGSEGV)) << r.Describe();
+    EXPECT_EQ(*progress, 1);
+}
+
+TEST_F(TabraProtection, WindowsOfManyThreadsShareTheProcessState) {
+    tabra_params_t p = Params("P", 80);
+    auto r = RunInChild([&] {
+        tabra_hdl_t h = OpenOrDie(p);
+        tabra_make_shm_readonly_protected(h, &p);
+        tabra_make_shm_writable(h, &p);
+        std::vector<std::thread> threads;
+        for (u32 t = 0; t < 4; t++) {
+            threads.emplace_back([h, t] {
+                for (u32 k = 0; k < 500; k++) {
+                    void *e = AddOrDie(h, t * 1000 + k + 1);
+                    if (e != nullptr) memset(e, static_cast<int>(t + 1), 80);
+                }
+            });
+        }
+        for (auto &t : threads) t.join();
+        if (tabra_count(h) != 2000) return 1;
+        void *e = nullptr;
+        i32 slot = -1;
+        tabra_get_entry_by_key(h, 3001, &e, &slot);
+        if (static_cast<u8 *>(e)[79] != 4) return 2;
+        return CloseWindowAndWrite(h, p, e);
+    });
+    ExpectFaultAfterClosing(r);
+}
+
+}  // namespace

@@ -1,0 +1,115 @@
+/*
+ * tabra_test_util.h - helpers of the table-store tests: parameter records,
+ * hash functions, reading a table's whole contents, and a table of memory
+ * shared with child processes.
+ */
+#ifndef PMDB_TESTS_TABRA_UTIL_H
+#define PMDB_TESTS_TABRA_UTIL_H
+
+#include <gtest/gtest.h>
+#include <sys/mman.h>
+
+#include <cstring>
+#include <map>
+#include <string>
+
+#include "pmdb_test.h"
+#include "tabra.h"
+
+namespace tabra_test {
+
+/* The database's own hash: the low 16 bits of the key. */
+inline u32 Low16(u32 key) {
+    return key & 0xFFFFu;
+}
+/* Few buckets, so that chains are long (a key % 7 hash, 7 buckets). */
+inline u32 Mod7(u32 key) {
+    return key % 7u;
+}
+/* A hash that is not key % buckets (65536 buckets). */
+inline u32 High16(u32 key) {
+    return key >> 16;
+}
+
+inline tabra_params_t Params(const char *name, u32 entry_size = 328, dpa_pmdb_hash_fn_t fn = Low16,
+                             u32 buckets = 65536, u32 max_entries = 65536,
+                             u32 flags = PMDB_TABRA_OPEN_WRITE) {
+    tabra_params_t p{};
+    p.version = PMDB_TABRA_PARAMS_VERSION;
+    p.table_name = name;
+    p.open_flags = flags;
+    p.tbl_param1 = PMDB_TBL_PARAM1;
+    p.tbl_param2 = PMDB_TBL_PARAM2;
+    p.hash_buckets = buckets;
+    p.hash_fn = fn;
+    p.max_entries = max_entries;
+    p.entry_size = entry_size;
+    p.tbl_param3 = PMDB_TBL_PARAM3;
+    return p;
+}
+
+inline tabra_hdl_t OpenOrDie(const tabra_params_t &p) {
+    tabra_hdl_t h = nullptr;
+    const cerrno st = tabra_open(&p, &h);
+    if (st != 0 || h == nullptr) {
+        ADD_FAILURE() << "tabra_open(" << p.table_name << ") = 0x" << std::hex << st;
+        return nullptr;
+    }
+    return h;
+}
+
+/* key -> slot of every entry, by a walk. */
+inline std::map<u32, i32> Contents(tabra_hdl_t h) {
+    std::map<u32, i32> out;
+    tabra_walk(
+        h,
+        [](void *ctx, u32 key, i32 slot, const void *) {
+            auto *m = static_cast<std::map<u32, i32> *>(ctx);
+            if (m->count(key) != 0) ADD_FAILURE() << "key " << key << " walked twice";
+            (*m)[key] = slot;
+            return 0;
+        },
+        &out);
+    return out;
+}
+
+/* "" when the table is consistent, else the check's report. */
+inline std::string CheckReport(tabra_hdl_t h) {
+    char report[256] = "x";
+    const cerrno st = tabra_check(h, report, sizeof report);
+    if (st == 0) return "";
+    return std::string("status ") + std::to_string(st) + ": " + report;
+}
+
+inline void *AddOrDie(tabra_hdl_t h, u32 key, i32 *slot = nullptr) {
+    void *e = nullptr;
+    i32 s = -1;
+    const cerrno st = tabra_add_entry(h, key, &e, &s);
+    if (st != 0) ADD_FAILURE() << "add " << key << " = 0x" << std::hex << st;
+    if (slot != nullptr) *slot = s;
+    return e;
+}
+
+/* Memory shared with forked children (MAP_SHARED | MAP_ANONYMOUS). */
+template <class T>
+class Shared {
+  public:
+    Shared() {
+        void *m =
+            mmap(nullptr, sizeof(T), PROT_READ | PROT_WRITE, MAP_SHARED | MAP_ANONYMOUS, -1, 0);
+        if (m == MAP_FAILED) throw std::runtime_error("mmap");
+        p_ = new (m) T();
+    }
+    ~Shared() { munmap(p_, sizeof(T)); }
+    Shared(const Shared &) = delete;
+    Shared &operator=(const Shared &) = delete;
+    T *operator->() const { return p_; }
+    T &operator*() const { return *p_; }
+
+  private:
+    T *p_;
+};
+
+}  // namespace tabra_test
+
+#endif
