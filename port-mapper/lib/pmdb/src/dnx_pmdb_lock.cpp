@@ -21,23 +21,26 @@
  * refuse a held lock, atomically with respect to lockers in any process.
  * glibc's pthread_mutex_destroy only refuses a held lock of a non-robust
  * kind; for a robust one it marks the object invalid whoever holds it.  So
- * for a robust lock pmdb_lock_destroy first claims it with a try-lock
- * (registered in the caller's robust list, like any holder): a held lock
- * gives EBUSY (or EDEADLK for the caller's own hold, also reported EBUSY).
- * Once claimed, the owner field is set to glibc's "owner died" cookie and
- * the lock released, which glibc turns into "not recoverable" and wakes a
- * waiter; any locker that was already waiting, or that read the lock's
- * kind before the destroy and acquires the word after it, is then handed
- * ENOTRECOVERABLE instead of the lock.  Finally pthread_mutex_destroy marks
- * the kind invalid, so later lockers get EINVAL.  pmdb_entry_lock repairs
- * both answers by rebuilding the lock, exactly as it would for a slot
- * re-used after removal.  A lock whose owner died is claimed with
- * EOWNERDEAD and retired the same way, so a dead holder never makes a
- * remover wait for ever.
+ * pmdb_lock_destroy claims a robust lock's futex word itself, with one
+ * compare-and-swap from "no owner" to the caller's tid: a word that names
+ * an owner (the caller included) means EBUSY.  A word whose owner died is
+ * claimed too, so a dead holder never makes a remover wait for ever.
+ * While the word is claimed nobody can acquire the lock, and the claim:
+ *   1. sets the owner field to glibc's "not recoverable" cookie, so that a
+ *      locker that read the lock's kind before step 2 and acquires the word
+ *      after step 3 is handed ENOTRECOVERABLE, not the lock;
+ *   2. calls pthread_mutex_destroy, which marks the kind invalid: later
+ *      lockers get EINVAL;
+ *   3. releases the word and wakes every waiter (shared futex).
+ * pmdb_entry_lock repairs both answers by rebuilding the lock.  The claim is
+ * not entered in the caller's robust list: a remover killed inside these
+ * few instructions (no call in them blocks) would leave the lock taken.
  */
 #include <errno.h>
 #include <limits.h>
+#include <linux/futex.h>
 #include <string.h>
+#include <sys/syscall.h>
 #include <unistd.h>
 
 #include "kemt.h"
@@ -60,8 +63,8 @@ static_assert(offsetof(pthread_mutex_t, __data.__owner) == 8, "owner tid");
 static_assert(offsetof(pthread_mutex_t, __data.__kind) == 16, "kind");
 constexpr int kKindRobust = 16;                  /* PTHREAD_MUTEX_ROBUST_NORMAL_NP */
 constexpr int kKindInvalid = -1;                 /* set by pthread_mutex_destroy */
-constexpr int kOwnerInconsistent = INT_MAX;      /* PTHREAD_MUTEX_INCONSISTENT */
 constexpr int kOwnerNotRecoverable = INT_MAX - 1; /* PTHREAD_MUTEX_NOTRECOVERABLE */
+constexpr unsigned kFutexWaiters = 0x80000000u;
 constexpr unsigned kFutexOwnerDied = 0x40000000u;
 constexpr unsigned kFutexTidMask = 0x3fffffffu;
 
@@ -104,20 +107,35 @@ int lock_classify(pellin_mutex_type *lock, int rc) {
     return rc;
 }
 
-/* Claims a robust lock for retirement; see the header comment.  Returns 0
- * once the lock is invalid, EBUSY while someone (the caller included)
- * holds it. */
+#ifdef __GLIBC__
+/* Takes the futex word of a robust lock that has no live owner; false when
+ * someone holds it.  See the header comment. */
+bool lock_word_claim(pellin_mutex_type *lock) {
+    int seen = __atomic_load_n(&lock->__data.__lock, __ATOMIC_RELAXED);
+    if ((static_cast<unsigned>(seen) & kFutexTidMask) != 0) return false;
+    const int mine = gettid() | static_cast<int>(static_cast<unsigned>(seen) & kFutexWaiters);
+    return __atomic_compare_exchange_n(&lock->__data.__lock, &seen, mine, false, __ATOMIC_ACQUIRE,
+                                       __ATOMIC_RELAXED);
+}
+
+void lock_word_release(pellin_mutex_type *lock) {
+    __atomic_exchange_n(&lock->__data.__lock, 0, __ATOMIC_RELEASE);
+    syscall(SYS_futex, &lock->__data.__lock, FUTEX_WAKE, INT_MAX, nullptr, nullptr, 0);
+}
+#endif
+
+/* Destroys a lock unless someone holds it (EBUSY). */
 int lock_retire(pellin_mutex_type *lock) {
 #ifdef __GLIBC__
     if (!lock_is_robust(lock)) return pthread_mutex_destroy(lock);
-    const int rc = pthread_mutex_trylock(lock);
-    if (rc == EBUSY || rc == EDEADLK) return EBUSY;
-    if (rc == 0 || rc == EOWNERDEAD) {
-        __atomic_store_n(&lock->__data.__owner, kOwnerInconsistent, __ATOMIC_RELAXED);
-        pthread_mutex_unlock(lock);
-    }
-#endif
+    if (!lock_word_claim(lock)) return EBUSY;
+    __atomic_store_n(&lock->__data.__owner, kOwnerNotRecoverable, __ATOMIC_RELAXED);
+    const int rc = pthread_mutex_destroy(lock);
+    lock_word_release(lock);
+    return rc;
+#else
     return pthread_mutex_destroy(lock);
+#endif
 }
 
 }  // namespace

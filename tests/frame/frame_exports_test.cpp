@@ -1,0 +1,103 @@
+// The shared object exports exactly the library's external interfaces:
+// every name it defines dynamically is one of them, the frame's and the
+// entry locks' are all there, and the export map lists all of them.
+#include <gtest/gtest.h>
+#include <stdio.h>
+
+#include <fstream>
+#include <set>
+#include <sstream>
+#include <string>
+
+namespace {
+
+const std::set<std::string> kFrameAndLocks = {
+    "dpa_pmdb_init",     "dpa_chk_pmdb_open", "dpa_chk_shrd_ctx_open", "dpa_pmdb_mprotect_tabra",
+    "dpa_pmdb_hdl_get",  "pmdb_debug_flag",   "dnxpm_dbg_pmdb_types",  "pmdb_lock_init",
+    "pmdb_entry_lock",   "pmdb_entry_unlock", "pmdb_lock_destroy"};
+
+const std::set<std::string> kLaterFamilies = {
+    "dpa_pmdb_oper",
+    "dpa_pmdb_add_all_entries",
+    "dpa_pmdb_remove_all_entries",
+    "dpa_pmdb_update_ifh_entry_nodelist",
+    "dpa_pmdb_update_ifh_entry_member",
+    "dpa_pmdb_update_bundle_ifh_entry",
+    "dpa_pmdb_add_oam_entry",
+    "dpa_pmdb_remove_oam_entry",
+    "dpa_pmdb_oam_oper",
+    "dpa_pmdb_update_bundle_oor_state",
+    "dpa_pmdb_set_bundle_oor_state",
+    "dpa_pmdb_set_oor_cb",
+    "pm_port_inv_entry_get",
+    "pm_port_inv_entry_add",
+    "pm_port_inv_entry_remove",
+    "pm_inventory_get_first_high_scale_nodeid",
+    "pm_inventory_get_first_inv_nodeid",
+    "dpa_pmdb_update_scale_info",
+    "dpa_pmdb_update_glbls_inv_node_info",
+    "dpa_pmdb_set_aib_update_cb",
+    "dpa_pm_get_bvi_adj_cb",
+    "dpa_bvi_upd_all_entries"};
+
+std::set<std::string> AllInterfaces() {
+    std::set<std::string> all = kFrameAndLocks;
+    all.insert(kLaterFamilies.begin(), kLaterFamilies.end());
+    return all;
+}
+
+// Names the shared object defines in its dynamic symbol table.
+std::set<std::string> DynamicDefinitions() {
+    const std::string cmd = std::string("nm -D --defined-only ") + PMDB_SHARED_OBJECT;
+    FILE *p = popen(cmd.c_str(), "r");
+    std::set<std::string> names;
+    if (p == nullptr) return names;
+    char line[512];
+    while (fgets(line, sizeof line, p) != nullptr) {
+        std::istringstream in(line);
+        std::string addr, kind, name;
+        if (in >> addr >> kind >> name) names.insert(name);
+    }
+    EXPECT_EQ(pclose(p), 0) << cmd;
+    return names;
+}
+
+// Names in the global: section of the export map.
+std::set<std::string> MapNames() {
+    std::ifstream in(PMDB_EXPORT_MAP);
+    std::stringstream text;
+    text << in.rdbuf();
+    std::string s = text.str();
+    const size_t from = s.find("global:");
+    const size_t to = s.find("local:");
+    std::set<std::string> names;
+    if (from == std::string::npos || to == std::string::npos) return names;
+    std::string body = s.substr(from + 7, to - from - 7);
+    for (size_t c = body.find("/*"); c != std::string::npos; c = body.find("/*")) {
+        body.erase(c, body.find("*/", c) + 2 - c);
+    }
+    std::istringstream words(body);
+    for (std::string w; std::getline(words, w, ';');) {
+        const size_t b = w.find_first_not_of(" \t\n");
+        if (b != std::string::npos) names.insert(w.substr(b, w.find_last_not_of(" \t\n") - b + 1));
+    }
+    return names;
+}
+
+TEST(FrameExportsTest, SharedObjectExportsOnlyExternalInterfaces) {
+    const std::set<std::string> exported = DynamicDefinitions();
+    ASSERT_FALSE(exported.empty());
+    const std::set<std::string> allowed = AllInterfaces();
+    for (const std::string &name : exported) {
+        EXPECT_TRUE(allowed.count(name)) << name << " is exported but is no external interface";
+    }
+    for (const std::string &name : kFrameAndLocks) {
+        EXPECT_TRUE(exported.count(name)) << name << " is not exported";
+    }
+}
+
+TEST(FrameExportsTest, ExportMapListsExactlyTheExternalInterfaces) {
+    EXPECT_EQ(MapNames(), AllInterfaces());
+}
+
+}  // namespace
