@@ -139,6 +139,31 @@ struct vesk_buf {
 
 namespace {
 
+/* The writer's pid and tid, cached per thread: getpid/gettid are system
+ * calls and every trace record carries both.  `g_fork_gen` (relaxed) is
+ * bumped in a forked child so that threads re-read them there. */
+std::atomic<uint32_t> g_fork_gen{1};
+thread_local uint32_t t_ids_gen;
+thread_local uint32_t t_pid;
+thread_local uint32_t t_tid;
+
+void after_fork_in_child() { g_fork_gen.fetch_add(1, std::memory_order_relaxed); }
+
+__attribute__((constructor)) void register_fork_handler() {
+    pthread_atfork(nullptr, nullptr, after_fork_in_child);
+}
+
+void writer_ids(uint32_t *pid, uint32_t *tid) {
+    const uint32_t gen = g_fork_gen.load(std::memory_order_relaxed);
+    if (t_ids_gen != gen) {
+        t_pid = (uint32_t)getpid();
+        t_tid = (uint32_t)gettid();
+        t_ids_gen = gen;
+    }
+    *pid = t_pid;
+    *tid = t_tid;
+}
+
 pthread_mutex_t g_map_lock = PTHREAD_MUTEX_INITIALIZER;
 vesk_buf *g_maps;
 std::atomic<vesk_buf *> g_current[VESK_KINDS];
@@ -312,10 +337,13 @@ void write_record(vesk_buf_t *buf, uint64_t id, uint32_t nargs, const uint64_t *
     timespec now{};
     clock_gettime(CLOCK_REALTIME, &now);
     const uint32_t info = nargs | (str != nullptr ? kInfoString : 0);
+    uint32_t pid = 0;
+    uint32_t tid = 0;
+    writer_ids(&pid, &tid);
     put(r, W_ID, id);
     put(r, W_SEC, (uint64_t)now.tv_sec);
-    put(r, W_NSEC_PID, (uint64_t)now.tv_nsec | ((uint64_t)(uint32_t)getpid() << 32));
-    put(r, W_TID_INFO, (uint64_t)(uint32_t)gettid() | ((uint64_t)info << 32));
+    put(r, W_NSEC_PID, (uint64_t)now.tv_nsec | ((uint64_t)pid << 32));
+    put(r, W_TID_INFO, (uint64_t)tid | ((uint64_t)info << 32));
     uint64_t tail[kRecWords - W_ARGS] = {};
     memcpy(tail, args, nargs * sizeof(uint64_t));
     if (str != nullptr) {
