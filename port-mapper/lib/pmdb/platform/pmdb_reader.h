@@ -16,6 +16,11 @@
  * bounded by dpa_pmdb_reader_set_lock_wait_ms(); a lock whose holder died is
  * made consistent and the copy goes on (the entry may then hold a change that
  * the dead writer left half done, exactly as the writers themselves see it).
+ * A lock that is not usable (not initialised yet: the entry is being made;
+ * retired: the entry is being removed) is not waited on; the key is looked up
+ * again until the entry is gone or the wait bound has passed.  A thread that
+ * itself holds the slot lock (a writer reading its own entry) gets its copy
+ * at once, without waiting on itself and without releasing its lock.
  * Results are copied to the caller's buffer only once the whole copy is
  * complete: a call that fails leaves the buffer as it was, except where a list
  * query says otherwise.  The lock is held for the copy of one record only;
@@ -55,6 +60,15 @@
  * last match are set to 0.  Matches are confirmed on a consistent copy; an
  * entry that changes during the scan is reported as it was before or as it is
  * after its change.
+ *
+ * Choices this library makes where its callers leave them open: the owner
+ * rule above; a bundle's punt entries leave out its own punt key (the add path
+ * writes that key itself right after using the list); the selector of
+ * dpa_pmdb_get_bundle_sub_punt_entries is a node filter like the node
+ * argument of dpa_pmdb_get_bundle_member_ifh_entries; the member count is the
+ * bundle entry's own `member_count`; dpa_pmdb_iterate hands the filter
+ * consistent copies rather than table memory and reports a full filter as a
+ * completed walk; all lists are in slot order.
  *
  * Threads: every call may be made from any thread of any process.
  */
@@ -130,13 +144,15 @@ PMDB_EXPORT cerrno dpa_pmdb_get_num_members(u8 *count, u32 bundle_ifh);
 PMDB_EXPORT cerrno dpa_pmdb_get_port_punt_entries(u32 ifh, u32 *keys, u32 capacity);
 
 /* Punt keys of the PUNT entries that belong to bundle `bundle_ifh` through
- * its members: every entry whose stored `bundle_ifh` is the bundle and whose
- * owner is a member port (stored `sub_ifh` 0, owner not the bundle itself).
- * This covers the bundle-member keys (bit 31 set, made from the member's
- * interface information) and the member ports' own keys that the membership
- * updates marked with the bundle.  The bundle's own punt key and its
- * sub-interfaces' keys are not included (see dpa_pmdb_get_port_punt_entries
- * and dpa_pmdb_get_bundle_sub_punt_entries).  Callers ask for 7 per member. */
+ * its members: every bundle-member key (bit 31 set) whose stored
+ * `bundle_ifh` is the bundle, and every other entry whose stored
+ * `bundle_ifh` is the bundle and whose owner is a member port (stored
+ * `sub_ifh` 0 and stored `ifh` neither 0 nor the bundle): the member ports'
+ * own keys that the membership updates marked with the bundle.  The bundle's
+ * own punt key and its sub-interfaces' keys are not included (see
+ * dpa_pmdb_get_port_punt_entries and dpa_pmdb_get_bundle_sub_punt_entries).
+ * Both callers ask for 7 per member: the re-key keeps the bit-31 keys, the
+ * punt refresh rewrites them all. */
 PMDB_EXPORT cerrno dpa_pmdb_get_bundle_punt_entries(u32 bundle_ifh, u32 *keys, u32 capacity);
 
 /* Punt keys of the PUNT entries that belong to bundle sub-interface `ifh`:
