@@ -267,6 +267,12 @@ u32 dpa_pmdb_punt_key(u32 egress_key, u32 egress_lif, u16 ingress_lif, u16 sys_p
     return key;
 }
 
+u32 dpa_pmdb_bundle_member_punt_key(const dpa_pmdb_ifh_summary_t *summary) {
+    const u32 shift = 8u + (summary->member_port_shift & kMemberShiftMask);
+    const u32 port = (static_cast<u32>(summary->port_hi) << shift) | summary->port_lo;
+    return PMDB_PUNT_KEY_MEMBER | ((port & kSysPortMask) << 16);
+}
+
 /* ---- one PUNT entry -------------------------------------------------------- */
 
 cerrno dpa_pmdb_add_punt_entry(u32 key, const pmdb_event_t *event, i32 *slot,

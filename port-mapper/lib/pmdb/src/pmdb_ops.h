@@ -44,6 +44,11 @@ extern "C" {
  * PMDB_NO_SLOT for no substitution.  Bit 31 is never set here. */
 u32 dpa_pmdb_punt_key(u32 egress_key, u32 egress_lif, u16 ingress_lif, u16 sys_port, u8 slot_id);
 
+/* The bundle-member punt key of a member summary: bit 31 set, bit 30 clear,
+ * port field 0, extension ((port_hi << (8 + member_port_shift)) | port_lo)
+ * & 0x3FFF.  The egress keying of the bundle plays no part. */
+u32 dpa_pmdb_bundle_member_punt_key(const dpa_pmdb_ifh_summary_t *summary);
+
 /* Creates or refreshes the PUNT entry `key` from `event` (its interface
  * block with valid_flags bit 0, its punt words with bit 1); `punt_info`, when
  * given with a nonzero first punt word, replaces the stored punt block

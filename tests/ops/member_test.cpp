@@ -1,0 +1,266 @@
+// Bundle membership of IFH entries: a member joining, changing and leaving
+// its bundle, the bundle's member count, and the out-of-resource counters
+// that follow members in and out - also with two processes at once.
+#include <gtest/gtest.h>
+
+#include <cstring>
+#include <random>
+
+#include "ops_support.h"
+#include "pmdb_ops.h"
+#include "tabra.h"
+
+namespace {
+
+using namespace ops_test;
+using pmdb::test::ChildLink;
+using pmdb::test::ChildProcess;
+
+constexpr u32 kBundle = 0xB300, kMember = 0x1300;
+constexpr u16 kMemberPort = (3 << 10) | 5;  // port_hi 3, port_lo 5
+
+class MemberUpdate : public OpsTest {
+protected:
+    // A port with carried bits in member_port_shift and its own punt words.
+    void PutMember(u32 ifh, u32 oor_state = 0) {
+        PutPort(ifh, oor_state);
+        PutIfh(ifh, [](pmdb_ifh_entry_t &e) {
+            e.intf_info.member_port_shift = 0xFC;
+            e.punt_info.punt_data[0] = 0xAA;
+            e.punt_info.punt_data[4] = 0xEE;
+        });
+    }
+    cerrno Event(u8 type, u32 event_id, dpa_pmdb_ifh_summary_t *s, pmdb_punt_info_t *punt,
+                 u32 ifh = kMember, u16 port = kMemberPort) {
+        pmdb_event_t ev = IntfEvent(type, event_id, ifh, kBundle, port, 2);
+        memset(s, 0, sizeof *s);
+        return dpa_pmdb_update_ifh_entry_member(&ev, s, punt);
+    }
+    pellin_mutex_type *SlotLock(u32 key) {
+        return &dpa_pmdb_hdl_get(PMDB_TYPE_IFH)->shrd_ctx->entry_lock[SlotOf(PMDB_TYPE_IFH, key)];
+    }
+};
+
+TEST_F(MemberUpdate, JoinModifyLeaveOfOneMember) {
+    PutBundle(kBundle);
+    PutMember(kMember);
+    dpa_pmdb_ifh_summary_t s;
+    pmdb_punt_info_t punt = {};
+    const timespec before = Now();
+    ASSERT_EQ(Event(PMDB_EV_MEMBER_JOIN, 10, &s, &punt), PMDB_OK);
+    pmdb_ifh_entry_t m = Ifh(kMember), b = Ifh(kBundle);
+    EXPECT_EQ(m.ifh_flags, PMDB_IFH_MEMBER_ACTIVE);
+    EXPECT_EQ(m.intf_info.bundle_ifh, kBundle);
+    EXPECT_EQ(m.intf_info.member_port, kMemberPort);
+    EXPECT_EQ(m.intf_info.member_port_shift, 0xFE);  // bits 2..7 carried
+    EXPECT_EQ(m.event_id, 10u);
+    EXPECT_TRUE(Within(m.last_update, before, Now()));
+    EXPECT_EQ(b.member_count, 1);
+    EXPECT_EQ(b.event_id, 10u);
+    EXPECT_EQ(s.sum_flags, PMDB_SUM_IS_MEMBER);
+    EXPECT_EQ(s.egress_lif, m.intf_info.egress_lif);
+    EXPECT_EQ(s.ingress_lif, m.intf_info.ingress_lif);
+    EXPECT_EQ(s.bundle_egress_lif, b.intf_info.egress_lif);
+    EXPECT_EQ(s.bundle_ingress_lif, b.intf_info.ingress_lif);
+    EXPECT_EQ(dpa_pmdb_bundle_member_punt_key(&s), 0x8C050000u);
+    ExpectTrace(VESK_DATABASE, 231, {kBundle, 0});  // the bundle has no punt words
+    ExpectTrace(VESK_DATABASE, 237, {kMember, s.ingress_lif, s.egress_lif, 5, 3});
+    ExpectTrace(VESK_DATABASE, 232, {kBundle, s.bundle_egress_lif, s.bundle_ingress_lif, 1});
+
+    // Joining again refreshes the member but does not count it twice.
+    ASSERT_EQ(Event(PMDB_EV_MEMBER_JOIN, 11, &s, &punt), PMDB_OK);
+    EXPECT_EQ(Ifh(kBundle).member_count, 1);
+    EXPECT_EQ(s.sum_flags & PMDB_SUM_IS_MEMBER, 0);
+
+    // Modify: count kept (bundle not stamped), bundle punt block handed back.
+    PutIfh(kBundle, [](pmdb_ifh_entry_t &e) { e.punt_info = {kBundle, 0, 0, {7, 6, 5, 4, 3}}; });
+    ASSERT_EQ(Event(PMDB_EV_MEMBER_MODIFY, 12, &s, &punt, kMember, 0x0401), PMDB_OK);
+    b = Ifh(kBundle);
+    EXPECT_EQ(b.member_count, 1);
+    EXPECT_EQ(b.event_id, 10u);
+    EXPECT_EQ(s.sum_flags & PMDB_SUM_IS_MEMBER, PMDB_SUM_IS_MEMBER);
+    EXPECT_EQ(memcmp(&punt, &b.punt_info, sizeof punt), 0);
+    EXPECT_EQ(Ifh(kMember).intf_info.member_port, 0x0401);
+
+    // Leave: fields cleared, the summary keeps what they held.
+    ASSERT_EQ(Event(PMDB_EV_MEMBER_LEAVE, 13, &s, nullptr, kMember, 0), PMDB_OK);
+    m = Ifh(kMember);
+    EXPECT_EQ(m.ifh_flags, 0);
+    EXPECT_EQ(m.intf_info.bundle_ifh, 0u);
+    EXPECT_EQ(m.intf_info.member_port, 0);
+    EXPECT_EQ(m.intf_info.member_port_shift, 0xFC);
+    EXPECT_EQ(m.event_id, 13u);
+    EXPECT_EQ(s.port_lo, 1);
+    EXPECT_EQ(s.port_hi, 1);
+    EXPECT_EQ(s.member_port_shift, 2);
+    EXPECT_EQ(s.punt_data[0], 0xAAu);
+    EXPECT_EQ(s.punt_data[4], 0xEEu);
+    b = Ifh(kBundle);
+    EXPECT_EQ(b.member_count, 0);
+    EXPECT_EQ(b.event_id, 13u);
+
+    // Leaving again, or counting out at 0: the count stays 0, unstamped.
+    ASSERT_EQ(Event(PMDB_EV_MEMBER_LEAVE, 14, &s, nullptr), PMDB_OK);
+    ASSERT_EQ(dpa_pmdb_update_bundle_ifh_entry(kBundle, 0, 0, &s, nullptr, 15), PMDB_OK);
+    b = Ifh(kBundle);
+    EXPECT_EQ(b.member_count, 0);
+    EXPECT_EQ(b.event_id, 13u);
+    EXPECT_EQ(Ifh(kMember).event_id, 14u);
+}
+
+TEST_F(MemberUpdate, CountWrapsAndBadArgumentsAreRefused) {
+    PutBundle(kBundle);
+    PutIfh(kBundle, [](pmdb_ifh_entry_t &e) { e.member_count = 255; });
+    dpa_pmdb_ifh_summary_t s = {};
+    ASSERT_EQ(dpa_pmdb_update_bundle_ifh_entry(kBundle, 1, 0, &s, nullptr, 1), PMDB_OK);
+    EXPECT_EQ(Ifh(kBundle).member_count, 0);
+    EXPECT_EQ(dpa_pmdb_update_bundle_ifh_entry(0, 1, 0, &s, nullptr, 1), PMDB_EINVAL);
+    ExpectTrace(VESK_ERROR, 228, {});
+    EXPECT_EQ(dpa_pmdb_update_ifh_entry_member(nullptr, &s, nullptr), PMDB_EINVAL);
+    ExpectTrace(VESK_ERROR, 234, {});
+    EXPECT_EQ(Event(PMDB_EV_MEMBER_JOIN, 1, &s, nullptr, 0x999), TABRA_E_NOTFOUND);
+    ExpectTrace(VESK_ERROR, 236, {0x999, TABRA_E_NOTFOUND});
+    EXPECT_EQ(dpa_pmdb_update_bundle_ifh_entry(0x998, 1, 0, &s, nullptr, 1), TABRA_E_NOTFOUND);
+    ExpectTrace(VESK_ERROR, 230, {0x998, TABRA_E_NOTFOUND});
+}
+
+TEST_F(MemberUpdate, OutOfResourceMemberJoinsAndLeaves) {
+    PutBundle(kBundle);
+    PutMember(kMember, 2);
+    const u32 slot = static_cast<u32>(SlotOf(PMDB_TYPE_IFH, kBundle));
+    dpa_pmdb_ifh_summary_t s;
+    // No callback registered: the counters never move.
+    ASSERT_EQ(Event(PMDB_EV_MEMBER_JOIN, 1, &s, nullptr), PMDB_OK);
+    EXPECT_EQ(Ifh(kBundle).intf_info.oor_members_2, 0);
+    ASSERT_EQ(Event(PMDB_EV_MEMBER_LEAVE, 2, &s, nullptr), PMDB_OK);
+    ExpectNoTrace(VESK_EVENT, 311);
+
+    // The callback runs with the bundle's lock free and the member's held.
+    static cerrno bundle_lock_rc, member_lock_rc;
+    static pellin_mutex_type *bundle_lock, *member_lock;
+    bundle_lock = SlotLock(kBundle);
+    member_lock = SlotLock(kMember);
+    RecordOorCalls();
+    dpa_pmdb_set_oor_cb([](u32 ifh, u32 slot, u32 state, u32 removed) {
+        OorCalls().push_back({ifh, slot, state, removed});
+        bundle_lock_rc = pmdb_entry_lock(bundle_lock);
+        if (bundle_lock_rc == 0) pmdb_entry_unlock(bundle_lock);
+        member_lock_rc = pmdb_entry_lock(member_lock);
+    });
+    const timespec before = Now();
+    ASSERT_EQ(Event(PMDB_EV_MEMBER_JOIN, 3, &s, nullptr), PMDB_OK);
+    pmdb_ifh_entry_t b = Ifh(kBundle);
+    EXPECT_EQ(b.intf_info.oor_members_2, 1);
+    EXPECT_EQ(b.intf_info.oor_state, 2u);
+    EXPECT_EQ(b.intf_info.oor_changes, 1u);
+    EXPECT_TRUE(Within(b.intf_info.oor_time, before, Now()));
+    EXPECT_EQ(OorCalls(), (std::vector<OorCall>{{kBundle, slot, 2, 0}}));
+    EXPECT_EQ(bundle_lock_rc, 0u);
+    EXPECT_EQ(member_lock_rc, static_cast<cerrno>(EDEADLK));
+    ExpectTrace(VESK_EVENT, 311, {1, kMember, 2, kBundle});
+
+    ASSERT_EQ(Event(PMDB_EV_MEMBER_LEAVE, 4, &s, nullptr), PMDB_OK);
+    b = Ifh(kBundle);
+    EXPECT_EQ(b.intf_info.oor_members_2, 0);
+    EXPECT_EQ(b.intf_info.oor_state, 2u);  // only a direct setting clears it
+    EXPECT_EQ(b.intf_info.oor_changes, 1u);
+    EXPECT_EQ(OorCalls().back(), (OorCall{kBundle, slot, 0, 0}));
+
+    // A level-1 member leaving while no level-1 member is counted.
+    PutMember(kMember + 1, 1);
+    PutIfh(kMember + 1, [](pmdb_ifh_entry_t &e) {
+        e.ifh_flags = PMDB_IFH_MEMBER_ACTIVE;
+        e.intf_info.bundle_ifh = kBundle;
+    });
+    OorCalls().clear();
+    ASSERT_EQ(Event(PMDB_EV_MEMBER_LEAVE, 5, &s, nullptr, kMember + 1), PMDB_OK);
+    EXPECT_EQ(Ifh(kBundle).intf_info.oor_members_1, 0);
+    EXPECT_TRUE(OorCalls().empty());
+}
+
+// Two processes, each with its own callback, join and leave their own
+// members of one bundle and change the out-of-resource state of all of
+// them at the same time.  Afterwards the bundle counts exactly the members
+// that name it, per level, and its member count equals its active members.
+constexpr int kMembers = 4, kRounds = 15000;
+u32 MemberIfh(int i) { return 0x1400 + static_cast<u32>(i); }
+
+int Churn(int first, unsigned seed, u32 bundle_slot) {
+    static u32 calls, bad_calls;
+    static u32 slot;
+    slot = bundle_slot;
+    dpa_pmdb_set_oor_cb([](u32 ifh, u32 s, u32 state, u32 removed) {
+        calls++;
+        if (ifh != kBundle || s != slot || state > 2 || removed != 0) bad_calls++;
+    });
+    std::mt19937 rng(seed);
+    bool joined[kMembers / 2] = {};
+    int failures = 0;
+    for (int n = 0; n < kRounds; n++) {
+        cerrno rc;
+        if (rng() % 3 == 0) {
+            const int i = static_cast<int>(rng() % (kMembers / 2));
+            pmdb_event_t ev = IntfEvent(joined[i] ? 7 : 5, n, MemberIfh(first + i), kBundle,
+                                        kMemberPort, 1);
+            dpa_pmdb_ifh_summary_t s = {};
+            rc = dpa_pmdb_update_ifh_entry_member(&ev, &s, nullptr);
+            joined[i] = !joined[i];
+        } else {
+            u32 out[4];
+            // Mostly the other process's members, which it joins and leaves.
+            const int j = (first + kMembers / 2 + static_cast<int>(rng() % (kMembers * 3 / 4))) %
+                          kMembers;
+            rc = dpa_pmdb_update_bundle_oor_state(MemberIfh(j),
+                                                  rng() % 3, n, &out[0], &out[1], &out[2],
+                                                  &out[3]);
+        }
+        failures += rc != 0;
+    }
+    if (failures != 0) return 10;
+    if (bad_calls != 0) return 11;
+    return calls > 0 ? 0 : 12;
+}
+
+TEST_F(MemberUpdate, TwoProcessesKeepTheBundleCountersConsistent) {
+    PutBundle(kBundle);
+    for (int i = 0; i < kMembers; i++) PutPort(MemberIfh(i));
+    const u32 slot = static_cast<u32>(SlotOf(PMDB_TYPE_IFH, kBundle));
+    auto start = [slot](int first, unsigned seed) {
+        return std::make_unique<ChildProcess>([=](ChildLink &link) {
+            link.Ready();
+            return link.WaitRelease() ? Churn(first, seed, slot) : 20;
+        });
+    };
+    auto a = start(0, 1), b = start(kMembers / 2, 2);
+    ASSERT_TRUE(a->WaitReady());
+    ASSERT_TRUE(b->WaitReady());
+    a->Release();
+    b->Release();
+    const auto ra = a->Wait(), rb = b->Wait();
+    ASSERT_TRUE(ra.ExitedWith(0)) << ra.Describe();
+    ASSERT_TRUE(rb.ExitedWith(0)) << rb.Describe();
+
+    u16 level[3] = {};
+    u8 active = 0;
+    for (int i = 0; i < kMembers; i++) {
+        const pmdb_ifh_entry_t m = Ifh(MemberIfh(i));
+        const bool in = (m.ifh_flags & PMDB_IFH_MEMBER_ACTIVE) != 0;
+        EXPECT_EQ(in, m.intf_info.bundle_ifh == kBundle) << "member " << i;
+        if (in) {
+            active++;
+            level[m.intf_info.oor_state]++;
+        }
+    }
+    const pmdb_ifh_entry_t bundle = Ifh(kBundle);
+    EXPECT_EQ(bundle.intf_info.oor_members_1, level[1]);
+    EXPECT_EQ(bundle.intf_info.oor_members_2, level[2]);
+    EXPECT_EQ(bundle.member_count, active);
+    const u32 derived = dpa_pmdb_oor_derived_state(&bundle.intf_info);
+    if (derived != 0) {
+        EXPECT_EQ(bundle.intf_info.oor_state, derived);
+    }
+    ExpectNoTrace(VESK_ERROR, 293);  // no counter ever had a member missing
+    ExpectNoTrace(VESK_ERROR, 294);
+}
+
+}  // namespace
