@@ -140,13 +140,15 @@ TEST_F(MemberUpdate, OutOfResourceMemberJoinsAndLeaves) {
     static pellin_mutex_type *bundle_lock, *member_lock;
     bundle_lock = SlotLock(kBundle);
     member_lock = SlotLock(kMember);
-    RecordOorCalls();
-    dpa_pmdb_set_oor_cb([](u32 ifh, u32 slot, u32 state, u32 removed) {
+    const dpa_pmdb_oor_cb_t cb = [](u32 ifh, u32 slot, u32 state, u32 removed) {
         OorCalls().push_back({ifh, slot, state, removed});
         bundle_lock_rc = pmdb_entry_lock(bundle_lock);
         if (bundle_lock_rc == 0) pmdb_entry_unlock(bundle_lock);
         member_lock_rc = pmdb_entry_lock(member_lock);
-    });
+    };
+    OorCalls().clear();
+    dpa_pmdb_set_oor_cb(cb);
+    ExpectTrace(VESK_EVENT, 318, {reinterpret_cast<uintptr_t>(cb)});
     const timespec before = Now();
     ASSERT_EQ(Event(PMDB_EV_MEMBER_JOIN, 3, &s, nullptr), PMDB_OK);
     pmdb_ifh_entry_t b = Ifh(kBundle);

@@ -30,6 +30,7 @@ TEST_F(PuntKeyRule, MemberKeysOfThePortAndSlotSubstitution) {
     EXPECT_EQ(dpa_pmdb_punt_key(0, 0x7ABCD, 0x42, 0x1234, PMDB_NO_SLOT), 0x42u);
     EXPECT_EQ(dpa_pmdb_punt_key(1, 0x7ABCD, 0x42, 0x1234, PMDB_NO_SLOT), 0x4000ABCDu);
     EXPECT_EQ(dpa_pmdb_punt_key(0, 0x5, 0, 0x1234, PMDB_NO_SLOT), 0u);
+    EXPECT_EQ(dpa_pmdb_punt_key(0, 0, 0, 0, PMDB_NO_SLOT), 0u);  // refused by every PUNT call
     // Off a route processor a slot replaces bits 16..21 of egress keys only.
     EXPECT_EQ(dpa_pmdb_punt_key(1, 0x10042, 0, 0, 0x45), 0x40050042u);
     EXPECT_EQ(dpa_pmdb_punt_key(1, 0, 0, 0x3FFF, 5), 0x7FC50000u);
