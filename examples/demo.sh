@@ -25,3 +25,9 @@ step "pmdbctl trace (all buffers, merged by time)"
 
 step "pmdbctl trace --buffer event --json"
 "$PMDBCTL" trace --buffer event --json
+
+step "pmdbctl open --write (a process opens the three databases)"
+"$PMDBCTL" open --write
+
+step "pmdbctl regions (the three shared context regions and their entry locks)"
+"$PMDBCTL" regions

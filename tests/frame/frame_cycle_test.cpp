@@ -15,6 +15,7 @@
 #include "pmdb.h"
 #include "pmdb_cycle.h"
 #include "pmdb_internal.h"
+#include "pmdb_lock_view.h"
 #include "pmdb_test.h"
 #include "tabra.h"
 

@@ -41,6 +41,9 @@ const TracePoint kPoints[] = {
     // Entry locks.
     {69, D, "lock_owner_dead", N, {}},
     {71, D, "lock_destroy_failed", N, {}},
+    // Database frame: stale region semaphore, entry bound.
+    {72, E, "shm_semaphore_stale", S, {"region", "wait_ms"}},
+    {73, E, "max_entries_clamped", N, {"configured", "used"}},
     // BVI adjacency refresh.
     {99, E, "bvi_rewrite_zero_ifh", N, {}},
     {100, E, "bvi_rewrite_open_failed", N, {"ifh", "code"}},

@@ -46,6 +46,7 @@
 #include "kemt.h"
 #include "pmdb.h"
 #include "pmdb_internal.h"
+#include "pmdb_lock_view.h"
 #include "pmdb_trace.h"
 #include "vorn_os.h"
 
@@ -56,29 +57,8 @@ constexpr const char *kEntryLockFn = "cerrno pmdb_entry_lock(pellin_mutex_type *
 constexpr int kMaxAttempts = 10;
 
 #ifdef __GLIBC__
-/* Fields of glibc's struct __pthread_mutex_s (nptl, x86-64) and the values
- * this file relies on; see the header comment for why they are needed. */
-static_assert(offsetof(pthread_mutex_t, __data.__lock) == 0, "futex word");
-static_assert(offsetof(pthread_mutex_t, __data.__owner) == 8, "owner tid");
-static_assert(offsetof(pthread_mutex_t, __data.__kind) == 16, "kind");
-constexpr int kKindRobust = 16;                  /* PTHREAD_MUTEX_ROBUST_NORMAL_NP */
-constexpr int kKindInvalid = -1;                 /* set by pthread_mutex_destroy */
-constexpr int kOwnerNotRecoverable = INT_MAX - 1; /* PTHREAD_MUTEX_NOTRECOVERABLE */
-constexpr unsigned kFutexWaiters = 0x80000000u;
-constexpr unsigned kFutexOwnerDied = 0x40000000u;
-constexpr unsigned kFutexTidMask = 0x3fffffffu;
-
-int lock_kind(const pthread_mutex_t *m) { return __atomic_load_n(&m->__data.__kind, __ATOMIC_RELAXED); }
-int lock_owner(const pthread_mutex_t *m) { return __atomic_load_n(&m->__data.__owner, __ATOMIC_RELAXED); }
-unsigned lock_word(const pthread_mutex_t *m) {
-    return static_cast<unsigned>(__atomic_load_n(&m->__data.__lock, __ATOMIC_RELAXED));
-}
-bool lock_is_robust(const pthread_mutex_t *m) {
-    const int kind = lock_kind(m);
-    return kind != kKindInvalid && (kind & kKindRobust) != 0;
-}
 /* True when the calling thread holds m (any kind). */
-bool lock_held_by_caller(const pthread_mutex_t *m) { return lock_owner(m) == gettid(); }
+bool lock_held_by_caller(const pthread_mutex_t *m) { return pmdb_mutex_owner(m) == gettid(); }
 #else
 bool lock_held_by_caller(const pthread_mutex_t *) { return false; }
 #endif
@@ -111,9 +91,9 @@ int lock_classify(pellin_mutex_type *lock, int rc) {
 /* Takes the futex word of a robust lock that has no live owner; false when
  * someone holds it.  See the header comment. */
 bool lock_word_claim(pellin_mutex_type *lock) {
-    int seen = __atomic_load_n(&lock->__data.__lock, __ATOMIC_RELAXED);
-    if ((static_cast<unsigned>(seen) & kFutexTidMask) != 0) return false;
-    const int mine = gettid() | static_cast<int>(static_cast<unsigned>(seen) & kFutexWaiters);
+    int seen = static_cast<int>(pmdb_mutex_word(lock));
+    if ((static_cast<unsigned>(seen) & PMDB_FUTEX_TID_MASK) != 0) return false;
+    const int mine = gettid() | static_cast<int>(static_cast<unsigned>(seen) & PMDB_FUTEX_WAITERS);
     return __atomic_compare_exchange_n(&lock->__data.__lock, &seen, mine, false, __ATOMIC_ACQUIRE,
                                        __ATOMIC_RELAXED);
 }
@@ -127,9 +107,9 @@ void lock_word_release(pellin_mutex_type *lock) {
 /* Destroys a lock unless someone holds it (EBUSY). */
 int lock_retire(pellin_mutex_type *lock) {
 #ifdef __GLIBC__
-    if (!lock_is_robust(lock)) return pthread_mutex_destroy(lock);
+    if (!pmdb_mutex_is_robust(lock)) return pthread_mutex_destroy(lock);
     if (!lock_word_claim(lock)) return EBUSY;
-    __atomic_store_n(&lock->__data.__owner, kOwnerNotRecoverable, __ATOMIC_RELAXED);
+    __atomic_store_n(&lock->__data.__owner, PMDB_MUTEX_OWNER_NOTRECOVERABLE, __ATOMIC_RELAXED);
     const int rc = pthread_mutex_destroy(lock);
     lock_word_release(lock);
     return rc;
@@ -194,26 +174,6 @@ PMDB_EXPORT cerrno pmdb_lock_destroy(pellin_mutex_type *lock) {
     const int rc = lock_retire(lock);
     if (rc != 0) PMDB_TRACE_D(71);
     return static_cast<cerrno>(rc);
-}
-
-void pmdb_lock_inspect(const pellin_mutex_type *lock, pmdb_lock_view_t *view) {
-    memset(view, 0, sizeof *view);
-#ifdef __GLIBC__
-    const int kind = lock_kind(lock);
-    const unsigned word = lock_word(lock);
-    view->destroyed = kind == kKindInvalid;
-    view->initialised = lock_is_robust(lock);
-    if (view->initialised) {
-        view->owner_tid = static_cast<int>(word & kFutexTidMask);
-        view->owner_died = (word & kFutexOwnerDied) != 0 && view->owner_tid == 0;
-        view->not_recoverable = lock_owner(lock) == kOwnerNotRecoverable;
-    } else if (!view->destroyed && word != 0) {
-        view->owner_tid = lock_owner(lock);
-    }
-    view->held = view->owner_tid != 0;
-#else
-    (void)lock;
-#endif
 }
 
 }  // extern "C"

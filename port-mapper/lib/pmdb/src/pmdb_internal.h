@@ -78,18 +78,6 @@ void pmdb_frame_set_sem_wait_ms(u32 ms);
  * at once instead of blocking on itself.  Returns the lock's result. */
 int pmdb_mutex_take(pthread_mutex_t *mutex, const char *location, int line);
 
-/* What an observer (pmdbctl) can tell about one entry lock without taking
- * it.  Reads the mutex implementation's fields; racy by nature. */
-typedef struct pmdb_lock_view {
-    int initialised; /* a robust lock, as pmdb_lock_init leaves it */
-    int destroyed;   /* retired by pmdb_lock_destroy (or never valid) */
-    int held;        /* some thread holds it (owner tid below) */
-    int owner_died;  /* the holder died and nobody has taken it since */
-    int not_recoverable;
-    int owner_tid; /* 0 when free */
-} pmdb_lock_view_t;
-void pmdb_lock_inspect(const pellin_mutex_type *lock, pmdb_lock_view_t *view);
-
 #ifdef __cplusplus
 }
 #endif
