@@ -8,18 +8,19 @@
  * change the entry in that slot.
  *
  * Copy protocol (copy()):
- *   1. look the key up in the table store: slot s;
+ *   1. look the key up in the table store: slot s and the entry's address;
  *   2. take entry_lock[s]: try-lock, then a wait bounded by g_wait_ms;
- *   3. copy the entry through the table store into a local buffer; the store
- *      reports the slot it copied from and never mixes two occupants;
- *   4. release the lock;
- *   5. keep the copy only when the store copied from slot s (slot s still
- *      holds the key, so the lock we held was the entry's) and the release
- *      succeeded (the lock was not retired under us); otherwise start again;
- *   6. a kept record whose own key field is not the key has not been written
- *      yet (the store zero-fills a new entry before its writer fills it) and
- *      counts as missing.
- *   Only a kept, written copy reaches the caller's buffer.
+ *   3. copy the record into a local buffer and release the lock;
+ *   4. keep the copy only when the release succeeded (the lock was not
+ *      retired under us) and the record's own key field is the key: a
+ *      holder of the slot lock keeps the occupant of the slot fixed (a
+ *      removal must retire the lock first, which waits for every holder), so
+ *      a record with another key means the slot was re-used between the
+ *      lookup and the lock, and the lookup starts again;
+ *   5. a record without its key that the lookup finds twice in the same slot
+ *      is an entry not written yet (the table store zero-fills a new entry
+ *      before its writer fills it): it counts as missing.
+ *   Only a kept copy reaches the caller's buffer.
  * A lock that is not usable (never initialised: the entry is being created;
  * retired: the entry is being removed; not recoverable) is not waited on: the
  * key is looked up again after a short pause until the entry is gone (not
@@ -194,16 +195,12 @@ cerrno attach(pmdb_type_t type) {
 
 bool valid_type(pmdb_type_t type) { return static_cast<unsigned>(type) < PMDB_NUM_TYPES; }
 
-/* One attempt of the copy protocol on slot `slot`.  True when the copy in
- * `local` is the entry's; false asks for another attempt. */
-bool copy_under_lock(tabra_hdl_t table, pellin_mutex_type *lock, hold how, u32 key, i32 slot,
-                     void *local, u32 len, cerrno *rc) {
-    i32 copied_from = -1;
-    *rc = tabra_copy_entry_by_key(table, key, local, len, &copied_from);
+/* Step 3 of the copy protocol.  False when the lock was retired under us. */
+bool copy_held(pellin_mutex_type *lock, hold how, const void *entry, void *local, u32 len) {
+    memcpy(local, entry, len);
     const bool released = how != hold::held || pthread_mutex_unlock(lock) == 0;
     if (!released) bump(g_count.lock_lost);
-    if (*rc == TABRA_E_NOTFOUND) *rc = PMDB_OK; /* removed: the next lookup says so */
-    return *rc == PMDB_OK && released && copied_from == slot;
+    return released;
 }
 
 /* Every record starts with the key it is stored under, written by the first
@@ -240,6 +237,7 @@ cerrno copy(pmdb_type_t type, u32 key, void *out, u32 len) {
     alignas(16) unsigned char local[kMaxEntrySize];
     const u32 copy_len = len < sizeof key ? static_cast<u32>(sizeof key) : len;
     wait_budget budget;
+    i32 unwritten = -1; /* slot last seen holding a record without its key */
     for (;;) {
         void *entry = nullptr;
         i32 slot = -1;
@@ -250,17 +248,17 @@ cerrno copy(pmdb_type_t type, u32 key, void *out, u32 len) {
         prefetch(entry, copy_len);
         const hold how = take_slot_lock(lock, budget);
         if (how == hold::busy) break;
-        if (how != hold::unusable &&
-            copy_under_lock(table, lock, how, key, slot, local, copy_len, &rc)) {
-            if (!written(local, key)) return PMDB_ENOTFOUND;
+        const bool copied = how != hold::unusable && copy_held(lock, how, entry, local, copy_len);
+        if (copied && written(local, key)) {
             memcpy(out, local, len);
             bump(g_count.copies);
             return PMDB_OK;
         }
-        if (rc != PMDB_OK) return rc;
+        if (copied && slot == unwritten) return PMDB_ENOTFOUND;
+        if (copied) unwritten = slot;
         bump(g_count.retries);
         if (budget.spent()) break;
-        pause_before_retry();
+        if (!copied) pause_before_retry();
     }
     bump(g_count.busy);
     return PMDB_EBUSY;

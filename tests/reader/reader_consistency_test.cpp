@@ -9,6 +9,8 @@
 #include <array>
 #include <chrono>
 #include <set>
+#include <thread>
+#include <vector>
 
 #include "pmdb_cycle.h"
 #include "pmdb_reader.h"
@@ -23,6 +25,7 @@ using namespace std::chrono_literals;
 using pmdb::test::ChildLink;
 using pmdb::test::ChildProcess;
 using pmdb::test::PmdbTest;
+using pmdb::test::RunInChild;
 using Clock = std::chrono::steady_clock;
 
 constexpr size_t kWords = PMDB_READER_INFO_COPY_SIZE / 4;
@@ -240,6 +243,38 @@ TEST_F(ReaderConsistencyTest, SlotReusedByAnotherKeyIsNeverCopiedAsTheFirst) {
     EXPECT_GT(missing, 0u);
     const auto r = writer->Wait(0ms); /* still running: killed here */
     EXPECT_FALSE(r.exited) << "the writer failed: " << r.Describe();
+}
+
+TEST_F(ReaderConsistencyTest, ThreadsOfAFreshProcessAttachAndReadTogether) {
+    BuildCard();
+    auto writer = StartRewriter(PMDB_TYPE_IFH, P5);
+    ASSERT_TRUE(writer->WaitReady());
+    /* A child that has never used the reader: its threads race to attach. */
+    auto r = RunInChild([] {
+        std::atomic<int> failures{0};
+        std::atomic<bool> go{false};
+        std::vector<std::thread> threads;
+        for (int t = 0; t < 6; t++) {
+            threads.emplace_back([&failures, &go, t] {
+                while (!go.load()) {
+                }
+                for (int i = 0; i < 2000; i++) {
+                    Copy c;
+                    const u32 key = t % 2 == 0 ? P5 : 0x0043001Cu;
+                    if (t % 2 == 0 && (ReadBlocks(PMDB_TYPE_IFH, key, &c) != 0 || !Uniform(c)))
+                        failures++;
+                    pmdb_oam_entry_t oam;
+                    if (t % 2 == 1 && (dpa_pmdb_get_oam_entry_by_key(key, &oam) != 0 ||
+                                       oam.oam_info.oam_ifh != S1))
+                        failures++;
+                }
+            });
+        }
+        go.store(true);
+        for (std::thread &t : threads) t.join();
+        return failures.load();
+    });
+    EXPECT_TRUE(r.ExitedWith(0)) << r.Describe();
 }
 
 }  // namespace
