@@ -475,17 +475,6 @@ TEST_F(TabraHooks, InjectedFailuresAndCallLog) {
 
 /* ---- the check on damaged tables ---------------------------------------- */
 
-/* Maps the table's object directly, to damage it as a faulty writer would. */
-u8 *MapObject(const char *table) {
-    char object[128];
-    vorn_host_shm_name((std::string(TABRA_SHM_PREFIX) + table).c_str(), object, sizeof object);
-    const int fd = shm_open(object, O_RDWR, 0);
-    if (fd < 0) return nullptr;
-    void *m = mmap(nullptr, TABRA_OFF_ENTRIES, PROT_READ | PROT_WRITE, MAP_SHARED, fd, 0);
-    close(fd);
-    return m == MAP_FAILED ? nullptr : static_cast<u8 *>(m);
-}
-
 struct Damage {
     const char *what;
     void (*apply)(u8 *obj);
@@ -524,7 +513,7 @@ TEST_F(TabraCheck, FindsEachKindOfDamage) {
         tabra_hdl_t h = OpenOrDie(Params(name.c_str(), 16, Mod7, 7));
         for (u32 k = 1; k <= 10; k++) AddOrDie(h, k);
         ASSERT_EQ(CheckReport(h), "");
-        u8 *obj = MapObject(name.c_str());
+        u8 *obj = MapTableObject(name.c_str());
         ASSERT_NE(obj, nullptr);
         d.apply(obj);
         MarkTraces();

@@ -6,15 +6,19 @@
 #ifndef PMDB_TESTS_TABRA_UTIL_H
 #define PMDB_TESTS_TABRA_UTIL_H
 
+#include <fcntl.h>
 #include <gtest/gtest.h>
 #include <sys/mman.h>
+#include <unistd.h>
 
 #include <cstring>
 #include <map>
 #include <string>
 
+#include "host/os_host.h"
 #include "pmdb_test.h"
 #include "tabra.h"
+#include "tabra_layout.h"
 
 namespace tabra_test {
 
@@ -88,6 +92,19 @@ inline void *AddOrDie(tabra_hdl_t h, u32 key, i32 *slot = nullptr) {
     if (st != 0) ADD_FAILURE() << "add " << key << " = 0x" << std::hex << st;
     if (slot != nullptr) *slot = s;
     return e;
+}
+
+/* Maps the index part of table `name`'s object directly, to damage it as a
+ * faulty writer would (tabra_layout.h gives the format).  Null on failure;
+ * unmap with munmap(p, TABRA_OFF_ENTRIES). */
+inline u8 *MapTableObject(const char *name) {
+    char object[128];
+    vorn_host_shm_name((std::string(TABRA_SHM_PREFIX) + name).c_str(), object, sizeof object);
+    const int fd = shm_open(object, O_RDWR, 0);
+    if (fd < 0) return nullptr;
+    void *m = mmap(nullptr, TABRA_OFF_ENTRIES, PROT_READ | PROT_WRITE, MAP_SHARED, fd, 0);
+    close(fd);
+    return m == MAP_FAILED ? nullptr : static_cast<u8 *>(m);
 }
 
 /* Memory shared with forked children (MAP_SHARED | MAP_ANONYMOUS). */
