@@ -96,12 +96,16 @@ bool lock_usable(const pellin_mutex_type *lock) {
 bool lock_usable(const pellin_mutex_type *) { return true; }
 #endif
 
-/* The wait bound of one copy, started at the first wait. */
+/* The wait bound of one copy, started at the first wait.  Measured on the
+ * monotonic clock, so that a change of the wall clock neither stretches nor
+ * cuts a wait. */
+constexpr clockid_t kWaitClock = CLOCK_MONOTONIC;
+
 class wait_budget {
 public:
     const timespec *deadline() {
         if (!armed_) {
-            clock_gettime(CLOCK_REALTIME, &deadline_);
+            clock_gettime(kWaitClock, &deadline_);
             const u64 ns = static_cast<u64>(g_wait_ms.load(std::memory_order_relaxed)) * 1000000u +
                            static_cast<u64>(deadline_.tv_nsec);
             deadline_.tv_sec += static_cast<time_t>(ns / 1000000000u);
@@ -113,7 +117,7 @@ public:
     bool spent() {
         const timespec *end = deadline();
         timespec now;
-        clock_gettime(CLOCK_REALTIME, &now);
+        clock_gettime(kWaitClock, &now);
         return now.tv_sec > end->tv_sec || (now.tv_sec == end->tv_sec && now.tv_nsec >= end->tv_nsec);
     }
 
@@ -143,7 +147,7 @@ hold take_slot_lock(pellin_mutex_type *lock, wait_budget &budget) {
     int rc = pthread_mutex_trylock(lock);
     if (rc == EBUSY) {
         kemt_set_mutex_block(lock, "dpa_pmdb_reader_copy", __LINE__);
-        rc = pthread_mutex_timedlock(lock, budget.deadline());
+        rc = pthread_mutex_clocklock(lock, kWaitClock, budget.deadline());
         kemt_unset_mutex_block();
     }
     return classify(lock, rc);
