@@ -31,3 +31,9 @@ step "pmdbctl open --write (a process opens the three databases)"
 
 step "pmdbctl regions (the three shared context regions and their entry locks)"
 "$PMDBCTL" regions
+
+step "pmdbctl tables (the table store: entry size, entries, capacity, occupancy)"
+"$PMDBCTL" tables
+
+step "pmdbctl check (index, free slots and counts of every table; exit 1 on a fault)"
+"$PMDBCTL" check

@@ -296,6 +296,23 @@ const TracePoint kPoints[] = {
     {316, V, "oor_members_old_state", N, {"state", "oor_members_1", "oor_members_2"}},
     {317, V, "oor_members_new_state", N, {"state", "oor_members_1", "oor_members_2"}},
     {318, V, "oor_callback_registered", N, {"callback"}},
+    // Table store (platform): failures, and repairs after a dead writer.
+    {900, E, "tabra_open_bad_params", N, {"status", "reason", "value"}},
+    {901, E, "tabra_object_failed", N, {"status", "errno", "stage"}},
+    {902, E, "tabra_format_mismatch", N, {"status", "stored", "wanted"}},
+    {903, E, "tabra_no_table", N, {"status", "zero", "zero_2"}},
+    {904, E, "tabra_add_bad_argument", N, {"status", "key", "hash"}},
+    {905, E, "tabra_add_full", N, {"status", "key", "max_entries"}},
+    {906, E, "tabra_lookup_not_found", N, {"status", "key", "zero"}},
+    {907, E, "tabra_lookup_bad_argument", N, {"status", "key", "hash"}},
+    {908, E, "tabra_remove_not_found", N, {"status", "key", "zero"}},
+    {909, E, "tabra_remove_bad_argument", N, {"status", "key", "flags"}},
+    {910, E, "tabra_writer_lock_failed", N, {"status", "errno", "zero"}},
+    {911, E, "tabra_dead_writer_repaired", N, {"op", "key", "slot"}},
+    {912, E, "tabra_protection_failed", N, {"status", "errno", "what"}},
+    {913, E, "tabra_check_failed", N, {"status", "fault", "slot"}},
+    {914, E, "tabra_no_memory", N, {"status", "bytes", "zero"}},
+    {915, E, "tabra_walk_bad_argument", N, {"status", "zero", "zero_2"}},
 };
 // clang-format on
 
