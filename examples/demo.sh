@@ -37,3 +37,7 @@ step "pmdbctl tables (the table store: entry size, entries, capacity, occupancy)
 
 step "pmdbctl check (index, free slots and counts of every table; exit 1 on a fault)"
 "$PMDBCTL" check
+
+step "pmdbctl globals (node values of the IFH region: high-scale nodes, inventory node)"
+"$PMDBCTL" globals
+"$PMDBCTL" globals --json
