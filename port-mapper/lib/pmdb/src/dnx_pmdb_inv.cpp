@@ -145,7 +145,12 @@ void inv_node_record(dnx_pmdb_glbls_t *g, u32 node_id, const u8 *mac, u32 addr_p
 
 /* Remove form: acts only while no node is recorded.  It clears the MAC;
  * a named node (nonzero id, necessarily not the recorded 0) is simply
- * acknowledged; node 0 asks for the first listed node to be recorded. */
+ * acknowledged; node 0 asks for the first listed node to be recorded.
+ * A recorded node is never replaced here: readers on the card take the
+ * recorded node as fixed for the life of the region (the add form records
+ * only the first node ever added), and unlike the high-scale role nothing
+ * in the library hands this one over, so the remove form can only fill a
+ * gap, never move the value under its readers. */
 cerrno inv_node_remove(dnx_pmdb_glbls_t *g, u32 node_id) {
     if (g->inv_node_id != 0) return PMDB_OK;
     memset(g->inv_node_mac, 0, kMacLen);
