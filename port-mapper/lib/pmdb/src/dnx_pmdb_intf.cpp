@@ -73,7 +73,8 @@ void apply_punt_words(pmdb_punt_entry_t *e, u32 key, const pmdb_punt_info_t *src
         if (src->punt_data[i] != 0) e->punt_info.punt_data[i] = src->punt_data[i];
 }
 
-/* Steps 5 to 8 of the PUNT add, on the locked entry. */
+/* The PUNT add's change of the locked entry: a new entry starts from
+ * zeros; every add stamps it; then each flagged reading of the event. */
 void write_punt_entry(pmdb_punt_entry_t *e, bool created, u32 key, const pmdb_event_t *ev,
                       const pmdb_punt_info_t *punt_info) {
     if (created) memset(e, 0, sizeof *e);
@@ -203,7 +204,7 @@ member_change join_bundle(dnx_db_hdl_t *hdl, pmdb_ifh_entry_t *e, const pmdb_eve
     return mc;
 }
 
-/* Step 5 of the member update, by event type. */
+/* The member's own change, by event type; other types change nothing. */
 member_change apply_membership(dnx_db_hdl_t *hdl, pmdb_ifh_entry_t *e, const pmdb_event_t *ev,
                                dpa_pmdb_ifh_summary_t *s) {
     switch (ev->event_type) {
@@ -219,7 +220,7 @@ member_change apply_membership(dnx_db_hdl_t *hdl, pmdb_ifh_entry_t *e, const pmd
     }
 }
 
-/* Step 5 of the bundle update: the 8-bit member count.  True when it
+/* The bundle's 8-bit member count (a count-in wraps at 255).  True when it
  * changed (a count-out at 0 does not). */
 bool count_member(pmdb_ifh_entry_t *b, bool count_in) {
     if (count_in) {
@@ -231,7 +232,7 @@ bool count_member(pmdb_ifh_entry_t *b, bool count_in) {
     return true;
 }
 
-/* Steps 6 and 7 of the bundle update: the bundle's keys for the member's
+/* What the bundle update hands back: the bundle's keys for the member's
  * later steps, and its punt block when it holds one. */
 void report_bundle(u32 bundle_ifh, const pmdb_ifh_entry_t *b, dpa_pmdb_ifh_summary_t *s,
                    pmdb_punt_info_t *punt_info) {

@@ -81,7 +81,7 @@ struct bundle_report {
     u32 *slot;
 };
 
-/* Steps 10 to 14 of the state update, on the locked bundle: moves the
+/* The bundle side of a member's state change, on the locked bundle: moves the
  * member from its old level to the new one and raises the bundle's own
  * state when the derived state rises to a level. */
 void fold_into_bundle(pmdb_intf_info_t *b, i32 bundle_slot, u32 bundle_ifh, u32 old_state,
