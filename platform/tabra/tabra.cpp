@@ -206,21 +206,25 @@ inline void crash_point(int op, int point) {
 
 /* ---------------------------------------------------------------------- */
 /* Entry bytes: word-wise atomic copies, so that a copy racing with a     */
-/* writer is a defined (if possibly torn, then discarded) read            */
+/* writer is a defined (if possibly torn, then discarded) read.  The      */
+/* loads are acquire and the store's own stores release (plain moves on   */
+/* x86): that keeps the second read of a slot's gen after the copy, and   */
+/* makes a copy that saw a store of a new occupant also see its gen flip, */
+/* without fences.                                                        */
 /* ---------------------------------------------------------------------- */
 
 void copy_out(u8 *dst, const u8 *src, u32 len) {
     u32 i = 0;
     for (; i + 8 <= len; i += 8) {
-        const u64 v = ld_rlx(reinterpret_cast<const u64 *>(src + i));
+        const u64 v = ld_acq(reinterpret_cast<const u64 *>(src + i));
         memcpy(dst + i, &v, 8);
     }
-    for (; i < len; i++) dst[i] = ld_rlx(src + i);
+    for (; i < len; i++) dst[i] = ld_acq(src + i);
 }
 
 void zero_entry(tabra_table *t, u32 slot) {
     u64 *p = reinterpret_cast<u64 *>(t->alias + static_cast<size_t>(slot) * t->stride);
-    for (u32 i = 0; i < t->stride / 8; i++) st_rlx(p + i, u64{0});
+    for (u32 i = 0; i < t->stride / 8; i++) st_rel(p + i, u64{0});
 }
 
 /* ---------------------------------------------------------------------- */
@@ -237,13 +241,13 @@ u32 find_lockfree(tabra_table *t, u32 b, u32 key) {
         u32 found = kNoSlot;
         for (u32 steps = 0; cur != 0 && cur <= TABRA_SLOTS && steps < TABRA_SLOTS; steps++) {
             const tabra_slot_meta_t *s = &m[cur - 1];
-            if (ld_rlx(&s->key) == key && ld_rlx(&s->state) == TABRA_SLOT_LINKED) {
+            if (ld_acq(&s->key) == key && ld_acq(&s->state) == TABRA_SLOT_LINKED) {
                 found = cur - 1;
                 break;
             }
             cur = ld_acq(&s->next);
         }
-        __atomic_thread_fence(__ATOMIC_ACQUIRE);
+        /* Every load above is acquire, so this one cannot be done earlier. */
         if (word_seq(ld_rlx(&buckets(t)[b])) == word_seq(w1)) return found;
     }
 }
@@ -344,12 +348,11 @@ void intent_end(tabra_table *t) {
     st_rel(&hdr(t)->intent.op, TABRA_OP_NONE);
 }
 
-/* Gives slot x a new or no occupant: gen flips parity, and no later store of
- * the slot's entry may be seen before it. */
+/* Gives slot x a new or no occupant: gen flips parity.  Later stores of the
+ * slot's entry are release stores, so none is seen before the flip. */
 void flip_gen(tabra_table *t, u32 x) {
     tabra_slot_meta_t *s = &slots(t)[x];
     st_rel(&s->gen, s->gen + 1);
-    __atomic_thread_fence(__ATOMIC_RELEASE);
 }
 
 /* ---------------------------------------------------------------------- */
@@ -473,9 +476,11 @@ cerrno add_locked(tabra_table *t, u32 key, u32 b, u32 *out) {
     flip_gen(t, x);
     crash_point(CRASH_ADD, 5);
     if (b != key % h->buckets && ld_rlx(&h->hash_is_mod) != 0) st_rel(&h->hash_is_mod, 0u);
-    st_rel(&s->state, static_cast<u16>(TABRA_SLOT_LINKED));
-    crash_point(CRASH_ADD, 6);
     set_head(t, b, x + 1); /* commit: the entry is in the index */
+    crash_point(CRASH_ADD, 6);
+    /* Lookups match only linked slots: none reports the key before the
+     * commit above, which a repair could still undo had it not happened. */
+    st_rel(&s->state, static_cast<u16>(TABRA_SLOT_LINKED));
     crash_point(CRASH_ADD, 7);
     bitmap_set(t, x, true);
     crash_point(CRASH_ADD, 8);
@@ -859,10 +864,9 @@ bool copy_slot(tabra_table *t, u32 x, u32 key, bool any_key, u8 *buf, u32 len, u
     const tabra_slot_meta_t *s = &slots(t)[x];
     const u32 g1 = ld_acq(&s->gen);
     if (g1 % 2 == 0) return false;
-    const u32 k = ld_rlx(&s->key);
+    const u32 k = ld_acq(&s->key);
     if (!any_key && k != key) return false;
-    copy_out(buf, entry_at(t, x), len);
-    __atomic_thread_fence(__ATOMIC_ACQUIRE);
+    copy_out(buf, entry_at(t, x), len); /* acquire loads: the next load stays after them */
     if (ld_rlx(&s->gen) != g1) return false;
     *key_out = k;
     return true;

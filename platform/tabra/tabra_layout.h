@@ -34,17 +34,19 @@
  *     It is held only for one index update (an add or a remove), a repair or
  *     a consistency check.
  *   - Readers take no lock.  A reader loads a bucket word (acquire), walks the
- *     chain with acquire loads of `next`, and loads the bucket word again: the
- *     walk stands only when the sequence is unchanged.  Writers publish a slot
- *     fully (key, bucket, next, gen, state) before the release store that
- *     links it, and unlink it with one release store, so every chain a reader
- *     can see is well formed; the sequence is what detects a slot that was
- *     removed and reused elsewhere under the reader's feet.
+ *     chain with acquire loads (key, state, next), and loads the bucket word
+ *     again: the walk stands only when the sequence is unchanged.  Writers
+ *     publish a slot fully (key, bucket, next, gen) before the release store
+ *     that links it, mark it linked after that store, and unlink it with one
+ *     release store, so every chain a reader can see is well formed; the
+ *     sequence is what detects a slot that was removed and reused elsewhere
+ *     under the reader's feet.
  *   - `gen` of a slot is odd while the slot has an occupant and even while it
- *     is free; it changes (release, followed by a release fence) before any
- *     store that gives the slot or its entry to another occupant.  Copies of an
- *     entry load gen (acquire), copy, fence (acquire), load gen again, and keep
- *     the copy only when both loads agree and are odd.
+ *     is free; it changes (release) before any store that gives the slot or
+ *     its entry to another occupant, and the store's own entry stores are
+ *     release stores.  Copies of an entry load gen, the key and every entry
+ *     word with acquire, then gen again, and keep the copy only when both
+ *     loads of gen agree and are odd.
  *   - `hash_is_mod` starts at 1 and is cleared (release) before the first
  *     key whose hash is not key % buckets is linked; it is never set again.
  *     Handles that know no hash function (attached by name only) look keys

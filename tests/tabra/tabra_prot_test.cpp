@@ -22,6 +22,13 @@ namespace {
 
 class TabraProtection : public PmdbTest {
   protected:
+    /* A protection fault must end the child with SIGSEGV, also in builds
+     * whose sanitizer would otherwise catch the signal and exit. */
+    void SetUp() override {
+        PmdbTest::SetUp();
+        signal(SIGSEGV, SIG_DFL);
+    }
+
     /* Steps the child completed, visible after it died. */
     Shared<int> progress;
     void Step() { (*progress)++; }
