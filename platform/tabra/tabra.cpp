@@ -105,7 +105,7 @@ struct tabra_table {
     size_t entries_len;
     u32 stride;
     u32 entry_size;
-    dpa_pmdb_hash_fn_t hash_fn;
+    dpa_pmdb_hash_fn_t hash_fn; /* set once (release), read with acquire */
     pthread_mutex_t prot_lock;
     int window_open; /* a write window is open in this process */
     int whole_rw;    /* the whole entries mapping is writable */
@@ -815,7 +815,8 @@ cerrno get_handle(open_req rq, dpa_pmdb_hash_fn_t hash_fn, tabra_table **out) {
             g_tables = t;
         }
     }
-    if (st == 0 && t->hash_fn == nullptr && hash_fn != nullptr) t->hash_fn = hash_fn;
+    if (st == 0 && ld_rlx(&t->hash_fn) == nullptr && hash_fn != nullptr)
+        st_rel(&t->hash_fn, hash_fn);
     pthread_mutex_unlock(&g_tables_lock);
     if (st == 0) *out = t;
     return st;
@@ -824,8 +825,9 @@ cerrno get_handle(open_req rq, dpa_pmdb_hash_fn_t hash_fn, tabra_table **out) {
 /* The bucket of key for a writer: TABRA_E_INVAL when the handle has no hash
  * function or the hash is out of range. */
 cerrno bucket_of(tabra_table *t, u32 key, u32 *b, u32 point) {
-    if (t->hash_fn == nullptr) return fail(point, TABRA_E_INVAL, key, 0xFFFFFFFFu);
-    const u32 v = t->hash_fn(key);
+    const dpa_pmdb_hash_fn_t fn = ld_acq(&t->hash_fn);
+    if (fn == nullptr) return fail(point, TABRA_E_INVAL, key, 0xFFFFFFFFu);
+    const u32 v = fn(key);
     if (v >= hdr(t)->buckets) return fail(point, TABRA_E_INVAL, key, v);
     *b = v;
     return 0;
@@ -847,7 +849,7 @@ u32 find_by_scan(tabra_table *t, u32 key) {
 
 /* Lock-free lookup for readers: the slot of key or kNoSlot in *x. */
 cerrno lookup(tabra_table *t, u32 key, u32 *x) {
-    if (t->hash_fn != nullptr) {
+    if (ld_acq(&t->hash_fn) != nullptr) {
         u32 b = 0;
         const cerrno st = bucket_of(t, key, &b, TABRA_TP_GET_INVAL);
         if (st == 0) *x = find_lockfree(t, b, key);
@@ -910,7 +912,8 @@ bool check_chain_slot(check_state *c, u32 b, u32 x) {
     if (s->gen % 2 == 0)
         return fault(c, 5, x, "slot %llu on a chain with even generation %llu", x, s->gen);
     if (s->bucket != b) return fault(c, 6, x, "slot %llu on chain %llu of another bucket", x, b);
-    if (t->hash_fn != nullptr && t->hash_fn(s->key) != b)
+    const dpa_pmdb_hash_fn_t fn = ld_acq(&t->hash_fn);
+    if (fn != nullptr && fn(s->key) != b)
         return fault(c, 7, x, "key %#llx hashes elsewhere than bucket %llu", s->key, b);
     if (hdr(t)->hash_is_mod && s->key % hdr(t)->buckets != b)
         return fault(c, 19, x, "key %#llx in bucket %llu which is not key mod buckets", s->key, b);
