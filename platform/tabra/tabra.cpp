@@ -806,7 +806,8 @@ cerrno get_handle(open_req rq, dpa_pmdb_hash_fn_t hash_fn, tabra_table **out) {
     pthread_mutex_lock(&g_tables_lock);
     cerrno st = 0;
     tabra_table *t = registry_find(object);
-    if (t != nullptr && rq.params != nullptr && rq.params->entry_size != t->entry_size)
+    if (t != nullptr && rq.params != nullptr &&
+        (rq.params->entry_size != t->entry_size || rq.params->hash_buckets != hdr(t)->buckets))
         st = fail(TABRA_TP_OPEN_MISMATCH, TABRA_E_MISMATCH, t->entry_size, rq.params->entry_size);
     if (t == nullptr && st == 0) {
         st = map_table(rq, &t);

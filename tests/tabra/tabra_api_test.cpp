@@ -118,18 +118,23 @@ TEST_F(TabraOpen, TablesOfOtherNamespacesAreNotSeen) {
     EXPECT_TRUE(r.ExitedWith(0)) << r.Describe();
 }
 
-TEST_F(TabraOpen, OtherEntrySizeIsAMismatch) {
+TEST_F(TabraOpen, OtherEntrySizeOrHashRangeIsAMismatch) {
     auto r = RunInChild([] { return OpenOrDie(Params("SIZED", 328)) ? 0 : 1; });
     ASSERT_TRUE(r.ExitedWith(0)) << r.Describe();
+    /* Against the object (this process has no handle yet)... */
     tabra_params_t p = Params("SIZED", 312);
     tabra_hdl_t h = nullptr;
     MarkTraces();
     EXPECT_EQ(tabra_open(&p, &h), TABRA_E_MISMATCH);
     ExpectTrace(VESK_ERROR, TABRA_TP_OPEN_MISMATCH, {TABRA_E_MISMATCH, 328, 312});
-    /* The same mismatch against this process's own handle. */
+    p = Params("SIZED", 328, Mod7, 7);
+    EXPECT_EQ(tabra_open(&p, &h), TABRA_E_MISMATCH);
+    /* ...and against this process's own handle. */
     p = Params("SIZED", 328);
     ASSERT_NE(OpenOrDie(p), nullptr);
     p.entry_size = 80;
+    EXPECT_EQ(tabra_open(&p, &h), TABRA_E_MISMATCH);
+    p = Params("SIZED", 328, Mod7, 7);
     EXPECT_EQ(tabra_open(&p, &h), TABRA_E_MISMATCH);
 }
 
