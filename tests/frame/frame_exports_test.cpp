@@ -1,10 +1,9 @@
 // The shared object exports exactly the library's external interfaces:
-// every name it defines dynamically is one of them, the frame's and the
-// entry locks' are all there, and the export map lists all of them.
+// every name it defines dynamically is one of them, and the frame's and the
+// entry locks' are all there.
 #include <gtest/gtest.h>
 #include <stdio.h>
 
-#include <fstream>
 #include <set>
 #include <sstream>
 #include <string>
@@ -62,28 +61,6 @@ std::set<std::string> DynamicDefinitions() {
     return names;
 }
 
-// Names in the global: section of the export map.
-std::set<std::string> MapNames() {
-    std::ifstream in(PMDB_EXPORT_MAP);
-    std::stringstream text;
-    text << in.rdbuf();
-    std::string s = text.str();
-    const size_t from = s.find("global:");
-    const size_t to = s.find("local:");
-    std::set<std::string> names;
-    if (from == std::string::npos || to == std::string::npos) return names;
-    std::string body = s.substr(from + 7, to - from - 7);
-    for (size_t c = body.find("/*"); c != std::string::npos; c = body.find("/*")) {
-        body.erase(c, body.find("*/", c) + 2 - c);
-    }
-    std::istringstream words(body);
-    for (std::string w; std::getline(words, w, ';');) {
-        const size_t b = w.find_first_not_of(" \t\n");
-        if (b != std::string::npos) names.insert(w.substr(b, w.find_last_not_of(" \t\n") - b + 1));
-    }
-    return names;
-}
-
 TEST(FrameExportsTest, SharedObjectExportsOnlyExternalInterfaces) {
     const std::set<std::string> exported = DynamicDefinitions();
     ASSERT_FALSE(exported.empty());
@@ -94,10 +71,6 @@ TEST(FrameExportsTest, SharedObjectExportsOnlyExternalInterfaces) {
     for (const std::string &name : kFrameAndLocks) {
         EXPECT_TRUE(exported.count(name)) << name << " is not exported";
     }
-}
-
-TEST(FrameExportsTest, ExportMapListsExactlyTheExternalInterfaces) {
-    EXPECT_EQ(MapNames(), AllInterfaces());
 }
 
 }  // namespace

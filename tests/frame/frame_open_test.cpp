@@ -57,27 +57,6 @@ TEST_F(FrameConfigTest, KeyHashKeepsTheLow16Bits) {
     EXPECT_EQ(dpa_pmdb_key_hash(0xFFFFFFFFu), 0xFFFFu);
 }
 
-TEST_F(FrameConfigTest, TableDescribesTheThreeDatabases) {
-    const char *shm[] = {"dnx_pmdb_ifh_shrd", "dnx_pmdb_punt_shrd", "dnx_pmdb_oam_shrd"};
-    const char *tables[] = {"DNX_PORT_MAPPER_IFH_DB", "DNX_PORT_MAPPER_PUNT_DB",
-                            "DNX_PORT_MAPPER_OAM_DB"};
-    const u32 sizes[] = {328, 312, 80};
-    for (int t = 0; t < PMDB_NUM_TYPES; t++) {
-        SCOPED_TRACE(t);
-        const dnx_db_cfg_t &c = pmdb_cfg[t];
-        EXPECT_STREQ(c.shm_name, shm[t]);
-        EXPECT_STREQ(c.table_name, tables[t]);
-        EXPECT_EQ(c.entry_size, sizes[t]);
-        EXPECT_EQ(c.shm_size, 2621472);
-        EXPECT_EQ(c.tbl_param1, 30u);
-        EXPECT_EQ(c.tbl_param2, 0u);
-        EXPECT_EQ(c.tbl_param3, 30u);
-        EXPECT_EQ(c.hash_buckets, 65536u);
-        EXPECT_EQ(c.max_entries, 65536u);
-        EXPECT_EQ(c.hash_fn, &dpa_pmdb_key_hash);
-    }
-}
-
 TEST_F(FrameConfigTest, DebugFlagIsTheDescriptorForIfhOnly) {
     EXPECT_EQ(pmdb_debug_flag(0), static_cast<void *>(&dnxpm_dbg_pmdb_types));
     EXPECT_EQ(pmdb_debug_flag(1), nullptr);
