@@ -301,6 +301,30 @@ TEST_F(FrameOpenTest, InitialisedTypeIsOpenedWithoutAnyLock) {
     EXPECT_TRUE(calls.empty());
 }
 
+// Callers that find the initialisation mutex taken register their wait
+// under the location of the step that waits.
+TEST_F(FrameOpenTest, WaitsForTheInitialisationMutexAreRegistered) {
+    std::thread initialiser([] {
+        dnx_db_hdl_t *h = nullptr;
+        EXPECT_EQ(dpa_chk_pmdb_open(nullptr, &h, PMDB_TYPE_PUNT, 0), 0u);
+    });
+    while (CountTraces(VESK_DATABASE, 55) < 1) std::this_thread::sleep_for(1ms);
+    std::thread ctx_opener([] {
+        dnx_db_hdl_t *h = nullptr;
+        EXPECT_EQ(dpa_chk_shrd_ctx_open(nullptr, &h, PMDB_TYPE_IFH), 0u);
+    });
+    std::thread opener([] {
+        dnx_db_hdl_t *h = nullptr;
+        EXPECT_EQ(dpa_chk_pmdb_open(nullptr, &h, PMDB_TYPE_OAM, 0), 0u);
+    });
+    initialiser.join();
+    ctx_opener.join();
+    opener.join();
+    EXPECT_EQ(kemt_host_location_waits("dpa_pmdb_shrd_ctx_init", 697), 1u);
+    EXPECT_EQ(kemt_host_location_waits("dpa_pmdb_init", 568), 1u);
+    EXPECT_EQ(kemt_host_total_waits(), 2u);
+}
+
 // ---- failures ------------------------------------------------------------
 
 TEST_F(FrameOpenTest, TableStoreInitFailureIsTracedAndTheNextOpenResumes) {

@@ -8,7 +8,6 @@
 #include <string.h>
 
 #include <chrono>
-#include <thread>
 
 #include "frame_support.h"
 #include "host/pm_fault.h"
@@ -113,7 +112,7 @@ TEST_F(FrameRegionTest, MagicThatAppearsDuringTheWaitIsNotZeroedAgain) {
         return dpa_chk_shrd_ctx_open(nullptr, &hdl, PMDB_TYPE_IFH) == 0 ? 0 : 1;
     });
     ASSERT_TRUE(child.WaitReady());
-    std::this_thread::sleep_for(300ms);  // the child is now waiting
+    ASSERT_TRUE(frame_test::WaitUntilBlockedOnFutex(child.pid()));
     raw->glbls.inv_node_id = kMarker;
     __atomic_store_n(&raw->magic, PMDB_SHRD_CTX_MAGIC, __ATOMIC_RELEASE);
     ASSERT_EQ(sem_post(sem), 0);
@@ -143,7 +142,8 @@ TEST_F(FrameRegionTest, RacingProcessesZeroTheRegionOnce) {
     ChildProcess b(body(0x4));
     ASSERT_TRUE(a.WaitReady());
     ASSERT_TRUE(b.WaitReady());
-    std::this_thread::sleep_for(300ms);
+    ASSERT_TRUE(frame_test::WaitUntilBlockedOnFutex(a.pid()));
+    ASSERT_TRUE(frame_test::WaitUntilBlockedOnFutex(b.pid()));
     ASSERT_EQ(raw->magic, 0u);
     ASSERT_EQ(sem_post(sem), 0);
     sem_close(sem);

@@ -2,6 +2,7 @@
 
 #include <fcntl.h>
 #include <gtest/gtest.h>
+#include <stdio.h>
 #include <string.h>
 #include <sys/mman.h>
 #include <sys/stat.h>
@@ -71,6 +72,23 @@ bool RegionContentsZero(const dnx_pmdb_shrd_ctx_t *ctx) {
     const auto *bytes = reinterpret_cast<const unsigned char *>(ctx);
     return std::all_of(bytes + sizeof ctx->magic, bytes + PMDB_SHM_SIZE,
                        [](unsigned char b) { return b == 0; });
+}
+
+bool WaitUntilBlockedOnFutex(int pid) {
+    char path[64];
+    snprintf(path, sizeof path, "/proc/%d/wchan", pid);
+    for (int i = 0; i < 10000; i++) {
+        char wchan[128] = {};
+        FILE *f = fopen(path, "r");
+        if (f != nullptr) {
+            const size_t n = fread(wchan, 1, sizeof wchan - 1, f);
+            fclose(f);
+            wchan[n] = 0;
+            if (strstr(wchan, "futex") != nullptr) return true;
+        }
+        usleep(1000);
+    }
+    return false;
 }
 
 sem_t *OpenRegionSemaphore() {

@@ -35,6 +35,10 @@ void MakeGarbageRegion(dnx_pmdb_shrd_ctx_t *ctx);
 // True when all of the region's contents past the magic are zero.
 bool RegionContentsZero(const dnx_pmdb_shrd_ctx_t *ctx);
 
+// Waits (up to 10 s) until process `pid` sleeps in a futex wait - for
+// these tests' children, the region semaphore.  False on timeout.
+bool WaitUntilBlockedOnFutex(int pid);
+
 // The region semaphore of the current namespace, created if needed.
 sem_t *OpenRegionSemaphore();
 
