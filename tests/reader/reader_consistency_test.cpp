@@ -3,6 +3,7 @@
 // behind a dead or stuck writer, and no copy of another key when a slot is
 // re-used.
 #include <sched.h>
+#include <stdio.h>
 #include <string.h>
 #include <time.h>
 
@@ -221,8 +222,13 @@ TEST_F(ReaderConsistencyTest, SlotReusedByAnotherKeyIsNeverCopiedAsTheFirst) {
     auto writer = std::make_unique<ChildProcess>([](ChildLink &link) {
         link.Ready();
         for (;;) {
-            if (Remove(PMDB_TYPE_PUNT, kA) != 0 || PutPattern(PMDB_TYPE_PUNT, kB, kB) != 0) return 1;
-            if (Remove(PMDB_TYPE_PUNT, kB) != 0 || PutPattern(PMDB_TYPE_PUNT, kA, kA) != 0) return 1;
+            const cerrno rc[4] = {Remove(PMDB_TYPE_PUNT, kA), PutPattern(PMDB_TYPE_PUNT, kB, kB),
+                                  Remove(PMDB_TYPE_PUNT, kB), PutPattern(PMDB_TYPE_PUNT, kA, kA)};
+            for (int step = 0; step < 4; step++) {
+                if (rc[step] == 0) continue;
+                fprintf(stderr, "writer step %d failed with %#x\n", step, rc[step]);
+                return 1;
+            }
         }
     });
     ASSERT_TRUE(writer->WaitReady());
