@@ -345,7 +345,7 @@ void write_record(vesk_buf_t *buf, uint64_t id, uint32_t nargs, const uint64_t *
     put(r, W_NSEC_PID, (uint64_t)now.tv_nsec | ((uint64_t)pid << 32));
     put(r, W_TID_INFO, (uint64_t)tid | ((uint64_t)info << 32));
     uint64_t tail[kRecWords - W_ARGS] = {};
-    memcpy(tail, args, nargs * sizeof(uint64_t));
+    if (nargs > 0) memcpy(tail, args, nargs * sizeof(uint64_t));
     if (str != nullptr) {
         char text[VESK_STR_MAX] = {};
         strncpy(text, str, sizeof text - 1);
