@@ -44,9 +44,9 @@
  *   - `gen` of a slot is odd while the slot has an occupant and even while it
  *     is free; it changes (release) before any store that gives the slot or
  *     its entry to another occupant, and the store's own entry stores are
- *     release stores.  Copies of an entry load gen, the key and every entry
- *     word with acquire, then gen again, and keep the copy only when both
- *     loads of gen agree and are odd.
+ *     release stores.  Copies of an entry load gen and the key with acquire,
+ *     copy the entry and fence (acquire), load gen again, and keep the copy
+ *     only when both loads of gen agree and are odd.
  *   - `hash_is_mod` starts at 1 and is cleared (release) before the first
  *     key whose hash is not key % buckets is linked; it is never set again.
  *     Handles that know no hash function (attached by name only) look keys
