@@ -67,7 +67,12 @@ void lock_init_check(int rc, unsigned line) {
     if (rc != 0) __assert_fail("rc == 0", PMDB_LOCK_SRC_FILE, line, kLockInitFn);
 }
 
-/* Repairs the answers of a broken lock: EAGAIN asks for another attempt. */
+/* Repairs the answers of a broken lock: EAGAIN asks for another attempt.
+ * glibc's try-lock of an unrecoverable lock returns with the futex word
+ * still naming the caller; the rebuild zeroes it.  Two lockers that both
+ * meet a broken lock both rebuild it, one after the other: the locks of
+ * one slot are only ever broken by a dead holder or by a removal, and a
+ * locker racing the removal of its own entry has no entry to protect. */
 int lock_classify(pellin_mutex_type *lock, int rc) {
     if (rc == ENOTRECOVERABLE) {
         pthread_mutex_destroy(lock);
