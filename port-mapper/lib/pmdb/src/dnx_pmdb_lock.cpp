@@ -69,10 +69,11 @@ void lock_init_check(int rc, unsigned line) {
 
 /* Repairs the answers of a broken lock: EAGAIN asks for another attempt.
  * glibc's try-lock of an unrecoverable lock returns with the futex word
- * still naming the caller; the rebuild zeroes it.  Two lockers that both
- * meet a broken lock both rebuild it, one after the other: the locks of
- * one slot are only ever broken by a dead holder or by a removal, and a
- * locker racing the removal of its own entry has no entry to protect. */
+ * still naming the caller; the rebuild zeroes it.  Two lockers that meet
+ * the same broken lock may both rebuild it, and the later rebuild can wipe
+ * a hold the earlier one already took.  Accepted: a slot's lock is broken
+ * only by a holder's death followed by a careless unlock, or by a removal,
+ * and a locker racing the removal of its own entry has no entry left. */
 int lock_classify(pellin_mutex_type *lock, int rc) {
     if (rc == ENOTRECOVERABLE) {
         pthread_mutex_destroy(lock);
