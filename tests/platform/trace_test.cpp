@@ -196,6 +196,51 @@ TEST_F(TraceTest, ConcurrentWritersFromProcessesAndThreadsLoseNothing) {
     }
 }
 
+TEST_F(TraceTest, ReaderNeverSeesTornRecordsWhileRingIsOverwritten) {
+    // A small ring lapped constantly by two writers: every record a reader
+    // returns must be one record as written (its words belong together).
+    vesk_host_set_records(16);
+    const std::string other = pmdb::test::UniqueNamespace();
+    ASSERT_EQ(vorn_host_set_namespace(other.c_str()), 0);
+    vesk_buf_t *buf = dpa_port_mapper_get_db_vesk();
+    ASSERT_EQ(vesk_capacity(buf), 16u);
+    std::atomic<bool> stop{false};
+    std::vector<std::thread> writers;
+    struct Joiner {  // stops the writers however the test leaves
+        std::atomic<bool> &stop;
+        std::vector<std::thread> &threads;
+        ~Joiner() {
+            stop = true;
+            for (auto &t : threads) t.join();
+        }
+    } joiner{stop, writers};
+    for (uint64_t w = 1; w <= 2; w++) {
+        writers.emplace_back([&, w] {
+            for (uint64_t i = 0; !stop.load(); i++) {
+                _vesk_4(buf, VESK_ID(4, 100 + w), i, i * 3 + 1, ~i, w);
+            }
+        });
+    }
+    while (vesk_mark(buf) < 64) std::this_thread::yield();
+    size_t seen = 0;
+    vesk_rec_t recs[16];
+    for (int round = 0; round < 20000; round++) {
+        // Read the oldest records: the ones writers are overwriting now.
+        const uint64_t head = vesk_mark(buf);
+        const size_t n = vesk_read(buf, head > 16 ? head - 16 : 0, recs, 16, nullptr, nullptr);
+        for (size_t k = 0; k < n; k++) {
+            const vesk_rec_t &r = recs[k];
+            ASSERT_EQ(r.nargs, 4u);
+            ASSERT_EQ(r.point, 100 + r.args[3]);
+            ASSERT_EQ(r.args[1], r.args[0] * 3 + 1);
+            ASSERT_EQ(r.args[2], ~r.args[0]);
+        }
+        seen += n;
+    }
+    EXPECT_GT(seen, 0u);
+    vorn_host_remove_namespace(other.c_str());
+}
+
 TEST_F(TraceTest, GetterFaultDropsRecordsWithoutFailingCaller) {
     pm_fault_set("dpa_port_mapper_get_error_vesk", 0, 1);
     vesk_buf_t *buf = dpa_port_mapper_get_error_vesk();
