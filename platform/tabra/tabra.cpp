@@ -699,25 +699,26 @@ cerrno shm_fail(int err, u64 stage) {
     return fail(TABRA_TP_OPEN_SHM, TABRA_E_SHM, static_cast<u64>(err), stage);
 }
 
-/* Holding the object's flock: makes sure it holds an initialised table of
- * the requested format and maps its index part into *index. */
+/* Holding the object's flock (which also orders the creator's stores before
+ * this read of the magic): makes sure the object holds an initialised table,
+ * creating it when allowed, and maps its index part into *index. */
 cerrno prepare_object(int fd, const open_req &rq, u8 **index) {
     struct stat sb {};
     if (fstat(fd, &sb) != 0) return shm_fail(errno, 1);
-    const bool sized = static_cast<size_t>(sb.st_size) >= TABRA_OFF_ENTRIES;
-    if (!sized && !rq.create) return fail(TABRA_TP_NO_TABLE, TABRA_E_NOTFOUND, 0, 0);
-    const size_t want = rq.params ? object_size_of(stride_of(rq.params->entry_size)) : 0;
-    if (!sized && ftruncate(fd, static_cast<off_t>(want)) != 0) return shm_fail(errno, 2);
+    u32 magic = 0;
+    const bool ready = static_cast<size_t>(sb.st_size) >= TABRA_OFF_ENTRIES &&
+                       pread(fd, &magic, sizeof magic, 0) == sizeof magic &&
+                       magic == TABRA_SHM_MAGIC;
+    if (!ready && !rq.create) return fail(TABRA_TP_NO_TABLE, TABRA_E_NOTFOUND, 0, 0);
+    if (!ready) {
+        /* New, or left half made by a creator that died: start from zeros. */
+        const off_t want = static_cast<off_t>(object_size_of(stride_of(rq.params->entry_size)));
+        if (ftruncate(fd, 0) != 0 || ftruncate(fd, want) != 0) return shm_fail(errno, 2);
+    }
     void *m = vornos_mmap(nullptr, TABRA_OFF_ENTRIES, PROT_READ | PROT_WRITE, MAP_SHARED, fd, 0);
     if (m == MAP_FAILED) return shm_fail(errno, 3);
     *index = static_cast<u8 *>(m);
-    tabra_shm_hdr_t *h = reinterpret_cast<tabra_shm_hdr_t *>(m);
-    if (ld_acq(&h->magic) == TABRA_SHM_MAGIC) return 0;
-    if (!rq.create) return fail(TABRA_TP_NO_TABLE, TABRA_E_NOTFOUND, 0, 0);
-    /* A creator died before finishing: start again at our size. */
-    if (static_cast<size_t>(sb.st_size) != want && ftruncate(fd, static_cast<off_t>(want)) != 0)
-        return shm_fail(errno, 2);
-    init_header(*index, rq);
+    if (!ready) init_header(*index, rq);
     return 0;
 }
 

@@ -153,6 +153,27 @@ TEST_F(TabraOpen, OnlyOCreatCreates) {
     AddOrDie(h, 5);
 }
 
+TEST_F(TabraOpen, AnObjectLeftHalfMadeIsMadeAgain) {
+    /* What a creator killed before writing the magic leaves: some size, and
+     * bytes that are not a table. */
+    char object[128];
+    vorn_host_shm_name(TABRA_SHM_PREFIX "HALF", object, sizeof object);
+    const int fd = shm_open(object, O_CREAT | O_RDWR, 0600);
+    ASSERT_GE(fd, 0);
+    ASSERT_EQ(ftruncate(fd, TABRA_OFF_ENTRIES + 4096), 0);
+    const std::vector<u8> junk(TABRA_OFF_ENTRIES, 0xA5);
+    ASSERT_EQ(pwrite(fd, junk.data() + 4, junk.size() - 4, 4),
+              static_cast<ssize_t>(junk.size() - 4));
+    close(fd);
+    tabra_hdl_t h = nullptr;
+    EXPECT_EQ(tabra_attach("HALF", &h), TABRA_E_NOTFOUND) << "not a table yet";
+    h = OpenOrDie(Params("HALF", 80, Mod7, 7));
+    ASSERT_NE(h, nullptr);
+    for (u32 k = 1; k <= 20; k++) AddOrDie(h, k);
+    EXPECT_EQ(tabra_count(h), 20u);
+    EXPECT_EQ(CheckReport(h), "");
+}
+
 TEST_F(TabraOpen, MaxEntriesIsClampedAndZeroKeepsTheValue) {
     tabra_params_t p = Params("MAX", 80, Low16, 65536, 100000);
     tabra_hdl_t h = OpenOrDie(p);
