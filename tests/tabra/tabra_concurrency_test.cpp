@@ -126,16 +126,17 @@ TEST_F(TabraConcurrency, FourProcessesOverlappingKeysEndWithTheExactSet) {
     EXPECT_EQ(CheckReport(h), "");
 }
 
-/* Readers in other processes look up keys that stay in the table while
- * writers add and remove other keys of the same buckets, reusing slots all
- * the time: a stable key must never go missing, and a copy must never show
- * another key's entry. */
+/* Readers in other processes look up and walk keys that stay in the table
+ * while writers add and remove other keys of the same buckets, reusing slots
+ * all the time: a stable key must never go missing, and neither a copy nor a
+ * walk may show another key's entry. */
 struct ChurnLog {
     std::atomic<int> stop;
     std::atomic<u64> lookups;
     std::atomic<u64> misses;
     std::atomic<u64> wrong;
     std::atomic<u64> churn;
+    std::atomic<u64> walks;
 };
 
 /* Churn key i of writer w: even i in bucket 1 (with the stable keys), odd i
@@ -158,10 +159,32 @@ void Churn(tabra_hdl_t h, tabra_params_t params, int w, ChurnLog *log) {
     }
 }
 
+/* A walk in the middle of the churn: every entry it shows carries its own
+ * key (or is still zero, just added), and all stable keys are in it. */
+void WalkOnce(tabra_hdl_t h, ChurnLog *log) {
+    struct seen_t {
+        u32 stable = 0;
+        u64 wrong = 0;
+    } seen;
+    tabra_walk(
+        h,
+        [](void *ctx, u32 key, i32, const void *entry) {
+            auto *s = static_cast<seen_t *>(ctx);
+            const u32 v = *static_cast<const u32 *>(entry);
+            if (v != key && v != 0) s->wrong++;
+            if (key < 0x1000000u) s->stable++;
+            return 0;
+        },
+        &seen);
+    log->wrong += seen.wrong;
+    if (seen.stable != 64) log->misses++;
+    log->walks++;
+}
+
 void Look(tabra_hdl_t h, ChurnLog *log) {
-    u32 n = 0;
-    while (log->stop.load() == 0) {
-        const u32 key = (n++ % 64) * 8 + 1; /* the stable keys */
+    for (u32 n = 0; log->stop.load() == 0; n++) {
+        if (n % 256 == 255) WalkOnce(h, log);
+        const u32 key = (n % 64) * 8 + 1; /* the stable keys */
         u32 v[20];
         i32 slot = -1;
         const cerrno st = tabra_copy_entry_by_key(h, key, v, sizeof v, &slot);
@@ -200,6 +223,7 @@ TEST_F(TabraConcurrency, LookupsNeverMissAStableKeyWhileItsBucketsChurn) {
     for (pid_t pid : kids) waitpid(pid, nullptr, 0);
     EXPECT_GT(log->lookups.load(), 1000u);
     EXPECT_GT(log->churn.load(), 1000u);
+    EXPECT_GT(log->walks.load(), 10u);
     EXPECT_EQ(log->misses.load(), 0u);
     EXPECT_EQ(log->wrong.load(), 0u);
     EXPECT_EQ(CheckReport(h), "");
