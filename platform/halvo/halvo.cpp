@@ -99,6 +99,19 @@ void halvo_settings(pmdb_setting_fn fn, void *ctx) {
     }
 }
 
+/* Calls item(ctx, key, klen, value, vlen) for each "key=value" item of a
+ * comma-separated list until it returns true; items without '=' are skipped. */
+template <class Fn>
+void list_each(const char *list, Fn item) {
+    for (const char *p = list; p != nullptr && *p != '\0';) {
+        const char *end = strchr(p, ',');
+        const size_t len = end != nullptr ? (size_t)(end - p) : strlen(p);
+        const char *eq = (const char *)memchr(p, '=', len);
+        if (eq != nullptr && item(p, (size_t)(eq - p), eq + 1, len - (size_t)(eq - p) - 1)) return;
+        p += len + (end != nullptr ? 1 : 0);
+    }
+}
+
 }  // namespace
 
 extern "C" {
@@ -153,21 +166,31 @@ int pmdb_host_env_i64(const char *env, int64_t *out) {
 }
 
 int pmdb_host_list_find(const char *list, const char *key, char *value, size_t len) {
-    if (list == nullptr || key == nullptr || value == nullptr || len == 0) return 0;
-    const size_t klen = strlen(key);
-    for (const char *item = list; *item != '\0';) {
-        const char *end = strchr(item, ',');
-        const size_t ilen = end != nullptr ? (size_t)(end - item) : strlen(item);
-        if (ilen > klen && strncmp(item, key, klen) == 0 && item[klen] == '=') {
-            const size_t vlen = ilen - klen - 1;
-            if (vlen >= len) return 0;
-            memcpy(value, item + klen + 1, vlen);
+    if (key == nullptr || value == nullptr || len == 0) return 0;
+    const size_t want = strlen(key);
+    int found = 0;
+    list_each(list, [&](const char *k, size_t klen, const char *v, size_t vlen) {
+        if (klen != want || strncmp(k, key, klen) != 0) return false;
+        if (vlen < len) {
+            memcpy(value, v, vlen);
             value[vlen] = '\0';
-            return 1;
+            found = 1;
         }
-        item += ilen + (end != nullptr ? 1 : 0);
-    }
-    return 0;
+        return true;
+    });
+    return found;
+}
+
+void pmdb_host_list_keys(const char *list, void (*fn)(void *ctx, const char *key), void *ctx) {
+    list_each(list, [&](const char *k, size_t klen, const char *, size_t) {
+        char key[128];
+        if (klen > 0 && klen < sizeof key) {
+            memcpy(key, k, klen);
+            key[klen] = '\0';
+            fn(ctx, key);
+        }
+        return false;
+    });
 }
 
 void pmdb_host_setting_emit(pmdb_setting_fn fn, void *ctx, const char *name, const char *value,

@@ -120,6 +120,18 @@ pmdb_setting_source_t rp_value(int *value) {
     return PMDB_SETTING_DEFAULT;
 }
 
+/* Distinct node ids, in the order first added. */
+struct node_set {
+    uint32_t node[kMacOverrides * 2];
+    size_t n;
+    void add(uint32_t id) {
+        for (size_t i = 0; i < n; i++) {
+            if (node[i] == id) return;
+        }
+        if (n < sizeof node / sizeof node[0]) node[n++] = id;
+    }
+};
+
 void emit_mac(pmdb_setting_fn fn, void *ctx, uint32_t node) {
     uint8_t m[6];
     const pmdb_setting_source_t src = mac_of(node, 0, m);
@@ -208,15 +220,24 @@ void pmdb_host_identity_settings(pmdb_setting_fn fn, void *ctx) {
     pmdb_host_setting_emit(fn, ctx, "identity.node_id", value, kNodeIdEnv,
                            changed ? PMDB_SETTING_SETTER : g_node_id_src);
 
-    emit_mac(fn, ctx, pmdb_node_id);
-    uint32_t nodes[kMacOverrides];
-    size_t n = 0;
+    /* This node's MAC, then every node given a MAC by a setter or by
+     * PMDB_NODE_MAC, each once. */
+    node_set nodes{};
+    nodes.add(pmdb_node_id);
     pthread_mutex_lock(&g_mac_lock);
     for (const mac_override &o : g_macs) {
-        if (o.used && o.node != pmdb_node_id) nodes[n++] = o.node;
+        if (o.used) nodes.add(o.node);
     }
     pthread_mutex_unlock(&g_mac_lock);
-    for (size_t i = 0; i < n; i++) emit_mac(fn, ctx, nodes[i]);
+    pmdb_host_list_keys(
+        getenv(kNodeMacEnv),
+        [](void *c, const char *k) {
+            char *end = nullptr;
+            const unsigned long node = strtoul(k, &end, 0);
+            if (*end == '\0' && node <= UINT32_MAX) static_cast<node_set *>(c)->add((uint32_t)node);
+        },
+        &nodes);
+    for (size_t i = 0; i < nodes.n; i++) emit_mac(fn, ctx, nodes.node[i]);
 }
 
 }  // extern "C"

@@ -156,12 +156,19 @@ void emit_sysctl(pmdb_setting_fn fn, void *ctx, const char *key) {
     pmdb_host_setting_emit(fn, ctx, name, value, kSysctlEnv, src);
 }
 
-bool is_known_sysctl(const char *key) {
-    for (const char *k : kKnownSysctl) {
-        if (strcmp(k, key) == 0) return true;
+/* Distinct keys, in the order first added; extra keys beyond the capacity
+ * are not listed. */
+struct key_set {
+    char key[kSysctlOverrides * 2][kSysctlKeyMax];
+    size_t n;
+    void add(const char *k) {
+        if (strlen(k) >= kSysctlKeyMax) return;
+        for (size_t i = 0; i < n; i++) {
+            if (strcmp(key[i], k) == 0) return;
+        }
+        if (n < sizeof key / sizeof key[0]) snprintf(key[n++], kSysctlKeyMax, "%s", k);
     }
-    return false;
-}
+};
 
 /* Entry of a call on a named object: fault injection, then the namespaced
  * name in full.  False (errno set) when the call must fail. */
@@ -347,16 +354,19 @@ void pmdb_host_os_settings(pmdb_setting_fn fn, void *ctx) {
                                          : from_env ? PMDB_SETTING_ENV
                                                     : PMDB_SETTING_DEFAULT;
     pmdb_host_setting_emit(fn, ctx, "os.namespace", vorn_host_namespace(), VORN_NS_ENV, ns_src);
-    for (const char *k : kKnownSysctl) emit_sysctl(fn, ctx, k);
-    /* Keys set by a setter that the library does not know still show. */
-    char extra[kSysctlOverrides][kSysctlKeyMax];
-    size_t n = 0;
+    /* The keys the library reads, then any other key given by a setter or
+     * by PMDB_SYSCTL, each once. */
+    key_set keys{};
+    for (const char *k : kKnownSysctl) keys.add(k);
     pthread_mutex_lock(&g_sysctl_lock);
     for (const sysctl_override &o : g_sysctl) {
-        if (o.used && !is_known_sysctl(o.key)) memcpy(extra[n++], o.key, kSysctlKeyMax);
+        if (o.used) keys.add(o.key);
     }
     pthread_mutex_unlock(&g_sysctl_lock);
-    for (size_t i = 0; i < n; i++) emit_sysctl(fn, ctx, extra[i]);
+    pmdb_host_list_keys(
+        getenv(kSysctlEnv), [](void *c, const char *k) { static_cast<key_set *>(c)->add(k); },
+        &keys);
+    for (size_t i = 0; i < keys.n; i++) emit_sysctl(fn, ctx, keys.key[i]);
 }
 
 }  // extern "C"

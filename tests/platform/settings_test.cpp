@@ -175,7 +175,15 @@ TEST_F(SettingsTest, EnumerationNamesValueAndOrigin) {
     setenv("PMDB_MAX_SUBINTF_VLOB", "12", 1);
     halvo_host_set("oam_enable", 0);
     vorn_host_sysctl_set("tarvo.qen.vorn.platform.max_bundle_l3_vlan", 5);
+    setenv("PMDB_SYSCTL", "x.y=4,tarvo.qen.vorn.platform.max_bundle_l3_vlan=6", 1);
+    setenv("PMDB_NODE_MAC", "9=00:11:22:33:44:55", 1);
     auto all = AllSettings();
+    EXPECT_EQ(all["sysctl.x.y"].value, "4");
+    EXPECT_EQ(all["sysctl.x.y"].source, PMDB_SETTING_ENV);
+    EXPECT_EQ(all["sysctl.tarvo.qen.vorn.platform.max_bundle_l3_vlan"].source,
+              PMDB_SETTING_SETTER);
+    EXPECT_EQ(all["identity.node_mac.9"].value, "00:11:22:33:44:55");
+    EXPECT_EQ(all["identity.node_mac.9"].source, PMDB_SETTING_ENV);
     EXPECT_EQ(all["halvo.max_entries"].value, "65536");
     EXPECT_EQ(all["halvo.max_entries"].source, PMDB_SETTING_DEFAULT);
     EXPECT_EQ(all["halvo.max_entries"].env, "PMDB_MAX_ENTRIES");

@@ -20,6 +20,8 @@ int pmdb_host_env_i64(const char *env, int64_t *out);
 /* Finds `key` in a "key=value,key=value" list; copies its value (NUL
  * terminated) and returns 1, or returns 0. */
 int pmdb_host_list_find(const char *list, const char *key, char *value, size_t len);
+/* Calls fn with each key of such a list, in order. */
+void pmdb_host_list_keys(const char *list, void (*fn)(void *ctx, const char *key), void *ctx);
 /* Reports one setting to fn. */
 void pmdb_host_setting_emit(pmdb_setting_fn fn, void *ctx, const char *name, const char *value,
                             const char *env, pmdb_setting_source_t source);
