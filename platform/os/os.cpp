@@ -162,11 +162,12 @@ struct key_set {
     char key[kSysctlOverrides * 2][kSysctlKeyMax];
     size_t n;
     void add(const char *k) {
-        if (strlen(k) >= kSysctlKeyMax) return;
+        const size_t len = strlen(k);
+        if (len >= kSysctlKeyMax) return;
         for (size_t i = 0; i < n; i++) {
             if (strcmp(key[i], k) == 0) return;
         }
-        if (n < sizeof key / sizeof key[0]) snprintf(key[n++], kSysctlKeyMax, "%s", k);
+        if (n < sizeof key / sizeof key[0]) memcpy(key[n++], k, len + 1);
     }
 };
 

@@ -321,14 +321,15 @@ void PmdbTest::TearDown() {
 }
 
 void PmdbTest::ExpectTrace(vesk_kind_t kind, uint32_t point, std::initializer_list<uint64_t> args,
-                           const char *str, std::source_location loc) const {
+                           const char *str, const char *file, int line) const {
     const ::testing::AssertionResult r = TraceWritten(mark_, kind, point, args, str);
-    if (!r) ADD_FAILURE_AT(loc.file_name(), (int)loc.line()) << r.message();
+    if (!r) ADD_FAILURE_AT(file, line) << r.message();
 }
 
-void PmdbTest::ExpectNoTrace(vesk_kind_t kind, uint32_t point, std::source_location loc) const {
+void PmdbTest::ExpectNoTrace(vesk_kind_t kind, uint32_t point, const char *file,
+                             int line) const {
     const ::testing::AssertionResult r = TraceNotWritten(mark_, kind, point);
-    if (!r) ADD_FAILURE_AT(loc.file_name(), (int)loc.line()) << r.message();
+    if (!r) ADD_FAILURE_AT(file, line) << r.message();
 }
 
 }  // namespace pmdb::test

@@ -23,7 +23,6 @@
 #include <functional>
 #include <initializer_list>
 #include <memory>
-#include <source_location>
 #include <string>
 #include <type_traits>
 #include <vector>
@@ -158,11 +157,12 @@ protected:
     size_t CountTraces(vesk_kind_t kind, uint32_t point) const {
         return FindTraces(mark_, kind, point).size();
     }
+    /* Failures are reported at the caller's file and line. */
     void ExpectTrace(vesk_kind_t kind, uint32_t point, std::initializer_list<uint64_t> args,
-                     const char *str = nullptr,
-                     std::source_location loc = std::source_location::current()) const;
-    void ExpectNoTrace(vesk_kind_t kind, uint32_t point,
-                       std::source_location loc = std::source_location::current()) const;
+                     const char *str = nullptr, const char *file = __builtin_FILE(),
+                     int line = __builtin_LINE()) const;
+    void ExpectNoTrace(vesk_kind_t kind, uint32_t point, const char *file = __builtin_FILE(),
+                       int line = __builtin_LINE()) const;
 
 private:
     std::string ns_;
