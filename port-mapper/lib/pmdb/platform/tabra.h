@@ -21,10 +21,14 @@
  * number of entries; the value of the most recent tabra_open or protection
  * call of any process is in force, a value above 65536 counts as 65536 and 0
  * leaves the value in force unchanged.  tbl_param1..3 are accepted and not
- * used.  Reopening an open table in the same process returns the same handle.
+ * used.  Reopening an open table in the same process returns the same handle;
+ * opening an existing table with another entry size or hash range is
+ * TABRA_E_MISMATCH.
  *
- * Write protection is per process.  tabra_make_shm_readonly_protected makes
- * every entry of the table read-only in this process.  tabra_make_shm_writable
+ * Write protection is per process.  A table opened with tabra_open is
+ * writable in the opening process until its first protection call;
+ * tabra_make_shm_readonly_protected makes every entry of the table read-only
+ * in this process.  tabra_make_shm_writable
  * opens a write window: from then on each entry that tabra_add_entry or
  * tabra_get_entry_by_key hands out in this process is writable, until the
  * next tabra_make_shm_readonly_protected.  An entry pointer obtained before
