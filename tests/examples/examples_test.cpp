@@ -1,0 +1,299 @@
+// The demo and its card writer, run as the operator runs them: separate
+// processes, the card read back from shared memory by this process through
+// the reader library.
+#include <fcntl.h>
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+#include <signal.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <chrono>
+#include <cstring>
+#include <filesystem>
+#include <regex>
+#include <string>
+#include <thread>
+#include <vector>
+
+#include "pmdb.h"
+#include "pmdb_reader.h"
+#include "pmdb_test.h"
+
+namespace {
+
+using ::testing::HasSubstr;
+using ::testing::Not;
+using namespace std::chrono_literals;
+
+// A program started with its stdout and stderr on one pipe.
+class Program {
+  public:
+    explicit Program(std::vector<std::string> argv, std::vector<std::string> env = {}) {
+        int fds[2];
+        if (pipe(fds) != 0) return;
+        pid_ = fork();
+        if (pid_ == 0) {
+            dup2(fds[1], 1);
+            dup2(fds[1], 2);
+            close(fds[0]);
+            close(fds[1]);
+            for (const std::string &e : env) putenv(const_cast<char *>(e.c_str()));
+            std::vector<char *> args;
+            for (std::string &a : argv) args.push_back(a.data());
+            args.push_back(nullptr);
+            execv(args[0], args.data());
+            _exit(127);
+        }
+        close(fds[1]);
+        out_fd_ = fds[0];
+    }
+    ~Program() {
+        if (pid_ > 0 && !reaped_) {
+            kill(pid_, SIGKILL);
+            Wait();
+        }
+        if (out_fd_ >= 0) close(out_fd_);
+    }
+    Program(const Program &) = delete;
+    Program &operator=(const Program &) = delete;
+
+    pid_t pid() const { return pid_; }
+
+    // Reads output until `text` has appeared (true) or the program closed
+    // its end of the pipe (false).
+    bool WaitFor(const std::string &text) {
+        while (output_.find(text) == std::string::npos)
+            if (!ReadSome()) return false;
+        return true;
+    }
+    // Reads the rest of the output and reaps the program; its exit status,
+    // or -1 when it did not exit (killed by a signal).
+    int Wait() {
+        while (ReadSome()) {
+        }
+        int raw = 0;
+        waitpid(pid_, &raw, 0);
+        reaped_ = true;
+        signal_ = WIFSIGNALED(raw) ? WTERMSIG(raw) : 0;
+        return WIFEXITED(raw) ? WEXITSTATUS(raw) : -1;
+    }
+    int signal() const { return signal_; }
+    const std::string &output() const { return output_; }
+
+  private:
+    bool ReadSome() {
+        char buf[512];
+        const ssize_t n = out_fd_ < 0 ? 0 : read(out_fd_, buf, sizeof buf);
+        if (n <= 0) return false;
+        output_.append(buf, static_cast<size_t>(n));
+        return true;
+    }
+
+    pid_t pid_ = -1;
+    int out_fd_ = -1;
+    bool reaped_ = false;
+    int signal_ = 0;
+    std::string output_;
+};
+
+struct Result {
+    int status;
+    std::string output;
+};
+
+Result RunProgram(std::vector<std::string> argv, std::vector<std::string> env = {}) {
+    Program p(std::move(argv), std::move(env));
+    const int status = p.Wait();
+    return {status, p.output()};
+}
+
+Result CardWriter(std::vector<std::string> args) {
+    args.insert(args.begin(), CARD_WRITER_PATH);
+    return RunProgram(std::move(args));
+}
+
+pmdb_ifh_entry_t Ifh(u32 key) {
+    pmdb_ifh_entry_t e;
+    memset(&e, 0, sizeof e);
+    EXPECT_EQ(dpa_pmdb_copy_entry(PMDB_TYPE_IFH, key, &e, sizeof e), 0u) << std::hex << key;
+    return e;
+}
+
+pmdb_punt_entry_t Punt(u32 key) {
+    pmdb_punt_entry_t e;
+    memset(&e, 0, sizeof e);
+    EXPECT_EQ(dpa_pmdb_copy_entry(PMDB_TYPE_PUNT, key, &e, sizeof e), 0u) << std::hex << key;
+    return e;
+}
+
+u32 Count(pmdb_type_t type) {
+    u32 n = 0;
+    EXPECT_EQ(dpa_pmdb_count_entries(type, &n), 0u);
+    return n;
+}
+
+class CardWriterTest : public pmdb::test::PmdbTest {
+  protected:
+    void BuildCard() {
+        const Result r = CardWriter({"build"});
+        ASSERT_EQ(r.status, 0) << r.output;
+        build_output_ = r.output;
+    }
+    std::string build_output_;
+};
+
+// ---- the card as other processes see it ------------------------------------
+
+TEST_F(CardWriterTest, PortsBundleAndBviAreInTheTablesAsReported) {
+    BuildCard();
+    EXPECT_THAT(build_output_, HasSubstr("card built: 6 IFH, 15 PUNT, 1 OAM entries\n"));
+    EXPECT_EQ(Count(PMDB_TYPE_IFH), 6u);
+    EXPECT_EQ(Count(PMDB_TYPE_PUNT), 15u);
+    EXPECT_EQ(Count(PMDB_TYPE_OAM), 1u);
+
+    // Ports keep their node and carry their node's bit; every port has its
+    // main punt entry (keyed by ingress LIF) naming it.
+    const struct {
+        u32 ifh, node;
+        u16 ingress_lif;
+    } ports[] = {
+        {0x1001, 1, 0x0101}, {0x1002, 1, 0x0102}, {0x2001, 2, 0x0201}, {0x2002, 2, 0x0202}};
+    for (const auto &p : ports) {
+        const pmdb_ifh_entry_t e = Ifh(p.ifh);
+        EXPECT_EQ(e.key, p.ifh);
+        EXPECT_EQ(e.intf_info.node_id, p.node) << std::hex << p.ifh;
+        EXPECT_EQ(e.node_mask, 1u << p.node) << std::hex << p.ifh;
+        EXPECT_EQ(Punt(p.ingress_lif).intf_info.ifh, p.ifh);
+    }
+    // The bundle's own punt entry is stored with node 999, and its interface
+    // OAM entry (oam_id << 16 | 28) names the bundle.
+    EXPECT_EQ(Punt(0x0301).intf_info.node_id, 999u);
+    EXPECT_EQ(Punt(0x0301).intf_info.bundle_ifh, 0x3001u);
+    pmdb_oam_entry_t oam;
+    ASSERT_EQ(dpa_pmdb_get_oam_entry_by_key(0x0031001C, &oam), 0u);
+    EXPECT_EQ(oam.oam_info.oam_ifh, 0x3001u);
+
+    // Port 0x2002 lost its extension punt entry and nothing else.
+    u8 buf[PMDB_PUNT_ENTRY_SIZE];
+    EXPECT_EQ(dpa_pmdb_get_punt_entry_by_key(0x00220000, buf), PMDB_ENOTFOUND);
+    EXPECT_EQ(Punt(0x0202).intf_info.ifh, 0x2002u);
+}
+
+TEST_F(CardWriterTest, BundleCountsItsMembersAndTheOutOfResourceMember) {
+    BuildCard();
+    const pmdb_ifh_entry_t bundle = Ifh(0x3001);
+    EXPECT_EQ(bundle.member_count, 2);
+    EXPECT_EQ(bundle.intf_info.oor_members_2, 1);
+    EXPECT_EQ(bundle.intf_info.oor_members_1, 0);
+    EXPECT_EQ(bundle.intf_info.oor_state, 2u);
+
+    u32 members[4] = {};
+    ASSERT_EQ(dpa_pmdb_get_bundle_member_ifh_entries(0x3001, members, 4, PMDB_READER_ALL_NODES),
+              0u);
+    EXPECT_THAT(members, ::testing::ElementsAre(0x1001, 0x2001, 0, 0));
+    EXPECT_EQ(Ifh(0x1001).intf_info.oor_state, 2u);
+    EXPECT_EQ(Ifh(0x1001).intf_info.member_port, 1);
+    EXPECT_EQ(Ifh(0x2001).intf_info.member_port, 2);
+
+    // The member's flap is what the out-of-resource callback was told:
+    // the bundle's level drops to 0 on the leave and is back at 2 on the rejoin.
+    const std::regex told(
+        "leaves bundle 0x00003001.*\n *out-of-resource callback: bundle 0x00003001 slot \\d+ "
+        "state 0 removed 0\n"
+        ".*joins bundle 0x00003001.*\n *out-of-resource callback: bundle 0x00003001 slot \\d+ "
+        "state 2 removed 0\n");
+    EXPECT_TRUE(std::regex_search(build_output_, told)) << build_output_;
+}
+
+TEST_F(CardWriterTest, BviFollowsItsNodeOutOfTheInventory) {
+    BuildCard();
+    const pmdb_ifh_entry_t bvi = Ifh(0x4001);
+    EXPECT_EQ(bvi.intf_info.intf_type, PMDB_INTF_TYPE_BVI);
+    EXPECT_EQ(bvi.intf_info.node_id, 1u);
+    // Node 1's MAC as the platform reports it (the host default 02:<node>:<unit>).
+    const u8 node1_mac[6] = {0x02, 0x00, 0x00, 0x00, 0x01, 0x00};
+    EXPECT_EQ(memcmp(bvi.intf_info.node_mac, node1_mac, 6), 0);
+    EXPECT_THAT(build_output_,
+                HasSubstr("    AIB update callback: 1 handle(s): 0x00004001 (status 0)\n"));
+    // Ports of the node that left keep their node: only BVIs move.
+    EXPECT_EQ(Ifh(0x2002).intf_info.node_id, 2u);
+}
+
+// ---- failures are reported -----------------------------------------------------
+
+TEST_F(CardWriterTest, UnexpectedStatusesAndBadArgumentsExitNonZero) {
+    const Result missing = CardWriter({"hold", "0x9999"});
+    EXPECT_EQ(missing.status, 1);
+    EXPECT_THAT(missing.output, HasSubstr("card_writer: lookup of 0x00009999: status"));
+
+    const Result no_entry = CardWriter({"oor", "0x9999", "1"});
+    EXPECT_EQ(no_entry.status, 1) << no_entry.output;
+
+    EXPECT_EQ(CardWriter({"oor", "0x1002", "3"}).status, 2);
+    EXPECT_EQ(CardWriter({}).status, 2);
+    EXPECT_EQ(CardWriter({"build", "extra"}).status, 2);
+}
+
+// ---- a writer killed while it holds an entry lock -------------------------------
+
+TEST_F(CardWriterTest, WriterWaitingOnAKilledHolderRecoversTheLock) {
+    BuildCard();
+    Program holder({CARD_WRITER_PATH, "hold", "0x1002"});
+    ASSERT_TRUE(holder.WaitFor("holds the entry lock of IFH 0x00001002")) << holder.output();
+
+    // While the holder lives, a writer of that entry waits for it.
+    Program writer({CARD_WRITER_PATH, "oor", "0x1002", "2"});
+    std::this_thread::sleep_for(300ms);
+    EXPECT_EQ(waitpid(writer.pid(), nullptr, WNOHANG), 0) << "the writer did not wait";
+
+    MarkTraces();
+    kill(holder.pid(), SIGKILL);
+    holder.Wait();
+    ASSERT_EQ(holder.signal(), SIGKILL);
+
+    // Once the holder is dead the writer gets the lock, says so in trace 69,
+    // and makes its change; the lock then works as before.
+    ASSERT_EQ(writer.Wait(), 0) << writer.output();
+    EXPECT_EQ(CountTraces(VESK_DATABASE, 69), 1u);
+    EXPECT_EQ(Ifh(0x1002).intf_info.oor_state, 2u);
+    const Result again = CardWriter({"oor", "0x1002", "1"});
+    ASSERT_EQ(again.status, 0) << again.output;
+    EXPECT_EQ(CountTraces(VESK_DATABASE, 69), 1u);
+    EXPECT_EQ(Ifh(0x1002).intf_info.oor_state, 1u);
+    EXPECT_EQ(RunProgram({PMDBCTL_PATH, "check"}).status, 0);
+}
+
+// ---- the whole demo ----------------------------------------------------------------
+
+TEST(DemoTest, RunsUnattendedShowsTheCardAndLeavesNothingBehind) {
+    const auto start = std::chrono::steady_clock::now();
+    const Result r = RunProgram({"/bin/bash", DEMO_SCRIPT}, {"PMDB_BUILD_DIR=" DEMO_BUILD_DIR});
+    const auto took = std::chrono::steady_clock::now() - start;
+    ASSERT_EQ(r.status, 0) << r.output;
+    EXPECT_LT(took, 30s);
+
+    const std::string &out = r.output;
+    EXPECT_THAT(out, HasSubstr("card built: 6 IFH, 15 PUNT, 1 OAM entries\n"));
+    EXPECT_THAT(out, HasSubstr("DNX_PORT_MAPPER_PUNT_DB          ok\n"));
+    EXPECT_THAT(out, HasSubstr("members: 0x00001001 0x00002001\n"));
+    EXPECT_THAT(out, HasSubstr("inv_node_id   1\n"));
+    EXPECT_THAT(out, HasSubstr("held 1  dead owner 0"));
+    EXPECT_THAT(out, HasSubstr("held 0  dead owner 1"));
+    EXPECT_THAT(out, HasSubstr("database 69 lock_owner_dead"));
+    EXPECT_THAT(out, HasSubstr("IFH 0x00001002 out of resource, level 1: status 0\n"));
+    EXPECT_THAT(out, Not(HasSubstr("pmdbctl:")));  // no tool reported an error
+
+    // The demo's namespaces are gone.
+    std::smatch m;
+    ASSERT_TRUE(std::regex_search(out, m, std::regex("namespace (demo[0-9]+)\\)")));
+    const std::string ns = m[1];
+    for (const auto &f : std::filesystem::directory_iterator("/dev/shm")) {
+        const std::string name = f.path().filename();
+        EXPECT_NE(name.rfind(ns + ".", 0), 0u) << name;
+        EXPECT_NE(name.rfind(ns + "t.", 0), 0u) << name;
+        EXPECT_NE(name.rfind("sem." + ns, 0), 0u) << name;
+    }
+}
+
+}  // namespace
