@@ -28,13 +28,13 @@
 
 #include "pmdb.h"
 #include "pmdb_cycle.h"
+#include "pmdb_ops.h"
 #include "pmdb_trace.h"
 #include "pmdb_writer.h"
 
 namespace {
 
 constexpr size_t kMacLen = 6;
-constexpr u32 kNumOamSlots = 32;
 constexpr u32 kNumPuntWords = 5;
 
 /* What one add learned under the lock and reports after the release. */
@@ -55,12 +55,6 @@ void set_bit(u8 *flags, u8 bit, bool on) {
         *flags = static_cast<u8>(*flags & ~bit);
 }
 
-/* Copies the nonzero OAM slots; zero slots leave the summary's value. */
-void copy_oam_slots(u32 *dst, const u32 *src) {
-    for (u32 i = 0; i < kNumOamSlots; i++)
-        if (src[i] != 0) dst[i] = src[i];
-}
-
 /* Node numbers beyond the 16-bit mask record no node. */
 u16 node_bit(u16 node) {
     if (node == 0 || node > PMDB_NODE_MASK_MAX_NODE) return 0;
@@ -75,7 +69,7 @@ void fill_prev(const pmdb_ifh_entry_t *e, dpa_pmdb_ifh_summary_t *prev) {
     prev->ingress_lif = in->ingress_lif;
     prev->slot_id = in->slot_id;
     prev->sys_port = in->sys_port;
-    copy_oam_slots(prev->oam_slots, in->oam_slots);
+    dpa_pmdb_copy_oam_slots(prev->oam_slots, in->oam_slots);
 }
 
 /* Step 7: a new entry starts from zeros; both kinds record the node. */
@@ -130,29 +124,12 @@ void apply_punt(pmdb_ifh_entry_t *e, u32 ifh, const pmdb_event_t *ev, bool creat
     if (created) summary->sum_flags = static_cast<u8>(summary->sum_flags | PMDB_SUM_PUNT_ONLY_CREATED);
 }
 
-/* Step 12: the summary.  Bits 0, 2, 6 and 7 of sum_flags keep the caller's
- * value (bit 2 is only ever set, by apply_punt). */
+/* Step 12: the summary, with the created bit.  Bits 0, 2, 6 and 7 of
+ * sum_flags keep the caller's value (bit 2 is only ever set, by apply_punt). */
 void fill_summary(const pmdb_ifh_entry_t *e, bool created, dpa_pmdb_ifh_summary_t *s) {
-    const pmdb_intf_info_t *in = &e->intf_info;
-    s->egress_lif = in->egress_lif;
-    s->oam_id = in->oam_id;
-    s->sys_port = in->sys_port;
-    s->intf_data_44 = in->intf_data_44;
-    s->lc_slot = in->lc_slot;
-    s->slot_id = in->slot_id;
-    s->npu_index = in->npu_index;
-    s->ingress_lif = in->ingress_lif;
-    s->port_lo = static_cast<u16>(in->member_port & 0x3FFu);
-    s->port_hi = static_cast<u8>(in->member_port >> 10);
-    s->member_port_shift = static_cast<u8>(in->member_port_shift & 3u);
-    bool sub = in->sub_ifh != 0;
-    set_bit(&s->sum_flags, PMDB_SUM_EGRESS_KEY, (in->intf_flags & PMDB_INTF_EGRESS_KEY) != 0);
+    dpa_pmdb_summarise_intf(&e->intf_info,
+                            PMDB_SUMMARY_OAM_ID | PMDB_SUMMARY_BUNDLE | PMDB_SUMMARY_OAM_SLOTS, s);
     set_bit(&s->sum_flags, PMDB_SUM_CREATED, created);
-    set_bit(&s->sum_flags, PMDB_SUM_IS_SUB_INTF, sub && (in->ifh != 0 || in->bundle_ifh != 0));
-    set_bit(&s->sum_flags, PMDB_SUM_IS_BUNDLE_SUB_INTF, sub && in->bundle_ifh != 0);
-    s->parent_ifh = sub ? (in->ifh != 0 ? in->ifh : in->bundle_ifh) : 0;
-    s->bundle_ifh = in->bundle_ifh;
-    copy_oam_slots(s->oam_slots, in->oam_slots);
 }
 
 /* Steps 9 to 12 on the locked entry of a full (not MAC-only) event. */

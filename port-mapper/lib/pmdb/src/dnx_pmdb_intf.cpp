@@ -90,43 +90,20 @@ void write_punt_entry(pmdb_punt_entry_t *e, bool created, u32 key, const pmdb_ev
 
 /* ---- IFH summaries ------------------------------------------------------- */
 
-/* The fields that the removal and the summary read take alike. */
-void summarise_keys(const pmdb_intf_info_t *in, dpa_pmdb_ifh_summary_t *s) {
-    s->egress_lif = in->egress_lif;
-    s->sys_port = in->sys_port;
-    s->intf_data_44 = in->intf_data_44;
-    s->lc_slot = in->lc_slot;
-    s->slot_id = in->slot_id;
-    s->npu_index = in->npu_index;
-    s->ingress_lif = in->ingress_lif;
-    s->port_lo = port_lo_of(in->member_port);
-    s->port_hi = port_hi_of(in->member_port);
-    s->member_port_shift = static_cast<u8>(in->member_port_shift & kMemberShiftMask);
-    const bool sub = in->sub_ifh != 0;
-    set_flag(&s->sum_flags, PMDB_SUM_EGRESS_KEY, (in->intf_flags & PMDB_INTF_EGRESS_KEY) != 0);
-    set_flag(&s->sum_flags, PMDB_SUM_IS_SUB_INTF, sub && (in->ifh != 0 || in->bundle_ifh != 0));
-    set_flag(&s->sum_flags, PMDB_SUM_IS_BUNDLE_SUB_INTF, sub && in->bundle_ifh != 0);
-    s->parent_ifh = sub ? (in->ifh != 0 ? in->ifh : in->bundle_ifh) : 0;
-}
-
-/* Removal's summary: also the membership and the nonzero OAM slots.
+/* Removal's summary: the keys, the nonzero OAM slots and the membership.
  * Returns whether the entry was an active bundle member. */
 bool summarise_for_removal(const pmdb_ifh_entry_t *e, dpa_pmdb_ifh_summary_t *s) {
-    summarise_keys(&e->intf_info, s);
-    for (u32 i = 0; i < kOamSlots; i++)
-        if (e->intf_info.oam_slots[i] != 0) s->oam_slots[i] = e->intf_info.oam_slots[i];
+    dpa_pmdb_summarise_intf(&e->intf_info, PMDB_SUMMARY_OAM_SLOTS, s);
     if ((e->ifh_flags & PMDB_IFH_MEMBER_ACTIVE) == 0) return false;
     s->sum_flags = static_cast<u8>(s->sum_flags | PMDB_SUM_IS_MEMBER);
     s->bundle_ifh = e->intf_info.bundle_ifh;
     return true;
 }
 
-/* Read summary: also the bundle and the OAM identifier, which falls back
- * to the first nonzero OAM slot (traced, with its index). */
+/* Read summary: the keys, the bundle and the OAM identifier, which falls
+ * back to the first nonzero OAM slot (traced, with its index). */
 void summarise_for_read(u32 ifh, const pmdb_intf_info_t *in, dpa_pmdb_ifh_summary_t *s) {
-    summarise_keys(in, s);
-    s->bundle_ifh = in->bundle_ifh;
-    s->oam_id = in->oam_id;
+    dpa_pmdb_summarise_intf(in, PMDB_SUMMARY_OAM_ID | PMDB_SUMMARY_BUNDLE, s);
     if (s->oam_id != 0) return;
     for (u32 i = 0; i < kOamSlots; i++) {
         if (in->oam_slots[i] == 0) continue;
@@ -272,6 +249,34 @@ u32 dpa_pmdb_bundle_member_punt_key(const dpa_pmdb_ifh_summary_t *summary) {
     const u32 shift = 8u + (summary->member_port_shift & kMemberShiftMask);
     const u32 port = (static_cast<u32>(summary->port_hi) << shift) | summary->port_lo;
     return PMDB_PUNT_KEY_MEMBER | ((port & kSysPortMask) << 16);
+}
+
+/* ---- IFH summaries ---------------------------------------------------------- */
+
+void dpa_pmdb_copy_oam_slots(u32 *dst, const u32 *src) {
+    for (u32 i = 0; i < kOamSlots; i++)
+        if (src[i] != 0) dst[i] = src[i];
+}
+
+void dpa_pmdb_summarise_intf(const pmdb_intf_info_t *in, u32 fields, dpa_pmdb_ifh_summary_t *s) {
+    s->egress_lif = in->egress_lif;
+    s->sys_port = in->sys_port;
+    s->intf_data_44 = in->intf_data_44;
+    s->lc_slot = in->lc_slot;
+    s->slot_id = in->slot_id;
+    s->npu_index = in->npu_index;
+    s->ingress_lif = in->ingress_lif;
+    s->port_lo = port_lo_of(in->member_port);
+    s->port_hi = port_hi_of(in->member_port);
+    s->member_port_shift = static_cast<u8>(in->member_port_shift & kMemberShiftMask);
+    const bool sub = in->sub_ifh != 0;
+    set_flag(&s->sum_flags, PMDB_SUM_EGRESS_KEY, (in->intf_flags & PMDB_INTF_EGRESS_KEY) != 0);
+    set_flag(&s->sum_flags, PMDB_SUM_IS_SUB_INTF, sub && (in->ifh != 0 || in->bundle_ifh != 0));
+    set_flag(&s->sum_flags, PMDB_SUM_IS_BUNDLE_SUB_INTF, sub && in->bundle_ifh != 0);
+    s->parent_ifh = sub ? (in->ifh != 0 ? in->ifh : in->bundle_ifh) : 0;
+    if ((fields & PMDB_SUMMARY_OAM_ID) != 0) s->oam_id = in->oam_id;
+    if ((fields & PMDB_SUMMARY_BUNDLE) != 0) s->bundle_ifh = in->bundle_ifh;
+    if ((fields & PMDB_SUMMARY_OAM_SLOTS) != 0) dpa_pmdb_copy_oam_slots(s->oam_slots, in->oam_slots);
 }
 
 /* ---- one PUNT entry -------------------------------------------------------- */

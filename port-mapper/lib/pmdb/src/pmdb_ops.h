@@ -9,7 +9,8 @@
  *
  * Owners:
  *   dnx_pmdb_intf.cpp  punt key rule, PUNT add/remove, IFH removal and
- *                      summary, node list, member and bundle updates
+ *                      summary (and the summary of an entry that the IFH
+ *                      add fills), node list, member and bundle updates
  *   dnx_pmdb_oam.cpp   OAM entries and the OAM event entry
  *   dnx_pmdb_oor.cpp   out-of-resource state, the callback pointer, the
  *                      bundle member accounting
@@ -62,6 +63,22 @@ cerrno dpa_pmdb_add_punt_entry(u32 key, const pmdb_event_t *event, i32 *slot,
  * lock.  Returns 0, PMDB_EINVAL for key 0, or the status of the open,
  * lookup, removal or release. */
 cerrno dpa_pmdb_remove_punt_entry(u32 key);
+
+/* Extra summary fields for dpa_pmdb_summarise_intf. */
+#define PMDB_SUMMARY_OAM_ID 0x1u    /* oam_id as stored */
+#define PMDB_SUMMARY_BUNDLE 0x2u    /* bundle_ifh */
+#define PMDB_SUMMARY_OAM_SLOTS 0x4u /* each nonzero oam_slots[i] */
+
+/* Fills *s from an IFH entry's interface block.  Always: egress_lif,
+ * sys_port, intf_data_44, lc_slot, slot_id, npu_index, ingress_lif,
+ * port_lo (member_port bits 0..9), port_hi (bits 10..15), member_port_shift
+ * & 3, parent_ifh, and the sum_flags bits egress_key, is_sub_intf and
+ * is_bundle_sub_intf (its other bits keep their values).  `fields` adds
+ * PMDB_SUMMARY_* fields; every other field keeps the caller's value. */
+void dpa_pmdb_summarise_intf(const pmdb_intf_info_t *in, u32 fields, dpa_pmdb_ifh_summary_t *s);
+
+/* Copies each nonzero one of 32 OAM slots; a zero slot leaves dst's. */
+void dpa_pmdb_copy_oam_slots(u32 *dst, const u32 *src);
 
 /* Removes the IFH entry `ifh` after telling the out-of-resource callback
  * (ifh, slot, 0, 1) and summarising the entry into *summary; waits while
