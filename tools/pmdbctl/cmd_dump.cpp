@@ -20,6 +20,7 @@
 #include <vector>
 
 #include "command.h"
+#include "format.h"
 #include "pmdb_reader.h"
 
 namespace pmdbctl {
@@ -34,18 +35,6 @@ struct Table {
     pmdb_type_t type;
 };
 constexpr Table kTables[] = {{"ifh", PMDB_TYPE_IFH}, {"punt", PMDB_TYPE_PUNT}, {"oam", PMDB_TYPE_OAM}};
-
-std::string Hex(u64 v, int width = 8) {
-    char s[24];
-    snprintf(s, sizeof s, "0x%0*llx", width, static_cast<unsigned long long>(v));
-    return s;
-}
-
-std::string Mac(const u8 *m) {
-    char s[18];
-    snprintf(s, sizeof s, "%02x:%02x:%02x:%02x:%02x:%02x", m[0], m[1], m[2], m[3], m[4], m[5]);
-    return s;
-}
 
 std::string Time(const struct timespec &t) {
     char s[40];

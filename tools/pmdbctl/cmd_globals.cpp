@@ -2,32 +2,25 @@
 // every process of the card - which node indices are high-scale nodes, the
 // current high-scale node, and the recorded inventory node with its MAC.
 //
-// The region object is opened read-only and only the magic and the globals
-// block are read (pread, no mapping, no lock): the values are plain words
-// that writers change without a lock, so the output is a snapshot in which
-// the mask and the node may come from different updates.
-#include <fcntl.h>
-#include <stdio.h>
-#include <unistd.h>
-
-#include <cstddef>
+// The region is mapped read-only and only the magic and the globals block
+// are read (no lock): the values are plain words that writers change
+// without a lock, so the output is a snapshot in which the mask and the
+// node may come from different updates.
 #include <iostream>
 #include <memory>
 #include <nlohmann/json.hpp>
 #include <string>
 
 #include "command.h"
+#include "format.h"
 #include "host/os_host.h"
 #include "pmdb.h"
-#include "vorn_os.h"
+#include "region_view.h"
 
 namespace pmdbctl {
 namespace {
 
 using json = nlohmann::ordered_json;
-
-constexpr off_t kMagicOffset = offsetof(dnx_pmdb_shrd_ctx_t, magic);
-constexpr off_t kGlobalsOffset = offsetof(dnx_pmdb_shrd_ctx_t, glbls);
 
 struct Options {
     bool json = false;
@@ -38,35 +31,22 @@ struct Snapshot {
     dnx_pmdb_glbls_t glbls{};
 };
 
-bool ReadExact(int fd, void *buf, size_t len, off_t off) {
-    return pread(fd, buf, len, off) == static_cast<ssize_t>(len);
-}
-
 // Reads the IFH region; on failure returns false with the reason in *why.
 bool ReadRegion(Snapshot *s, std::string *why) {
-    const int fd = _shm_open(PMDB_IFH_SHM_NAME, O_RDONLY, 0);
-    if (fd < 0) {
+    const RegionView view(PMDB_IFH_SHM_NAME);
+    if (!view.present()) {
         *why = "no IFH region in namespace '" + std::string(vorn_host_namespace()) +
                "' (no process has opened the IFH database)";
         return false;
     }
-    const bool ok = ReadExact(fd, &s->magic, sizeof s->magic, kMagicOffset) &&
-                    ReadExact(fd, &s->glbls, sizeof s->glbls, kGlobalsOffset);
-    vorn_close(fd);
-    if (!ok) *why = std::string("IFH region ") + PMDB_IFH_SHM_NAME + " is too short to hold its globals";
-    return ok;
-}
-
-std::string Hex32(u32 v) {
-    char s[16];
-    snprintf(s, sizeof s, "0x%08x", v);
-    return s;
-}
-
-std::string MacText(const u8 *m) {
-    char s[18];
-    snprintf(s, sizeof s, "%02x:%02x:%02x:%02x:%02x:%02x", m[0], m[1], m[2], m[3], m[4], m[5]);
-    return s;
+    if (view.ctx() == nullptr) {
+        *why = std::string("IFH region ") + PMDB_IFH_SHM_NAME +
+               " is too short to hold its globals, or cannot be mapped";
+        return false;
+    }
+    s->magic = view.magic();
+    s->glbls = view.ctx()->glbls;
+    return true;
 }
 
 json NodeIndices(u32 mask) {
@@ -81,12 +61,12 @@ json ToJson(const Snapshot &s) {
     return json{{"namespace", vorn_host_namespace()},
                 {"object", PMDB_IFH_SHM_NAME},
                 {"initialised", s.magic == PMDB_SHRD_CTX_MAGIC},
-                {"hs_node_mask", Hex32(g.hs_node_mask)},
+                {"hs_node_mask", Hex(g.hs_node_mask)},
                 {"hs_node_indices", NodeIndices(g.hs_node_mask)},
                 {"hs_node_id", g.hs_node_id},
                 {"inv_node_id", g.inv_node_id},
                 {"inv_node_recorded", g.inv_node_id != 0},
-                {"inv_node_mac", MacText(g.inv_node_mac)}};
+                {"inv_node_mac", Mac(g.inv_node_mac)}};
 }
 
 void PrintText(const json &j) {
@@ -108,7 +88,7 @@ int Globals(const Options &opts) {
     if (!ReadRegion(&s, &why)) return Fail(why);
     if (s.magic != PMDB_SHRD_CTX_MAGIC)
         return Fail(std::string("IFH region ") + PMDB_IFH_SHM_NAME + " has no magic (" +
-                    Hex32(s.magic) + "): it is not initialised");
+                    Hex(s.magic) + "): it is not initialised");
     const json j = ToJson(s);
     if (opts.json)
         std::cout << j.dump(2) << "\n";

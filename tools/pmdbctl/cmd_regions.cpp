@@ -13,10 +13,7 @@
 // are a snapshot of locks that may change while they are read.  A holder
 // counts as dead when its thread no longer exists (the robust-lock word
 // may not say so yet, e.g. for a plain, zero-filled slot).
-#include <fcntl.h>
 #include <stdio.h>
-#include <sys/mman.h>
-#include <sys/stat.h>
 #include <unistd.h>
 
 #include <iostream>
@@ -27,9 +24,10 @@
 
 #include "../../port-mapper/lib/pmdb/src/pmdb_lock_view.h"
 #include "command.h"
+#include "format.h"
 #include "host/os_host.h"
 #include "pmdb.h"
-#include "vorn_os.h"
+#include "region_view.h"
 
 namespace pmdbctl {
 namespace {
@@ -45,54 +43,11 @@ constexpr RegionName kRegions[] = {{"ifh", PMDB_IFH_SHM_NAME},
                                    {"oam", PMDB_OAM_SHM_NAME}};
 constexpr size_t kMaxHoldersListed = 16;
 
-std::string Hex(unsigned long long v) {
-    char s[24];
-    snprintf(s, sizeof s, "0x%08llx", v);
-    return s;
-}
-
-std::string Mac(const u8 *m) {
-    char s[18];
-    snprintf(s, sizeof s, "%02x:%02x:%02x:%02x:%02x:%02x", m[0], m[1], m[2], m[3], m[4], m[5]);
-    return s;
-}
-
 bool ThreadAlive(int tid) {
     char path[32];
     snprintf(path, sizeof path, "/proc/%d", tid);
     return access(path, F_OK) == 0;
 }
-
-// A read-only mapping of one region object; unmapped on destruction.
-class RegionMap {
-public:
-    explicit RegionMap(const char *object) {
-        const int fd = _shm_open(object, O_RDONLY, 0);
-        if (fd < 0) return;
-        struct stat st;
-        if (fstat(fd, &st) == 0) size_ = static_cast<size_t>(st.st_size);
-        if (size_ >= sizeof(dnx_pmdb_shrd_ctx_t)) {
-            void *m = mmap(nullptr, size_, PROT_READ, MAP_SHARED, fd, 0);
-            if (m != MAP_FAILED) ctx_ = static_cast<const dnx_pmdb_shrd_ctx_t *>(m);
-        }
-        vorn_close(fd);
-        present_ = true;
-    }
-    ~RegionMap() {
-        if (ctx_ != nullptr) munmap(const_cast<dnx_pmdb_shrd_ctx_t *>(ctx_), size_);
-    }
-    RegionMap(const RegionMap &) = delete;
-    RegionMap &operator=(const RegionMap &) = delete;
-
-    bool present() const { return present_; }
-    size_t size() const { return size_; }
-    const dnx_pmdb_shrd_ctx_t *ctx() const { return ctx_; }
-
-private:
-    bool present_ = false;
-    size_t size_ = 0;
-    const dnx_pmdb_shrd_ctx_t *ctx_ = nullptr;
-};
 
 json LockCounts(const dnx_pmdb_shrd_ctx_t *ctx) {
     unsigned initialised = 0, held = 0, dead = 0, unrecoverable = 0, destroyed = 0;
@@ -115,16 +70,16 @@ json LockCounts(const dnx_pmdb_shrd_ctx_t *ctx) {
 
 json RegionJson(const RegionName &r) {
     json out{{"type", r.type}, {"object", r.object}};
-    const RegionMap map(r.object);
-    out["present"] = map.present();
-    if (!map.present()) return out;
-    out["object_size"] = map.size();
-    const dnx_pmdb_shrd_ctx_t *ctx = map.ctx();
+    const RegionView view(r.object);
+    out["present"] = view.present();
+    if (!view.present()) return out;
+    out["object_size"] = view.size();
+    const dnx_pmdb_shrd_ctx_t *ctx = view.ctx();
     if (ctx == nullptr) {
         out["error"] = "too small to be a region, or not mappable";
         return out;
     }
-    const u32 magic = __atomic_load_n(&ctx->magic, __ATOMIC_ACQUIRE);
+    const u32 magic = view.magic();
     out["magic"] = Hex(magic);
     out["initialised"] = magic == PMDB_SHRD_CTX_MAGIC;
     const dnx_pmdb_glbls_t &g = ctx->glbls;

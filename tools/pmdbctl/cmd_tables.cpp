@@ -24,6 +24,7 @@
 #include <vector>
 
 #include "command.h"
+#include "format.h"
 #include "tabra.h"
 
 namespace pmdbctl {
@@ -40,18 +41,12 @@ std::vector<std::string> TableNames() {
     return names;
 }
 
-std::string Status(cerrno st) {
-    char s[16];
-    snprintf(s, sizeof s, "0x%08x", st);
-    return s;
-}
-
 /* Attaches to table `name`; on failure reports it and returns null. */
 tabra_hdl_t Attach(const std::string &name) {
     tabra_hdl_t h = nullptr;
     const cerrno st = tabra_attach(name.c_str(), &h);
     if (st != 0) {
-        Fail("cannot attach to table " + name + ": status " + Status(st));
+        Fail("cannot attach to table " + name + ": status " + Hex(st));
         return nullptr;
     }
     return h;
@@ -128,7 +123,7 @@ int Check(const CheckOptions &o) {
         char report[256] = "";
         const cerrno st = tabra_check(h, report, sizeof report);
         if (st != 0) status = kExitFailure;
-        const std::string problem = st == 0 ? "" : (report[0] ? report : "status " + Status(st));
+        const std::string problem = st == 0 ? "" : (report[0] ? report : "status " + Hex(st));
         if (o.json) {
             all.push_back(json{{"name", name}, {"ok", st == 0}, {"problem", problem}});
         } else {

@@ -21,6 +21,7 @@
 #include <vector>
 
 #include "command.h"
+#include "format.h"
 #include "host/os_host.h"
 #include "host/vesk_reader.h"
 #include "trace_points.h"
@@ -59,12 +60,6 @@ std::string IsoTime(int64_t sec, uint32_t nsec) {
     return buf;
 }
 
-std::string HexId(uint64_t id) {
-    char buf[24];
-    snprintf(buf, sizeof buf, "0x%llx", (unsigned long long)id);
-    return buf;
-}
-
 /* Names and values of a record's arguments, in order. */
 json Arguments(const vesk_rec_t &r, const TracePoint *tp) {
     json args = json::object();
@@ -81,7 +76,7 @@ json RecordJson(const Entry &e) {
     j["seq"] = e.rec.seq;
     j["point"] = e.rec.point;
     j["name"] = tp != nullptr ? tp->name : "unknown";
-    j["id"] = HexId(e.rec.id);
+    j["id"] = Hex(e.rec.id, 0);
     j["time"] = IsoTime(e.rec.tv_sec, e.rec.tv_nsec);
     j["time_ns"] = (uint64_t)e.rec.tv_sec * 1000000000ull + e.rec.tv_nsec;
     j["pid"] = e.rec.pid;

@@ -1,0 +1,20 @@
+// format.cpp - value formatting of pmdbctl (see format.h).
+#include "format.h"
+
+#include <stdio.h>
+
+namespace pmdbctl {
+
+std::string Hex(unsigned long long v, int width) {
+    char s[24];
+    snprintf(s, sizeof s, "0x%0*llx", width, v);
+    return s;
+}
+
+std::string Mac(const uint8_t *m) {
+    char s[18];
+    snprintf(s, sizeof s, "%02x:%02x:%02x:%02x:%02x:%02x", m[0], m[1], m[2], m[3], m[4], m[5]);
+    return s;
+}
+
+}  // namespace pmdbctl
