@@ -128,30 +128,57 @@ TEST_F(FrameCycleTest, FailedOpenIsReportedAndNeedsNoRelease) {
     EXPECT_TRUE(frame_test::CallNames("tabra_").empty());
 }
 
-TEST_F(FrameCycleTest, EachFailingStepIsNamedAndTheCycleStillReleases) {
+// An operation's cycle started with its own trace points: the failing step
+// is named, traced with (key, status), and everything is released.
+TEST_F(FrameCycleTest, EachFailingStepIsNamedTracedAndTheCycleStillReleases) {
+    const pmdb_cycle_traces_t points = {.zero_key = 901,
+                                        .open_failed = 902,
+                                        .add_failed = 903,
+                                        .refreshed = 904,
+                                        .lookup_failed = 905,
+                                        .lock_failed = 906};
     struct Case {
         const char *call;
         cerrno fault;
+        u32 how;
         pmdb_cycle_step_t step;
         cerrno status;
+        u32 point;
     } cases[] = {
-        {"tabra_add_entry", TABRA_E_FULL, PMDB_STEP_ADD, TABRA_E_FULL},
+        {"tabra_add_entry", TABRA_E_FULL, PMDB_CYCLE_CREATE, PMDB_STEP_ADD, TABRA_E_FULL, 903},
         // "already present" from an add whose lookup then finds nothing
-        {"tabra_add_entry", TABRA_E_EXISTS, PMDB_STEP_LOOKUP, TABRA_E_NOTFOUND},
+        {"tabra_add_entry", TABRA_E_EXISTS, PMDB_CYCLE_CREATE, PMDB_STEP_LOOKUP, TABRA_E_NOTFOUND,
+         905},
+        {"tabra_get_entry_by_key", TABRA_E_CORRUPT, PMDB_CYCLE_FIND | PMDB_CYCLE_LOCK,
+         PMDB_STEP_LOOKUP, TABRA_E_CORRUPT, 905},
     };
     for (const Case &c : cases) {
         SCOPED_TRACE(c.call);
+        MarkTraces();
         pm_fault_set(c.call, c.fault, 1);
         pmdb_cycle_t cyc;
-        ASSERT_EQ(pmdb_cycle_open(&cyc, PMDB_TYPE_OAM), 0u);
-        const cerrno rc = pmdb_cycle_find_or_create(&cyc, kKey);
-        EXPECT_EQ(rc, c.status);
+        EXPECT_EQ(pmdb_cycle_begin(&cyc, PMDB_TYPE_OAM, kKey, c.how, &points), c.status);
         EXPECT_EQ(cyc.failed_step, c.step);
         EXPECT_EQ(cyc.failed_status, c.status);
-        EXPECT_EQ(pmdb_cycle_release(&cyc, rc), c.status);
+        ExpectTrace(VESK_ERROR, c.point, {kKey, c.status});
+        EXPECT_EQ(CountTraces(VESK_DATABASE, 904), c.fault == TABRA_E_EXISTS ? 1u : 0u);
+        EXPECT_FALSE(cyc.locked);
         EXPECT_EQ(pmdb_frame_wr_refcnt(PMDB_TYPE_OAM), 0);
         EXPECT_EQ(cyc.hdl->prot_state, PMDB_PROT_READONLY);
+        EXPECT_EQ(pmdb_cycle_release(&cyc, c.status), c.status) << "a second release is harmless";
     }
+
+    MarkTraces();
+    pmdb_cycle_t cyc;
+    EXPECT_EQ(pmdb_cycle_begin(&cyc, PMDB_TYPE_OAM, 0, PMDB_CYCLE_FIND, &points), PMDB_EINVAL);
+    EXPECT_EQ(cyc.failed_step, PMDB_STEP_KEY);
+    EXPECT_EQ(cyc.hdl, nullptr);
+    ExpectTrace(VESK_ERROR, 901, {});
+
+    pm_fault_set("tabra_make_shm_writable", TABRA_E_PROT, 1);
+    EXPECT_EQ(pmdb_cycle_begin(&cyc, PMDB_TYPE_OAM, kKey, PMDB_CYCLE_FIND, &points), TABRA_E_PROT);
+    EXPECT_EQ(cyc.hdl, nullptr);
+    ExpectTrace(VESK_ERROR, 902, {kKey, TABRA_E_PROT});
 }
 
 TEST_F(FrameCycleTest, LockFailureIsNamed) {
@@ -161,9 +188,12 @@ TEST_F(FrameCycleTest, LockFailureIsNamed) {
     ASSERT_EQ(pmdb_cycle_find_lock(&holder, kKey), 0u);
     // The same thread asks again for the lock it holds.
     pmdb_cycle_t again = pmdb_cycle_share(&holder);
-    EXPECT_EQ(pmdb_cycle_find_lock(&again, kKey), static_cast<cerrno>(EDEADLK));
+    const pmdb_cycle_traces_t points = {.lock_failed = 906};
+    EXPECT_EQ(pmdb_cycle_enter(&again, kKey, PMDB_CYCLE_LOCK, &points),
+              static_cast<cerrno>(EDEADLK));
     EXPECT_EQ(again.failed_step, PMDB_STEP_LOCK);
     EXPECT_FALSE(again.locked);
+    ExpectTrace(VESK_ERROR, 906, {kKey, EDEADLK});
     EXPECT_EQ(pmdb_cycle_release(&again, EDEADLK), static_cast<cerrno>(EDEADLK));
     EXPECT_EQ(pmdb_frame_wr_refcnt(PMDB_TYPE_OAM), 1) << "a shared cycle drops no write access";
     EXPECT_TRUE(holder.locked);
@@ -189,7 +219,8 @@ TEST_F(FrameCycleTest, TwoEntriesUnderOneOpen) {
     ASSERT_EQ(AddOam(2, 1), 0u);
     pmdb_cycle_t member;
     ASSERT_EQ(pmdb_cycle_open(&member, PMDB_TYPE_OAM), 0u);
-    pmdb_cycle_t bundle = pmdb_cycle_share(&member);
+    // The second entry's cycle runs on the handle the first one opened.
+    pmdb_cycle_t bundle = pmdb_cycle_on_handle(member.hdl, PMDB_TYPE_OAM);
     ASSERT_EQ(pmdb_cycle_find_lock(&member, 1), 0u);
     ASSERT_EQ(pmdb_cycle_find_lock(&bundle, 2), 0u);
     EXPECT_NE(member.slot, bundle.slot);

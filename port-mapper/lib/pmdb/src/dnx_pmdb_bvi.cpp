@@ -106,10 +106,11 @@ PMDB_EXPORT int dpa_pm_get_bvi_adj_cb(void * /*arg1*/, const pmdb_ifh_entry_t *e
 }
 
 PMDB_EXPORT cerrno dpa_bvi_upd_all_entries(u32 ifh, u32 *status) {
-    static const pmdb_ifh_update_traces_t kTraces = {99, 100, 101, 103};
+    static const pmdb_cycle_traces_t kTraces = {
+        .zero_key = 99, .open_failed = 100, .lookup_failed = 101, .lock_failed = 103};
     pmdb_cycle_t cyc;
-    cerrno rc = PMDB_OK;
-    if (!pmdb_ifh_lock_existing(&cyc, ifh, &kTraces, &rc)) return rc;
+    const cerrno rc = pmdb_cycle_begin(&cyc, PMDB_TYPE_IFH, ifh, PMDB_CYCLE_LOCK, &kTraces);
+    if (rc != PMDB_OK) return rc;
     /* The rehome is a node move, not an event: event_id and last_update stay. */
     bvi_rehome(static_cast<pmdb_ifh_entry_t *>(cyc.entry), ifh, status);
     return pmdb_cycle_release(&cyc, PMDB_OK);

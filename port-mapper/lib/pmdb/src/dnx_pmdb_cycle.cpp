@@ -5,7 +5,9 @@
  * and its release the process counts one writer of the type (the frame's
  * writable-reference count); the slot lock is the only lock a cycle holds,
  * and it is taken while no process-local mutex of the frame is held.  The
- * table-store calls are not made under the slot lock.
+ * table-store calls are not made under the slot lock.  A cycle on a
+ * caller's handle counts no writer of its own: the caller's open covers it
+ * until the caller releases, after this cycle.
  */
 #include <errno.h>
 #include <string.h>
@@ -14,6 +16,7 @@
 
 #include "pmdb.h"
 #include "pmdb_cycle.h"
+#include "pmdb_trace.h"
 #include "tabra.h"
 
 namespace {
@@ -38,6 +41,20 @@ void entry_forget(pmdb_cycle_t *cyc, u32 key) {
     cyc->created = false;
 }
 
+/* The operation's point for the step that failed, with (key, status). */
+void trace_failed_step(const pmdb_cycle_traces_t *tp, const pmdb_cycle_t *cyc, cerrno rc) {
+    u32 point = 0;
+    if (cyc->failed_step == PMDB_STEP_ADD) point = tp->add_failed;
+    if (cyc->failed_step == PMDB_STEP_LOOKUP) point = tp->lookup_failed;
+    if (cyc->failed_step == PMDB_STEP_LOCK) point = tp->lock_failed;
+    if (point != 0) PMDB_TRACE_E(point, cyc->key, rc);
+}
+
+void trace_refreshed(void *ctx, const pmdb_cycle_t *cyc) {
+    const u32 point = static_cast<const pmdb_cycle_traces_t *>(ctx)->refreshed;
+    if (point != 0) PMDB_TRACE_D(point, cyc->key);
+}
+
 }  // namespace
 
 cerrno pmdb_cycle_open(pmdb_cycle_t *cyc, pmdb_type_t type) {
@@ -52,12 +69,22 @@ cerrno pmdb_cycle_open(pmdb_cycle_t *cyc, pmdb_type_t type) {
     return 0;
 }
 
+pmdb_cycle_t pmdb_cycle_on_handle(dnx_db_hdl_t *hdl, pmdb_type_t type) {
+    pmdb_cycle_t cyc;
+    memset(&cyc, 0, sizeof cyc);
+    cyc.type = type;
+    cyc.hdl = hdl;
+    return cyc;
+}
+
 pmdb_cycle_t pmdb_cycle_share(const pmdb_cycle_t *cyc) {
-    pmdb_cycle_t shared;
-    memset(&shared, 0, sizeof shared);
-    shared.type = cyc->type;
-    shared.hdl = cyc->hdl;
-    return shared;
+    return pmdb_cycle_on_handle(cyc->hdl, cyc->type);
+}
+
+cerrno pmdb_cycle_open_or_use(pmdb_cycle_t *cyc, pmdb_type_t type, dnx_db_hdl_t *given) {
+    if (given == nullptr) return pmdb_cycle_open(cyc, type);
+    *cyc = pmdb_cycle_on_handle(given, type);
+    return 0;
 }
 
 void pmdb_stamp(u32 *event_id_field, struct timespec *time_field, u32 event_id) {
@@ -137,4 +164,31 @@ cerrno pmdb_cycle_remove(pmdb_cycle_t *cyc, u32 key, pmdb_cycle_hook_t before_re
                          void *ctx) {
     const cerrno rc = pmdb_cycle_find(cyc, key);
     return rc != 0 ? rc : pmdb_cycle_remove_found(cyc, before_remove, ctx);
+}
+
+cerrno pmdb_cycle_enter(pmdb_cycle_t *cyc, u32 key, u32 how, const pmdb_cycle_traces_t *tp) {
+    /* The table of points outlives the call; the hook only reads it. */
+    void *points = const_cast<pmdb_cycle_traces_t *>(tp);
+    cerrno rc = (how & PMDB_CYCLE_CREATE) != 0
+                    ? pmdb_cycle_find_or_create(cyc, key, trace_refreshed, points)
+                    : pmdb_cycle_find(cyc, key);
+    if (rc == 0 && (how & PMDB_CYCLE_LOCK) != 0) rc = pmdb_cycle_lock(cyc);
+    if (rc == 0) return 0;
+    trace_failed_step(tp, cyc, rc);
+    return pmdb_cycle_release(cyc, rc);
+}
+
+cerrno pmdb_cycle_begin(pmdb_cycle_t *cyc, pmdb_type_t type, u32 key, u32 how,
+                        const pmdb_cycle_traces_t *tp) {
+    if (key == 0 && tp->zero_key != 0) {
+        *cyc = pmdb_cycle_on_handle(nullptr, type);
+        PMDB_TRACE_E(tp->zero_key);
+        return step_failed(cyc, PMDB_STEP_KEY, PMDB_EINVAL);
+    }
+    const cerrno rc = pmdb_cycle_open(cyc, type);
+    if (rc != 0) {
+        if (tp->open_failed != 0) PMDB_TRACE_E(tp->open_failed, key, rc);
+        return rc;
+    }
+    return pmdb_cycle_enter(cyc, key, how, tp);
 }

@@ -164,23 +164,6 @@ void notify_aib(u32 ifh, const pmdb_event_t *ev, const add_result *res) {
     cb(&handle, &status, 1);
 }
 
-void trace_refresh(void * /*ctx*/, const pmdb_cycle_t *cyc) { PMDB_TRACE_D(146, cyc->key); }
-
-/* Find or create the entry and take its lock, with the writer's own traces
- * for the step that failed. */
-cerrno acquire_entry(pmdb_cycle_t *cyc, u32 ifh) {
-    cerrno rc = pmdb_cycle_find_or_create(cyc, ifh, trace_refresh);
-    if (rc == PMDB_OK) rc = pmdb_cycle_lock(cyc);
-    if (rc == PMDB_OK) return PMDB_OK;
-    if (cyc->failed_step == PMDB_STEP_ADD)
-        PMDB_TRACE_E(145, ifh, rc);
-    else if (cyc->failed_step == PMDB_STEP_LOOKUP)
-        PMDB_TRACE_E(147, ifh, rc);
-    else
-        PMDB_TRACE_E(148, ifh, rc);
-    return rc;
-}
-
 }  // namespace
 
 extern "C" {
@@ -199,60 +182,39 @@ cerrno dpa_pmdb_add_ifh_entry(u32 ifh, const pmdb_event_t *ev, i32 *slot,
         summary->sys_port = ev->intf_info.sys_port;
         return PMDB_OK;
     }
-    if (ifh == 0) {
-        PMDB_TRACE_E(143);
-        return PMDB_EINVAL;
-    }
+    static const pmdb_cycle_traces_t kTraces = {.zero_key = 143,
+                                                .open_failed = 144,
+                                                .add_failed = 145,
+                                                .refreshed = 146,
+                                                .lookup_failed = 147,
+                                                .lock_failed = 148};
     pmdb_cycle_t cyc;
-    cerrno rc = pmdb_cycle_open(&cyc, PMDB_TYPE_IFH);
-    if (rc != PMDB_OK) {
-        PMDB_TRACE_E(144, ifh, rc);
-        return rc;
-    }
-    add_result res = {};
-    rc = acquire_entry(&cyc, ifh);
+    cerrno rc = pmdb_cycle_begin(&cyc, PMDB_TYPE_IFH, ifh, PMDB_CYCLE_CREATE | PMDB_CYCLE_LOCK,
+                                 &kTraces);
+    if (cyc.hdl == nullptr) return rc; /* key 0, or the open failed */
     *slot = cyc.slot;
-    if (rc == PMDB_OK) {
-        auto *e = static_cast<pmdb_ifh_entry_t *>(cyc.entry);
-        prepare_entry(e, cyc.created, ev, node, prev);
-        bool mac_only = ev->event_type == PMDB_EV_BUNDLE_MAC;
-        if (mac_only)
-            memcpy(e->intf_info.mac_addr, ev->intf_info.mac_addr, kMacLen);
-        else
-            write_entry(e, ifh, ev, cyc.created, cyc.hdl, summary, punt_out, &res);
-        pmdb_cycle_unlock(&cyc);
-        if (!mac_only) trace_written(ifh, node, summary, &res);
-    }
-    rc = pmdb_cycle_release(&cyc, rc);
+    if (rc != PMDB_OK) return rc;
+    auto *e = static_cast<pmdb_ifh_entry_t *>(cyc.entry);
+    prepare_entry(e, cyc.created, ev, node, prev);
+    add_result res = {};
+    const bool mac_only = ev->event_type == PMDB_EV_BUNDLE_MAC;
+    if (mac_only)
+        memcpy(e->intf_info.mac_addr, ev->intf_info.mac_addr, kMacLen);
+    else
+        write_entry(e, ifh, ev, cyc.created, cyc.hdl, summary, punt_out, &res);
+    pmdb_cycle_unlock(&cyc);
+    if (!mac_only) trace_written(ifh, node, summary, &res);
+    rc = pmdb_cycle_release(&cyc, PMDB_OK);
     if (rc == PMDB_OK) notify_aib(ifh, ev, &res);
     return rc;
 }
 
-bool pmdb_ifh_lock_existing(pmdb_cycle_t *cyc, u32 ifh, const pmdb_ifh_update_traces_t *tp,
-                            cerrno *rc) {
-    if (ifh == 0) {
-        PMDB_TRACE_E(tp->zero_key);
-        *rc = PMDB_EINVAL;
-        return false;
-    }
-    *rc = pmdb_cycle_open(cyc, PMDB_TYPE_IFH);
-    if (*rc != PMDB_OK) {
-        PMDB_TRACE_E(tp->open_failed, ifh, *rc);
-        return false;
-    }
-    *rc = pmdb_cycle_find_lock(cyc, ifh);
-    if (*rc == PMDB_OK) return true;
-    PMDB_TRACE_E(cyc->failed_step == PMDB_STEP_LOOKUP ? tp->lookup_failed : tp->lock_failed, ifh,
-                 *rc);
-    *rc = pmdb_cycle_release(cyc, *rc);
-    return false;
-}
-
 cerrno dpa_pmdb_update_sub_intf_count(u32 ifh, i32 increment, u32 event_id) {
-    static const pmdb_ifh_update_traces_t kTraces = {129, 130, 131, 133};
+    static const pmdb_cycle_traces_t kTraces = {
+        .zero_key = 129, .open_failed = 130, .lookup_failed = 131, .lock_failed = 133};
     pmdb_cycle_t cyc;
-    cerrno rc = PMDB_OK;
-    if (!pmdb_ifh_lock_existing(&cyc, ifh, &kTraces, &rc)) return rc;
+    const cerrno rc = pmdb_cycle_begin(&cyc, PMDB_TYPE_IFH, ifh, PMDB_CYCLE_LOCK, &kTraces);
+    if (rc != PMDB_OK) return rc;
     auto *e = static_cast<pmdb_ifh_entry_t *>(cyc.entry);
     /* The count never goes below 0; an unchanged count keeps its stamp. */
     if (increment != 0 || e->sub_intf_count != 0) {

@@ -54,10 +54,6 @@ u8 port_hi_of(u16 member_port) { return static_cast<u8>(member_port >> kPortHiSh
 
 /* ---- PUNT entries -------------------------------------------------------- */
 
-void trace_punt_refresh(void *ctx, const pmdb_cycle_t *) {
-    PMDB_TRACE_D(138, *static_cast<const u32 *>(ctx));
-}
-
 void trace_punt_before_remove(void *ctx, const pmdb_cycle_t *cyc) {
     const auto *e = static_cast<const pmdb_punt_entry_t *>(cyc->entry);
     PMDB_TRACE_D(175, *static_cast<const u32 *>(ctx), e->intf_info.ifh, e->intf_info.sub_ifh,
@@ -291,22 +287,14 @@ cerrno dpa_pmdb_add_punt_entry(u32 key, const pmdb_event_t *event, i32 *slot,
         PMDB_TRACE_E(135, key, 0);
         return PMDB_OK;
     }
+    /* The lock failure's point also names the slot: that step is ours. */
+    static const pmdb_cycle_traces_t kTraces = {
+        .open_failed = 136, .add_failed = 137, .refreshed = 138, .lookup_failed = 139};
     pmdb_cycle_t cyc;
-    cerrno rc = pmdb_cycle_open(&cyc, PMDB_TYPE_PUNT);
-    if (rc != PMDB_OK) {
-        PMDB_TRACE_E(136, key, rc);
-        return rc;
-    }
-    *slot = 0;
-    rc = pmdb_cycle_find_or_create(&cyc, key, trace_punt_refresh, &key);
+    cerrno rc = pmdb_cycle_begin(&cyc, PMDB_TYPE_PUNT, key, PMDB_CYCLE_CREATE, &kTraces);
+    if (cyc.hdl == nullptr) return rc; /* the open failed */
     *slot = cyc.slot;
-    if (rc != PMDB_OK) {
-        if (cyc.failed_step == PMDB_STEP_ADD)
-            PMDB_TRACE_E(137, key, rc);
-        else
-            PMDB_TRACE_E(139, key, rc);
-        return pmdb_cycle_release(&cyc, rc);
-    }
+    if (rc != PMDB_OK) return rc;
     rc = pmdb_cycle_lock(&cyc);
     if (rc != PMDB_OK) {
         PMDB_TRACE_E(141, key, cyc.slot, rc);
@@ -318,21 +306,11 @@ cerrno dpa_pmdb_add_punt_entry(u32 key, const pmdb_event_t *event, i32 *slot,
 }
 
 cerrno dpa_pmdb_remove_punt_entry(u32 key) {
-    if (key == 0) {
-        PMDB_TRACE_E(172);
-        return PMDB_EINVAL;
-    }
+    static const pmdb_cycle_traces_t kTraces = {
+        .zero_key = 172, .open_failed = 173, .lookup_failed = 174};
     pmdb_cycle_t cyc;
-    cerrno rc = pmdb_cycle_open(&cyc, PMDB_TYPE_PUNT);
-    if (rc != PMDB_OK) {
-        PMDB_TRACE_E(173, key, rc);
-        return rc;
-    }
-    rc = pmdb_cycle_find(&cyc, key);
-    if (rc != PMDB_OK) {
-        PMDB_TRACE_E(174, key, rc);
-        return pmdb_cycle_release(&cyc, rc);
-    }
+    cerrno rc = pmdb_cycle_begin(&cyc, PMDB_TYPE_PUNT, key, PMDB_CYCLE_FIND, &kTraces);
+    if (rc != PMDB_OK) return rc;
     rc = pmdb_cycle_remove_found(&cyc, trace_punt_before_remove, &key);
     if (rc != PMDB_OK) PMDB_TRACE_E(176, key, rc);
     PMDB_TRACE_D(177, key);
@@ -342,21 +320,11 @@ cerrno dpa_pmdb_remove_punt_entry(u32 key) {
 /* ---- one IFH entry: removal and summary ------------------------------------ */
 
 cerrno dpa_pmdb_remove_ifh_entry(u32 ifh, dpa_pmdb_ifh_summary_t *summary, u32 event_id) {
-    if (ifh == 0) {
-        PMDB_TRACE_E(161);
-        return PMDB_EINVAL;
-    }
+    static const pmdb_cycle_traces_t kTraces = {
+        .zero_key = 161, .open_failed = 162, .lookup_failed = 163};
     pmdb_cycle_t cyc;
-    cerrno rc = pmdb_cycle_open(&cyc, PMDB_TYPE_IFH);
-    if (rc != PMDB_OK) {
-        PMDB_TRACE_E(162, ifh, rc);
-        return rc;
-    }
-    rc = pmdb_cycle_find(&cyc, ifh);
-    if (rc != PMDB_OK) {
-        PMDB_TRACE_E(163, ifh, rc);
-        return pmdb_cycle_release(&cyc, rc);
-    }
+    cerrno rc = pmdb_cycle_begin(&cyc, PMDB_TYPE_IFH, ifh, PMDB_CYCLE_FIND, &kTraces);
+    if (rc != PMDB_OK) return rc;
     PMDB_TRACE_V(164, ifh);
     const dpa_pmdb_oor_cb_t cb = dpa_pmdb_oor_cb_get();
     if (cb != nullptr) cb(ifh, static_cast<u32>(cyc.slot), PMDB_OOR_NONE, 1);
@@ -373,18 +341,11 @@ cerrno dpa_pmdb_remove_ifh_entry(u32 ifh, dpa_pmdb_ifh_summary_t *summary, u32 e
 }
 
 cerrno dpa_pmdb_get_ifh_summary(u32 ifh, dpa_pmdb_ifh_summary_t *summary) {
-    if (ifh == 0) return PMDB_EINVAL;
+    static const pmdb_cycle_traces_t kTraces = {.open_failed = 263, .lookup_failed = 264};
+    if (ifh == 0) return PMDB_EINVAL; /* refused without a trace */
     pmdb_cycle_t cyc;
-    cerrno rc = pmdb_cycle_open(&cyc, PMDB_TYPE_IFH);
-    if (rc != PMDB_OK) {
-        PMDB_TRACE_E(263, ifh, rc);
-        return rc;
-    }
-    rc = pmdb_cycle_find(&cyc, ifh);
-    if (rc != PMDB_OK) {
-        PMDB_TRACE_E(264, ifh, rc);
-        return pmdb_cycle_release(&cyc, rc);
-    }
+    const cerrno rc = pmdb_cycle_begin(&cyc, PMDB_TYPE_IFH, ifh, PMDB_CYCLE_FIND, &kTraces);
+    if (rc != PMDB_OK) return rc;
     summarise_for_read(ifh, &static_cast<const pmdb_ifh_entry_t *>(cyc.entry)->intf_info,
                        summary);
     return pmdb_cycle_release(&cyc, PMDB_OK);
@@ -394,23 +355,12 @@ cerrno dpa_pmdb_get_ifh_summary(u32 ifh, dpa_pmdb_ifh_summary_t *summary) {
 
 cerrno dpa_pmdb_update_ifh_entry_nodelist(u32 ifh, i32 add, u32 event_id, u32 node,
                                           u16 *mask_out) {
+    static const pmdb_cycle_traces_t kTraces = {
+        .open_failed = 125, .lookup_failed = 126, .lock_failed = 128};
     if (ifh == 0 || (node & kNodeLowMask) == 0) return PMDB_OK;
     pmdb_cycle_t cyc;
-    cerrno rc = pmdb_cycle_open(&cyc, PMDB_TYPE_IFH);
-    if (rc != PMDB_OK) {
-        PMDB_TRACE_E(125, ifh, rc);
-        return rc;
-    }
-    rc = pmdb_cycle_find(&cyc, ifh);
-    if (rc != PMDB_OK) {
-        PMDB_TRACE_E(126, ifh, rc);
-        return pmdb_cycle_release(&cyc, rc);
-    }
-    rc = pmdb_cycle_lock(&cyc);
-    if (rc != PMDB_OK) {
-        PMDB_TRACE_E(128, ifh, rc);
-        return pmdb_cycle_release(&cyc, rc);
-    }
+    const cerrno rc = pmdb_cycle_begin(&cyc, PMDB_TYPE_IFH, ifh, PMDB_CYCLE_LOCK, &kTraces);
+    if (rc != PMDB_OK) return rc;
     auto *e = static_cast<pmdb_ifh_entry_t *>(cyc.entry);
     const pmdb_intf_info_t *in = &e->intf_info;
     if (in->sub_ifh != 0 && in->bundle_ifh != 0) {
@@ -434,6 +384,8 @@ cerrno dpa_pmdb_update_ifh_entry_member(pmdb_event_t *event, dpa_pmdb_ifh_summar
         PMDB_TRACE_E(234);
         return PMDB_EINVAL;
     }
+    /* The open failure's point carries no status: that step is ours. */
+    static const pmdb_cycle_traces_t kTraces = {.lookup_failed = 236, .lock_failed = 238};
     const u32 ifh = event->intf_info.ifh;
     pmdb_cycle_t cyc;
     cerrno rc = pmdb_cycle_open(&cyc, PMDB_TYPE_IFH);
@@ -441,16 +393,8 @@ cerrno dpa_pmdb_update_ifh_entry_member(pmdb_event_t *event, dpa_pmdb_ifh_summar
         PMDB_TRACE_E(235, ifh);
         return rc;
     }
-    rc = pmdb_cycle_find(&cyc, ifh);
-    if (rc != PMDB_OK) {
-        PMDB_TRACE_E(236, ifh, rc);
-        return pmdb_cycle_release(&cyc, rc);
-    }
-    rc = pmdb_cycle_lock(&cyc);
-    if (rc != PMDB_OK) {
-        PMDB_TRACE_E(238, ifh, rc);
-        return pmdb_cycle_release(&cyc, rc);
-    }
+    rc = pmdb_cycle_enter(&cyc, ifh, PMDB_CYCLE_LOCK, &kTraces);
+    if (rc != PMDB_OK) return rc;
     auto *e = static_cast<pmdb_ifh_entry_t *>(cyc.entry);
     const member_change mc = apply_membership(cyc.hdl, e, event, summary);
     const pmdb_intf_info_t *in = &e->intf_info;
@@ -471,26 +415,16 @@ cerrno dpa_pmdb_update_ifh_entry_member(pmdb_event_t *event, dpa_pmdb_ifh_summar
 cerrno dpa_pmdb_update_bundle_ifh_entry(u32 bundle_ifh, i32 count_in, i32 keep_count,
                                         dpa_pmdb_ifh_summary_t *summary,
                                         pmdb_punt_info_t *punt_info, u32 event_id) {
+    static const pmdb_cycle_traces_t kTraces = {
+        .open_failed = 229, .lookup_failed = 230, .lock_failed = 233};
     if (bundle_ifh == 0 || summary == nullptr) {
         PMDB_TRACE_E(228);
         return PMDB_EINVAL;
     }
     pmdb_cycle_t cyc;
-    cerrno rc = pmdb_cycle_open(&cyc, PMDB_TYPE_IFH);
-    if (rc != PMDB_OK) {
-        PMDB_TRACE_E(229, bundle_ifh, rc);
-        return rc;
-    }
-    rc = pmdb_cycle_find(&cyc, bundle_ifh);
-    if (rc != PMDB_OK) {
-        PMDB_TRACE_E(230, bundle_ifh, rc);
-        return pmdb_cycle_release(&cyc, rc);
-    }
-    rc = pmdb_cycle_lock(&cyc);
-    if (rc != PMDB_OK) {
-        PMDB_TRACE_E(233, bundle_ifh, rc);
-        return pmdb_cycle_release(&cyc, rc);
-    }
+    const cerrno rc =
+        pmdb_cycle_begin(&cyc, PMDB_TYPE_IFH, bundle_ifh, PMDB_CYCLE_LOCK, &kTraces);
+    if (rc != PMDB_OK) return rc;
     auto *b = static_cast<pmdb_ifh_entry_t *>(cyc.entry);
     if (keep_count == 0 && count_member(b, count_in != 0))
         pmdb_stamp(&b->event_id, &b->last_update, event_id);

@@ -73,34 +73,15 @@ pm_port_inv_entry_t *inv_unlink(u32 node_id) {
 u32 hs_bit(i32 node_index) { return 1u << (static_cast<u32>(node_index) & 31u); }
 
 /* Write access to the IFH region's globals for one operation: the caller's
- * handle when given (its open covers us), else an open of our own that
- * glbls_end releases. */
-struct glbls_scope {
-    dnx_db_hdl_t *hdl;
-    bool opened;
-    pmdb_cycle_t cyc;
-};
-
-cerrno glbls_begin(glbls_scope *sc, dnx_db_hdl_t *given, u32 open_failed_point) {
-    sc->hdl = given;
-    sc->opened = false;
-    if (given != nullptr) return PMDB_OK;
-    cerrno rc = pmdb_cycle_open(&sc->cyc, PMDB_TYPE_IFH);
-    if (rc != PMDB_OK) {
-        PMDB_TRACE_E(open_failed_point, rc);
-        return rc;
-    }
-    sc->opened = true;
-    sc->hdl = sc->cyc.hdl;
-    return PMDB_OK;
+ * handle when given (its open covers us), else an open of our own; either
+ * way the operation ends with pmdb_cycle_release. */
+cerrno glbls_open(pmdb_cycle_t *cyc, dnx_db_hdl_t *given, u32 open_failed_point) {
+    const cerrno rc = pmdb_cycle_open_or_use(cyc, PMDB_TYPE_IFH, given);
+    if (rc != PMDB_OK) PMDB_TRACE_E(open_failed_point, rc);
+    return rc;
 }
 
-cerrno glbls_end(glbls_scope *sc, cerrno rc) {
-    if (!sc->opened) return rc;
-    return pmdb_cycle_release(&sc->cyc, rc);
-}
-
-dnx_pmdb_glbls_t *glbls_of(const glbls_scope *sc) { return &sc->hdl->shrd_ctx->glbls; }
+dnx_pmdb_glbls_t *glbls_of(const pmdb_cycle_t *cyc) { return &cyc->hdl->shrd_ctx->glbls; }
 
 /* Removal of the node that holds the high-scale role: the first high-scale
  * node still listed takes it over.  With none left the role stays with the
@@ -235,26 +216,26 @@ PMDB_EXPORT cerrno dpa_pmdb_update_scale_info(u32 node_id, i32 node_index, u8 hi
         PMDB_TRACE_V(112);
         return PMDB_OK;
     }
-    glbls_scope sc;
-    cerrno rc = glbls_begin(&sc, hdl, 113);
+    pmdb_cycle_t cyc;
+    cerrno rc = glbls_open(&cyc, hdl, 113);
     if (rc != PMDB_OK) return rc;
     /* A removal clears the node's bit whatever its scale flag says. */
-    rc = hs_update(glbls_of(&sc), node_id, node_index, add);
-    return glbls_end(&sc, rc);
+    rc = hs_update(glbls_of(&cyc), node_id, node_index, add);
+    return pmdb_cycle_release(&cyc, rc);
 }
 
 PMDB_EXPORT cerrno dpa_pmdb_update_glbls_inv_node_info(u32 node_id, const u8 *mac, int add,
                                                        dnx_db_hdl_t *hdl) {
-    glbls_scope sc;
-    cerrno rc = glbls_begin(&sc, hdl, 118);
+    pmdb_cycle_t cyc;
+    cerrno rc = glbls_open(&cyc, hdl, 118);
     if (rc != PMDB_OK) return rc;
-    dnx_pmdb_glbls_t *g = glbls_of(&sc);
+    dnx_pmdb_glbls_t *g = glbls_of(&cyc);
     if (add == 0)
         rc = inv_node_remove(g, node_id);
     else if (g->inv_node_id == 0)
         /* The first node ever added stays recorded for the life of the region. */
         inv_node_record(g, node_id, mac, 119);
-    return glbls_end(&sc, rc);
+    return pmdb_cycle_release(&cyc, rc);
 }
 
 }  // extern "C"

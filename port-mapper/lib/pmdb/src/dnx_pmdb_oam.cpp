@@ -24,20 +24,6 @@
 
 namespace {
 
-void trace_refresh(void *ctx, const pmdb_cycle_t *) {
-    PMDB_TRACE_D(157, *static_cast<const u32 *>(ctx));
-}
-
-/* The failing step of an add, with the add's own trace point. */
-void trace_add_failure(u32 key, const pmdb_cycle_t *cyc, cerrno rc) {
-    if (cyc->failed_step == PMDB_STEP_ADD)
-        PMDB_TRACE_E(156, key, rc);
-    else if (cyc->failed_step == PMDB_STEP_LOOKUP)
-        PMDB_TRACE_E(158, key, rc);
-    else
-        PMDB_TRACE_E(160, key, rc);
-}
-
 /* The most specific handle an interface event names. */
 u32 event_oam_ifh(const pmdb_intf_info_t *in) {
     if (in->sub_ifh != 0) return in->sub_ifh;
@@ -71,23 +57,18 @@ cerrno dpa_pmdb_add_oam_entry(u32 key, const pmdb_event_t *event, int *slot) {
         PMDB_TRACE_E(154, key, 0);
         return PMDB_EINVAL;
     }
+    static const pmdb_cycle_traces_t kTraces = {.open_failed = 155,
+                                                .add_failed = 156,
+                                                .refreshed = 157,
+                                                .lookup_failed = 158,
+                                                .lock_failed = 160};
     pmdb_cycle_t cyc;
-    cerrno rc = pmdb_cycle_open(&cyc, PMDB_TYPE_OAM);
-    if (rc != PMDB_OK) {
-        PMDB_TRACE_E(155, key, rc);
-        return rc;
-    }
+    const cerrno rc =
+        pmdb_cycle_begin(&cyc, PMDB_TYPE_OAM, key, PMDB_CYCLE_CREATE | PMDB_CYCLE_LOCK, &kTraces);
+    if (cyc.hdl == nullptr) return rc; /* the open failed */
     /* The slot is an optional report for callers of the exported entry. */
-    int unused_slot = 0;
-    if (slot == nullptr) slot = &unused_slot;
-    *slot = 0;
-    rc = pmdb_cycle_find_or_create(&cyc, key, trace_refresh, &key);
-    *slot = cyc.slot;
-    if (rc == PMDB_OK) rc = pmdb_cycle_lock(&cyc);
-    if (rc != PMDB_OK) {
-        trace_add_failure(key, &cyc, rc);
-        return pmdb_cycle_release(&cyc, rc);
-    }
+    if (slot != nullptr) *slot = cyc.slot;
+    if (rc != PMDB_OK) return rc;
     auto *e = static_cast<pmdb_oam_entry_t *>(cyc.entry);
     /* A new entry is zero-filled only now that its lock is held. */
     if (cyc.created) memset(e, 0, sizeof *e);
@@ -102,21 +83,11 @@ cerrno dpa_pmdb_add_oam_entry(u32 key, const pmdb_event_t *event, int *slot) {
 }
 
 cerrno dpa_pmdb_remove_oam_entry(u32 key) {
-    if (key == 0) {
-        PMDB_TRACE_E(167);
-        return PMDB_EINVAL;
-    }
+    static const pmdb_cycle_traces_t kTraces = {
+        .zero_key = 167, .open_failed = 168, .lookup_failed = 169};
     pmdb_cycle_t cyc;
-    cerrno rc = pmdb_cycle_open(&cyc, PMDB_TYPE_OAM);
-    if (rc != PMDB_OK) {
-        PMDB_TRACE_E(168, key, rc);
-        return rc;
-    }
-    rc = pmdb_cycle_find(&cyc, key);
-    if (rc != PMDB_OK) {
-        PMDB_TRACE_E(169, key, rc);
-        return pmdb_cycle_release(&cyc, rc);
-    }
+    cerrno rc = pmdb_cycle_begin(&cyc, PMDB_TYPE_OAM, key, PMDB_CYCLE_FIND, &kTraces);
+    if (rc != PMDB_OK) return rc;
     rc = pmdb_cycle_remove_found(&cyc);
     if (rc != PMDB_OK)
         PMDB_TRACE_E(170, key, rc);

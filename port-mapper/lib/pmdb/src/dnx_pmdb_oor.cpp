@@ -24,7 +24,6 @@
  *    before it.  Users set it before handing the library events.
  */
 #include <atomic>
-#include <cstring>
 #include <ctime>
 
 #include "pmdb.h"
@@ -120,16 +119,8 @@ void fold_into_bundle(pmdb_intf_info_t *b, i32 bundle_slot, u32 bundle_ifh, u32 
  * before and after.  False when the bundle could not be found or locked. */
 bool account_member(pmdb_cycle_t *bundle, u32 bundle_ifh, u32 level, bool join, u32 *old_state,
                     u32 *new_state) {
-    cerrno rc = pmdb_cycle_find(bundle, bundle_ifh);
-    if (rc != PMDB_OK) {
-        PMDB_TRACE_E(313, bundle_ifh, rc);
-        return false;
-    }
-    rc = pmdb_cycle_lock(bundle);
-    if (rc != PMDB_OK) {
-        PMDB_TRACE_E(314, bundle_ifh, rc);
-        return false;
-    }
+    static const pmdb_cycle_traces_t kTraces = {.lookup_failed = 313, .lock_failed = 314};
+    if (pmdb_cycle_enter(bundle, bundle_ifh, PMDB_CYCLE_LOCK, &kTraces) != PMDB_OK) return false;
     auto *b = &static_cast<pmdb_ifh_entry_t *>(bundle->entry)->intf_info;
     PMDB_TRACE_V(315, bundle_ifh, bundle->slot, b->oor_state, b->oor_members_1,
                  b->oor_members_2);
@@ -162,23 +153,18 @@ void dpa_pmdb_set_oor_cb(dpa_pmdb_oor_cb_t cb) {
 cerrno dpa_pmdb_update_bundle_oor_state(u32 ifh, u32 state, u32 reason, u32 *bundle_ifh_out,
                                         u32 *bundle_state_out, u32 *changed_out,
                                         u32 *bundle_slot_out) {
+    /* The open failure's point carries only the status: that step is ours. */
+    static const pmdb_cycle_traces_t kMemberTraces = {.lookup_failed = 296, .lock_failed = 297};
+    static const pmdb_cycle_traces_t kBundleTraces = {.lookup_failed = 301, .lock_failed = 302};
     pmdb_cycle_t member;
     cerrno rc = pmdb_cycle_open(&member, PMDB_TYPE_IFH);
     if (rc != PMDB_OK) {
         PMDB_TRACE_E(295, rc);
         return rc;
     }
+    rc = pmdb_cycle_enter(&member, ifh, PMDB_CYCLE_LOCK, &kMemberTraces);
+    if (rc != PMDB_OK) return rc;
     pmdb_cycle_t bundle = pmdb_cycle_share(&member);
-    rc = pmdb_cycle_find(&member, ifh);
-    if (rc != PMDB_OK) {
-        PMDB_TRACE_E(296, ifh, rc);
-        return finish(&member, &bundle, rc);
-    }
-    rc = pmdb_cycle_lock(&member);
-    if (rc != PMDB_OK) {
-        PMDB_TRACE_E(297, ifh, rc);
-        return finish(&member, &bundle, rc);
-    }
     auto *m = &static_cast<pmdb_ifh_entry_t *>(member.entry)->intf_info;
     PMDB_TRACE_V(298, ifh, m, member.slot, m->ifh, m->bundle_ifh, m->oor_state);
     if (m->ifh == 0 && m->sub_ifh == 0) {
@@ -195,16 +181,8 @@ cerrno dpa_pmdb_update_bundle_oor_state(u32 ifh, u32 state, u32 reason, u32 *bun
 
     /* The member's new state stays recorded when the bundle cannot be
      * reached: its counters are then out of step until the next change. */
-    rc = pmdb_cycle_find(&bundle, bundle_ifh);
-    if (rc != PMDB_OK) {
-        PMDB_TRACE_E(301, bundle_ifh, rc);
-        return finish(&member, &bundle, rc);
-    }
-    rc = pmdb_cycle_lock(&bundle);
-    if (rc != PMDB_OK) {
-        PMDB_TRACE_E(302, bundle_ifh, rc);
-        return finish(&member, &bundle, rc);
-    }
+    rc = pmdb_cycle_enter(&bundle, bundle_ifh, PMDB_CYCLE_LOCK, &kBundleTraces);
+    if (rc != PMDB_OK) return finish(&member, &bundle, rc);
     const bundle_report out = {bundle_ifh_out, bundle_state_out, changed_out, bundle_slot_out};
     fold_into_bundle(&static_cast<pmdb_ifh_entry_t *>(bundle.entry)->intf_info, bundle.slot,
                      bundle_ifh, old_state, state, reason, &out);
@@ -212,22 +190,16 @@ cerrno dpa_pmdb_update_bundle_oor_state(u32 ifh, u32 state, u32 reason, u32 *bun
 }
 
 cerrno dpa_pmdb_set_bundle_oor_state(u32 ifh, i32 state, u32 reason, u32 *slot_out) {
+    /* The open failure's point carries only the status: that step is ours. */
+    static const pmdb_cycle_traces_t kTraces = {.lookup_failed = 307, .lock_failed = 308};
     pmdb_cycle_t cyc;
     cerrno rc = pmdb_cycle_open(&cyc, PMDB_TYPE_IFH);
     if (rc != PMDB_OK) {
         PMDB_TRACE_E(306, rc);
         return rc;
     }
-    rc = pmdb_cycle_find(&cyc, ifh);
-    if (rc != PMDB_OK) {
-        PMDB_TRACE_E(307, ifh, rc);
-        return pmdb_cycle_release(&cyc, rc);
-    }
-    rc = pmdb_cycle_lock(&cyc);
-    if (rc != PMDB_OK) {
-        PMDB_TRACE_E(308, ifh, rc);
-        return pmdb_cycle_release(&cyc, rc);
-    }
+    rc = pmdb_cycle_enter(&cyc, ifh, PMDB_CYCLE_LOCK, &kTraces);
+    if (rc != PMDB_OK) return rc;
     auto *in = &static_cast<pmdb_ifh_entry_t *>(cyc.entry)->intf_info;
     /* Clearing is refused only while members at both levels are counted;
      * any other request is recorded, even one that repeats the state. */
@@ -253,13 +225,8 @@ void dpa_pmdb_update_bundle_oor_members(dnx_db_hdl_t *hdl, pmdb_intf_info_t *mem
         PMDB_TRACE_E(312, member_info->ifh);
         return;
     }
-    /* The caller's open covers this lookup: a cycle on its handle that
-     * never releases write access. */
-    pmdb_cycle_t opener;
-    memset(&opener, 0, sizeof opener);
-    opener.type = PMDB_TYPE_IFH;
-    opener.hdl = hdl;
-    pmdb_cycle_t bundle = pmdb_cycle_share(&opener);
+    /* The caller's open covers this lookup. */
+    pmdb_cycle_t bundle = pmdb_cycle_on_handle(hdl, PMDB_TYPE_IFH);
     u32 old_state = PMDB_OOR_NONE;
     u32 new_state = PMDB_OOR_NONE;
     const bool done =

@@ -13,37 +13,42 @@
  *
  * Each step returns its status and records in the cycle which step failed,
  * so that the operation writes its own trace point with its own arguments.
- * The steps never trace anything themselves (the lock and frame calls
- * underneath write theirs: 69, 71, 68, ...).
+ * The single steps trace nothing themselves (the lock and frame calls
+ * underneath write theirs: 69, 71, 68, ...); pmdb_cycle_begin and
+ * pmdb_cycle_enter write the operation's points from its
+ * pmdb_cycle_traces_t.
  *
- * Usage (an add that zero-fills new entries; error traces are the
+ * Usage (an add that zero-fills new entries; the trace points are the
  * operation's own):
  *
+ *     static const pmdb_cycle_traces_t kTraces = {
+ *         .zero_key = 153, .open_failed = 155, .add_failed = 156,
+ *         .refreshed = 157, .lookup_failed = 158, .lock_failed = 160};
  *     pmdb_cycle_t cyc;
- *     cerrno rc = pmdb_cycle_open(&cyc, PMDB_TYPE_OAM);
- *     if (rc != 0) { PMDB_TRACE_E(155, key, rc); return rc; }
- *     rc = pmdb_cycle_find_or_create(&cyc, key, trace_refresh, &key);
- *     if (rc == 0) rc = pmdb_cycle_lock(&cyc);
- *     if (rc != 0) {
- *         trace_failure(key, cyc.failed_step, rc);  // 156 / 158 / 160
- *         return pmdb_cycle_release(&cyc, rc);
- *     }
+ *     cerrno rc = pmdb_cycle_begin(&cyc, PMDB_TYPE_OAM, key,
+ *                                  PMDB_CYCLE_CREATE | PMDB_CYCLE_LOCK, &kTraces);
+ *     if (rc != 0) return rc;              // traced; nothing left to release
  *     auto *e = static_cast<pmdb_oam_entry_t *>(cyc.entry);
  *     if (cyc.created) memset(e, 0, sizeof *e);
  *     ... change e ...
  *     return pmdb_cycle_release(&cyc, 0);  // unlocks, then drops write access
  *
  *     // removal, with a trace of the entry just before it goes:
- *     rc = pmdb_cycle_remove(&cyc, key, trace_before_remove, nullptr);
- *     if (rc != 0) trace_failure(key, cyc.failed_step, rc);  // lookup / remove
+ *     rc = pmdb_cycle_begin(&cyc, PMDB_TYPE_PUNT, key, PMDB_CYCLE_FIND, &kTraces);
+ *     if (rc != 0) return rc;
+ *     rc = pmdb_cycle_remove_found(&cyc, trace_before_remove, &key);
  *     return pmdb_cycle_release(&cyc, rc);
  *
  * Two entries under one open (a member's lock before its bundle's):
  *
  *     pmdb_cycle_t bundle = pmdb_cycle_share(&member);
- *     ... pmdb_cycle_find_lock(&member, m) ... pmdb_cycle_find_lock(&bundle, b) ...
+ *     ... pmdb_cycle_enter(&member, m, ...) ... pmdb_cycle_enter(&bundle, b, ...) ...
  *     pmdb_cycle_release(&bundle, 0);          // unlocks only
  *     return pmdb_cycle_release(&member, rc);  // unlocks, drops write access
+ *
+ * Under a caller's open (the caller holds write access and passes its
+ * handle down): pmdb_cycle_on_handle(hdl, type) is a cycle whose release
+ * only unlocks.
  *
  * Ownership: a cycle lives on the caller's stack; `entry` is valid only
  * while `locked` is set (or, in a removal, until the removal step).  A
@@ -63,7 +68,8 @@ typedef enum pmdb_cycle_step {
     PMDB_STEP_LOOKUP, /* tabra_get_entry_by_key, or a slot out of range */
     PMDB_STEP_LOCK,   /* pmdb_entry_lock */
     PMDB_STEP_REMOVE, /* tabra_remove_entry */
-    PMDB_STEP_RELEASE /* dpa_pmdb_mprotect_tabra */
+    PMDB_STEP_RELEASE, /* dpa_pmdb_mprotect_tabra */
+    PMDB_STEP_KEY      /* key 0 refused by pmdb_cycle_begin */
 } pmdb_cycle_step_t;
 
 typedef struct pmdb_cycle {
@@ -86,9 +92,52 @@ typedef void (*pmdb_cycle_hook_t)(void *ctx, const pmdb_cycle_t *cyc);
 /* Opens `type` with write intent.  On failure nothing needs releasing. */
 cerrno pmdb_cycle_open(pmdb_cycle_t *cyc, pmdb_type_t type);
 
-/* A second cycle under cyc's open, for another entry; its release only
- * unlocks.  Release it before the opening cycle. */
+/* A cycle on `hdl`, which the caller holds open with write intent: its
+ * finds, locks and removals use that handle, and its release only unlocks
+ * (the caller's own release drops write access). */
+pmdb_cycle_t pmdb_cycle_on_handle(dnx_db_hdl_t *hdl, pmdb_type_t type);
+
+/* A second cycle under cyc's open, for another entry: pmdb_cycle_on_handle
+ * with cyc's handle.  Release it before the opening cycle. */
 pmdb_cycle_t pmdb_cycle_share(const pmdb_cycle_t *cyc);
+
+/* For an operation that may run under a caller's open: with `given`, a
+ * cycle on it (pmdb_cycle_on_handle); without, pmdb_cycle_open. */
+cerrno pmdb_cycle_open_or_use(pmdb_cycle_t *cyc, pmdb_type_t type, dnx_db_hdl_t *given);
+
+/* How pmdb_cycle_begin and pmdb_cycle_enter reach the entry. */
+#define PMDB_CYCLE_FIND 0u   /* the entry must be present */
+#define PMDB_CYCLE_CREATE 1u /* created, or refreshed when the key is present */
+#define PMDB_CYCLE_LOCK 2u   /* then its slot lock is taken */
+
+/* An operation's own trace points for the steps of its cycle; 0 writes
+ * none.  Failures go to the error buffer with (key, status), zero_key with
+ * no arguments; refreshed goes to the database buffer with (key), before
+ * the present key is looked up.  An operation whose point has another shape
+ * leaves it 0 and runs that step itself. */
+typedef struct pmdb_cycle_traces {
+    u32 zero_key = 0; /* nonzero: pmdb_cycle_begin refuses key 0 (PMDB_EINVAL) */
+    u32 open_failed = 0;
+    u32 add_failed = 0;
+    u32 refreshed = 0;
+    u32 lookup_failed = 0;
+    u32 lock_failed = 0;
+} pmdb_cycle_traces_t;
+
+/* On an open, shared or on-handle cycle: finds (or, with PMDB_CYCLE_CREATE,
+ * creates) the entry of `key` and, with PMDB_CYCLE_LOCK, takes its slot
+ * lock.  0: the caller changes the entry and ends with pmdb_cycle_release.
+ * A failed step is traced with tp's point and the cycle released; the
+ * result is the step's status, or the release's when that failed too
+ * (releasing it again is harmless). */
+cerrno pmdb_cycle_enter(pmdb_cycle_t *cyc, u32 key, u32 how, const pmdb_cycle_traces_t *tp);
+
+/* The start of an operation's cycle: refuses key 0 when tp->zero_key is
+ * set, opens `type` with write intent, then pmdb_cycle_enter.  A refused
+ * key or a failed open is traced and leaves nothing to release, with
+ * cyc->hdl null; any other failure is as in pmdb_cycle_enter. */
+cerrno pmdb_cycle_begin(pmdb_cycle_t *cyc, pmdb_type_t type, u32 key, u32 how,
+                        const pmdb_cycle_traces_t *tp);
 
 /* Creates the entry of `key`, initialising the new slot's lock, or - when
  * the key is present - calls on_refresh (may be null) and looks it up.

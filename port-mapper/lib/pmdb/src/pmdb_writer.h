@@ -18,7 +18,6 @@
 #define PMDB_WRITER_H
 
 #include "pmdb.h"
-#include "pmdb_cycle.h"
 
 #ifdef __cplusplus
 extern "C" {
@@ -48,23 +47,6 @@ void dpa_bvi_upd_node_entries(const pm_port_inv_entry_t *leaving);
 
 /* The registered AIB update callback, or null. */
 dpa_pmdb_aib_update_cb_t dpa_pmdb_aib_update_cb_get(void);
-
-/* Error trace points of an update of an existing IFH entry: key 0 (no
- * arguments), then open, lookup and lock failures (ifh, status). */
-typedef struct pmdb_ifh_update_traces {
-    u32 zero_key;
-    u32 open_failed;
-    u32 lookup_failed;
-    u32 lock_failed;
-} pmdb_ifh_update_traces_t;
-
-/* Refuses key 0 (PMDB_EINVAL), opens the IFH database with write intent,
- * finds the entry `ifh` and takes its slot lock, tracing a failed step with
- * tp's points.  True: the entry is locked in *cyc and the caller ends with
- * pmdb_cycle_release.  False: nothing is held any more and *rc is the
- * operation's result (the release's status when that failed too). */
-bool pmdb_ifh_lock_existing(pmdb_cycle_t *cyc, u32 ifh, const pmdb_ifh_update_traces_t *tp,
-                            cerrno *rc);
 
 /* Highest node number that has a bit in an IFH entry's 16-bit node_mask. */
 #define PMDB_NODE_MASK_MAX_NODE 15u
