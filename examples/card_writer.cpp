@@ -74,14 +74,15 @@ struct Intf {
 
 // Ports key their punt entries by ingress LIF (egress_key clear): for such a
 // new port the add path removes no previous keys and makes no OAM entries.
-constexpr Intf kPort1001{"port", 0x1001, false, 1, 1, 1, 0x2001, 0x0101, 0x0011, 3, kTypePort, 0};
-constexpr Intf kPort1002{"port", 0x1002, false, 1, 1, 1, 0x2002, 0x0102, 0x0012, 3, kTypePort, 0};
-constexpr Intf kPort2001{"port", 0x2001, false, 2, 2, 0, 0x2003, 0x0201, 0x0021, 5, kTypePort, 0};
-constexpr Intf kPort2002{"port", 0x2002, false, 2, 2, 0, 0x2004, 0x0202, 0x0022, 5, kTypePort, 0};
-constexpr Intf kBundle3001{"bundle", 0x3001, true,         1,           1,   1, 0x2100,
-                           0x0301,   0,      PMDB_NO_SLOT, kTypeBundle, 0x31};
-constexpr Intf kBvi4001{
-    "BVI", 0x4001, false, 2, 2, 0, 0x2200, 0x0401, 0x0040, 5, PMDB_INTF_TYPE_BVI, 0};
+// clang-format off
+//                        what      ifh     bundle node idx hs  egress   ingress sys_port slot          intf_type           oam_id
+constexpr Intf kPort1001 {"port",   0x1001, false, 1,   1,  1,  0x2001, 0x0101, 0x0011,  3,            kTypePort,          0};
+constexpr Intf kPort1002 {"port",   0x1002, false, 1,   1,  1,  0x2002, 0x0102, 0x0012,  3,            kTypePort,          0};
+constexpr Intf kPort2001 {"port",   0x2001, false, 2,   2,  0,  0x2003, 0x0201, 0x0021,  5,            kTypePort,          0};
+constexpr Intf kPort2002 {"port",   0x2002, false, 2,   2,  0,  0x2004, 0x0202, 0x0022,  5,            kTypePort,          0};
+constexpr Intf kBundle3001{"bundle", 0x3001, true,  1,   1,  1,  0x2100, 0x0301, 0,       PMDB_NO_SLOT, kTypeBundle,        0x31};
+constexpr Intf kBvi4001  {"BVI",    0x4001, false, 2,   2,  0,  0x2200, 0x0401, 0x0040,  5,            PMDB_INTF_TYPE_BVI, 0};
+// clang-format on
 
 // Bundle member port numbers (member_port bits 0..9).
 constexpr u16 kMemberPort1001 = 1;
@@ -222,7 +223,8 @@ PortKeys AddPort(const Intf &p) {
     k.extension = dpa_pmdb_punt_key(0, 0, 0, s.sys_port, PMDB_NO_SLOT);
     AddPunt(k.extension, ev, &punt, "extension");
     // The plain extension key: the extension key without port field and
-    // egress bit (the same key here, so a refresh); not for BVIs.
+    // egress bit (the same key here, so a refresh); not for BVIs or
+    // node-local interfaces.
     if (p.intf_type != PMDB_INTF_TYPE_BVI && p.intf_type != PMDB_INTF_TYPE_NODE_LOCAL)
         AddPunt(k.extension & ~(0xFFFFu | PMDB_PUNT_KEY_EGRESS), ev, &punt, "plain extension");
     // The egress LIF key, with the slot in bits 16..21 unless this node is a
