@@ -2,11 +2,12 @@
 // every name it defines dynamically is one of them, and the frame's and the
 // entry locks' are all there.
 #include <gtest/gtest.h>
-#include <stdio.h>
 
 #include <set>
 #include <sstream>
 #include <string>
+
+#include "pmdb_test.h"
 
 namespace {
 
@@ -47,17 +48,16 @@ std::set<std::string> AllInterfaces() {
 
 // Names the shared object defines in its dynamic symbol table.
 std::set<std::string> DynamicDefinitions() {
-    const std::string cmd = std::string("nm -D --defined-only ") + PMDB_SHARED_OBJECT;
-    FILE *p = popen(cmd.c_str(), "r");
+    const pmdb::test::ToolRun r =
+        pmdb::test::RunTool("nm", {"-D", "--defined-only", PMDB_SHARED_OBJECT});
+    EXPECT_EQ(r.status, 0) << r.err;
     std::set<std::string> names;
-    if (p == nullptr) return names;
-    char line[512];
-    while (fgets(line, sizeof line, p) != nullptr) {
+    std::istringstream lines(r.out);
+    for (std::string line; std::getline(lines, line);) {
         std::istringstream in(line);
         std::string addr, kind, name;
         if (in >> addr >> kind >> name) names.insert(name);
     }
-    EXPECT_EQ(pclose(p), 0) << cmd;
     return names;
 }
 

@@ -3,7 +3,6 @@
 // entry locks, the magic and the globals block.
 #include <gtest/gtest.h>
 #include <signal.h>
-#include <stdio.h>
 
 #include <nlohmann/json.hpp>
 #include <string>
@@ -18,15 +17,10 @@ using pmdb::test::PmdbTest;
 class FrameRegionsCommandTest : public PmdbTest {
 protected:
     nlohmann::json RunRegions() {
-        const std::string cmd = std::string(PMDBCTL) + " --ns " + ns() + " regions --json";
-        FILE *p = popen(cmd.c_str(), "r");
-        std::string out;
-        char buf[4096];
-        size_t n = 0;
-        while (p != nullptr && (n = fread(buf, 1, sizeof buf, p)) > 0) out.append(buf, n);
-        const int status = p != nullptr ? pclose(p) : -1;
-        EXPECT_EQ(status, 0) << cmd;
-        return nlohmann::json::parse(out, nullptr, false);
+        const pmdb::test::ToolRun r =
+            pmdb::test::RunTool(PMDBCTL, {"--ns", ns(), "regions", "--json"});
+        EXPECT_EQ(r.status, 0) << r.err;
+        return nlohmann::json::parse(r.out, nullptr, false);
     }
 };
 

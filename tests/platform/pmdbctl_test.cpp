@@ -1,15 +1,11 @@
 // pmdbctl trace/settings as a user runs them, and the trace point table the
 // tool decodes with.
-#include <fcntl.h>
 #include <signal.h>
-#include <sys/wait.h>
 #include <unistd.h>
 
 #include <cctype>
-#include <fstream>
 #include <nlohmann/json.hpp>
 #include <set>
-#include <sstream>
 #include <string>
 #include <thread>
 #include <vector>
@@ -25,58 +21,14 @@ using json = nlohmann::json;
 using namespace std::chrono_literals;
 using pmdb::test::PmdbTest;
 using pmdb::test::RunInChild;
+using pmdb::test::ToolRun;
 using pmdbctl::AllTracePoints;
 using pmdbctl::FindTracePoint;
 using pmdbctl::TracePoint;
 
-struct ToolRun {
-    int status = -1;  // exit status, or -signal
-    std::string out;
-    std::string err;
-};
-
-std::string Slurp(const std::string &path) {
-    std::ifstream f(path);
-    std::stringstream ss;
-    ss << f.rdbuf();
-    return ss.str();
-}
-
-/* Starts pmdbctl with args; output goes to two temporary files. */
-pid_t StartTool(const std::vector<std::string> &args, const std::string &out,
-                const std::string &err) {
-    fflush(nullptr);
-    const pid_t pid = fork();
-    if (pid != 0) return pid;
-    const int o = open(out.c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0600);
-    const int e = open(err.c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0600);
-    if (o < 0 || e < 0 || dup2(o, 1) < 0 || dup2(e, 2) < 0) _exit(126);
-    std::vector<char *> argv{const_cast<char *>(PMDBCTL_PATH)};
-    for (const std::string &a : args) argv.push_back(const_cast<char *>(a.c_str()));
-    argv.push_back(nullptr);
-    execv(PMDBCTL_PATH, argv.data());
-    _exit(127);
-}
-
-ToolRun Finish(pid_t pid, const std::string &out, const std::string &err) {
-    ToolRun r;
-    int st = 0;
-    if (waitpid(pid, &st, 0) == pid) r.status = WIFEXITED(st) ? WEXITSTATUS(st) : -WTERMSIG(st);
-    r.out = Slurp(out);
-    r.err = Slurp(err);
-    unlink(out.c_str());
-    unlink(err.c_str());
-    return r;
-}
-
-std::string TempPath(const char *what) {
-    return "/tmp/pmdbctl_test." + std::to_string(getpid()) + "." + what;
-}
-
-ToolRun RunTool(const std::vector<std::string> &args) {
-    const std::string out = TempPath("out");
-    const std::string err = TempPath("err");
-    return Finish(StartTool(args, out, err), out, err);
+/* pmdbctl with `args`, run to its end. */
+ToolRun Pmdbctl(const std::vector<std::string> &args) {
+    return pmdb::test::RunTool(PMDBCTL_PATH, args);
 }
 
 size_t Lines(const std::string &s) {
@@ -99,7 +51,7 @@ void WriteSampleInChild() {
 
 TEST_F(PmdbctlTest, TraceJsonDecodesNamesAndArguments) {
     WriteSampleInChild();
-    const ToolRun r = RunTool({"trace", "--json"});
+    const ToolRun r = Pmdbctl({"trace", "--json"});
     ASSERT_EQ(r.status, 0) << r.err;
     const json j = json::parse(r.out);
     EXPECT_EQ(j["namespace"], ns());
@@ -124,14 +76,14 @@ TEST_F(PmdbctlTest, TraceJsonDecodesNamesAndArguments) {
 
 TEST_F(PmdbctlTest, TraceTextOneBufferAndSince) {
     WriteSampleInChild();
-    ToolRun r = RunTool({"trace", "--buffer", "error"});
+    ToolRun r = Pmdbctl({"trace", "--buffer", "error"});
     ASSERT_EQ(r.status, 0) << r.err;
     EXPECT_EQ(Lines(r.out), 2u) << r.out;
     EXPECT_NE(r.out.find(" error 277 invalid_event_type "), std::string::npos) << r.out;
     EXPECT_NE(r.out.find("event_type=23 zero=0"), std::string::npos) << r.out;
     EXPECT_EQ(r.out.find("database"), std::string::npos);
 
-    r = RunTool({"--ns", ns(), "trace", "--buffer", "error", "--since", "1"});
+    r = Pmdbctl({"--ns", ns(), "trace", "--buffer", "error", "--since", "1"});
     ASSERT_EQ(r.status, 0) << r.err;
     EXPECT_EQ(Lines(r.out), 1u) << r.out;
     EXPECT_NE(r.out.find(" 9999 unknown "), std::string::npos) << r.out;
@@ -140,7 +92,7 @@ TEST_F(PmdbctlTest, TraceTextOneBufferAndSince) {
 TEST_F(PmdbctlTest, NamespaceOptionSelectsOtherNamespace) {
     WriteSampleInChild();
     const std::string other = pmdb::test::UniqueNamespace();
-    const ToolRun r = RunTool({"--ns", other, "trace", "--json"});
+    const ToolRun r = Pmdbctl({"--ns", other, "trace", "--json"});
     ASSERT_EQ(r.status, 0) << r.err;
     EXPECT_TRUE(json::parse(r.out)["records"].empty());
     vorn_host_remove_namespace(other.c_str());
@@ -155,28 +107,26 @@ TEST_F(PmdbctlTest, LostRecordsOfFullRingAreReported) {
         for (uint64_t i = 0; i < 20; i++) _vesk_1(dpa_port_mapper_get_eve_vesk(), VESK_ID(1, 318), i);
     });
     ASSERT_TRUE(w.ExitedWith(0)) << w.Describe();
-    ToolRun r = RunTool({"--ns", other, "trace", "--buffer", "event"});
+    ToolRun r = Pmdbctl({"--ns", other, "trace", "--buffer", "event"});
     ASSERT_EQ(r.status, 0);
     EXPECT_EQ(Lines(r.out), 16u);
     EXPECT_NE(r.err.find("4 records of event lost"), std::string::npos) << r.err;
-    r = RunTool({"--ns", other, "trace", "--buffer", "event", "--json"});
+    r = Pmdbctl({"--ns", other, "trace", "--buffer", "event", "--json"});
     EXPECT_EQ(json::parse(r.out)["lost"]["event"], 4);
     vorn_host_remove_namespace(other.c_str());
 }
 
 TEST_F(PmdbctlTest, FollowPrintsNewRecordsUntilInterrupted) {
-    const std::string out = TempPath("out");
-    const std::string err = TempPath("err");
-    const pid_t tool = StartTool({"trace", "--follow", "--json"}, out, err);
+    pmdb::test::Tool tool(PMDBCTL_PATH, {"trace", "--follow", "--json"});
     std::this_thread::sleep_for(300ms);
     _vesk_1(dpa_port_mapper_get_eve_vesk(), VESK_ID(1, 318), 0xABC);
     std::string seen;
     for (int i = 0; i < 100 && seen.find("oor_callback_registered") == std::string::npos; i++) {
         std::this_thread::sleep_for(50ms);
-        seen = Slurp(out);
+        seen = tool.OutSoFar();
     }
-    kill(tool, SIGINT);
-    const ToolRun r = Finish(tool, out, err);
+    kill(tool.pid(), SIGINT);
+    const ToolRun r = tool.Finish();
     EXPECT_EQ(r.status, 0) << r.err;
     ASSERT_EQ(Lines(r.out), 1u) << r.out;
     const json rec = json::parse(r.out.substr(0, r.out.find('\n')));
@@ -190,7 +140,7 @@ TEST_F(PmdbctlTest, BadUsageIsOneLineOnStderrAndNonZero) {
           std::vector<std::string>{"trace", "--since", "x"},
           std::vector<std::string>{"trace", "--bogus"}, std::vector<std::string>{"nosuch"},
           std::vector<std::string>{"--ns", "bad/ns", "settings"}, std::vector<std::string>{}}) {
-        const ToolRun r = RunTool(args);
+        const ToolRun r = Pmdbctl(args);
         EXPECT_NE(r.status, 0);
         EXPECT_EQ(Lines(r.err), 1u) << r.err;
         EXPECT_EQ(r.err.rfind("pmdbctl: ", 0), 0u) << r.err;
@@ -201,7 +151,7 @@ TEST_F(PmdbctlTest, BadUsageIsOneLineOnStderrAndNonZero) {
 TEST_F(PmdbctlTest, SettingsShowValueAndOrigin) {
     const auto r = RunInChild([] {
         setenv("PMDB_OAM_ENABLE", "0", 1);
-        const ToolRun t = RunTool({"settings", "--json"});
+        const ToolRun t = Pmdbctl({"settings", "--json"});
         if (t.status != 0) return 1;
         for (const json &s : json::parse(t.out)) {
             if (s["name"] == "halvo.oam_enable") {
@@ -211,7 +161,7 @@ TEST_F(PmdbctlTest, SettingsShowValueAndOrigin) {
         return 3;
     });
     EXPECT_TRUE(r.ExitedWith(0)) << r.Describe();
-    const ToolRun t = RunTool({"settings"});
+    const ToolRun t = Pmdbctl({"settings"});
     ASSERT_EQ(t.status, 0);
     EXPECT_NE(t.out.find("halvo.max_entries"), std::string::npos);
     EXPECT_NE(t.out.find(ns()), std::string::npos);

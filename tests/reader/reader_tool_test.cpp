@@ -1,9 +1,6 @@
 // pmdbctl dump and show on the hand-built card: fields printed by name with
 // handles in hex, MACs with colons and flags by name; one line and status 1
 // for a bad key, a missing entry or a missing table.
-#include <stdio.h>
-#include <sys/wait.h>
-
 #include <algorithm>
 #include <string>
 
@@ -15,27 +12,15 @@
 namespace {
 
 using pmdb::test::PmdbTest;
+using pmdb::test::ToolRun;
 using testing::HasSubstr;
 using testing::Not;
 
-struct ToolRun {
-    int status = -1;
-    std::string out;
-};
-
 class ReaderToolTest : public PmdbTest {
 protected:
-    /* Runs pmdbctl in this test's namespace; stderr joins stdout. */
+    /* Runs pmdbctl in this test's namespace. */
     ToolRun Pmdbctl(const std::string &args) {
-        const std::string cmd = std::string(PMDBCTL_PATH) + " --ns " + ns() + " " + args + " 2>&1";
-        ToolRun r;
-        FILE *p = popen(cmd.c_str(), "r");
-        if (p == nullptr) return r;
-        char buf[4096];
-        for (size_t n; (n = fread(buf, 1, sizeof buf, p)) > 0;) r.out.append(buf, n);
-        const int raw = pclose(p);
-        r.status = WIFEXITED(raw) ? WEXITSTATUS(raw) : -1;
-        return r;
+        return pmdb::test::RunTool(PMDBCTL_PATH, pmdb::test::Words("--ns " + ns() + " " + args));
     }
 };
 
@@ -81,15 +66,16 @@ TEST_F(ReaderToolTest, ShowPrintsAnInterfaceWithWhatBelongsToIt) {
 TEST_F(ReaderToolTest, BadKeysAndMissingEntriesAreOneLineErrors) {
     const ToolRun no_table = Pmdbctl("dump punt");
     EXPECT_EQ(no_table.status, 1);
-    EXPECT_EQ(no_table.out, "pmdbctl: the punt table does not exist in this namespace\n");
+    EXPECT_EQ(no_table.out + no_table.err, "pmdbctl: the punt table does not exist in this namespace\n");
     rcard::BuildCard();
     const ToolRun missing = Pmdbctl("dump ifh --key 0x9999");
     EXPECT_EQ(missing.status, 1);
-    EXPECT_EQ(missing.out, "pmdbctl: no ifh entry under key 0x00009999\n");
+    EXPECT_EQ(missing.out + missing.err, "pmdbctl: no ifh entry under key 0x00009999\n");
     const ToolRun bad = Pmdbctl("show 12zz");
     EXPECT_EQ(bad.status, 1);
-    EXPECT_THAT(bad.out, testing::StartsWith("pmdbctl: bad interface handle '12zz'"));
-    EXPECT_EQ(std::count(bad.out.begin(), bad.out.end(), '\n'), 1);
+    const std::string text = bad.out + bad.err;
+    EXPECT_THAT(text, testing::StartsWith("pmdbctl: bad interface handle '12zz'"));
+    EXPECT_EQ(std::count(text.begin(), text.end(), '\n'), 1);
     EXPECT_EQ(Pmdbctl("dump ifh --key 0").status, 1);
 }
 

@@ -12,6 +12,7 @@
 #include <atomic>
 #include <cinttypes>
 #include <cstdio>
+#include <fstream>
 #include <memory>
 #include <mutex>
 #include <sstream>
@@ -253,6 +254,74 @@ std::unique_ptr<ChildProcess> StartHeldChild(std::function<void()> before,
         if (after) after();
         return 0;
     });
+}
+
+/* ---- programs ------------------------------------------------------------ */
+
+namespace {
+
+std::atomic<unsigned> g_tool_counter{0};
+
+std::string ReadFile(const std::string &path) {
+    std::ifstream f(path);
+    std::stringstream ss;
+    ss << f.rdbuf();
+    return ss.str();
+}
+
+}  // namespace
+
+Tool::Tool(const std::string &path, const std::vector<std::string> &args) {
+    const std::string base = "/tmp/pmdb_tool." + std::to_string(getpid()) + "." +
+                             std::to_string(g_tool_counter++);
+    out_path_ = base + ".out";
+    err_path_ = base + ".err";
+    pid_ = ForkChild();
+    if (pid_ != 0) {
+        if (pid_ < 0) ADD_FAILURE() << "fork failed: " << strerror(errno);
+        return;
+    }
+    const int o = open(out_path_.c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0600);
+    const int e = open(err_path_.c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0600);
+    if (o < 0 || e < 0 || dup2(o, 1) < 0 || dup2(e, 2) < 0) _exit(126);
+    std::vector<char *> argv{const_cast<char *>(path.c_str())};
+    for (const std::string &a : args) argv.push_back(const_cast<char *>(a.c_str()));
+    argv.push_back(nullptr);
+    execvp(path.c_str(), argv.data());
+    _exit(127);
+}
+
+Tool::~Tool() {
+    if (pid_ > 0 && !reaped_) {
+        kill(pid_, SIGKILL);
+        waitpid(pid_, nullptr, 0);
+    }
+    unlink(out_path_.c_str());
+    unlink(err_path_.c_str());
+}
+
+std::string Tool::OutSoFar() const { return ReadFile(out_path_); }
+
+ToolRun Tool::Finish() {
+    ToolRun r;
+    int st = 0;
+    if (pid_ > 0 && !reaped_ && waitpid(pid_, &st, 0) == pid_)
+        r.status = WIFEXITED(st) ? WEXITSTATUS(st) : -WTERMSIG(st);
+    reaped_ = true;
+    r.out = ReadFile(out_path_);
+    r.err = ReadFile(err_path_);
+    return r;
+}
+
+ToolRun RunTool(const std::string &path, const std::vector<std::string> &args) {
+    return Tool(path, args).Finish();
+}
+
+std::vector<std::string> Words(const std::string &line) {
+    std::vector<std::string> words;
+    std::istringstream in(line);
+    for (std::string w; in >> w;) words.push_back(w);
+    return words;
 }
 
 /* ---- fixture ------------------------------------------------------------- */

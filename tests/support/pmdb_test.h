@@ -1,6 +1,7 @@
 /*
  * pmdb_test.h - shared test support: a fixture with a private namespace,
- * trace expectations, and helpers for child processes.
+ * trace expectations, helpers for child processes and for programs (the
+ * tools) run as a user runs them.
  *
  *   class MyTest : public pmdb::test::PmdbTest {};
  *   TEST_F(MyTest, Something) {
@@ -136,6 +137,45 @@ private:
  * released (exits 0 after `after`, when given) or killed. */
 std::unique_ptr<ChildProcess> StartHeldChild(std::function<void()> before,
                                              std::function<void()> after = {});
+
+/* ---- programs ------------------------------------------------------------ */
+
+/* What a program run by a test did. */
+struct ToolRun {
+    int status = -1;  /* exit status; -signal when a signal ended it */
+    std::string out;  /* standard output */
+    std::string err;  /* standard error */
+};
+
+/* A program started by a test (no shell; `path` is looked up in PATH when
+ * it has no slash), with its standard output and error going to files of
+ * its own.  It inherits the environment, so PMDB_NS names the test's
+ * namespace.  The destructor kills (SIGKILL) and reaps a program still
+ * running and removes the files. */
+class Tool {
+public:
+    Tool(const std::string &path, const std::vector<std::string> &args);
+    ~Tool();
+    Tool(const Tool &) = delete;
+    Tool &operator=(const Tool &) = delete;
+
+    pid_t pid() const { return pid_; }
+    /* What it has written to standard output so far. */
+    std::string OutSoFar() const;
+    /* Waits for its end. */
+    ToolRun Finish();
+
+private:
+    pid_t pid_ = -1;
+    bool reaped_ = false;
+    std::string out_path_;
+    std::string err_path_;
+};
+
+/* Runs `path` with `args` to its end. */
+ToolRun RunTool(const std::string &path, const std::vector<std::string> &args);
+/* The words of `line`, split at spaces (no quoting). */
+std::vector<std::string> Words(const std::string &line);
 
 /* ---- fixture ------------------------------------------------------------- */
 

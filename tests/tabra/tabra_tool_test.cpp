@@ -1,9 +1,6 @@
 /*
  * pmdbctl tables / check, run as a separate program on tables made here.
  */
-#include <stdio.h>
-#include <sys/wait.h>
-
 #include <nlohmann/json.hpp>
 #include <string>
 
@@ -18,20 +15,13 @@ class TabraTool : public PmdbTest {};
 
 struct Output {
     int status = -1;
-    std::string out;
+    std::string out; /* standard output, then standard error */
 };
 
 /* Runs pmdbctl with `args` in this test's namespace (PMDB_NS is exported). */
 Output Pmdbctl(const std::string &args) {
-    Output o;
-    FILE *p = popen((std::string(PMDBCTL_PATH) + " " + args + " 2>&1").c_str(), "r");
-    if (p == nullptr) return o;
-    char buf[4096];
-    size_t n = 0;
-    while ((n = fread(buf, 1, sizeof buf, p)) > 0) o.out.append(buf, n);
-    const int st = pclose(p);
-    o.status = WIFEXITED(st) ? WEXITSTATUS(st) : -1;
-    return o;
+    const pmdb::test::ToolRun r = pmdb::test::RunTool(PMDBCTL_PATH, pmdb::test::Words(args));
+    return {r.status, r.out + r.err};
 }
 
 TEST_F(TabraTool, TablesListsEachTableWithItsFigures) {

@@ -1,8 +1,5 @@
 // pmdbctl globals: the IFH region's node values as the operator sees them,
 // read by a process of its own after the library wrote them.
-#include <stdio.h>
-#include <sys/wait.h>
-
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
@@ -22,20 +19,13 @@ class GlobalsCmdTest : public WriterTest {
 protected:
     struct Output {
         int status = -1;
-        std::string text;
+        std::string text; /* standard output, then standard error */
     };
-    /* pmdbctl in this test's namespace, stderr folded into the text. */
+    /* pmdbctl globals in this test's namespace. */
     Output Globals(const char *flags = "") {
-        const std::string cmd =
-            std::string(PMDBCTL_PATH) + " --ns " + ns() + " globals " + flags + " 2>&1";
-        Output o;
-        FILE *p = popen(cmd.c_str(), "r");
-        if (p == nullptr) return o;
-        char buf[1024];
-        for (size_t n; (n = fread(buf, 1, sizeof buf, p)) > 0;) o.text.append(buf, n);
-        const int raw = pclose(p);
-        o.status = WIFEXITED(raw) ? WEXITSTATUS(raw) : -1;
-        return o;
+        const pmdb::test::ToolRun r = pmdb::test::RunTool(
+            PMDBCTL_PATH, pmdb::test::Words("--ns " + ns() + " globals " + flags));
+        return {r.status, r.out + r.err};
     }
 };
 
