@@ -14,6 +14,7 @@
 #include "host/pm_fault.h"
 #include "pmdb.h"
 #include "pmdb_cycle.h"
+#include "pmdb_db_test.h"
 #include "pmdb_internal.h"
 #include "pmdb_lock_view.h"
 #include "pmdb_test.h"
@@ -31,22 +32,17 @@ constexpr u32 kKey = 0x00C0FFEE;
 
 class FrameCycleTest : public PmdbTest {
 protected:
-    // Adds kKey to the OAM table with event id `event_id`, as an operation
+    // Adds `key` to the OAM table with event id `event_id`, as an operation
     // would; returns the cycle's result.
-    static cerrno AddOam(u32 key, u32 event_id, pmdb_cycle_t *out = nullptr) {
-        pmdb_cycle_t cyc;
-        cerrno rc = pmdb_cycle_open(&cyc, PMDB_TYPE_OAM);
-        if (rc != 0) return rc;
-        rc = pmdb_cycle_find_or_create(&cyc, key);
-        if (rc == 0) rc = pmdb_cycle_lock(&cyc);
-        if (rc == 0) {
-            auto *e = static_cast<pmdb_oam_entry_t *>(cyc.entry);
-            if (cyc.created) memset(e, 0, sizeof *e);
-            e->key = key;
-            pmdb_stamp(&e->event_id, &e->last_update, event_id);
-        }
-        if (out != nullptr) *out = cyc;
-        return pmdb_cycle_release(&cyc, rc);
+    static cerrno AddOam(u32 key, u32 event_id, i32 *slot = nullptr) {
+        return pmdb::test::WriteEntry(
+            PMDB_TYPE_OAM, key,
+            [&](void *p) {
+                auto *e = static_cast<pmdb_oam_entry_t *>(p);
+                e->key = key;
+                pmdb_stamp(&e->event_id, &e->last_update, event_id);
+            },
+            slot);
     }
 
     static pmdb_oam_entry_t ReadOam(u32 key, cerrno *rc) {
@@ -100,15 +96,15 @@ TEST_F(FrameCycleTest, AddCreatesTheEntryUnderAFreshLockAndReleases) {
 }
 
 TEST_F(FrameCycleTest, PresentKeyIsRefreshedInItsSlotWithoutANewLock) {
-    pmdb_cycle_t first = {};
-    ASSERT_EQ(AddOam(kKey, 1, &first), 0u);
+    i32 first_slot = -1;
+    ASSERT_EQ(AddOam(kKey, 1, &first_slot), 0u);
     std::atomic<u32> refreshes{0};
     pmdb_cycle_t cyc;
     ASSERT_EQ(pmdb_cycle_open(&cyc, PMDB_TYPE_OAM), 0u);
     ASSERT_EQ(pmdb_cycle_find_or_create(&cyc, kKey, CountRefresh, &refreshes), 0u);
     EXPECT_EQ(refreshes.load(), 1u);
     EXPECT_FALSE(cyc.created);
-    EXPECT_EQ(cyc.slot, first.slot);
+    EXPECT_EQ(cyc.slot, first_slot);
     ASSERT_EQ(pmdb_cycle_lock(&cyc), 0u);
     EXPECT_EQ(static_cast<pmdb_oam_entry_t *>(cyc.entry)->event_id, 1u);
     EXPECT_EQ(pmdb_cycle_release(&cyc, 0), 0u);
@@ -235,15 +231,15 @@ TEST_F(FrameCycleTest, TwoEntriesUnderOneOpen) {
 }
 
 TEST_F(FrameCycleTest, RemovalRetiresTheLockAndRemovesTheEntry) {
-    pmdb_cycle_t added = {};
-    ASSERT_EQ(AddOam(kKey, 1, &added), 0u);
+    i32 added_slot = -1;
+    ASSERT_EQ(AddOam(kKey, 1, &added_slot), 0u);
     std::atomic<u32> seen{0};
     pmdb_cycle_t cyc;
     ASSERT_EQ(pmdb_cycle_open(&cyc, PMDB_TYPE_OAM), 0u);
     EXPECT_EQ(pmdb_cycle_remove(&cyc, kKey, CountRefresh, &seen), 0u);
     EXPECT_EQ(seen.load(), 1u);
     pmdb_lock_view_t view;
-    pmdb_lock_inspect(pmdb_cycle_slot_lock(&cyc, added.slot), &view);
+    pmdb_lock_inspect(pmdb_cycle_slot_lock(&cyc, added_slot), &view);
     EXPECT_TRUE(view.destroyed);
     EXPECT_EQ(pmdb_cycle_release(&cyc, 0), 0u);
     ExpectNoTrace(VESK_DATABASE, 71);

@@ -6,25 +6,18 @@
 #include <cstring>
 
 #include "host/pm_fault.h"
-#include "pmdb_cycle.h"
 #include "pmdb_ops.h"
 #include "tabra.h"
 
 namespace ops_test {
 
 void PutIfh(u32 key, const std::function<void(pmdb_ifh_entry_t &)> &fill) {
-    pmdb_cycle_t cyc;
-    cerrno rc = pmdb_cycle_open(&cyc, PMDB_TYPE_IFH);
-    ASSERT_EQ(rc, 0u);
-    rc = pmdb_cycle_find_or_create(&cyc, key);
-    if (rc == 0) rc = pmdb_cycle_lock(&cyc);
-    if (rc == 0) {
-        auto *e = static_cast<pmdb_ifh_entry_t *>(cyc.entry);
-        if (cyc.created) memset(e, 0, sizeof *e);
+    const cerrno rc = pmdb::test::WriteEntry(PMDB_TYPE_IFH, key, [&](void *p) {
+        auto *e = static_cast<pmdb_ifh_entry_t *>(p);
         e->key = key;
         fill(*e);
-    }
-    EXPECT_EQ(pmdb_cycle_release(&cyc, rc), 0u) << "writing IFH entry " << key;
+    });
+    EXPECT_EQ(rc, 0u) << "writing IFH entry " << key;
 }
 
 void PutPort(u32 key, u32 oor_state) {
@@ -49,16 +42,11 @@ void PutBundle(u32 key, u16 members_1, u16 members_2) {
 
 namespace {
 
-const char *TableName(pmdb_type_t type) {
-    if (type == PMDB_TYPE_IFH) return PMDB_IFH_TABLE_NAME;
-    return type == PMDB_TYPE_PUNT ? PMDB_PUNT_TABLE_NAME : PMDB_OAM_TABLE_NAME;
-}
-
 template <typename E>
 E ReadOrFail(pmdb_type_t type, u32 key) {
     E e;
     memset(&e, 0, sizeof e);
-    EXPECT_TRUE(Read(type, key, &e, sizeof e)) << "no entry " << std::hex << key;
+    EXPECT_TRUE(pmdb::test::CopyEntry(type, key, &e, sizeof e)) << "no entry " << std::hex << key;
     return e;
 }
 
@@ -68,21 +56,9 @@ void Recorder(u32 ifh, u32 slot, u32 state, u32 removed) {
 
 }  // namespace
 
-bool Read(pmdb_type_t type, u32 key, void *out, u32 len, i32 *slot) {
-    tabra_hdl_t table = nullptr;
-    if (tabra_attach(TableName(type), &table) != 0) return false;
-    return tabra_copy_entry_by_key(table, key, out, len, slot) == 0;
-}
-
 pmdb_ifh_entry_t Ifh(u32 key) { return ReadOrFail<pmdb_ifh_entry_t>(PMDB_TYPE_IFH, key); }
 pmdb_punt_entry_t Punt(u32 key) { return ReadOrFail<pmdb_punt_entry_t>(PMDB_TYPE_PUNT, key); }
 pmdb_oam_entry_t Oam(u32 key) { return ReadOrFail<pmdb_oam_entry_t>(PMDB_TYPE_OAM, key); }
-
-i32 SlotOf(pmdb_type_t type, u32 key) {
-    u8 buf[PMDB_IFH_ENTRY_SIZE];
-    i32 slot = -1;
-    return Read(type, key, buf, 4, &slot) ? slot : -1;
-}
 
 bool TableExists(const char *table_name) {
     tabra_hdl_t table = nullptr;

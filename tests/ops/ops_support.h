@@ -10,6 +10,7 @@
 #include <vector>
 
 #include "pmdb.h"
+#include "pmdb_db_test.h"
 #include "pmdb_test.h"
 
 namespace ops_test {
@@ -22,12 +23,11 @@ void PutIfh(u32 key, const std::function<void(pmdb_ifh_entry_t &)> &fill);
 void PutPort(u32 key, u32 oor_state = 0);
 void PutBundle(u32 key, u16 members_1 = 0, u16 members_2 = 0);
 
-// Consistent copy of the entry `key` of `type` (len bytes); false when absent.
-bool Read(pmdb_type_t type, u32 key, void *out, u32 len, i32 *slot = nullptr);
-pmdb_ifh_entry_t Ifh(u32 key);  // fails the test when absent
+// Consistent copies of entries; they fail the test when the entry is absent.
+pmdb_ifh_entry_t Ifh(u32 key);
 pmdb_punt_entry_t Punt(u32 key);
 pmdb_oam_entry_t Oam(u32 key);
-i32 SlotOf(pmdb_type_t type, u32 key);
+using pmdb::test::SlotOf;
 
 // True when the named table exists at all in the test's namespace.
 bool TableExists(const char *table_name);

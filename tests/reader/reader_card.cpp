@@ -7,37 +7,8 @@
 #include <algorithm>
 
 #include "pmdb_cycle.h"
-#include "tabra.h"
 
 namespace rcard {
-
-cerrno Write(pmdb_type_t type, u32 key, const std::function<void(void *entry)> &fill) {
-    pmdb_cycle_t cyc;
-    cerrno rc = pmdb_cycle_open(&cyc, type);
-    if (rc != 0) return rc;
-    rc = pmdb_cycle_find_or_create(&cyc, key);
-    if (rc == 0) rc = pmdb_cycle_lock(&cyc);
-    if (rc == 0) {
-        if (cyc.created) memset(cyc.entry, 0, dpa_pmdb_hdl_get(type)->cfg->entry_size);
-        fill(cyc.entry);
-    }
-    return pmdb_cycle_release(&cyc, rc);
-}
-
-cerrno Remove(pmdb_type_t type, u32 key) {
-    pmdb_cycle_t cyc;
-    cerrno rc = pmdb_cycle_open(&cyc, type);
-    if (rc != 0) return rc;
-    return pmdb_cycle_release(&cyc, pmdb_cycle_remove(&cyc, key));
-}
-
-i32 SlotOf(pmdb_type_t type, u32 key) {
-    dnx_db_hdl_t *hdl = nullptr;
-    if (dpa_chk_pmdb_open(nullptr, &hdl, type, 0) != 0) return -1;
-    void *entry = nullptr;
-    i32 slot = -1;
-    return tabra_get_entry_by_key(hdl->tabra, key, &entry, &slot) == 0 ? slot : -1;
-}
 
 pmdb_intf_info_t Intf(u32 ifh, u32 sub, u32 bundle, u32 node) {
     pmdb_intf_info_t info;
@@ -59,7 +30,7 @@ pmdb_intf_info_t Intf(u32 ifh, u32 sub, u32 bundle, u32 node) {
 }
 
 cerrno PutIfh(u32 key, const pmdb_intf_info_t &info, u8 ifh_flags, u8 member_count) {
-    return Write(PMDB_TYPE_IFH, key, [&](void *p) {
+    return WriteEntry(PMDB_TYPE_IFH, key, [&](void *p) {
         auto *e = static_cast<pmdb_ifh_entry_t *>(p);
         e->key = key;
         e->ifh_flags = ifh_flags;
@@ -72,7 +43,7 @@ cerrno PutIfh(u32 key, const pmdb_intf_info_t &info, u8 ifh_flags, u8 member_cou
 }
 
 cerrno PutPunt(u32 key, const pmdb_intf_info_t &info) {
-    return Write(PMDB_TYPE_PUNT, key, [&](void *p) {
+    return WriteEntry(PMDB_TYPE_PUNT, key, [&](void *p) {
         auto *e = static_cast<pmdb_punt_entry_t *>(p);
         e->key = key;
         e->intf_info = info;
@@ -82,7 +53,7 @@ cerrno PutPunt(u32 key, const pmdb_intf_info_t &info) {
 }
 
 cerrno PutOam(u32 key, u32 oam_ifh) {
-    return Write(PMDB_TYPE_OAM, key, [&](void *p) {
+    return WriteEntry(PMDB_TYPE_OAM, key, [&](void *p) {
         auto *e = static_cast<pmdb_oam_entry_t *>(p);
         e->key = key;
         e->oam_info.oam_ifh = oam_ifh;

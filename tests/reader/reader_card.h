@@ -1,7 +1,6 @@
 /*
- * reader_card.h - a small line card built by hand for the reader tests, and
- * writers that change entries the way the library does (open with write
- * intent, find or create, slot lock, change, unlock, release).
+ * reader_card.h - a small line card built by hand for the reader tests,
+ * written the way the library writes entries (pmdb_db_test.h).
  *
  *   node 1: ports P1 (with port sub-interface S1), P2, P6
  *   node 2: ports P3, P4, P5
@@ -12,12 +11,16 @@
 #ifndef PMDB_TEST_READER_CARD_H
 #define PMDB_TEST_READER_CARD_H
 
-#include <functional>
 #include <vector>
 
 #include "pmdb.h"
+#include "pmdb_db_test.h"
 
 namespace rcard {
+
+using pmdb::test::RemoveEntry;
+using pmdb::test::SlotOf;
+using pmdb::test::WriteEntry;
 
 constexpr u32 kNode1 = 1, kNode2 = 2, kBundleNode = 999;
 constexpr u32 P1 = 0x1001, P2 = 0x1002, P6 = 0x1003;
@@ -25,16 +28,6 @@ constexpr u32 P3 = 0x2001, P4 = 0x2002, P5 = 0x2003;
 constexpr u32 S1 = 0x3001;
 constexpr u32 B = 0x5000, B2 = 0x5100;
 constexpr u32 BS1 = 0x6001, BS2 = 0x6002, BS3 = 0x6101;
-
-/* Changes (creating when absent) the entry of `key` under its slot lock;
- * `fill` sees the zero-filled record of a new entry.  Returns the cycle's
- * status. */
-cerrno Write(pmdb_type_t type, u32 key, const std::function<void(void *entry)> &fill);
-/* Removes the entry of `key` the way the library does (retire the slot lock,
- * then remove). */
-cerrno Remove(pmdb_type_t type, u32 key);
-/* Table slot of `key`, -1 when absent. */
-i32 SlotOf(pmdb_type_t type, u32 key);
 
 /* Interface block naming ifh / sub_ifh / bundle_ifh on node, with a few
  * distinctive values derived from the handles. */

@@ -214,7 +214,7 @@ TEST_F(ReaderQueryTest, MembersAndSubInterfacesOfABundle) {
 TEST_F(ReaderQueryTest, ListsFollowSlotOrderNotKeyOrder) {
     const pmdb_intf_info_t p1 = Intf(P1, 0, 0, kNode1);
     for (u32 key : {0x101u, 0x102u, 0x103u}) ASSERT_EQ(PutPunt(key, p1), PMDB_OK);
-    ASSERT_EQ(Remove(PMDB_TYPE_PUNT, 0x101), PMDB_OK);
+    ASSERT_EQ(RemoveEntry(PMDB_TYPE_PUNT, 0x101), PMDB_OK);
     ASSERT_EQ(PutPunt(0x40000999, p1), PMDB_OK); /* takes the freed first slot */
     ASSERT_LT(SlotOf(PMDB_TYPE_PUNT, 0x40000999), SlotOf(PMDB_TYPE_PUNT, 0x102));
     EXPECT_EQ(Ask(PortPunt(P1), 3), (std::vector<u32>{0x40000999, 0x102, 0x103}));

@@ -6,8 +6,8 @@
 
 #include "host/settings.h"
 #include "pmdb_reader.h"
+#include "pmdb_db_test.h"
 #include "pmdb_writer.h"
-#include "tabra.h"
 
 namespace writer_test {
 
@@ -79,10 +79,7 @@ bool EntryPresent(uint32_t key) {
 }
 
 bool RawEntry(uint32_t key, pmdb_ifh_entry_t *out) {
-    tabra_hdl_t t = nullptr;
-    if (tabra_attach(PMDB_IFH_TABLE_NAME, &t) != 0) return false;
-    i32 slot = 0;
-    return tabra_copy_entry_by_key(t, key, out, sizeof *out, &slot) == 0;
+    return pmdb::test::CopyEntry(PMDB_TYPE_IFH, key, out, sizeof *out);
 }
 
 dnx_pmdb_glbls_t Globals() {

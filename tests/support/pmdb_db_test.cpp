@@ -1,0 +1,54 @@
+// Entries written, removed and read back for tests (see pmdb_db_test.h).
+#include "pmdb_db_test.h"
+
+#include <string.h>
+
+#include "pmdb_cycle.h"
+#include "tabra.h"
+
+namespace pmdb::test {
+
+namespace {
+
+const char *TableName(pmdb_type_t type) {
+    if (type == PMDB_TYPE_IFH) return PMDB_IFH_TABLE_NAME;
+    return type == PMDB_TYPE_PUNT ? PMDB_PUNT_TABLE_NAME : PMDB_OAM_TABLE_NAME;
+}
+
+}  // namespace
+
+cerrno WriteEntry(pmdb_type_t type, u32 key, const std::function<void(void *entry)> &fill,
+                  i32 *slot) {
+    pmdb_cycle_t cyc;
+    cerrno rc = pmdb_cycle_open(&cyc, type);
+    if (rc != 0) return rc;
+    rc = pmdb_cycle_find_or_create(&cyc, key);
+    if (rc == 0) rc = pmdb_cycle_lock(&cyc);
+    if (rc == 0) {
+        if (cyc.created) memset(cyc.entry, 0, cyc.hdl->cfg->entry_size);
+        fill(cyc.entry);
+    }
+    if (slot != nullptr) *slot = cyc.slot;
+    return pmdb_cycle_release(&cyc, rc);
+}
+
+cerrno RemoveEntry(pmdb_type_t type, u32 key) {
+    pmdb_cycle_t cyc;
+    const cerrno rc = pmdb_cycle_open(&cyc, type);
+    if (rc != 0) return rc;
+    return pmdb_cycle_release(&cyc, pmdb_cycle_remove(&cyc, key));
+}
+
+bool CopyEntry(pmdb_type_t type, u32 key, void *out, u32 len, i32 *slot) {
+    tabra_hdl_t table = nullptr;
+    if (tabra_attach(TableName(type), &table) != 0) return false;
+    return tabra_copy_entry_by_key(table, key, out, len, slot) == 0;
+}
+
+i32 SlotOf(pmdb_type_t type, u32 key) {
+    u32 first_word = 0;
+    i32 slot = -1;
+    return CopyEntry(type, key, &first_word, sizeof first_word, &slot) ? slot : -1;
+}
+
+}  // namespace pmdb::test
