@@ -9,6 +9,8 @@
 #include <atomic>
 #include <chrono>
 #include <thread>
+#include <utility>
+#include <vector>
 
 #include "frame_support.h"
 #include "host/pm_fault.h"
@@ -171,10 +173,21 @@ TEST_F(FrameCycleTest, EachFailingStepIsNamedTracedAndTheCycleStillReleases) {
     EXPECT_EQ(cyc.hdl, nullptr);
     ExpectTrace(VESK_ERROR, 901, {});
 
-    pm_fault_set("tabra_make_shm_writable", TABRA_E_PROT, 1);
-    EXPECT_EQ(pmdb_cycle_begin(&cyc, PMDB_TYPE_OAM, kKey, PMDB_CYCLE_FIND, &points), TABRA_E_PROT);
-    EXPECT_EQ(cyc.hdl, nullptr);
-    ExpectTrace(VESK_ERROR, 902, {kKey, TABRA_E_PROT});
+    // A failed open, its point written with the arguments the operation asks for.
+    const std::pair<pmdb_open_trace_args_t, std::vector<uint64_t>> shapes[] = {
+        {PMDB_OPEN_TRACE_KEY_STATUS, {kKey, TABRA_E_PROT}},
+        {PMDB_OPEN_TRACE_KEY, {kKey}},
+        {PMDB_OPEN_TRACE_STATUS, {TABRA_E_PROT}}};
+    for (const auto &[args, want] : shapes) {
+        MarkTraces();
+        pmdb_cycle_traces_t open_points = points;
+        open_points.open_args = args;
+        pm_fault_set("tabra_make_shm_writable", TABRA_E_PROT, 1);
+        EXPECT_EQ(pmdb_cycle_begin(&cyc, PMDB_TYPE_OAM, kKey, PMDB_CYCLE_FIND, &open_points),
+                  TABRA_E_PROT);
+        EXPECT_EQ(cyc.hdl, nullptr);
+        EXPECT_TRUE(pmdb::test::TraceWritten(mark(), VESK_ERROR, 902, want));
+    }
 }
 
 TEST_F(FrameCycleTest, LockFailureIsNamed) {

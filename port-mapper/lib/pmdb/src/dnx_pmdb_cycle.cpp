@@ -41,6 +41,17 @@ void entry_forget(pmdb_cycle_t *cyc, u32 key) {
     cyc->created = false;
 }
 
+/* The operation's point for a failed open, with the arguments it asks for. */
+void trace_open_failed(const pmdb_cycle_traces_t *tp, u32 key, cerrno rc) {
+    if (tp->open_failed == 0) return;
+    if (tp->open_args == PMDB_OPEN_TRACE_KEY)
+        PMDB_TRACE_E(tp->open_failed, key);
+    else if (tp->open_args == PMDB_OPEN_TRACE_STATUS)
+        PMDB_TRACE_E(tp->open_failed, rc);
+    else
+        PMDB_TRACE_E(tp->open_failed, key, rc);
+}
+
 /* The operation's point for the step that failed, with (key, status). */
 void trace_failed_step(const pmdb_cycle_traces_t *tp, const pmdb_cycle_t *cyc, cerrno rc) {
     u32 point = 0;
@@ -187,7 +198,7 @@ cerrno pmdb_cycle_begin(pmdb_cycle_t *cyc, pmdb_type_t type, u32 key, u32 how,
     }
     const cerrno rc = pmdb_cycle_open(cyc, type);
     if (rc != 0) {
-        if (tp->open_failed != 0) PMDB_TRACE_E(tp->open_failed, key, rc);
+        trace_open_failed(tp, key, rc);
         return rc;
     }
     return pmdb_cycle_enter(cyc, key, how, tp);

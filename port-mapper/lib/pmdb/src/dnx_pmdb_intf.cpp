@@ -384,16 +384,13 @@ cerrno dpa_pmdb_update_ifh_entry_member(pmdb_event_t *event, dpa_pmdb_ifh_summar
         PMDB_TRACE_E(234);
         return PMDB_EINVAL;
     }
-    /* The open failure's point carries no status: that step is ours. */
-    static const pmdb_cycle_traces_t kTraces = {.lookup_failed = 236, .lock_failed = 238};
+    static const pmdb_cycle_traces_t kTraces = {.open_failed = 235,
+                                                .open_args = PMDB_OPEN_TRACE_KEY,
+                                                .lookup_failed = 236,
+                                                .lock_failed = 238};
     const u32 ifh = event->intf_info.ifh;
     pmdb_cycle_t cyc;
-    cerrno rc = pmdb_cycle_open(&cyc, PMDB_TYPE_IFH);
-    if (rc != PMDB_OK) {
-        PMDB_TRACE_E(235, ifh);
-        return rc;
-    }
-    rc = pmdb_cycle_enter(&cyc, ifh, PMDB_CYCLE_LOCK, &kTraces);
+    cerrno rc = pmdb_cycle_begin(&cyc, PMDB_TYPE_IFH, ifh, PMDB_CYCLE_LOCK, &kTraces);
     if (rc != PMDB_OK) return rc;
     auto *e = static_cast<pmdb_ifh_entry_t *>(cyc.entry);
     const member_change mc = apply_membership(cyc.hdl, e, event, summary);

@@ -153,16 +153,13 @@ void dpa_pmdb_set_oor_cb(dpa_pmdb_oor_cb_t cb) {
 cerrno dpa_pmdb_update_bundle_oor_state(u32 ifh, u32 state, u32 reason, u32 *bundle_ifh_out,
                                         u32 *bundle_state_out, u32 *changed_out,
                                         u32 *bundle_slot_out) {
-    /* The open failure's point carries only the status: that step is ours. */
-    static const pmdb_cycle_traces_t kMemberTraces = {.lookup_failed = 296, .lock_failed = 297};
+    static const pmdb_cycle_traces_t kMemberTraces = {.open_failed = 295,
+                                                      .open_args = PMDB_OPEN_TRACE_STATUS,
+                                                      .lookup_failed = 296,
+                                                      .lock_failed = 297};
     static const pmdb_cycle_traces_t kBundleTraces = {.lookup_failed = 301, .lock_failed = 302};
     pmdb_cycle_t member;
-    cerrno rc = pmdb_cycle_open(&member, PMDB_TYPE_IFH);
-    if (rc != PMDB_OK) {
-        PMDB_TRACE_E(295, rc);
-        return rc;
-    }
-    rc = pmdb_cycle_enter(&member, ifh, PMDB_CYCLE_LOCK, &kMemberTraces);
+    cerrno rc = pmdb_cycle_begin(&member, PMDB_TYPE_IFH, ifh, PMDB_CYCLE_LOCK, &kMemberTraces);
     if (rc != PMDB_OK) return rc;
     pmdb_cycle_t bundle = pmdb_cycle_share(&member);
     auto *m = &static_cast<pmdb_ifh_entry_t *>(member.entry)->intf_info;
@@ -190,15 +187,12 @@ cerrno dpa_pmdb_update_bundle_oor_state(u32 ifh, u32 state, u32 reason, u32 *bun
 }
 
 cerrno dpa_pmdb_set_bundle_oor_state(u32 ifh, i32 state, u32 reason, u32 *slot_out) {
-    /* The open failure's point carries only the status: that step is ours. */
-    static const pmdb_cycle_traces_t kTraces = {.lookup_failed = 307, .lock_failed = 308};
+    static const pmdb_cycle_traces_t kTraces = {.open_failed = 306,
+                                                .open_args = PMDB_OPEN_TRACE_STATUS,
+                                                .lookup_failed = 307,
+                                                .lock_failed = 308};
     pmdb_cycle_t cyc;
-    cerrno rc = pmdb_cycle_open(&cyc, PMDB_TYPE_IFH);
-    if (rc != PMDB_OK) {
-        PMDB_TRACE_E(306, rc);
-        return rc;
-    }
-    rc = pmdb_cycle_enter(&cyc, ifh, PMDB_CYCLE_LOCK, &kTraces);
+    cerrno rc = pmdb_cycle_begin(&cyc, PMDB_TYPE_IFH, ifh, PMDB_CYCLE_LOCK, &kTraces);
     if (rc != PMDB_OK) return rc;
     auto *in = &static_cast<pmdb_ifh_entry_t *>(cyc.entry)->intf_info;
     /* Clearing is refused only while members at both levels are counted;

@@ -110,14 +110,23 @@ cerrno pmdb_cycle_open_or_use(pmdb_cycle_t *cyc, pmdb_type_t type, dnx_db_hdl_t 
 #define PMDB_CYCLE_CREATE 1u /* created, or refreshed when the key is present */
 #define PMDB_CYCLE_LOCK 2u   /* then its slot lock is taken */
 
+/* The arguments of an operation's open failure point. */
+typedef enum pmdb_open_trace_args {
+    PMDB_OPEN_TRACE_KEY_STATUS = 0, /* (key, status) */
+    PMDB_OPEN_TRACE_KEY,            /* (key) */
+    PMDB_OPEN_TRACE_STATUS          /* (status) */
+} pmdb_open_trace_args_t;
+
 /* An operation's own trace points for the steps of its cycle; 0 writes
- * none.  Failures go to the error buffer with (key, status), zero_key with
- * no arguments; refreshed goes to the database buffer with (key), before
- * the present key is looked up.  An operation whose point has another shape
- * leaves it 0 and runs that step itself. */
+ * none.  Failures go to the error buffer with (key, status) - the open's
+ * as open_args says - and zero_key with no arguments; refreshed goes to the
+ * database buffer with (key), before the present key is looked up.  An
+ * operation whose point has another shape leaves it 0 and runs that step
+ * itself. */
 typedef struct pmdb_cycle_traces {
     u32 zero_key = 0; /* nonzero: pmdb_cycle_begin refuses key 0 (PMDB_EINVAL) */
     u32 open_failed = 0;
+    pmdb_open_trace_args_t open_args = PMDB_OPEN_TRACE_KEY_STATUS;
     u32 add_failed = 0;
     u32 refreshed = 0;
     u32 lookup_failed = 0;
