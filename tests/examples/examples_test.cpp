@@ -1,7 +1,6 @@
 // The demo and its card writer, run as the operator runs them: separate
 // processes, the card read back from shared memory by this process through
 // the reader library.
-#include <fcntl.h>
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 #include <signal.h>
@@ -23,94 +22,33 @@ namespace {
 
 using ::testing::HasSubstr;
 using ::testing::MatchesRegex;
-using ::testing::Not;
 using namespace std::chrono_literals;
 
-// A program started with its stdout and stderr on one pipe.
-class Program {
-  public:
-    explicit Program(std::vector<std::string> argv, std::vector<std::string> env = {}) {
-        int fds[2];
-        if (pipe(fds) != 0) return;
-        pid_ = fork();
-        if (pid_ == 0) {
-            dup2(fds[1], 1);
-            dup2(fds[1], 2);
-            close(fds[0]);
-            close(fds[1]);
-            for (const std::string &e : env) putenv(const_cast<char *>(e.c_str()));
-            std::vector<char *> args;
-            for (std::string &a : argv) args.push_back(a.data());
-            args.push_back(nullptr);
-            execv(args[0], args.data());
-            _exit(127);
-        }
-        close(fds[1]);
-        out_fd_ = fds[0];
-    }
-    ~Program() {
-        if (pid_ > 0 && !reaped_) {
-            kill(pid_, SIGKILL);
-            Wait();
-        }
-        if (out_fd_ >= 0) close(out_fd_);
-    }
-    Program(const Program &) = delete;
-    Program &operator=(const Program &) = delete;
+using pmdb::test::RunTool;
+using pmdb::test::Tool;
+using pmdb::test::ToolRun;
 
-    pid_t pid() const { return pid_; }
-
-    // Reads output until `text` has appeared (true) or the program closed
-    // its end of the pipe (false).
-    bool WaitFor(const std::string &text) {
-        while (output_.find(text) == std::string::npos)
-            if (!ReadSome()) return false;
-        return true;
-    }
-    // Reads the rest of the output and reaps the program; its exit status,
-    // or -1 when it did not exit (killed by a signal).
-    int Wait() {
-        while (ReadSome()) {
-        }
-        int raw = 0;
-        waitpid(pid_, &raw, 0);
-        reaped_ = true;
-        signal_ = WIFSIGNALED(raw) ? WTERMSIG(raw) : 0;
-        return WIFEXITED(raw) ? WEXITSTATUS(raw) : -1;
-    }
-    int signal() const { return signal_; }
-    const std::string &output() const { return output_; }
-
-  private:
-    bool ReadSome() {
-        char buf[512];
-        const ssize_t n = out_fd_ < 0 ? 0 : read(out_fd_, buf, sizeof buf);
-        if (n <= 0) return false;
-        output_.append(buf, static_cast<size_t>(n));
-        return true;
-    }
-
-    pid_t pid_ = -1;
-    int out_fd_ = -1;
-    bool reaped_ = false;
-    int signal_ = 0;
-    std::string output_;
-};
-
-struct Result {
-    int status;
-    std::string output;
-};
-
-Result RunProgram(std::vector<std::string> argv, std::vector<std::string> env = {}) {
-    Program p(std::move(argv), std::move(env));
-    const int status = p.Wait();
-    return {status, p.output()};
+ToolRun CardWriter(const std::vector<std::string> &args) {
+    return RunTool(CARD_WRITER_PATH, args);
 }
 
-Result CardWriter(std::vector<std::string> args) {
-    args.insert(args.begin(), CARD_WRITER_PATH);
-    return RunProgram(std::move(args));
+// Waits until `tool` has written `text` to its standard output (true), or
+// it ended or ten seconds passed without it (false).
+bool WaitForOutput(const Tool &tool, const std::string &text) {
+    for (int i = 0; i < 1000; i++) {
+        if (tool.OutSoFar().find(text) != std::string::npos) return true;
+        siginfo_t info{};
+        if (waitid(P_PID, tool.pid(), &info, WEXITED | WNOHANG | WNOWAIT) == 0 && info.si_pid != 0)
+            return tool.OutSoFar().find(text) != std::string::npos;
+        std::this_thread::sleep_for(10ms);
+    }
+    return false;
+}
+
+// True while `tool` has not ended (it is not reaped here).
+bool Running(const Tool &tool) {
+    siginfo_t info{};
+    return waitid(P_PID, tool.pid(), &info, WEXITED | WNOHANG | WNOWAIT) == 0 && info.si_pid == 0;
 }
 
 std::vector<std::string> Lines(const std::string &text) {
@@ -151,9 +89,9 @@ u32 Count(pmdb_type_t type) {
 class CardWriterTest : public pmdb::test::PmdbTest {
   protected:
     void BuildCard() {
-        const Result r = CardWriter({"build"});
-        ASSERT_EQ(r.status, 0) << r.output;
-        build_output_ = r.output;
+        const ToolRun r = CardWriter({"build"});
+        ASSERT_EQ(r.status, 0) << r.out << r.err;
+        build_output_ = r.out;
     }
     std::string build_output_;
 };
@@ -242,12 +180,12 @@ TEST_F(CardWriterTest, BviFollowsItsNodeOutOfTheInventory) {
 // ---- failures are reported -----------------------------------------------------
 
 TEST_F(CardWriterTest, UnexpectedStatusesAndBadArgumentsExitNonZero) {
-    const Result missing = CardWriter({"hold", "0x9999"});
+    const ToolRun missing = CardWriter({"hold", "0x9999"});
     EXPECT_EQ(missing.status, 1);
-    EXPECT_THAT(missing.output, HasSubstr("card_writer: lookup of 0x00009999: status"));
+    EXPECT_THAT(missing.err, HasSubstr("card_writer: lookup of 0x00009999: status"));
 
-    const Result no_entry = CardWriter({"oor", "0x9999", "1"});
-    EXPECT_EQ(no_entry.status, 1) << no_entry.output;
+    const ToolRun no_entry = CardWriter({"oor", "0x9999", "1"});
+    EXPECT_EQ(no_entry.status, 1) << no_entry.out << no_entry.err;
 
     EXPECT_EQ(CardWriter({"oor", "0x1002", "3"}).status, 2);
     EXPECT_EQ(CardWriter({}).status, 2);
@@ -258,41 +196,43 @@ TEST_F(CardWriterTest, UnexpectedStatusesAndBadArgumentsExitNonZero) {
 
 TEST_F(CardWriterTest, WriterWaitingOnAKilledHolderRecoversTheLock) {
     BuildCard();
-    Program holder({CARD_WRITER_PATH, "hold", "0x1002"});
-    ASSERT_TRUE(holder.WaitFor("holds the entry lock of IFH 0x00001002")) << holder.output();
+    Tool holder(CARD_WRITER_PATH, {"hold", "0x1002"});
+    ASSERT_TRUE(WaitForOutput(holder, "holds the entry lock of IFH 0x00001002"))
+        << holder.OutSoFar();
 
     // While the holder lives, a writer of that entry waits for it.
-    Program writer({CARD_WRITER_PATH, "oor", "0x1002", "2"});
+    Tool writer(CARD_WRITER_PATH, {"oor", "0x1002", "2"});
     std::this_thread::sleep_for(300ms);
-    EXPECT_EQ(waitpid(writer.pid(), nullptr, WNOHANG), 0) << "the writer did not wait";
+    EXPECT_TRUE(Running(writer)) << "the writer did not wait";
 
     MarkTraces();
     kill(holder.pid(), SIGKILL);
-    holder.Wait();
-    ASSERT_EQ(holder.signal(), SIGKILL);
+    ASSERT_EQ(holder.Finish().status, -SIGKILL);
 
     // Once the holder is dead the writer gets the lock, says so in trace 69,
     // and makes its change; the lock then works as before.
-    ASSERT_EQ(writer.Wait(), 0) << writer.output();
+    const ToolRun w = writer.Finish();
+    ASSERT_EQ(w.status, 0) << w.out << w.err;
     EXPECT_EQ(CountTraces(VESK_DATABASE, 69), 1u);
     EXPECT_EQ(Ifh(0x1002).intf_info.oor_state, 2u);
-    const Result again = CardWriter({"oor", "0x1002", "1"});
-    ASSERT_EQ(again.status, 0) << again.output;
+    const ToolRun again = CardWriter({"oor", "0x1002", "1"});
+    ASSERT_EQ(again.status, 0) << again.out << again.err;
     EXPECT_EQ(CountTraces(VESK_DATABASE, 69), 1u);
     EXPECT_EQ(Ifh(0x1002).intf_info.oor_state, 1u);
-    EXPECT_EQ(RunProgram({PMDBCTL_PATH, "check"}).status, 0);
+    EXPECT_EQ(RunTool(PMDBCTL_PATH, {"check"}).status, 0);
 }
 
 // ---- the whole demo ----------------------------------------------------------------
 
 TEST(DemoTest, RunsUnattendedShowsTheCardAndLeavesNothingBehind) {
     const auto start = std::chrono::steady_clock::now();
-    const Result r = RunProgram({"/bin/bash", DEMO_SCRIPT}, {"PMDB_BUILD_DIR=" DEMO_BUILD_DIR});
+    ASSERT_EQ(setenv("PMDB_BUILD_DIR", DEMO_BUILD_DIR, 1), 0);
+    const ToolRun r = RunTool("/bin/bash", {DEMO_SCRIPT});
     const auto took = std::chrono::steady_clock::now() - start;
-    ASSERT_EQ(r.status, 0) << r.output;
+    ASSERT_EQ(r.status, 0) << r.out << r.err;
     EXPECT_LT(took, 30s);
 
-    const std::string &out = r.output;
+    const std::string &out = r.out;
     EXPECT_THAT(out, HasSubstr("card built: 6 IFH, 15 PUNT, 1 OAM entries\n"));
     EXPECT_THAT(out, HasSubstr("DNX_PORT_MAPPER_PUNT_DB          ok\n"));
     EXPECT_THAT(out, HasSubstr("members: 0x00001001 0x00002001\n"));
@@ -301,7 +241,7 @@ TEST(DemoTest, RunsUnattendedShowsTheCardAndLeavesNothingBehind) {
     EXPECT_THAT(out, HasSubstr("held 0  dead owner 1"));
     EXPECT_THAT(out, HasSubstr("database 69 lock_owner_dead"));
     EXPECT_THAT(out, HasSubstr("IFH 0x00001002 out of resource, level 1: status 0\n"));
-    EXPECT_THAT(out, Not(HasSubstr("pmdbctl:")));  // no tool reported an error
+    EXPECT_EQ(r.err, "");  // no tool reported an error
 
     // The demo's namespaces are gone.
     const std::string tag = "(namespace demo";
