@@ -31,6 +31,7 @@
 #include "host/os_host.h"
 #include "pmdb.h"
 #include "tabra.h"
+#include "tabra_params.h"
 
 namespace {
 
@@ -40,23 +41,7 @@ constexpr u32 kChanges = 10000;
 constexpr u32 kLookupEntries = 60000;
 constexpr int kBatch = 64;
 
-u32 Hash(u32 key) {
-    return key & 0xFFFFu;
-}
-
-tabra_params_t Params(const char *name) {
-    tabra_params_t p{};
-    p.version = PMDB_TABRA_PARAMS_VERSION;
-    p.table_name = name;
-    p.open_flags = PMDB_TABRA_OPEN_WRITE;
-    p.tbl_param1 = PMDB_TBL_PARAM1;
-    p.tbl_param3 = PMDB_TBL_PARAM3;
-    p.hash_buckets = PMDB_HASH_BUCKETS;
-    p.hash_fn = Hash;
-    p.max_entries = PMDB_MAX_ENTRIES;
-    p.entry_size = kEntry;
-    return p;
-}
+using pmdb::test::Params;
 
 u64 NowNs() {
     timespec ts{};
@@ -193,7 +178,7 @@ bool FillInOtherProcess() {
     waitpid(pid, &status, 0);
     if (!WIFEXITED(status) || WEXITSTATUS(status) != 0) return false;
     g_reader_keys = RandomKeys(kLookupEntries, 3);
-    return tabra_attach_hashed("BENCH_LOOKUP", Hash, &g_reader) == 0;
+    return tabra_attach_hashed("BENCH_LOOKUP", pmdb::test::Low16, &g_reader) == 0;
 }
 
 void BM_LookupCopy_60000_OtherProcess(benchmark::State &state) {

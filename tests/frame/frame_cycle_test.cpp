@@ -123,7 +123,7 @@ TEST_F(FrameCycleTest, FailedOpenIsReportedAndNeedsNoRelease) {
     EXPECT_EQ(cyc.hdl, nullptr);
     pm_calllog_enable(1);
     EXPECT_EQ(pmdb_cycle_release(&cyc, TABRA_E_PROT), TABRA_E_PROT);
-    EXPECT_TRUE(frame_test::CallNames("tabra_").empty());
+    EXPECT_TRUE(pmdb::test::CallNames("tabra_").empty());
 }
 
 // An operation's cycle started with its own trace points: the failing step

@@ -22,8 +22,8 @@
 
 namespace {
 
-using frame_test::CallNames;
-using frame_test::CallsStartingWith;
+using pmdb::test::CallNames;
+using pmdb::test::CallLog;
 using pmdb::test::PmdbTest;
 using namespace std::chrono_literals;
 
@@ -92,17 +92,17 @@ TEST_F(FrameConfigTest, MaxEntriesIsReadAtInitAndAtEveryProtectionChange) {
     dnx_db_hdl_t *hdl = nullptr;
     ASSERT_EQ(dpa_chk_pmdb_open(nullptr, &hdl, PMDB_TYPE_OAM, 0), 0u);
     EXPECT_EQ(pmdb_cfg[PMDB_TYPE_OAM].max_entries, 1000u);
-    EXPECT_EQ(CallsStartingWith("tabra_open").at(0).args[1], 1000u);
+    EXPECT_EQ(CallLog("tabra_open").at(0).args[1], 1000u);
 
     halvo_host_set("max_entries", 2000);
     ASSERT_EQ(dpa_chk_pmdb_open(nullptr, &hdl, PMDB_TYPE_OAM, 1), 0u);
     EXPECT_EQ(pmdb_cfg[PMDB_TYPE_OAM].max_entries, 2000u);
-    EXPECT_EQ(CallsStartingWith("tabra_make_shm_writable").at(0).args[1], 2000u);
+    EXPECT_EQ(CallLog("tabra_make_shm_writable").at(0).args[1], 2000u);
 
     halvo_host_set("max_entries", 3000);
     ASSERT_EQ(dpa_pmdb_mprotect_tabra(hdl->tabra, hdl, PMDB_TYPE_OAM), 0u);
     EXPECT_EQ(pmdb_cfg[PMDB_TYPE_OAM].max_entries, 3000u);
-    EXPECT_EQ(CallsStartingWith("tabra_make_shm_readonly_protected").back().args[1], 3000u);
+    EXPECT_EQ(CallLog("tabra_make_shm_readonly_protected").back().args[1], 3000u);
     EXPECT_EQ(hdl->cfg, &pmdb_cfg[PMDB_TYPE_OAM]);
 }
 
@@ -112,7 +112,7 @@ TEST_F(FrameConfigTest, MaxEntriesBeyondTheEntryLocksIsClamped) {
     dnx_db_hdl_t *hdl = nullptr;
     ASSERT_EQ(dpa_chk_pmdb_open(nullptr, &hdl, PMDB_TYPE_OAM, 1), 0u);
     EXPECT_EQ(pmdb_cfg[PMDB_TYPE_OAM].max_entries, 65536u);
-    for (const pm_call_rec_t &r : CallsStartingWith("tabra_")) {
+    for (const pm_call_rec_t &r : CallLog("tabra_")) {
         if (strcmp(r.call, "tabra_init") == 0) continue;
         EXPECT_EQ(r.args[1], 65536u) << r.call;
     }
@@ -140,7 +140,7 @@ TEST_F(FrameOpenTest, FirstWriteOpenOpensProtectsLaterThenMakesWritable) {
     ASSERT_EQ(dpa_chk_pmdb_open(em, &hdl, PMDB_TYPE_OAM, 1), 0u);
     ASSERT_NE(hdl, nullptr);
 
-    const auto calls = CallsStartingWith("tabra_");
+    const auto calls = CallLog("tabra_");
     ASSERT_EQ(CallNames("tabra_"),
               (std::vector<std::string>{"tabra_init", "tabra_open",
                                         "tabra_make_shm_readonly_protected",
@@ -224,7 +224,7 @@ TEST_F(FrameOpenTest, FirstReadOpenProtectsWithoutMakingWritable) {
     EXPECT_EQ(CallNames("tabra_"),
               (std::vector<std::string>{"tabra_init", "tabra_open",
                                         "tabra_make_shm_readonly_protected"}));
-    const auto calls = CallsStartingWith("tabra_");
+    const auto calls = CallLog("tabra_");
     EXPECT_EQ(calls[1].args[0], 64u);
     EXPECT_EQ(calls[1].args[2], 312u);
     EXPECT_GE(calls[2].mono_ns - calls[1].mono_ns, kPauseNs);
@@ -237,7 +237,7 @@ TEST_F(FrameOpenTest, FirstReadOpenProtectsWithoutMakingWritable) {
     dnx_db_hdl_t *again = nullptr;
     ASSERT_EQ(dpa_chk_pmdb_open(nullptr, &again, PMDB_TYPE_PUNT, 0), 0u);
     EXPECT_EQ(again, hdl);
-    EXPECT_TRUE(frame_test::CallLog().empty());
+    EXPECT_TRUE(CallLog().empty());
     EXPECT_TRUE(Traces(VESK_DATABASE).empty());
 }
 

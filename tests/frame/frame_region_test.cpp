@@ -18,7 +18,7 @@
 
 namespace {
 
-using frame_test::CallNames;
+using pmdb::test::CallNames;
 using frame_test::MakeGarbageRegion;
 using frame_test::MapRegionObject;
 using frame_test::OpenRegionSemaphore;

@@ -8,37 +8,15 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
-#include <algorithm>
-
 #include "host/os_host.h"
+#include "pmdb_test.h"
 #include "vorn_os.h"
 
 namespace frame_test {
 
-std::vector<pm_call_rec_t> CallLog() {
-    std::vector<pm_call_rec_t> log(PM_CALLLOG_CAPACITY);
-    const size_t n = pm_calllog_get(log.data(), log.size());
-    log.resize(std::min(n, log.size()));
-    return log;
-}
-
-std::vector<pm_call_rec_t> CallsStartingWith(const std::string &prefix) {
-    std::vector<pm_call_rec_t> out;
-    for (const pm_call_rec_t &r : CallLog()) {
-        if (strncmp(r.call, prefix.c_str(), prefix.size()) == 0) out.push_back(r);
-    }
-    return out;
-}
-
-std::vector<std::string> CallNames(const std::string &prefix) {
-    std::vector<std::string> out;
-    for (const pm_call_rec_t &r : CallsStartingWith(prefix)) out.emplace_back(r.call);
-    return out;
-}
-
 std::vector<pm_call_rec_t> RegionObjectOpens() {
     std::vector<pm_call_rec_t> out;
-    for (const pm_call_rec_t &r : CallsStartingWith("_shm_open")) {
+    for (const pm_call_rec_t &r : pmdb::test::CallLog("_shm_open")) {
         if (r.args[1] == 0777) out.push_back(r);
     }
     return out;

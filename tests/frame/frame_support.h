@@ -14,13 +14,6 @@
 
 namespace frame_test {
 
-// Platform calls recorded since the log was last cleared, in call order.
-std::vector<pm_call_rec_t> CallLog();
-// The recorded calls whose name starts with prefix.
-std::vector<pm_call_rec_t> CallsStartingWith(const std::string &prefix);
-// Their names only.
-std::vector<std::string> CallNames(const std::string &prefix);
-
 // The recorded opens of region objects (the table store opens objects of
 // its own through the same call; regions are opened with mode 0777).
 std::vector<pm_call_rec_t> RegionObjectOpens();

@@ -135,7 +135,7 @@ TEST_F(NodeList, BitsOfNodesModulo32InBundleSubInterfacesOnly) {
     pm_calllog_enable(1);
     EXPECT_EQ(dpa_pmdb_update_ifh_entry_nodelist(kSub, 1, 1, 0x10000, nullptr), PMDB_OK);
     EXPECT_EQ(dpa_pmdb_update_ifh_entry_nodelist(0, 1, 1, 3, nullptr), PMDB_OK);
-    EXPECT_EQ(LoggedCalls(), std::vector<std::string>{});
+    EXPECT_EQ(CallNames(), std::vector<std::string>{});
     EXPECT_FALSE(TableExists(PMDB_IFH_TABLE_NAME));
 
     PutIfh(kSub, [](pmdb_ifh_entry_t &e) {

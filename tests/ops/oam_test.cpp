@@ -36,7 +36,7 @@ TEST_F(OamEntry, KeyZeroAndNoEventAreRefusedBeforeAnythingIsOpened) {
     EXPECT_EQ(dpa_pmdb_remove_oam_entry(0), PMDB_EINVAL);
     dpa_pmdb_oam_oper(&ev);
     dpa_pmdb_oam_oper(nullptr);
-    EXPECT_EQ(LoggedCalls(), std::vector<std::string>{});
+    EXPECT_EQ(CallNames(), std::vector<std::string>{});
     ExpectTrace(VESK_ERROR, 153, {});
     ExpectTrace(VESK_ERROR, 154, {kKey, 0});
     ExpectTrace(VESK_ERROR, 167, {});

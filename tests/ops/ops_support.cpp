@@ -65,14 +65,6 @@ bool TableExists(const char *table_name) {
     return tabra_attach(table_name, &table) == 0;
 }
 
-std::vector<std::string> LoggedCalls() {
-    std::vector<pm_call_rec_t> log(PM_CALLLOG_CAPACITY);
-    log.resize(std::min(pm_calllog_get(log.data(), log.size()), log.size()));
-    std::vector<std::string> names;
-    for (const pm_call_rec_t &r : log) names.emplace_back(r.call);
-    return names;
-}
-
 pmdb_event_t IntfEvent(u8 type, u32 event_id, u32 ifh, u32 bundle_ifh, u16 member_port,
                        u8 member_port_shift) {
     pmdb_event_t ev;

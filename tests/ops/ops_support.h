@@ -31,8 +31,7 @@ using pmdb::test::SlotOf;
 
 // True when the named table exists at all in the test's namespace.
 bool TableExists(const char *table_name);
-// Names of the platform calls recorded since the log was enabled.
-std::vector<std::string> LoggedCalls();
+using pmdb::test::CallNames;
 
 // Event of `type` with the interface reading (valid_flags bit 0).
 pmdb_event_t IntfEvent(u8 type, u32 event_id, u32 ifh, u32 bundle_ifh = 0,

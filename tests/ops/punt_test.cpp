@@ -42,9 +42,9 @@ TEST_F(PuntKeyRule, MemberKeysOfThePortAndSlotSubstitution) {
 TEST_F(PuntKeyRule, IdentityIsAskedForEveryEgressKeyAndNoOther) {
     pm_calllog_enable(1);
     dpa_pmdb_punt_key(0, 0x10042, 0x10, 0, 5);
-    EXPECT_TRUE(LoggedCalls().empty());
+    EXPECT_TRUE(CallNames().empty());
     dpa_pmdb_punt_key(1, 0x10042, 0, 0, PMDB_NO_SLOT);
-    EXPECT_EQ(LoggedCalls(), std::vector<std::string>{"platform_am_i_rp_plus_datapath"});
+    EXPECT_EQ(CallNames(), std::vector<std::string>{"platform_am_i_rp_plus_datapath"});
 }
 
 TEST_F(PuntEntry, KeyZeroIsRefusedBeforeAnythingIsOpened) {
@@ -53,7 +53,7 @@ TEST_F(PuntEntry, KeyZeroIsRefusedBeforeAnythingIsOpened) {
     i32 slot = -1;
     EXPECT_EQ(dpa_pmdb_add_punt_entry(0, &ev, &slot, nullptr), PMDB_EINVAL);
     EXPECT_EQ(dpa_pmdb_remove_punt_entry(0), PMDB_EINVAL);
-    EXPECT_EQ(LoggedCalls(), std::vector<std::string>{});
+    EXPECT_EQ(CallNames(), std::vector<std::string>{});
     ExpectTrace(VESK_ERROR, 134, {});
     ExpectTrace(VESK_ERROR, 172, {});
     EXPECT_EQ(dpa_pmdb_add_punt_entry(kKey, nullptr, &slot, nullptr), PMDB_OK);

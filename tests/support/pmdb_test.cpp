@@ -9,6 +9,7 @@
 #include <sys/wait.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <atomic>
 #include <cinttypes>
 #include <cstdio>
@@ -104,6 +105,23 @@ std::string ListRecords(vesk_kind_t kind, const std::vector<vesk_rec_t> &recs) {
     if (found.empty()) return ::testing::AssertionSuccess();
     return ::testing::AssertionFailure() << vesk_kind_name(kind) << " trace " << point
                                          << " was written:" << ListRecords(kind, found);
+}
+
+/* ---- platform call log --------------------------------------------------- */
+
+std::vector<pm_call_rec_t> CallLog(const std::string &prefix) {
+    std::vector<pm_call_rec_t> log(PM_CALLLOG_CAPACITY);
+    log.resize(std::min(pm_calllog_get(log.data(), log.size()), log.size()));
+    std::vector<pm_call_rec_t> out;
+    for (const pm_call_rec_t &r : log)
+        if (strncmp(r.call, prefix.c_str(), prefix.size()) == 0) out.push_back(r);
+    return out;
+}
+
+std::vector<std::string> CallNames(const std::string &prefix) {
+    std::vector<std::string> names;
+    for (const pm_call_rec_t &r : CallLog(prefix)) names.emplace_back(r.call);
+    return names;
 }
 
 /* ---- processes ----------------------------------------------------------- */

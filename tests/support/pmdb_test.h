@@ -28,6 +28,7 @@
 #include <type_traits>
 #include <vector>
 
+#include "host/pm_fault.h"
 #include "host/vesk_reader.h"
 
 namespace pmdb::test {
@@ -58,6 +59,14 @@ std::string DescribeTrace(vesk_kind_t kind, const vesk_rec_t &rec);
 /* Successful when no record of `point` was written to `kind` since mark. */
 ::testing::AssertionResult TraceNotWritten(const TraceMark &mark, vesk_kind_t kind,
                                            uint32_t point);
+
+/* ---- platform call log --------------------------------------------------- */
+
+/* Platform calls recorded since the log was last cleared (pm_fault.h), in
+ * call order; with `prefix`, only those whose name starts with it. */
+std::vector<pm_call_rec_t> CallLog(const std::string &prefix = "");
+/* Their names. */
+std::vector<std::string> CallNames(const std::string &prefix = "");
 
 /* ---- processes ----------------------------------------------------------- */
 

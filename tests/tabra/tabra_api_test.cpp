@@ -446,15 +446,8 @@ TEST_F(TabraHooks, InjectedFailuresAndCallLog) {
     EXPECT_EQ(tabra_add_entry(h, 9, &e, &slot), 0u);
     pm_calllog_enable(0);
 
-    std::vector<pm_call_rec_t> all(256);
-    all.resize(std::min<size_t>(pm_calllog_get(all.data(), all.size()), all.size()));
-    std::vector<pm_call_rec_t> log; /* the table store's own calls */
-    std::vector<std::string> names;
-    for (const auto &rec : all) {
-        if (strncmp(rec.call, "tabra_", 6) != 0) continue;
-        log.push_back(rec);
-        names.emplace_back(rec.call);
-    }
+    const std::vector<pm_call_rec_t> log = pmdb::test::CallLog("tabra_"); /* its own calls */
+    const std::vector<std::string> names = pmdb::test::CallNames("tabra_");
     const std::vector<std::string> want{"tabra_open",
                                         "tabra_open",
                                         "tabra_make_shm_readonly_protected",

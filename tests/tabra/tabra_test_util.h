@@ -19,13 +19,13 @@
 #include "pmdb_test.h"
 #include "tabra.h"
 #include "tabra_layout.h"
+#include "tabra_params.h"
 
 namespace tabra_test {
 
-/* The database's own hash: the low 16 bits of the key. */
-inline u32 Low16(u32 key) {
-    return key & 0xFFFFu;
-}
+using pmdb::test::Low16;
+using pmdb::test::Params;
+
 /* Few buckets, so that chains are long (a key % 7 hash, 7 buckets). */
 inline u32 Mod7(u32 key) {
     return key % 7u;
@@ -33,23 +33,6 @@ inline u32 Mod7(u32 key) {
 /* A hash that is not key % buckets (65536 buckets). */
 inline u32 High16(u32 key) {
     return key >> 16;
-}
-
-inline tabra_params_t Params(const char *name, u32 entry_size = 328, dpa_pmdb_hash_fn_t fn = Low16,
-                             u32 buckets = 65536, u32 max_entries = 65536,
-                             u32 flags = PMDB_TABRA_OPEN_WRITE) {
-    tabra_params_t p{};
-    p.version = PMDB_TABRA_PARAMS_VERSION;
-    p.table_name = name;
-    p.open_flags = flags;
-    p.tbl_param1 = PMDB_TBL_PARAM1;
-    p.tbl_param2 = PMDB_TBL_PARAM2;
-    p.hash_buckets = buckets;
-    p.hash_fn = fn;
-    p.max_entries = max_entries;
-    p.entry_size = entry_size;
-    p.tbl_param3 = PMDB_TBL_PARAM3;
-    return p;
 }
 
 inline tabra_hdl_t OpenOrDie(const tabra_params_t &p) {

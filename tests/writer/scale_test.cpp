@@ -13,24 +13,15 @@
 namespace {
 
 using namespace writer_test;
+using pmdb::test::CallNames;
 using pmdb::test::RunInChild;
 
 class ScaleTest : public WriterTest {};
 
-// Platform calls whose name starts with prefix since the log was cleared.
-size_t CallsNamed(const char *prefix) {
-    std::vector<pm_call_rec_t> recs(PM_CALLLOG_CAPACITY);
-    recs.resize(pm_calllog_get(recs.data(), recs.size()));
-    size_t n = 0;
-    for (const pm_call_rec_t &r : recs)
-        if (strncmp(r.call, prefix, strlen(prefix)) == 0) n++;
-    return n;
-}
-
 TEST_F(ScaleTest, AddingANodeThatIsNotHighScaleOpensNothing) {
     pm_calllog_enable(1);
     EXPECT_EQ(dpa_pmdb_update_scale_info(5, 1, 0, 1, nullptr), 0u);
-    EXPECT_EQ(CallsNamed("tabra_"), 0u);
+    EXPECT_EQ(CallNames("tabra_").size(), 0u);
     EXPECT_EQ(dpa_pmdb_hdl_get(PMDB_TYPE_IFH), nullptr);
     ExpectTrace(VESK_EVENT, 112, {});
     ExpectNoTrace(VESK_EVENT, 114);
@@ -143,14 +134,14 @@ TEST_F(ScaleTest, WithTheCallersHandleNoOpenOrReleaseIsMade) {
     EXPECT_EQ(dpa_pmdb_update_scale_info(9, 2, 1, 1, h), 0u);
     EXPECT_EQ(dpa_pmdb_update_scale_info(9, 2, 1, 0, h), 2u);
 
-    EXPECT_EQ(CallsNamed("tabra_make_shm"), 0u);
+    EXPECT_EQ(CallNames("tabra_make_shm").size(), 0u);
     EXPECT_EQ(Globals().inv_node_id, 4u);
 
     /* Without a handle the same call takes and drops write access. */
     pm_calllog_clear();
     EXPECT_EQ(dpa_pmdb_update_scale_info(9, 2, 1, 1, nullptr), 0u);
-    EXPECT_EQ(CallsNamed("tabra_make_shm_writable"), 1u);
-    EXPECT_EQ(CallsNamed("tabra_make_shm_readonly_protected"), 1u);
+    EXPECT_EQ(CallNames("tabra_make_shm_writable").size(), 1u);
+    EXPECT_EQ(CallNames("tabra_make_shm_readonly_protected").size(), 1u);
 }
 
 TEST_F(ScaleTest, FailedReleaseReplacesTheResult) {
