@@ -114,7 +114,7 @@ TEST_F(KemtTest, ManyThreadsWaitingAtOnceAreAllListed) {
 
 class FaultTest : public PmdbTest {};
 
-TEST_F(FaultTest, CountedNegativeAndZeroArming) {
+TEST_F(FaultTest, CountedNegativeZeroAndRearming) {
     int64_t r = 0;
     EXPECT_EQ(pm_fault_hit("tabra_open", &r), 0);
     pm_fault_set("tabra_open", 17, 2);
@@ -134,10 +134,8 @@ TEST_F(FaultTest, CountedNegativeAndZeroArming) {
     pm_fault_clear();
     EXPECT_EQ(pm_fault_hit("a", &r), 0);
     EXPECT_EQ(pm_fault_hit("b", &r), 0);
-}
 
-TEST_F(FaultTest, RearmingReplacesResultAndCount) {
-    int64_t r = 0;
+    /* Re-arming replaces the result and the count. */
     pm_fault_set("vorn_close", 1, 5);
     pm_fault_set("vorn_close", 2, 1);
     EXPECT_EQ(pm_fault_hit("vorn_close", &r), 1);

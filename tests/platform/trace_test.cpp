@@ -263,12 +263,4 @@ TEST_F(TraceTest, BuffersAreObjectsOfTheNamespace) {
     EXPECT_EQ(names, (std::vector<std::string>{"vesk.database", "vesk.error", "vesk.event"}));
 }
 
-TEST_F(TraceTest, KindNames) {
-    EXPECT_STREQ(vesk_kind_name(VESK_DATABASE), "database");
-    EXPECT_EQ(vesk_kind_from_name("event"), VESK_EVENT);
-    EXPECT_EQ(vesk_kind_from_name("db"), VESK_DATABASE);
-    EXPECT_EQ(vesk_kind_from_name("errors"), -1);
-    EXPECT_EQ(vesk_kind_name((vesk_kind_t)3), nullptr);
-}
-
 }  // namespace

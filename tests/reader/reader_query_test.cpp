@@ -275,29 +275,4 @@ TEST_F(ReaderQueryTest, IterateVisitsEveryIfhEntryOnceAndStopsWhenFull) {
     EXPECT_EQ(dpa_pmdb_iterate(Visit, &v, &v, 2), PMDB_EINVAL);
 }
 
-TEST_F(ReaderQueryTest, BviCollectionGetsAFullArrayWhenMoreEntriesMatch) {
-    constexpr u32 kLeaving = 9;
-    std::vector<u32> bvis;
-    for (u32 i = 0; i < 101; i++) {
-        const u32 ifh = 0x9000 + i;
-        pmdb_intf_info_t info = Intf(ifh, 0, 0, kLeaving);
-        info.intf_type = PMDB_INTF_TYPE_BVI;
-        ASSERT_EQ(PutIfh(ifh, info), PMDB_OK);
-        bvis.push_back(ifh);
-    }
-    ASSERT_EQ(PutIfh(P1, Intf(P1, 0, 0, kLeaving)), PMDB_OK); /* not a BVI */
-    std::vector<u32> handles(PMDB_BVI_CTX_CAPACITY + 1, kGuard);
-    dpa_pm_bvi_adj_ctx_t ctx;
-    memset(&ctx, 0, sizeof ctx);
-    ctx.first_word = PMDB_BVI_CTX_FIRST_WORD;
-    ctx.capacity = PMDB_BVI_CTX_CAPACITY;
-    ctx.handles = handles.data();
-    ctx.node_id = kLeaving;
-    EXPECT_EQ(dpa_pmdb_iterate(dpa_pm_get_bvi_adj_cb, &ctx, &ctx, 0), PMDB_OK);
-    EXPECT_EQ(ctx.count, PMDB_BVI_CTX_CAPACITY);
-    bvis.resize(PMDB_BVI_CTX_CAPACITY);
-    EXPECT_EQ(std::vector<u32>(handles.begin(), handles.end() - 1), bvis);
-    EXPECT_EQ(handles.back(), kGuard);
-}
-
 }  // namespace
