@@ -61,6 +61,12 @@ void trace_failed_step(const pmdb_cycle_traces_t *tp, const pmdb_cycle_t *cyc, c
     if (point != 0) PMDB_TRACE_E(point, cyc->key, rc);
 }
 
+/* Retires a slot lock before its entry is removed: the wait for a holder,
+ * in any process, has no bound. */
+void retire_lock(pellin_mutex_type *lock) {
+    while (pmdb_lock_destroy(lock) == PMDB_EBUSY) usleep(1);
+}
+
 void trace_refreshed(void *ctx, const pmdb_cycle_t *cyc) {
     const u32 point = static_cast<const pmdb_cycle_traces_t *>(ctx)->refreshed;
     if (point != 0) PMDB_TRACE_D(point, cyc->key);
@@ -158,13 +164,9 @@ cerrno pmdb_cycle_release(pmdb_cycle_t *cyc, cerrno status) {
     return rc != 0 ? step_failed(cyc, PMDB_STEP_RELEASE, rc) : status;
 }
 
-void pmdb_cycle_retire_lock(pellin_mutex_type *lock) {
-    while (pmdb_lock_destroy(lock) == PMDB_EBUSY) usleep(1);
-}
-
 cerrno pmdb_cycle_remove_found(pmdb_cycle_t *cyc, pmdb_cycle_hook_t before_remove, void *ctx) {
     pmdb_cycle_unlock(cyc);
-    pmdb_cycle_retire_lock(pmdb_cycle_slot_lock(cyc, cyc->slot));
+    retire_lock(pmdb_cycle_slot_lock(cyc, cyc->slot));
     if (before_remove != nullptr) before_remove(ctx, cyc);
     const cerrno rc = tabra_remove_entry(cyc->hdl->tabra, kRemoveFlags, cyc->key);
     cyc->entry = nullptr;

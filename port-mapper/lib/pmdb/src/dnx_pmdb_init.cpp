@@ -108,8 +108,9 @@ u32 region_magic(const dnx_pmdb_shrd_ctx_t *ctx) {
 
 /* ---- configuration ----------------------------------------------------- */
 
-/* The region has one entry lock per slot, and slots are never checked
- * against that bound, so the table must not hold more entries. */
+/* The region has one entry lock per slot: a table with more entries would
+ * hand out slots that have no lock (the entry change cycle refuses them),
+ * so the table must not hold more entries. */
 void max_entries_refresh(dnx_db_cfg_t *cfg) {
     u32 max = halvo_config_get_port_mapper_max_entries();
     if (max > PMDB_MAX_ENTRIES) {

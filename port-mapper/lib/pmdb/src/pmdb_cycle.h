@@ -178,12 +178,9 @@ void pmdb_stamp(u32 *event_id_field, struct timespec *time_field, u32 event_id);
 /* The entry lock of slot `slot` in the cycle's region. */
 pellin_mutex_type *pmdb_cycle_slot_lock(const pmdb_cycle_t *cyc, i32 slot);
 
-/* Retires a slot lock before its entry is removed: pmdb_lock_destroy, again
- * after usleep(1) for as long as it reports EBUSY (16), without bound. */
-void pmdb_cycle_retire_lock(pellin_mutex_type *lock);
-
 /* For a found entry: drops the slot lock if this cycle holds it, retires
- * the lock, calls before_remove (may be null; the entry is still readable), and
+ * the lock (pmdb_lock_destroy, again after usleep(1) for as long as it
+ * reports EBUSY (16), without bound), calls before_remove (may be null; the entry is still readable), and
  * removes the entry with tabra_remove_entry(table, 1, key).  Failed step:
  * REMOVE. */
 cerrno pmdb_cycle_remove_found(pmdb_cycle_t *cyc, pmdb_cycle_hook_t before_remove = nullptr,
