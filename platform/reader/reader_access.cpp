@@ -7,8 +7,24 @@
  * zeroed here), whose entry_lock[slot] is the lock writers hold while they
  * change the entry in that slot.
  *
- * Copy protocol (copy()):
+ * Copy protocol (copy()).  First the lock-free path: the table store copies
+ * the entry "at rest", which it vouches for when no process has had the
+ * entry open for writing during the copy (every writer obtains the entry
+ * from the store while its mapping is writable, and the store counts that
+ * until the writer's next protection call).  A record copied so is kept when
+ * it holds its key and is missing otherwise (see written()).  An entry that
+ * some process has open for writing is tried again for up to kAtRestWaitNs
+ * (a writer's window lasts a few microseconds), and only one that stays open
+ * longer (a long window, or a writer that died inside one) takes the locked
+ * path:
  *   1. look the key up in the table store: slot s and the entry's address;
+ *   1a. leave the lock alone while the record does not hold its key: the
+ *      entry is being made, and its writer initialises the slot lock right
+ *      after the table store made the entry (a lock being initialised must
+ *      not be touched: an attempt racing with the initialisation can take it
+ *      as a plain mutex that nobody can release, or lose it to the
+ *      initialiser while the robust list still names it); such a record
+ *      found twice in the same slot counts as missing (step 5);
  *   2. take entry_lock[s]: try-lock, then a wait bounded by g_wait_ms;
  *   3. copy the record into a local buffer and release the lock;
  *   4. keep the copy only when the release succeeded (the lock was not
@@ -32,7 +48,8 @@
  *     acquire loads pair with those stores.  Neither is ever unmapped.
  *   - region magic: read with acquire; pairs with the creator's store of the
  *     magic after zeroing the region.
- *   - g_wait_ms and the counters: relaxed; they order nothing.
+ *   - g_wait_ms and the counters of rare events: relaxed; they order
+ *     nothing.  The per-thread copy tallies: see `tally` below.
  *   - Slot locks: this library holds at most one at a time, only for the copy
  *     of one record, runs no callback while holding it, and never initialises,
  *     repairs or destroys one (the writers own their life cycle).  A lock
@@ -42,6 +59,7 @@
 #include <errno.h>
 #include <fcntl.h>
 #include <limits.h>
+#include <sched.h>
 #include <string.h>
 #include <sys/mman.h>
 #include <sys/stat.h>
@@ -64,6 +82,7 @@ constexpr const char *kRegionName[PMDB_NUM_TYPES] = {PMDB_IFH_SHM_NAME, PMDB_PUN
 constexpr u32 kEntrySize[PMDB_NUM_TYPES] = {PMDB_IFH_ENTRY_SIZE, PMDB_PUNT_ENTRY_SIZE,
                                             PMDB_OAM_ENTRY_SIZE};
 constexpr long kRetryPauseNs = 2000;
+constexpr u64 kAtRestWaitNs = 200000;
 
 /* The tables' key hash, the same rule the writers register when they open a
  * table (the low 16 bits of the key); the table store needs it for lookups
@@ -75,12 +94,62 @@ std::atomic<dnx_pmdb_shrd_ctx_t *> g_region[PMDB_NUM_TYPES];
 pthread_mutex_t g_attach_lock = PTHREAD_MUTEX_INITIALIZER;
 std::atomic<u32> g_wait_ms{PMDB_READER_LOCK_WAIT_MS_DEFAULT};
 
+/* Counters of the rare events (everything but plain copies). */
 struct counters {
-    std::atomic<u64> copies, owner_dead, busy, retries, lock_lost;
+    std::atomic<u64> owner_dead, busy, retries, lock_lost, locked_copies;
 };
 counters g_count;
 
 void bump(std::atomic<u64> &c) { c.fetch_add(1, std::memory_order_relaxed); }
+
+/* Copies are counted per thread: a shared counter would cost a locked add
+ * per copy, a full barrier on x86 that stops the processor from overlapping
+ * the memory misses of consecutive lookups.  Each thread's tally is written
+ * only by that thread (relaxed load and store, no locked instruction) and
+ * read by dpa_pmdb_reader_get_stats under g_tally_lock, which also guards
+ * the list and g_ended_copies (the tallies of threads that have ended). */
+struct tally {
+    std::atomic<u64> copies{0};
+    tally *prev = nullptr;
+    tally *next = nullptr;
+    tally();
+    ~tally();
+};
+pthread_mutex_t g_tally_lock = PTHREAD_MUTEX_INITIALIZER;
+tally *g_tallies;
+u64 g_ended_copies;
+
+tally::tally() {
+    pthread_mutex_lock(&g_tally_lock);
+    next = g_tallies;
+    if (next != nullptr) next->prev = this;
+    g_tallies = this;
+    pthread_mutex_unlock(&g_tally_lock);
+}
+
+tally::~tally() {
+    pthread_mutex_lock(&g_tally_lock);
+    g_ended_copies += copies.load(std::memory_order_relaxed);
+    if (prev != nullptr) prev->next = next;
+    if (next != nullptr) next->prev = prev;
+    if (g_tallies == this) g_tallies = next;
+    pthread_mutex_unlock(&g_tally_lock);
+}
+
+thread_local tally t_tally;
+
+void count_copy() {
+    std::atomic<u64> &c = t_tally.copies;
+    c.store(c.load(std::memory_order_relaxed) + 1, std::memory_order_relaxed);
+}
+
+u64 total_copies() {
+    pthread_mutex_lock(&g_tally_lock);
+    u64 n = g_ended_copies;
+    for (const tally *t = g_tallies; t != nullptr; t = t->next) n += t->copies.load(std::memory_order_relaxed);
+    pthread_mutex_unlock(&g_tally_lock);
+    return n;
+}
 
 #ifdef __GLIBC__
 /* glibc's mutex kind word: -1 once destroyed, the robust bit once initialised
@@ -233,14 +302,42 @@ cerrno ready(pmdb_type_t type) {
     return magic == PMDB_SHRD_CTX_MAGIC ? PMDB_OK : PMDB_ENOTFOUND;
 }
 
-cerrno copy(pmdb_type_t type, u32 key, void *out, u32 len) {
-    cerrno rc = ready(type);
-    if (rc != PMDB_OK) return rc;
-    tabra_hdl_t table = g_table[type].load(std::memory_order_acquire);
-    dnx_pmdb_shrd_ctx_t *region = g_region[type].load(std::memory_order_acquire);
+namespace {
+
+/* Hands the asked part of a consistent copy to the caller. */
+cerrno deliver(const unsigned char *local, void *out, u32 from, u32 len) {
+    memcpy(out, local + from, len);
+    count_copy();
+    return PMDB_OK;
+}
+
+u64 mono_ns() {
+    timespec ts;
+    clock_gettime(kWaitClock, &ts);
+    return static_cast<u64>(ts.tv_sec) * 1000000000u + static_cast<u64>(ts.tv_nsec);
+}
+
+/* The lock-free path: a copy at rest, tried again while another process's
+ * window is open on the entry, for up to kAtRestWaitNs.  A window of this
+ * process is not waited for: it does not close while this thread waits. */
+cerrno copy_at_rest(tabra_hdl_t table, u32 key, unsigned char *local, u32 copy_len) {
+    i32 slot = -1;
+    cerrno rc = tabra_copy_entry_at_rest(table, key, local, copy_len, &slot);
+    if (rc != TABRA_E_WRITING || tabra_entry_open_here(table, slot)) return rc;
+    for (const u64 end = mono_ns() + kAtRestWaitNs; rc == TABRA_E_WRITING && mono_ns() < end;) {
+        sched_yield();
+        rc = tabra_copy_entry_at_rest(table, key, local, copy_len, nullptr);
+    }
+    return rc;
+}
+
+/* Steps 1 to 5 of the copy protocol, under the slot lock. */
+cerrno copy_locked(tabra_hdl_t table, dnx_pmdb_shrd_ctx_t *region, u32 key, void *out, u32 from,
+                   u32 len, u32 copy_len) {
     alignas(16) unsigned char local[kMaxEntrySize];
-    const u32 copy_len = len < sizeof key ? static_cast<u32>(sizeof key) : len;
+    cerrno rc = PMDB_OK;
     wait_budget budget;
+    bump(g_count.locked_copies);
     i32 unwritten = -1; /* slot last seen holding a record without its key */
     for (;;) {
         void *entry = nullptr;
@@ -249,15 +346,21 @@ cerrno copy(pmdb_type_t type, u32 key, void *out, u32 len) {
         if (rc != PMDB_OK) return rc == TABRA_E_NOTFOUND ? PMDB_ENOTFOUND : rc;
         if (slot < 0 || static_cast<u32>(slot) >= PMDB_NUM_ENTRY_LOCKS) return TABRA_E_CORRUPT;
         pellin_mutex_type *lock = &region->entry_lock[slot];
+        /* Acquire: pairs with the writer's unlock that follows its store of
+         * the key, itself after the lock's initialisation. */
+        if (__atomic_load_n(static_cast<const u32 *>(entry), __ATOMIC_ACQUIRE) != key) {
+            if (slot == unwritten) return PMDB_ENOTFOUND;
+            unwritten = slot;
+            bump(g_count.retries);
+            if (budget.spent()) break;
+            pause_before_retry();
+            continue;
+        }
         prefetch(entry, copy_len);
         const hold how = take_slot_lock(lock, budget);
         if (how == hold::busy) break;
         const bool copied = how != hold::unusable && copy_held(lock, how, entry, local, copy_len);
-        if (copied && written(local, key)) {
-            memcpy(out, local, len);
-            bump(g_count.copies);
-            return PMDB_OK;
-        }
+        if (copied && written(local, key)) return deliver(local, out, from, len);
         if (copied && slot == unwritten) return PMDB_ENOTFOUND;
         if (copied) unwritten = slot;
         bump(g_count.retries);
@@ -266,6 +369,23 @@ cerrno copy(pmdb_type_t type, u32 key, void *out, u32 len) {
     }
     bump(g_count.busy);
     return PMDB_EBUSY;
+}
+
+}  // namespace
+
+cerrno copy(pmdb_type_t type, u32 key, void *out, u32 from, u32 len) {
+    cerrno rc = ready(type);
+    if (rc != PMDB_OK) return rc;
+    tabra_hdl_t table = g_table[type].load(std::memory_order_acquire);
+    alignas(16) unsigned char local[kMaxEntrySize];
+    /* The record's key field (its first bytes) comes along to be checked. */
+    const u32 copy_len = from + len < sizeof key ? static_cast<u32>(sizeof key) : from + len;
+    rc = copy_at_rest(table, key, local, copy_len);
+    if (rc == PMDB_OK) return written(local, key) ? deliver(local, out, from, len) : PMDB_ENOTFOUND;
+    if (rc == TABRA_E_NOTFOUND) return PMDB_ENOTFOUND;
+    if (rc != TABRA_E_WRITING) return rc;
+    return copy_locked(table, g_region[type].load(std::memory_order_acquire), key, out, from, len,
+                       copy_len);
 }
 
 namespace {
@@ -283,7 +403,7 @@ int scan_slot(void *arg, u32 key, i32, const void *entry) {
     auto *s = static_cast<scan_state *>(arg);
     if (s->match != nullptr && !s->match(key, entry, s->want)) return 0;
     alignas(16) unsigned char local[kMaxEntrySize];
-    const cerrno rc = copy(s->type, key, local, kEntrySize[s->type]);
+    const cerrno rc = copy(s->type, key, local, 0, kEntrySize[s->type]);
     if (rc != PMDB_OK) {
         if (rc != PMDB_ENOTFOUND && s->skipped == PMDB_OK) s->skipped = rc;
         return 0;
@@ -321,11 +441,12 @@ PMDB_EXPORT void dpa_pmdb_reader_set_lock_wait_ms(u32 ms) {
 PMDB_EXPORT void dpa_pmdb_reader_get_stats(dpa_pmdb_reader_stats_t *out) {
     if (out == nullptr) return;
     const auto &c = pmdb_reader::g_count;
-    out->copies = c.copies.load(std::memory_order_relaxed);
+    out->copies = pmdb_reader::total_copies();
     out->owner_dead = c.owner_dead.load(std::memory_order_relaxed);
     out->busy = c.busy.load(std::memory_order_relaxed);
     out->retries = c.retries.load(std::memory_order_relaxed);
     out->lock_lost = c.lock_lost.load(std::memory_order_relaxed);
+    out->locked_copies = c.locked_copies.load(std::memory_order_relaxed);
 }
 
 }  // extern "C"

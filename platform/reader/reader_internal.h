@@ -22,10 +22,10 @@ u32 entry_size(pmdb_type_t type);
  * not exist yet or the region has no magic, or a table-store status. */
 cerrno ready(pmdb_type_t type);
 
-/* Consistent copy of the first `len` bytes (len <= entry size) of the entry
- * of `key` into `out`; `out` is written only on success.  0, PMDB_ENOTFOUND,
- * PMDB_EBUSY or a table-store status. */
-cerrno copy(pmdb_type_t type, u32 key, void *out, u32 len);
+/* Bytes [from, from + len) (within the entry size) of a consistent copy of
+ * the entry of `key`, into `out`; `out` is written only on success.  0,
+ * PMDB_ENOTFOUND, PMDB_EBUSY or a table-store status. */
+cerrno copy(pmdb_type_t type, u32 key, void *out, u32 from, u32 len);
 
 /* Match rule of a scan for the entry stored under `key`.  `entry` is either
  * the live table memory (read without a lock, as a pre-filter: every field

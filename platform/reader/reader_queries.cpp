@@ -127,10 +127,7 @@ cerrno list_query(pmdb_type_t type, pmdb_reader::match_fn match, u32 handle, u32
 /* Copies `len` bytes from offset `from` of the entry of `key`. */
 cerrno copy_part(pmdb_type_t type, u32 key, void *buf, size_t from, size_t len) {
     if (buf == nullptr || key == 0) return PMDB_EINVAL;
-    alignas(16) unsigned char local[pmdb_reader::kMaxEntrySize];
-    const cerrno rc = pmdb_reader::copy(type, key, local, static_cast<u32>(from + len));
-    if (rc == PMDB_OK) memcpy(buf, local + from, len);
-    return rc;
+    return pmdb_reader::copy(type, key, buf, static_cast<u32>(from), static_cast<u32>(len));
 }
 
 /* The interface and punt blocks are adjacent in both entry records. */

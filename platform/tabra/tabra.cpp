@@ -9,7 +9,8 @@
  *     `g_tables_lock`; handles are never freed, so a handle pointer stays
  *     valid for the life of the process.
  *   - Per handle, `prot_lock` guards the write-window state: `window_open`,
- *     `whole_rw`, the list of pages made writable and their bitmap.
+ *     `whole_rw`, the list of pages made writable and their bitmap, and the
+ *     process's open write brackets (`bracket_gen`, `bracket_slot`).
  *     `window_open` and `whole_rw` are also read without the lock (acquire /
  *     relaxed) as a fast "nothing to do" test, and are checked again under
  *     the lock before any mprotect.
@@ -57,6 +58,8 @@ constexpr u32 kNoSlot = 0xFFFFFFFFu;
 constexpr size_t kPage = 4096;
 constexpr u32 kProtPageLimit = 64; /* pages per window before going whole */
 constexpr u32 kWalkRetries = 64;   /* copies of one slot before it is skipped */
+constexpr u32 kAtRestRetries = 64; /* at-rest copies before reporting "being written" */
+constexpr u64 kMaxBrackets = TABRA_OCC_BRACKET_MASK >> TABRA_OCC_BRACKET_SHIFT;
 
 /* ---------------------------------------------------------------------- */
 /* Atomics on shared memory                                               */
@@ -89,6 +92,21 @@ inline u64 make_word(u32 seq, u32 head) {
     return (static_cast<u64>(seq) << 32) | head;
 }
 
+/* Fields of a slot's occupancy word (tabra_layout.h). */
+inline u32 occ_gen(u64 w) {
+    return static_cast<u32>(w & TABRA_OCC_GEN_MASK);
+}
+inline u64 occ_brackets(u64 w) {
+    return (w & TABRA_OCC_BRACKET_MASK) >> TABRA_OCC_BRACKET_SHIFT;
+}
+/* One compare-and-swap of occ from *seen to want; *seen is reloaded on
+ * failure.  Acquire-release: a bracket's increment stays before the entry
+ * stores that follow it, its decrement after those before it. */
+inline bool occ_cas(u64 *occ, u64 *seen, u64 want) {
+    return __atomic_compare_exchange_n(occ, seen, want, false, __ATOMIC_ACQ_REL,
+                                       __ATOMIC_ACQUIRE);
+}
+
 /* ---------------------------------------------------------------------- */
 /* Process-local handle                                                   */
 /* ---------------------------------------------------------------------- */
@@ -112,6 +130,9 @@ struct tabra_table {
     u32 ntouched;
     u32 touched[kProtPageLimit]; /* pages made writable in the window */
     u64 *page_rw;                /* bitmap of the same pages */
+    u32 *bracket_gen;            /* per slot: gen of this process's open bracket, 0 none */
+    u32 *bracket_slot;           /* the slots with an open bracket */
+    u32 nbracket;
 };
 
 namespace {
@@ -247,6 +268,15 @@ void zero_entry(tabra_table *t, u32 slot) {
 /* Index walks                                                            */
 /* ---------------------------------------------------------------------- */
 
+/* Starts loading the entry of slot x while its slot record is still on its
+ * way: every caller of a lookup goes on to read or write the entry, so a
+ * lookup then waits for memory about twice (bucket, then record and entry
+ * together) instead of three times. */
+void prefetch_entry(tabra_table *t, u32 x) {
+    const u8 *p = entry_at(t, x);
+    for (u32 off = 0; off < t->entry_size; off += 64) __builtin_prefetch(p + off);
+}
+
 /* Lock-free lookup: the slot holding key in bucket b, or kNoSlot.  Retries
  * while the bucket's sequence moves under the walk; never waits. */
 u32 find_lockfree(tabra_table *t, u32 b, u32 key) {
@@ -254,6 +284,7 @@ u32 find_lockfree(tabra_table *t, u32 b, u32 key) {
     for (;;) {
         const u64 w1 = ld_acq(&buckets(t)[b]);
         u32 cur = word_head(w1);
+        if (cur != 0 && cur <= TABRA_SLOTS) prefetch_entry(t, cur - 1);
         u32 found = kNoSlot;
         for (u32 steps = 0; cur != 0 && cur <= TABRA_SLOTS && steps < TABRA_SLOTS; steps++) {
             const tabra_slot_meta_t *s = &m[cur - 1];
@@ -364,11 +395,23 @@ void intent_end(tabra_table *t) {
     st_rel(&hdr(t)->intent.op, TABRA_OP_NONE);
 }
 
-/* Gives slot x a new or no occupant: gen flips parity.  Later stores of the
- * slot's entry are release stores, so none is seen before the flip. */
+u32 slot_gen(const tabra_slot_meta_t *s) {
+    return occ_gen(ld_acq(&s->occ));
+}
+
+/* Gives slot x a new or no occupant: gen flips parity and the version moves;
+ * freeing it also drops every open write bracket (their owners wrote the
+ * occupant that is leaving).  Later stores of the slot's entry are release
+ * stores, so none is seen before the flip. */
 void flip_gen(tabra_table *t, u32 x) {
-    tabra_slot_meta_t *s = &slots(t)[x];
-    st_rel(&s->gen, s->gen + 1);
+    u64 *occ = &slots(t)[x].occ;
+    u64 w = ld_acq(occ);
+    u64 want = 0;
+    do {
+        const u32 gen = occ_gen(w) + 1;
+        const u64 rest = (w & ~TABRA_OCC_GEN_MASK) + TABRA_OCC_VERSION_ONE;
+        want = (gen % 2 == 0 ? rest & ~TABRA_OCC_BRACKET_MASK : rest) | gen;
+    } while (!occ_cas(occ, &w, want));
 }
 
 /* ---------------------------------------------------------------------- */
@@ -385,7 +428,7 @@ void repair_add(tabra_table *t, const tabra_intent_t *in) {
         return;
     }
     bitmap_set(t, in->slot, false);
-    if (s->gen % 2 == 1) flip_gen(t, in->slot);
+    if (slot_gen(s) % 2 == 1) flip_gen(t, in->slot);
     st_rel(&s->state, static_cast<u16>(TABRA_SLOT_FREE));
 }
 
@@ -396,7 +439,7 @@ void repair_remove(tabra_table *t, const tabra_intent_t *in) {
     if (on_chain(t, in->bucket, in->slot, &pred)) unlink_slot(t, in->bucket, in->slot, pred);
     bump_seq(t, in->bucket);
     bitmap_set(t, in->slot, false);
-    if (s->gen % 2 == 1) flip_gen(t, in->slot);
+    if (slot_gen(s) % 2 == 1) flip_gen(t, in->slot);
     st_rel(&s->state, static_cast<u16>(TABRA_SLOT_FREE));
 }
 
@@ -579,15 +622,55 @@ cerrno open_pages(tabra_table *t, u32 first, u32 last) {
     return 0;
 }
 
-/* Makes slot's entry writable when this process has a write window open. */
-cerrno touch_entry(tabra_table *t, u32 slot) {
-    if (!ld_acq(&t->window_open) || ld_rlx(&t->whole_rw)) return 0;
+/* Caller holds prot_lock and may write: opens this process's write bracket
+ * on slot x for its occupant `key`, once per slot and window.  *moved when
+ * the slot no longer holds key (the caller looks the key up again). */
+cerrno open_bracket(tabra_table *t, u32 x, u32 key, bool *moved) {
+    tabra_slot_meta_t *s = &slots(t)[x];
+    u64 w = ld_acq(&s->occ);
+    for (;;) {
+        const u32 gen = occ_gen(w);
+        /* The key is stored before the flip that made gen odd; the CAS below
+         * succeeds only while gen is unchanged, so the key read belongs to
+         * the occupant the bracket is tied to. */
+        *moved = gen % 2 == 0 || ld_acq(&s->key) != key;
+        if (*moved || t->bracket_gen[x] == gen) return 0;
+        if (occ_brackets(w) == kMaxBrackets) return fail(TABRA_TP_PROT, TABRA_E_PROT, 0, 4);
+        if (occ_cas(&s->occ, &w, w + TABRA_OCC_BRACKET_ONE)) {
+            if (t->bracket_gen[x] == 0) t->bracket_slot[t->nbracket++] = x;
+            st_rlx(&t->bracket_gen[x], gen); /* also read without the lock: a hint */
+            return 0;
+        }
+    }
+}
+
+/* Caller holds prot_lock, the window's pages protected again: closes every
+ * bracket this process opened (a slot freed since has dropped it already). */
+void close_brackets(tabra_table *t) {
+    for (u32 i = 0; i < t->nbracket; i++) {
+        const u32 x = t->bracket_slot[i];
+        u64 *occ = &slots(t)[x].occ;
+        u64 w = ld_acq(occ);
+        while (occ_gen(w) == t->bracket_gen[x] && occ_brackets(w) != 0 &&
+               !occ_cas(occ, &w, w - TABRA_OCC_BRACKET_ONE + TABRA_OCC_VERSION_ONE)) {
+        }
+        st_rlx(&t->bracket_gen[x], 0u);
+    }
+    t->nbracket = 0;
+}
+
+/* When this process may write the table: makes slot's entry writable (in a
+ * window) and opens the write bracket on it.  *moved as open_bracket. */
+cerrno touch_entry(tabra_table *t, u32 slot, u32 key, bool *moved) {
+    *moved = false;
+    if (!ld_acq(&t->window_open) && !ld_rlx(&t->whole_rw)) return 0;
     const size_t off = static_cast<size_t>(slot) * t->stride;
     const u32 first = static_cast<u32>(off / kPage);
     const u32 last = static_cast<u32>((off + t->entry_size - 1) / kPage);
     pthread_mutex_lock(&t->prot_lock);
     cerrno st = 0;
     if (t->window_open && !t->whole_rw) st = open_pages(t, first, last);
+    if (st == 0 && (t->window_open || t->whole_rw)) st = open_bracket(t, slot, key, moved);
     pthread_mutex_unlock(&t->prot_lock);
     return st;
 }
@@ -752,6 +835,13 @@ cerrno map_entries(int fd, tabra_table *t, bool writable) {
     return 0;
 }
 
+void free_handle(tabra_table *t) {
+    free(t->page_rw);
+    free(t->bracket_gen);
+    free(t->bracket_slot);
+    free(t);
+}
+
 tabra_table *new_handle(const open_req &rq, u8 *index) {
     tabra_table *t = static_cast<tabra_table *>(calloc(1, sizeof(tabra_table)));
     if (t == nullptr) return nullptr;
@@ -764,8 +854,10 @@ tabra_table *new_handle(const open_req &rq, u8 *index) {
     t->entries_len = static_cast<size_t>(TABRA_SLOTS) * h->stride;
     t->entries_len = (t->entries_len + kPage - 1) & ~(kPage - 1);
     t->page_rw = static_cast<u64 *>(calloc(t->entries_len / kPage / 64 + 1, sizeof(u64)));
-    if (t->page_rw == nullptr) {
-        free(t);
+    t->bracket_gen = static_cast<u32 *>(calloc(TABRA_SLOTS, sizeof(u32)));
+    t->bracket_slot = static_cast<u32 *>(calloc(TABRA_SLOTS, sizeof(u32)));
+    if (t->page_rw == nullptr || t->bracket_gen == nullptr || t->bracket_slot == nullptr) {
+        free_handle(t);
         return nullptr;
     }
     pthread_mutex_init(&t->prot_lock, nullptr);
@@ -781,10 +873,7 @@ cerrno handle_for(int fd, const open_req &rq, tabra_table **out) {
     if (st == 0 && t == nullptr) st = fail(TABRA_TP_NOMEM, TABRA_E_NOMEM, sizeof(tabra_table), 0);
     if (st == 0) st = map_entries(fd, t, rq.params != nullptr);
     if (st != 0 && index != nullptr) munmap(index, TABRA_OFF_ENTRIES);
-    if (st != 0 && t != nullptr) {
-        free(t->page_rw);
-        free(t);
-    }
+    if (st != 0 && t != nullptr) free_handle(t);
     if (st == 0) *out = t;
     return st;
 }
@@ -878,18 +967,28 @@ cerrno lookup(tabra_table *t, u32 key, u32 *x) {
     return 0;
 }
 
-/* Copies slot x's entry when it is occupied (by key, unless any_key) and the
- * occupant did not change during the copy. */
-bool copy_slot(tabra_table *t, u32 x, u32 key, bool any_key, u8 *buf, u32 len, u32 *key_out) {
+enum class copied { ok, moved, writing };
+
+/* What a copy of an entry must stand for: one occupant of the slot, or an
+ * entry at rest (tabra_layout.h). */
+enum class want_copy { occupant, at_rest };
+
+/* Copies slot x's entry when it is occupied (by key, unless any_key): ok,
+ * moved when the occupant changed (or, at rest, the version moved) during
+ * the copy, writing when an at-rest copy finds an open write bracket. */
+copied copy_slot(tabra_table *t, u32 x, u32 key, bool any_key, want_copy want, u8 *buf, u32 len,
+                 u32 *key_out) {
     const tabra_slot_meta_t *s = &slots(t)[x];
-    const u32 g1 = ld_acq(&s->gen);
-    if (g1 % 2 == 0) return false;
+    const u64 w1 = ld_acq(&s->occ);
+    if (occ_gen(w1) % 2 == 0) return copied::moved;
     const u32 k = ld_acq(&s->key);
-    if (!any_key && k != key) return false;
+    if (!any_key && k != key) return copied::moved;
+    if (want == want_copy::at_rest && occ_brackets(w1) != 0) return copied::writing;
     copy_out(buf, entry_at(t, x), len); /* the next load stays after the copy */
-    if (ld_rlx(&s->gen) != g1) return false;
+    const u64 w2 = ld_rlx(&s->occ);
+    if (want == want_copy::at_rest ? w2 != w1 : occ_gen(w2) != occ_gen(w1)) return copied::moved;
     *key_out = k;
-    return true;
+    return copied::ok;
 }
 
 /* ---------------------------------------------------------------------- */
@@ -927,8 +1026,8 @@ bool check_chain_slot(check_state *c, u32 b, u32 x) {
     c->seen[x / 64] |= u64{1} << (x % 64);
     if (s->state != TABRA_SLOT_LINKED)
         return fault(c, 4, x, "slot %llu on a chain in state %llu", x, s->state);
-    if (s->gen % 2 == 0)
-        return fault(c, 5, x, "slot %llu on a chain with even generation %llu", x, s->gen);
+    const u32 gen = occ_gen(ld_acq(&s->occ));
+    if (gen % 2 == 0) return fault(c, 5, x, "slot %llu on a chain with even generation %llu", x, gen);
     if (s->bucket != b) return fault(c, 6, x, "slot %llu on chain %llu of another bucket", x, b);
     const dpa_pmdb_hash_fn_t fn = ld_acq(&t->hash_fn);
     if (fn != nullptr && fn(s->key) != b)
@@ -965,8 +1064,14 @@ bool check_slots(check_state *c) {
             return fault(c, 9, x, "slot %llu: bitmap says %llu, index disagrees", x, used);
         if (!seen(c, x) && s->state != TABRA_SLOT_FREE)
             return fault(c, 10, x, "slot %llu off every chain in state %llu (leaked)", x, s->state);
-        if (!seen(c, x) && s->gen % 2 != 0)
-            return fault(c, 11, x, "free slot %llu has odd generation %llu", x, s->gen);
+        /* Brackets are opened by processes that do not hold `writer`, but
+         * never on a free slot: one load gives a coherent view. */
+        const u64 occ = ld_acq(&s->occ);
+        if (!seen(c, x) && occ_gen(occ) % 2 != 0)
+            return fault(c, 11, x, "free slot %llu has odd generation %llu", x, occ_gen(occ));
+        if (!seen(c, x) && occ_brackets(occ) != 0)
+            return fault(c, 20, x, "free slot %llu has %llu open write brackets", x,
+                         occ_brackets(occ));
     }
     return true;
 }
@@ -1101,17 +1206,22 @@ cerrno tabra_add_entry(tabra_hdl_t t, u32 key, void **entry, i32 *slot) {
     u32 b = 0;
     st = bucket_of(t, key, &b, TABRA_TP_ADD_INVAL);
     if (st != 0) return st;
-    st = lock_writer(t);
-    if (st != 0) return st;
-    u32 x = kNoSlot;
-    st = add_locked(t, key, b, &x);
-    unlock_writer(t);
-    if (st == TABRA_E_FULL) return fail(TABRA_TP_ADD_FULL, st, key, ld_rlx(&hdr(t)->max_entries));
-    if (st != 0 && st != TABRA_E_EXISTS) return st;
-    const cerrno pst = touch_entry(t, x);
-    if (pst != 0) return pst;
-    *entry = entry_at(t, x);
-    *slot = static_cast<i32>(x);
+    /* Again from the start when another process removed the key before this
+     * one could open its write bracket on the slot. */
+    for (bool moved = true; moved;) {
+        st = lock_writer(t);
+        if (st != 0) return st;
+        u32 x = kNoSlot;
+        st = add_locked(t, key, b, &x);
+        unlock_writer(t);
+        if (st == TABRA_E_FULL)
+            return fail(TABRA_TP_ADD_FULL, st, key, ld_rlx(&hdr(t)->max_entries));
+        if (st != 0 && st != TABRA_E_EXISTS) return st;
+        const cerrno pst = touch_entry(t, x, key, &moved);
+        if (pst != 0) return pst;
+        *entry = entry_at(t, x);
+        *slot = static_cast<i32>(x);
+    }
     return st;
 }
 
@@ -1120,14 +1230,16 @@ cerrno tabra_get_entry_by_key(tabra_hdl_t t, u32 key, void **entry, i32 *slot) {
     if (injected("tabra_get_entry_by_key", key, 0, 0, 0, &st)) return st;
     if (t == nullptr || entry == nullptr || slot == nullptr)
         return fail(TABRA_TP_GET_INVAL, TABRA_E_INVAL, key, 0);
-    u32 x = kNoSlot;
-    st = lookup(t, key, &x);
-    if (st != 0) return st;
-    if (x == kNoSlot) return fail(TABRA_TP_GET_NOTFOUND, TABRA_E_NOTFOUND, key, 0);
-    st = touch_entry(t, x);
-    if (st != 0) return st;
-    *entry = entry_at(t, x);
-    *slot = static_cast<i32>(x);
+    for (bool moved = true; moved;) {
+        u32 x = kNoSlot;
+        st = lookup(t, key, &x);
+        if (st != 0) return st;
+        if (x == kNoSlot) return fail(TABRA_TP_GET_NOTFOUND, TABRA_E_NOTFOUND, key, 0);
+        st = touch_entry(t, x, key, &moved);
+        if (st != 0) return st;
+        *entry = entry_at(t, x);
+        *slot = static_cast<i32>(x);
+    }
     return 0;
 }
 
@@ -1161,6 +1273,7 @@ cerrno tabra_make_shm_readonly_protected(tabra_hdl_t t, const tabra_params_t *pa
     if (prot_call_refused("tabra_make_shm_readonly_protected", t, params, &st)) return st;
     pthread_mutex_lock(&t->prot_lock);
     st = close_pages(t);
+    if (st == 0) close_brackets(t);
     if (st == 0) st_rel(&t->window_open, 0);
     pthread_mutex_unlock(&t->prot_lock);
     return st;
@@ -1177,10 +1290,38 @@ cerrno tabra_copy_entry_by_key(tabra_hdl_t t, u32 key, void *buf, u32 len, i32 *
         if (st != 0) return st;
         if (x == kNoSlot) return fail(TABRA_TP_GET_NOTFOUND, TABRA_E_NOTFOUND, key, 0);
         u32 k = 0;
-        if (!copy_slot(t, x, key, false, static_cast<u8 *>(buf), len, &k)) continue;
+        if (copy_slot(t, x, key, false, want_copy::occupant, static_cast<u8 *>(buf), len, &k) !=
+            copied::ok)
+            continue;
         if (slot != nullptr) *slot = static_cast<i32>(x);
         return 0;
     }
+}
+
+cerrno tabra_copy_entry_at_rest(tabra_hdl_t t, u32 key, void *buf, u32 len, i32 *slot) {
+    cerrno st = 0;
+    if (injected("tabra_copy_entry_at_rest", key, len, 0, 0, &st)) return st;
+    if (t == nullptr || buf == nullptr || len > t->entry_size)
+        return fail(TABRA_TP_GET_INVAL, TABRA_E_INVAL, key, 0);
+    for (u32 tries = 0; tries < kAtRestRetries; tries++) {
+        u32 x = kNoSlot;
+        st = lookup(t, key, &x);
+        if (st != 0) return st;
+        if (x == kNoSlot) return TABRA_E_NOTFOUND; /* an answer, not a fault: no trace */
+        u32 k = 0;
+        const copied c =
+            copy_slot(t, x, key, false, want_copy::at_rest, static_cast<u8 *>(buf), len, &k);
+        if (c == copied::moved) continue;
+        if (slot != nullptr) *slot = static_cast<i32>(x);
+        return c == copied::ok ? 0 : TABRA_E_WRITING;
+    }
+    return TABRA_E_WRITING;
+}
+
+int tabra_entry_open_here(tabra_hdl_t t, i32 slot) {
+    if (t == nullptr || slot < 0 || static_cast<u32>(slot) >= TABRA_SLOTS) return 0;
+    /* Relaxed: a hint; the threads of this process change it under prot_lock. */
+    return ld_rlx(&t->bracket_gen[slot]) != 0 ? 1 : 0;
 }
 
 cerrno tabra_walk(tabra_hdl_t t, tabra_walk_fn_t fn, void *ctx) {
@@ -1195,7 +1336,8 @@ cerrno tabra_walk(tabra_hdl_t t, tabra_walk_fn_t fn, void *ctx) {
             u32 key = 0;
             bool got = false;
             for (u32 i = 0; i < kWalkRetries && !got; i++)
-                got = copy_slot(t, x, 0, true, buf, t->entry_size, &key);
+                got = copy_slot(t, x, 0, true, want_copy::occupant, buf, t->entry_size, &key) ==
+                      copied::ok;
             if (got) st = static_cast<cerrno>(fn(ctx, key, static_cast<i32>(x), buf));
         }
     }

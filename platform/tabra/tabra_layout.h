@@ -13,13 +13,13 @@
  *                                        bits 0..31  head slot + 1 (0 = empty)
  *                                        bits 32..63 change sequence (+2 per
  *                                                    change of the chain)
- *   528384        65536 x 16           slot records tabra_slot_meta
- *   1576960       1024 x 8             occupied-slot bitmap (bit s = slot s
+ *   528384        65536 x 32           slot records tabra_slot_meta
+ *   2625536       1024 x 8             occupied-slot bitmap (bit s = slot s
  *                                      linked in the index)
- *   1585152       16 x 8               full-word summary (bit w = bitmap word
+ *   2633728       16 x 8               full-word summary (bit w = bitmap word
  *                                      w has all 64 bits set)
- *   1585280       3968                 zero
- *   1589248       65536 x stride       entries, slot s at 1589248 + s*stride
+ *   2633856       3968                 zero
+ *   2637824       65536 x stride       entries, slot s at 2637824 + s*stride
  *                                      (stride = entry size rounded up to 8)
  *   object size   rounded up to 4096
  *
@@ -41,12 +41,36 @@
  *     release store, so every chain a reader can see is well formed; the
  *     sequence is what detects a slot that was removed and reused elsewhere
  *     under the reader's feet.
- *   - `gen` of a slot is odd while the slot has an occupant and even while it
- *     is free; it changes (release) before any store that gives the slot or
- *     its entry to another occupant, and the store's own entry stores are
- *     release stores.  Copies of an entry load gen and the key with acquire,
- *     copy the entry and fence (acquire), load gen again, and keep the copy
- *     only when both loads of gen agree and are odd.
+ *   - `occ` of a slot is one 64-bit word, changed only by compare-and-swap
+ *     (acquire-release) because it has two kinds of writer:
+ *       bits  0..31  gen: odd while the slot has an occupant, even while it
+ *                    is free; changed under `writer` before any store that
+ *                    gives the slot or its entry to another occupant (the
+ *                    store's own entry stores are release stores);
+ *       bits 32..43  open write brackets: how many processes may be writing
+ *                    the entry right now (see below); reset to 0 when the
+ *                    slot is freed;
+ *       bits 44..63  write version: moves at every change of gen and at
+ *                    every end of a write bracket.
+ *     Copies of an entry load occ and the key with acquire, copy the entry
+ *     and fence (acquire), and load occ again.  A copy is of one occupant
+ *     when both gens agree and are odd; it is of an entry at rest (no
+ *     process changed it during the copy, by any path) when the whole word
+ *     is unchanged and has no open bracket.
+ *   - Write brackets.  A process writes an entry only through a pointer from
+ *     tabra_add_entry or tabra_get_entry_by_key while its entries mapping may
+ *     be writable (from tabra_open, or in a write window, until the next
+ *     tabra_make_shm_readonly_protected).  Handing out such a pointer opens
+ *     the process's bracket on the slot (brackets +1, once per slot and
+ *     window, tied to the gen it saw); the protection call that ends the
+ *     window closes every bracket the process opened (brackets -1 and
+ *     version +1, unless gen has moved since: the slot was freed, which
+ *     already dropped the bracket).  The increment is ordered before the
+ *     caller's entry stores and the decrement after them, so an entry whose
+ *     word shows no bracket before and after a copy was not written during
+ *     it.  A process that dies inside a window leaves its brackets open
+ *     until their slots are freed: copies of those entries are then refused
+ *     as "being written", and readers fall back to the owner's entry lock.
  *   - `hash_is_mod` starts at 1 and is cleared (release) before the first
  *     key whose hash is not key % buckets is linked; it is never set again.
  *     Handles that know no hash function (attached by name only) look keys
@@ -74,7 +98,7 @@ extern "C" {
 #endif
 
 #define TABRA_SHM_MAGIC 0x41524254u /* "TBRA" */
-#define TABRA_SHM_FORMAT 1u
+#define TABRA_SHM_FORMAT 2u
 #define TABRA_SHM_PREFIX "tabra."
 
 #define TABRA_SLOTS 65536u
@@ -84,9 +108,9 @@ extern "C" {
 
 #define TABRA_OFF_BUCKETS 4096u
 #define TABRA_OFF_SLOTS (TABRA_OFF_BUCKETS + TABRA_BUCKET_WORDS * 8u)
-#define TABRA_OFF_BITMAP (TABRA_OFF_SLOTS + TABRA_SLOTS * 16u)
+#define TABRA_OFF_BITMAP (TABRA_OFF_SLOTS + TABRA_SLOTS * 32u)
 #define TABRA_OFF_SUMMARY (TABRA_OFF_BITMAP + TABRA_BITMAP_WORDS * 8u)
-#define TABRA_OFF_ENTRIES 1589248u /* TABRA_OFF_SUMMARY + 128, page aligned */
+#define TABRA_OFF_ENTRIES 2637824u /* TABRA_OFF_SUMMARY + 128, page aligned */
 
 /* Slot states. */
 #define TABRA_SLOT_FREE 0u
@@ -98,13 +122,26 @@ extern "C" {
 #define TABRA_OP_ADD 1u
 #define TABRA_OP_REMOVE 2u
 
-/* Slot record (16 bytes). */
+/* Fields of a slot's occupancy word `occ`. */
+#define TABRA_OCC_GEN_MASK 0xFFFFFFFFull
+#define TABRA_OCC_BRACKET_SHIFT 32
+#define TABRA_OCC_BRACKET_MASK (0xFFFull << TABRA_OCC_BRACKET_SHIFT)
+#define TABRA_OCC_BRACKET_ONE (1ull << TABRA_OCC_BRACKET_SHIFT)
+#define TABRA_OCC_VERSION_ONE (1ull << 44)
+
+/* Slot record (32 bytes).
+ *
+ *    0 u32 key      4 u32 next (slot + 1 of the chain's next, 0 = end)
+ *    8 u64 occ      16 u16 state (TABRA_SLOT_*)   18 u16 bucket (hash of key)
+ *   20 zero up to 32
+ */
 typedef struct tabra_slot_meta {
     u32 key;
-    u32 next;   /* next slot of the chain + 1, 0 = end */
-    u32 gen;    /* odd: occupied */
-    u16 state;  /* TABRA_SLOT_* */
-    u16 bucket; /* hash value of key */
+    u32 next;
+    u64 occ;
+    u16 state;
+    u16 bucket;
+    u8 reserved[12];
 } tabra_slot_meta_t;
 
 /* The add or remove in flight (32 bytes). */
@@ -148,9 +185,11 @@ typedef struct tabra_shm_hdr {
     u8 reserved_224[4096 - 224];
 } tabra_shm_hdr_t;
 
-PMDB_CHECK_SIZE(tabra_slot_meta_t, 16);
-PMDB_CHECK_OFF(tabra_slot_meta_t, gen, 8);
-PMDB_CHECK_OFF(tabra_slot_meta_t, bucket, 14);
+PMDB_CHECK_SIZE(tabra_slot_meta_t, 32);
+PMDB_CHECK_OFF(tabra_slot_meta_t, next, 4);
+PMDB_CHECK_OFF(tabra_slot_meta_t, occ, 8);
+PMDB_CHECK_OFF(tabra_slot_meta_t, state, 16);
+PMDB_CHECK_OFF(tabra_slot_meta_t, bucket, 18);
 PMDB_CHECK_SIZE(tabra_intent_t, 32);
 PMDB_CHECK_SIZE(tabra_shm_hdr_t, 4096);
 PMDB_CHECK_OFF(tabra_shm_hdr_t, count, 28);
@@ -162,8 +201,8 @@ PMDB_CHECK_OFF(tabra_shm_hdr_t, removes, 168);
 PMDB_CHECK_OFF(tabra_shm_hdr_t, hash_is_mod, 176);
 PMDB_CHECK_OFF(tabra_shm_hdr_t, intent, 192);
 static_assert(TABRA_OFF_SLOTS == 528384u, "slot records offset");
-static_assert(TABRA_OFF_BITMAP == 1576960u, "bitmap offset");
-static_assert(TABRA_OFF_SUMMARY == 1585152u, "summary offset");
+static_assert(TABRA_OFF_BITMAP == 2625536u, "bitmap offset");
+static_assert(TABRA_OFF_SUMMARY == 2633728u, "summary offset");
 static_assert(TABRA_OFF_ENTRIES % 4096u == 0 && TABRA_OFF_ENTRIES >= TABRA_OFF_SUMMARY + 128u,
               "entries offset");
 

@@ -1,5 +1,6 @@
 // Consistency of reader copies against writers in other processes: no torn
-// copy while a writer rewrites an entry under its slot lock, no endless wait
+// copy, lock-free or locked, while a writer rewrites an entry under its slot
+// lock, no endless wait
 // behind a dead or stuck writer, and no copy of another key when a slot is
 // re-used.
 #include <sched.h>
@@ -110,6 +111,7 @@ void ExpectNoTornCopies(pmdb_type_t type) {
     ASSERT_TRUE(writer->WaitReady());
     std::set<u32> seen;
     size_t copies = 0, torn = 0;
+    const dpa_pmdb_reader_stats_t before = Stats();
     const auto end = Clock::now() + 1500ms;
     while (Clock::now() < end) {
         Copy c;
@@ -120,6 +122,12 @@ void ExpectNoTornCopies(pmdb_type_t type) {
     }
     EXPECT_EQ(torn, 0u) << "of " << copies << " copies";
     EXPECT_GT(seen.size(), 20u) << "the writer must have changed the entry during the reads";
+    /* Both ways of copying ran: without a lock between the writer's windows,
+     * under the slot lock while one was open. */
+    const dpa_pmdb_reader_stats_t after = Stats();
+    const u64 locked = after.locked_copies - before.locked_copies;
+    EXPECT_GT(locked, 0u);
+    EXPECT_GT(after.copies - before.copies, locked);
 
     /* The same reads without the slot lock do see half-written entries, so
      * the loop above would have noticed a reader that skipped the lock. */

@@ -2,7 +2,8 @@
  * Table store: per-process write protection.  Each case runs the writes in a
  * child process and looks at how it ended: a write outside a write window
  * must kill the writer with SIGSEGV, a write inside one must not.  A shared
- * progress counter tells which write the child was at when it died.
+ * progress counter tells which write the child was at when it died.  The
+ * same windows decide which entries the store vouches for as "at rest".
  */
 #include <signal.h>
 
@@ -17,6 +18,7 @@ using pmdb::test::ChildLink;
 using pmdb::test::ChildProcess;
 using pmdb::test::PmdbTest;
 using pmdb::test::RunInChild;
+using pmdb::test::StartHeldChild;
 
 namespace {
 
@@ -235,6 +237,67 @@ TEST_F(TabraProtection, WindowsOfManyThreadsShareTheProcessState) {
         return CloseWindowAndWrite(h, p, e);
     });
     ExpectFaultAfterClosing(r);
+}
+
+/* Copies at rest: the store refuses them exactly for the entries some
+ * process obtained while it could write them, until that process protects
+ * the table again; a process killed inside its window keeps refusing its
+ * entries until they are removed, without making the table inconsistent. */
+TEST_F(TabraProtection, CopiesAtRestRefuseEntriesOpenForWritingInAnyProcess) {
+    tabra_params_t p = Params("P", 8);
+    tabra_hdl_t h = OpenOrDie(p);
+    memset(AddOrDie(h, 1), 0x11, 8);
+    memset(AddOrDie(h, 2), 0x22, 8);
+    u8 b[8] = {};
+    i32 slot = -1;
+    const auto at_rest = [&](u32 key) { return tabra_copy_entry_at_rest(h, key, b, sizeof b, &slot); };
+    EXPECT_EQ(at_rest(1), TABRA_E_WRITING) << "writable from tabra_open on";
+    ASSERT_EQ(tabra_make_shm_readonly_protected(h, &p), 0u);
+    ASSERT_EQ(at_rest(1), 0u);
+    EXPECT_EQ(b[7], 0x11);
+
+    /* Another process's window covers the entry it took, not its neighbour. */
+    auto writer = StartHeldChild(
+        [&] {
+            tabra_make_shm_writable(h, &p);
+            void *e = nullptr;
+            i32 s = -1;
+            if (tabra_get_entry_by_key(h, 1, &e, &s) == 0) memset(e, 0x33, 8);
+        },
+        [&] { tabra_make_shm_readonly_protected(h, &p); });
+    ASSERT_TRUE(writer->WaitReady());
+    EXPECT_EQ(at_rest(1), TABRA_E_WRITING);
+    EXPECT_EQ(at_rest(2), 0u);
+    writer->Release();
+    ASSERT_TRUE(writer->Wait().ExitedWith(0));
+    ASSERT_EQ(at_rest(1), 0u);
+    EXPECT_EQ(b[0], 0x33);
+
+    /* Killed inside its window: refused until the entry is removed. */
+    auto dead = StartHeldChild([&] {
+        tabra_make_shm_writable(h, &p);
+        void *e = nullptr;
+        i32 s = -1;
+        tabra_get_entry_by_key(h, 2, &e, &s);
+    });
+    ASSERT_TRUE(dead->WaitReady());
+    dead->Kill();
+    dead->Wait();
+    EXPECT_EQ(at_rest(2), TABRA_E_WRITING);
+    EXPECT_EQ(tabra_copy_entry_by_key(h, 2, b, sizeof b, &slot), 0u) << "one occupant all along";
+    EXPECT_EQ(CheckReport(h), "");
+    ASSERT_EQ(tabra_remove_entry(h, TABRA_REMOVE_BY_KEY, 2), 0u);
+    EXPECT_EQ(CheckReport(h), "") << "a freed slot keeps no bracket";
+    tabra_make_shm_writable(h, &p);
+    memset(AddOrDie(h, 2), 0x44, 8);
+    ASSERT_EQ(tabra_make_shm_readonly_protected(h, &p), 0u);
+    ASSERT_EQ(at_rest(2), 0u);
+    EXPECT_EQ(b[0], 0x44);
+
+    /* A missing key is an answer, not a fault. */
+    const auto mark = pmdb::test::TraceMark::Now();
+    EXPECT_EQ(at_rest(3), TABRA_E_NOTFOUND);
+    EXPECT_TRUE(pmdb::test::TracesSince(mark, VESK_ERROR).empty());
 }
 
 }  // namespace

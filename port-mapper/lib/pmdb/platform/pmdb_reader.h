@@ -7,12 +7,17 @@
  * the existing tables of the table store and maps the shared context regions
  * itself (it never creates either), and it does not depend on libpmdb.so.
  *
- * Consistency.  Every entry that a call returns or inspects is copied while
- * the caller holds the entry's slot lock in the type's shared context region,
- * the same lock that writers hold while they change the entry, so a copy is
- * never torn.  After the copy the table store confirms that the slot still
- * holds the same key (a slot re-used by another key during the copy makes the
- * copy start again).  A slot lock is taken with a try-lock and then a wait
+ * Consistency.  A copy is never torn.  An entry that no process has open
+ * for writing is copied without a lock: the table store keeps, per entry, a
+ * count of the processes that obtained it while their mapping was writable
+ * (until their next protection call) and a version that moves when one of
+ * them is done, and the copy is kept only when neither moved and no process
+ * had it open.  Any other entry is copied while the caller holds the entry's
+ * slot lock in the type's shared context region, the same lock that writers
+ * hold while they change the entry.  After that copy the table store
+ * confirms that the slot still holds the same key (a slot re-used by another
+ * key during the copy makes the copy start again).  A slot lock is taken
+ * with a try-lock and then a wait
  * bounded by dpa_pmdb_reader_set_lock_wait_ms(); a lock whose holder died is
  * made consistent and the copy goes on (the entry may then hold a change that
  * the dead writer left half done, exactly as the writers themselves see it).
@@ -251,8 +256,9 @@ typedef struct dpa_pmdb_reader_stats {
     u64 busy;             /* copies given up after the wait bound */
     u64 retries;          /* copies started again (slot re-used or lock gone) */
     u64 lock_lost;        /* locks destroyed while this process held them */
+    u64 locked_copies;    /* copies that took the slot lock (entry open for writing) */
 } dpa_pmdb_reader_stats_t;
-PMDB_CHECK_SIZE(dpa_pmdb_reader_stats_t, 40);
+PMDB_CHECK_SIZE(dpa_pmdb_reader_stats_t, 48);
 PMDB_EXPORT void dpa_pmdb_reader_get_stats(dpa_pmdb_reader_stats_t *out);
 
 #ifdef __cplusplus

@@ -32,7 +32,10 @@
  * opens a write window: from then on each entry that tabra_add_entry or
  * tabra_get_entry_by_key hands out in this process is writable, until the
  * next tabra_make_shm_readonly_protected.  An entry pointer obtained before
- * the window opened must be looked up again before it is written.
+ * the window opened must be looked up again before it is written.  The store
+ * counts, per entry, the processes that obtained it while they could write
+ * it, until their next protection call: tabra_copy_entry_at_rest refuses
+ * those entries and vouches for every other copy.
  *
  * Threads and processes: every call may be made from any thread of any
  * process.  Lookups never wait for writers; adds and removes of one table
@@ -58,6 +61,7 @@ extern "C" {
 #define TABRA_E_PROT 0xA6F01407u         /* changing page protection failed */
 #define TABRA_E_CORRUPT 0xA6F01408u      /* consistency check found a fault */
 #define TABRA_E_LOCK 0xA6F01409u         /* the table's writer lock is unusable */
+#define TABRA_E_WRITING 0xA6F0140Au      /* entry open for writing (tabra_copy_entry_at_rest) */
 
 #define TABRA_CAPACITY 65536u       /* slots of every table */
 #define TABRA_MAX_ENTRY_SIZE 16384u /* largest entry_size */
@@ -77,7 +81,8 @@ extern "C" {
 #define TABRA_TP_LOCK 910u         /* [status, errno, 0] writer lock unusable */
 #define TABRA_TP_REPAIR 911u       /* [op in flight (0 none, 1 add, 2 remove), key, slot]
                                       a writer died holding the lock; repaired */
-#define TABRA_TP_PROT 912u         /* [status, errno, what (1 page, 2 whole, 3 protect)] */
+#define TABRA_TP_PROT 912u         /* [status, errno, what (1 page, 2 whole, 3 protect,
+                                      4 more than 4095 processes writing one entry)] */
 #define TABRA_TP_CHECK 913u        /* [status, fault code, slot] consistency check failed */
 #define TABRA_TP_NOMEM 914u        /* [status, bytes, 0] */
 #define TABRA_TP_WALK_INVAL 915u   /* [status, 0, 0] walk, info or check: bad argument */
@@ -119,6 +124,20 @@ cerrno tabra_attach_hashed(const char *table_name, dpa_pmdb_hash_fn_t hash_fn, t
  * The copy never mixes two different occupants of a slot: an entry removed
  * or re-used while it is copied makes the copy retry. */
 cerrno tabra_copy_entry_by_key(tabra_hdl_t table, u32 key, void *buf, u32 len, i32 *slot);
+/* The same copy, kept only when no process changed the entry while it was
+ * copied, by any path: 0 and a consistent copy; TABRA_E_NOTFOUND (not
+ * traced: a missing key is an answer here) when the key is absent;
+ * TABRA_E_WRITING when some process, this one included, has the entry open
+ * for writing (it obtained the entry from tabra_add_entry or
+ * tabra_get_entry_by_key while its mapping was writable, and has not made
+ * the table read-only since; a process that died so stays counted until the
+ * entry is removed) or it kept changing during 64 attempts.  buf is written
+ * in every case but 0 is the only result that makes it a copy.  Lock-free;
+ * never waits. */
+cerrno tabra_copy_entry_at_rest(tabra_hdl_t table, u32 key, void *buf, u32 len, i32 *slot);
+/* 1 when this process is one of the writers that have the entry in `slot`
+ * open (so waiting for the entry to come to rest would wait on itself). */
+int tabra_entry_open_here(tabra_hdl_t table, i32 slot);
 /* Calls fn for every occupied slot in ascending slot order, visiting only
  * occupied slots; entry is read-only and valid during the call (a private
  * copy: key, slot and entry always belong to one occupant of the slot).  A
