@@ -498,6 +498,8 @@ TEST_F(TabraCheck, FindsEachKindOfDamage) {
         {"linked slot marked free", [](u8 *o) { Slot(o, 4)->state = TABRA_SLOT_FREE; }, "state"},
         {"duplicate key", [](u8 *o) { Slot(o, 0)->key = 8; }, "present"},
         {"operation left in flight", [](u8 *o) { Header(o)->intent.op = 7; }, "in flight"},
+        {"write bracket on a free slot",
+         [](u8 *o) { Slot(o, 20)->occ += TABRA_OCC_BRACKET_ONE; }, "write brackets"},
     };
     int n = 0;
     for (const Damage &d : cases) {
