@@ -10,6 +10,9 @@
  *     `g_fault_lock`.
  *   - `g_log_on` (relaxed) gates logging; the log array and its counters are
  *     written and read only under `g_log_lock`.
+ *   - `pm_fault_hooks` (relaxed) is armed entries plus 1 while the log is on,
+ *     kept by atomic additions of the changes (each made under the lock of
+ *     its part), so the two parts never overwrite each other's share.
  * The two locks are never held together.
  */
 #include <pthread.h>
@@ -19,6 +22,8 @@
 #include <atomic>
 
 #include "host/pm_fault.h"
+
+int pm_fault_hooks = 0; /* declared extern "C" in pm_fault.h */
 
 namespace {
 
@@ -36,6 +41,10 @@ pthread_mutex_t g_log_lock = PTHREAD_MUTEX_INITIALIZER;
 pm_call_rec_t g_log[PM_CALLLOG_CAPACITY];
 size_t g_log_count; /* records noted since the last clear, kept or not */
 std::atomic<bool> g_log_on{false};
+
+void add_hooks(int delta) {
+    if (delta != 0) __atomic_fetch_add(&pm_fault_hooks, delta, __ATOMIC_RELAXED);
+}
 
 /* Caller holds g_fault_lock. */
 armed_call *find_slot(const char *call) {
@@ -57,7 +66,7 @@ armed_call *free_slot() {
 void recount_armed() {
     int n = 0;
     for (const armed_call &a : g_table) n += a.count != 0 ? 1 : 0;
-    g_armed.store(n, std::memory_order_relaxed);
+    add_hooks(n - g_armed.exchange(n, std::memory_order_relaxed));
 }
 
 uint64_t mono_now_ns() {
@@ -88,7 +97,7 @@ void pm_fault_set(const char *call, int64_t result, int count) {
 void pm_fault_clear(void) {
     pthread_mutex_lock(&g_fault_lock);
     memset(g_table, 0, sizeof g_table);
-    g_armed.store(0, std::memory_order_relaxed);
+    add_hooks(-g_armed.exchange(0, std::memory_order_relaxed));
     pthread_mutex_unlock(&g_fault_lock);
 }
 
@@ -107,7 +116,12 @@ int pm_fault_hit(const char *call, int64_t *result) {
     return hit;
 }
 
-void pm_calllog_enable(int on) { g_log_on.store(on != 0, std::memory_order_relaxed); }
+void pm_calllog_enable(int on) {
+    pthread_mutex_lock(&g_log_lock);
+    const bool was = g_log_on.exchange(on != 0, std::memory_order_relaxed);
+    add_hooks((on != 0 ? 1 : 0) - (was ? 1 : 0));
+    pthread_mutex_unlock(&g_log_lock);
+}
 
 void pm_calllog_clear(void) {
     pthread_mutex_lock(&g_log_lock);

@@ -66,6 +66,7 @@
 #include <time.h>
 
 #include <atomic>
+#include <new>
 
 #include "kemt.h"
 #include "reader_internal.h"
@@ -108,39 +109,56 @@ void bump(std::atomic<u64> &c) { c.fetch_add(1, std::memory_order_relaxed); }
  * only by that thread (relaxed load and store, no locked instruction) and
  * read by dpa_pmdb_reader_get_stats under g_tally_lock, which also guards
  * the list and g_ended_copies (the tallies of threads that have ended). */
+/* A thread's tally lives in the heap, linked into g_tallies on its first
+ * copy and folded into g_ended_copies when the thread ends (the key's
+ * destructor).  The thread finds it through an initial-exec thread pointer:
+ * one load, where a thread_local object with a constructor would cost a
+ * call per copy. */
 struct tally {
     std::atomic<u64> copies{0};
     tally *prev = nullptr;
     tally *next = nullptr;
-    tally();
-    ~tally();
 };
 pthread_mutex_t g_tally_lock = PTHREAD_MUTEX_INITIALIZER;
 tally *g_tallies;
 u64 g_ended_copies;
+pthread_key_t g_tally_key;
+pthread_once_t g_tally_once = PTHREAD_ONCE_INIT;
+__thread tally *t_tally __attribute__((tls_model("initial-exec")));
 
-tally::tally() {
+void tally_end(void *p) {
+    auto *t = static_cast<tally *>(p);
     pthread_mutex_lock(&g_tally_lock);
-    next = g_tallies;
-    if (next != nullptr) next->prev = this;
-    g_tallies = this;
+    g_ended_copies += t->copies.load(std::memory_order_relaxed);
+    if (t->prev != nullptr) t->prev->next = t->next;
+    if (t->next != nullptr) t->next->prev = t->prev;
+    if (g_tallies == t) g_tallies = t->next;
     pthread_mutex_unlock(&g_tally_lock);
+    delete t;
 }
 
-tally::~tally() {
-    pthread_mutex_lock(&g_tally_lock);
-    g_ended_copies += copies.load(std::memory_order_relaxed);
-    if (prev != nullptr) prev->next = next;
-    if (next != nullptr) next->prev = prev;
-    if (g_tallies == this) g_tallies = next;
-    pthread_mutex_unlock(&g_tally_lock);
-}
+void tally_key_create() { pthread_key_create(&g_tally_key, tally_end); }
 
-thread_local tally t_tally;
+/* This thread's tally, made on first use; null only when out of memory. */
+__attribute__((noinline)) tally *tally_start() {
+    pthread_once(&g_tally_once, tally_key_create);
+    auto *t = new (std::nothrow) tally;
+    if (t == nullptr) return nullptr;
+    pthread_mutex_lock(&g_tally_lock);
+    t->next = g_tallies;
+    if (t->next != nullptr) t->next->prev = t;
+    g_tallies = t;
+    pthread_mutex_unlock(&g_tally_lock);
+    pthread_setspecific(g_tally_key, t);
+    t_tally = t;
+    return t;
+}
 
 void count_copy() {
-    std::atomic<u64> &c = t_tally.copies;
-    c.store(c.load(std::memory_order_relaxed) + 1, std::memory_order_relaxed);
+    tally *t = t_tally;
+    if (__builtin_expect(t == nullptr, 0)) t = tally_start();
+    if (t == nullptr) return;
+    t->copies.store(t->copies.load(std::memory_order_relaxed) + 1, std::memory_order_relaxed);
 }
 
 u64 total_copies() {

@@ -172,6 +172,7 @@ cerrno fail(u32 point, cerrno status, u64 a1, u64 a2) {
  * fail; *status then holds the armed result. */
 bool injected(const char *call, u64 a0, u64 a1, u64 a2, u64 a3, cerrno *status) {
     int64_t r = 0;
+    if (__builtin_expect(!pm_fault_hooks_on(), 1)) return false;
     if (pm_fault_enter(call, &r, a0, a1, a2, a3) == 0) return false;
     *status = static_cast<cerrno>(r);
     return true;

@@ -50,6 +50,13 @@ void pm_calllog_note(const char *call, uint64_t a0, uint64_t a1, uint64_t a2, ui
 /* Copies up to `max` records in call order; returns how many were recorded. */
 size_t pm_calllog_get(pm_call_rec_t *out, size_t max);
 
+/* Nonzero while some call is armed or the call log is on.  A call on a hot
+ * path may skip pm_fault_enter() while pm_fault_hooks_on() is 0. */
+extern int pm_fault_hooks;
+static inline int pm_fault_hooks_on(void) {
+    return __atomic_load_n(&pm_fault_hooks, __ATOMIC_RELAXED);
+}
+
 /* Entry hook of every host platform call: notes the call in the log (when
  * enabled) and then asks pm_fault_hit().  Nonzero means the call is armed and
  * must fail with *result. */
