@@ -8,15 +8,20 @@
  * change the entry in that slot.
  *
  * Copy protocol (copy()).  First the lock-free path: the table store copies
- * the entry "at rest", which it vouches for when no process has had the
- * entry open for writing during the copy (every writer obtains the entry
- * from the store while its mapping is writable, and the store counts that
- * until the writer's next protection call).  A record copied so is kept when
- * it holds its key and is missing otherwise (see written()).  An entry that
+ * the entry "at rest" straight into the caller's buffer, which it vouches
+ * for when no process has had the entry open for writing during the copy
+ * (every writer obtains the entry from the store while its mapping is
+ * writable, and the store counts that until the writer's next protection
+ * call).  The store also checks that the record holds its key (see
+ * written()): one that does not is missing, and the buffer is not touched.
+ * Copying straight into the caller's buffer, rather than into a local one
+ * first, halves the bytes a lookup stores; the price is that an attempt
+ * overtaken by a writer may leave part of the entry in the buffer, which
+ * only matters when the call then fails (see the header).  An entry that
  * some process has open for writing is tried again for up to kAtRestWaitNs
- * (a writer's window lasts a few microseconds), and only one that stays open
- * longer (a long window, or a writer that died inside one) takes the locked
- * path:
+ * (a writer's window lasts a few microseconds), and only one that stays
+ * open longer (a long window, or a writer that died inside one) takes the
+ * locked path, which copies into a local buffer first:
  *   1. look the key up in the table store: slot s and the entry's address;
  *   1a. leave the lock alone while the record does not hold its key: the
  *      entry is being made, and its writer initialises the slot lock right
@@ -322,7 +327,8 @@ cerrno ready(pmdb_type_t type) {
 
 namespace {
 
-/* Hands the asked part of a consistent copy to the caller. */
+/* Hands the asked part of a consistent copy made under the lock to the
+ * caller. */
 cerrno deliver(const unsigned char *local, void *out, u32 from, u32 len) {
     memcpy(out, local + from, len);
     count_copy();
@@ -335,16 +341,16 @@ u64 mono_ns() {
     return static_cast<u64>(ts.tv_sec) * 1000000000u + static_cast<u64>(ts.tv_nsec);
 }
 
-/* The lock-free path: a copy at rest, tried again while another process's
- * window is open on the entry, for up to kAtRestWaitNs.  A window of this
- * process is not waited for: it does not close while this thread waits. */
-cerrno copy_at_rest(tabra_hdl_t table, u32 key, unsigned char *local, u32 copy_len) {
-    i32 slot = -1;
-    cerrno rc = tabra_copy_entry_at_rest(table, key, local, copy_len, &slot);
-    if (rc != TABRA_E_WRITING || tabra_entry_open_here(table, slot)) return rc;
+/* The first at-rest attempt failed with `rc` (TABRA_E_WRITING): tries again
+ * while another process's window is open on the entry, for up to
+ * kAtRestWaitNs.  A window of this process is not waited for: it does not
+ * close while this thread waits. */
+cerrno wait_at_rest(tabra_hdl_t table, u32 key, void *out, u32 from, u32 len, i32 slot) {
+    cerrno rc = TABRA_E_WRITING;
+    if (tabra_entry_open_here(table, slot)) return rc;
     for (const u64 end = mono_ns() + kAtRestWaitNs; rc == TABRA_E_WRITING && mono_ns() < end;) {
         sched_yield();
-        rc = tabra_copy_entry_at_rest(table, key, local, copy_len, nullptr);
+        rc = tabra_copy_entry_at_rest(table, key, out, from, len, TABRA_COPY_KEYED, nullptr);
     }
     return rc;
 }
@@ -391,19 +397,40 @@ cerrno copy_locked(tabra_hdl_t table, dnx_pmdb_shrd_ctx_t *region, u32 key, void
 
 }  // namespace
 
-cerrno copy(pmdb_type_t type, u32 key, void *out, u32 from, u32 len) {
-    cerrno rc = ready(type);
-    if (rc != PMDB_OK) return rc;
-    tabra_hdl_t table = g_table[type].load(std::memory_order_acquire);
-    alignas(16) unsigned char local[kMaxEntrySize];
+namespace {
+
+/* Everything after a first at-rest attempt that did not succeed: its result
+ * `rc`, the wait for the entry to come to rest, and the locked path. */
+__attribute__((noinline)) cerrno copy_slow(pmdb_type_t type, tabra_hdl_t table, u32 key,
+                                           void *out, u32 from, u32 len, cerrno rc, i32 slot) {
+    if (rc == TABRA_E_WRITING) rc = wait_at_rest(table, key, out, from, len, slot);
+    if (rc == PMDB_OK) {
+        count_copy();
+        return PMDB_OK;
+    }
+    if (rc == TABRA_E_NOTFOUND || rc == TABRA_E_UNKEYED) return PMDB_ENOTFOUND;
+    if (rc != TABRA_E_WRITING) return rc;
     /* The record's key field (its first bytes) comes along to be checked. */
     const u32 copy_len = from + len < sizeof key ? static_cast<u32>(sizeof key) : from + len;
-    rc = copy_at_rest(table, key, local, copy_len);
-    if (rc == PMDB_OK) return written(local, key) ? deliver(local, out, from, len) : PMDB_ENOTFOUND;
-    if (rc == TABRA_E_NOTFOUND) return PMDB_ENOTFOUND;
-    if (rc != TABRA_E_WRITING) return rc;
     return copy_locked(table, g_region[type].load(std::memory_order_acquire), key, out, from, len,
                        copy_len);
+}
+
+}  // namespace
+
+/* The lock-free path's first attempt is all a lookup of an entry at rest
+ * runs; it is kept short, since a lookup's length decides how many of them
+ * the processor overlaps. */
+cerrno copy(pmdb_type_t type, u32 key, void *out, u32 from, u32 len) {
+    cerrno rc = ready(type);
+    if (__builtin_expect(rc != PMDB_OK, 0)) return rc;
+    tabra_hdl_t table = g_table[type].load(std::memory_order_acquire);
+    i32 slot = -1;
+    rc = tabra_copy_entry_at_rest(table, key, out, from, len, TABRA_COPY_KEYED, &slot);
+    if (__builtin_expect(rc != PMDB_OK, 0))
+        return copy_slow(type, table, key, out, from, len, rc, slot);
+    count_copy();
+    return PMDB_OK;
 }
 
 namespace {

@@ -23,8 +23,10 @@ u32 entry_size(pmdb_type_t type);
 cerrno ready(pmdb_type_t type);
 
 /* Bytes [from, from + len) (within the entry size) of a consistent copy of
- * the entry of `key`, into `out`; `out` is written only on success.  0,
- * PMDB_ENOTFOUND, PMDB_EBUSY or a table-store status. */
+ * the entry of `key`, into `out`.  0, PMDB_ENOTFOUND, PMDB_EBUSY or a
+ * table-store status.  `out` is left as it was when the key is absent or
+ * its record does not hold its key; it may hold part of the entry after a
+ * failure that a writer caused while the entry was being copied. */
 cerrno copy(pmdb_type_t type, u32 key, void *out, u32 from, u32 len);
 
 /* Match rule of a scan for the entry stored under `key`.  `entry` is either

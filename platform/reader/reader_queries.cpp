@@ -176,8 +176,13 @@ PMDB_EXPORT cerrno dpa_pmdb_get_oam_entry_by_key(u32 key, pmdb_oam_entry_t *buf)
 }
 
 PMDB_EXPORT cerrno dpa_pmdb_get_num_members(u8 *count, u32 bundle_ifh) {
-    return copy_part(PMDB_TYPE_IFH, bundle_ifh, count, offsetof(pmdb_ifh_entry_t, member_count),
-                     sizeof *count);
+    /* Through a local byte: callers read *count whatever the result, so it
+     * changes only on success, even when the bundle is removed meanwhile. */
+    u8 n = 0;
+    const cerrno rc = copy_part(PMDB_TYPE_IFH, bundle_ifh, count == nullptr ? nullptr : &n,
+                                offsetof(pmdb_ifh_entry_t, member_count), sizeof n);
+    if (rc == PMDB_OK) *count = n;
+    return rc;
 }
 
 PMDB_EXPORT cerrno dpa_pmdb_copy_entry(pmdb_type_t type, u32 key, void *buf, u32 len) {

@@ -170,12 +170,17 @@ cerrno fail(u32 point, cerrno status, u64 a1, u64 a2) {
 
 /* Notes the call in the host call log and answers whether a test armed it to
  * fail; *status then holds the armed result. */
-bool injected(const char *call, u64 a0, u64 a1, u64 a2, u64 a3, cerrno *status) {
+__attribute__((noinline, cold)) bool injected_slow(const char *call, u64 a0, u64 a1, u64 a2,
+                                                  u64 a3, cerrno *status) {
     int64_t r = 0;
-    if (__builtin_expect(!pm_fault_hooks_on(), 1)) return false;
     if (pm_fault_enter(call, &r, a0, a1, a2, a3) == 0) return false;
     *status = static_cast<cerrno>(r);
     return true;
+}
+
+inline bool injected(const char *call, u64 a0, u64 a1, u64 a2, u64 a3, cerrno *status) {
+    if (__builtin_expect(!pm_fault_hooks_on(), 1)) return false;
+    return injected_slow(call, a0, a1, a2, a3, status);
 }
 
 /* ---------------------------------------------------------------------- */
@@ -229,13 +234,14 @@ inline void crash_point(int op, int point) {
 /* ---------------------------------------------------------------------- */
 /* Entry bytes.  A copy that races with a writer may be torn; the gen     */
 /* check around it throws such a copy away (a sequence-lock read).  The   */
-/* copy is a plain memcpy followed by an acquire fence: a few wide moves, */
-/* which keeps a lookup short enough that the processor overlaps the      */
-/* memory misses of consecutive lookups.  Thread-sanitizer builds, which  */
-/* refuse fences and would report the benign race, copy word by word with */
-/* acquire loads instead.  The store's own entry stores are release       */
-/* stores, so a copy that saw one of them also sees the gen flip made     */
-/* before it.                                                             */
+/* copy is a run of 16-byte moves written out here rather than a call to  */
+/* memcpy, followed by an acquire fence: the library routine's size       */
+/* dispatch costs more than the copy at these sizes, and a short lookup   */
+/* is what lets the processor overlap the memory misses of consecutive    */
+/* lookups.  Thread-sanitizer builds, which refuse fences and would       */
+/* report the benign race, copy word by word with acquire loads instead.  */
+/* The store's own entry stores are release stores, so a copy that saw    */
+/* one of them also sees the gen flip made before it.                     */
 /* ---------------------------------------------------------------------- */
 
 #if defined(__SANITIZE_THREAD__)
@@ -246,7 +252,26 @@ inline void crash_point(int op, int point) {
 #endif
 #endif
 
-void copy_out(u8 *dst, const u8 *src, u32 len) {
+#ifndef TABRA_WORDWISE_COPY
+typedef unsigned char chunk16 __attribute__((vector_size(16), aligned(1), may_alias));
+
+inline void move16(u8 *dst, const u8 *src) {
+    *reinterpret_cast<chunk16 *>(dst) = *reinterpret_cast<const chunk16 *>(src);
+}
+
+typedef unsigned char chunk32 __attribute__((vector_size(32), aligned(1), may_alias));
+
+/* 64 bytes: two 32-byte loads, then two stores (four of each where the
+ * processor has no 32-byte moves). */
+inline void move64(u8 *dst, const u8 *src) {
+    const chunk32 a = *reinterpret_cast<const chunk32 *>(src);
+    const chunk32 b = *reinterpret_cast<const chunk32 *>(src + 32);
+    *reinterpret_cast<chunk32 *>(dst) = a;
+    *reinterpret_cast<chunk32 *>(dst + 32) = b;
+}
+#endif
+
+inline __attribute__((always_inline)) void copy_out(u8 *dst, const u8 *src, u32 len) {
 #ifdef TABRA_WORDWISE_COPY
     u32 i = 0;
     for (; i + 8 <= len; i += 8) {
@@ -255,7 +280,16 @@ void copy_out(u8 *dst, const u8 *src, u32 len) {
     }
     for (; i < len; i++) dst[i] = ld_acq(src + i);
 #else
-    memcpy(dst, src, len);
+    if (len >= 16) {
+        /* Whole blocks and chunks, then one last chunk that ends at len (it
+         * may cover bytes already moved, with the same values). */
+        u32 i = 0;
+        for (; i + 64 <= len; i += 64) move64(dst + i, src + i);
+        for (; i + 16 <= len; i += 16) move16(dst + i, src + i);
+        if (i < len) move16(dst + len - 16, src + len - 16);
+    } else {
+        for (u32 i = 0; i < len; i++) dst[i] = src[i];
+    }
     __atomic_thread_fence(__ATOMIC_ACQUIRE); /* the gen load that follows stays after the copy */
 #endif
 }
@@ -270,22 +304,27 @@ void zero_entry(tabra_table *t, u32 slot) {
 /* ---------------------------------------------------------------------- */
 
 /* Starts loading the entry of slot x while its slot record is still on its
- * way: every caller of a lookup goes on to read or write the entry, so a
- * lookup then waits for memory about twice (bucket, then record and entry
+ * way: a caller that hands the entry out (to be written or read in place)
+ * then waits for memory about twice (bucket, then record and entry
  * together) instead of three times. */
-void prefetch_entry(tabra_table *t, u32 x) {
+inline void prefetch_entry(tabra_table *t, u32 x) {
     const u8 *p = entry_at(t, x);
-    for (u32 off = 0; off < t->entry_size; off += 64) __builtin_prefetch(p + off);
+    const u8 *const end = p + t->entry_size;
+    for (; p < end; p += 64) __builtin_prefetch(p);
 }
 
 /* Lock-free lookup: the slot holding key in bucket b, or kNoSlot.  Retries
- * while the bucket's sequence moves under the walk; never waits. */
-u32 find_lockfree(tabra_table *t, u32 b, u32 key) {
+ * while the bucket's sequence moves under the walk; never waits.  With
+ * kPrefetch the entry starts loading as soon as the chain's head is known
+ * (callers that go on to write it); a copy right behind the lookup has its
+ * loads issued early by the processor anyway. */
+template <bool kPrefetch>
+inline __attribute__((always_inline)) u32 find_lockfree(tabra_table *t, u32 b, u32 key) {
     tabra_slot_meta_t *m = slots(t);
     for (;;) {
         const u64 w1 = ld_acq(&buckets(t)[b]);
         u32 cur = word_head(w1);
-        if (cur != 0 && cur <= TABRA_SLOTS) prefetch_entry(t, cur - 1);
+        if (kPrefetch && cur != 0 && cur <= TABRA_SLOTS) prefetch_entry(t, cur - 1);
         u32 found = kNoSlot;
         for (u32 steps = 0; cur != 0 && cur <= TABRA_SLOTS && steps < TABRA_SLOTS; steps++) {
             const tabra_slot_meta_t *s = &m[cur - 1];
@@ -955,41 +994,66 @@ u32 find_by_scan(tabra_table *t, u32 key) {
     return kNoSlot;
 }
 
-/* Lock-free lookup for readers: the slot of key or kNoSlot in *x. */
-cerrno lookup(tabra_table *t, u32 key, u32 *x) {
-    if (ld_acq(&t->hash_fn) != nullptr) {
-        u32 b = 0;
-        const cerrno st = bucket_of(t, key, &b, TABRA_TP_GET_INVAL);
-        if (st == 0) *x = find_lockfree(t, b, key);
-        return st;
+/* key % buckets, without a division when buckets is a power of two. */
+inline u32 mod_bucket(tabra_table *t, u32 key) {
+    const u32 n = hdr(t)->buckets;
+    return (n & (n - 1)) == 0 ? key & (n - 1) : key % n;
+}
+
+/* Lock-free lookup for readers: the slot of key or kNoSlot in *x.  Inlined
+ * into each reading call: a lookup's length decides how many of them the
+ * processor keeps in flight. */
+template <bool kPrefetch = true>
+inline __attribute__((always_inline)) cerrno lookup(tabra_table *t, u32 key, u32 *x) {
+    u32 b = 0;
+    if (const dpa_pmdb_hash_fn_t fn = ld_acq(&t->hash_fn); fn != nullptr) {
+        b = fn(key);
+        if (__builtin_expect(b >= hdr(t)->buckets, 0))
+            return fail(TABRA_TP_GET_INVAL, TABRA_E_INVAL, key, b);
+    } else if (ld_acq(&hdr(t)->hash_is_mod)) {
+        b = mod_bucket(t, key);
+    } else {
+        *x = find_by_scan(t, key);
+        return 0;
     }
-    *x = ld_acq(&hdr(t)->hash_is_mod) ? find_lockfree(t, key % hdr(t)->buckets, key)
-                                      : find_by_scan(t, key);
+    *x = find_lockfree<kPrefetch>(t, b, key);
     return 0;
 }
 
-enum class copied { ok, moved, writing };
+enum class copied { ok, moved, writing, unkeyed };
 
-/* What a copy of an entry must stand for: one occupant of the slot, or an
- * entry at rest (tabra_layout.h). */
-enum class want_copy { occupant, at_rest };
-
-/* Copies slot x's entry when it is occupied (by key, unless any_key): ok,
- * moved when the occupant changed (or, at rest, the version moved) during
- * the copy, writing when an at-rest copy finds an open write bracket. */
-copied copy_slot(tabra_table *t, u32 x, u32 key, bool any_key, want_copy want, u8 *buf, u32 len,
-                 u32 *key_out) {
+/* Copies slot x's entry when it holds one occupant, key's unless any_key,
+ * all along the copy: ok, or moved when the occupant changed meanwhile. */
+copied copy_occupant(tabra_table *t, u32 x, u32 key, bool any_key, u8 *buf, u32 len,
+                     u32 *key_out) {
     const tabra_slot_meta_t *s = &slots(t)[x];
     const u64 w1 = ld_acq(&s->occ);
     if (occ_gen(w1) % 2 == 0) return copied::moved;
     const u32 k = ld_acq(&s->key);
     if (!any_key && k != key) return copied::moved;
-    if (want == want_copy::at_rest && occ_brackets(w1) != 0) return copied::writing;
     copy_out(buf, entry_at(t, x), len); /* the next load stays after the copy */
-    const u64 w2 = ld_rlx(&s->occ);
-    if (want == want_copy::at_rest ? w2 != w1 : occ_gen(w2) != occ_gen(w1)) return copied::moved;
+    if (occ_gen(ld_rlx(&s->occ)) != occ_gen(w1)) return copied::moved;
     *key_out = k;
     return copied::ok;
+}
+
+/* Copies bytes [off, off + len) of slot x's entry when it is key's and at
+ * rest (tabra_layout.h) all along: ok; moved when the word moved during the
+ * copy; writing when a bracket is open; unkeyed when `keyed` and the entry
+ * does not begin with key.  buf is not written unless the word showed the
+ * entry at rest, keyed as asked, before the copy. */
+inline __attribute__((always_inline)) copied copy_at_rest(tabra_table *t, u32 x, u32 key,
+                                                          bool keyed, u8 *buf, u32 off, u32 len) {
+    const tabra_slot_meta_t *s = &slots(t)[x];
+    const u8 *entry = entry_at(t, x);
+    const u64 w1 = ld_acq(&s->occ);
+    if (occ_gen(w1) % 2 == 0 || ld_acq(&s->key) != key) return copied::moved;
+    if (occ_brackets(w1) != 0) return copied::writing;
+    /* Entries are 8-byte aligned, so the first word loads whole. */
+    if (keyed && ld_acq(reinterpret_cast<const u32 *>(entry)) != key)
+        return ld_rlx(&s->occ) == w1 ? copied::unkeyed : copied::moved;
+    copy_out(buf, entry + off, len);
+    return ld_rlx(&s->occ) == w1 ? copied::ok : copied::moved;
 }
 
 /* ---------------------------------------------------------------------- */
@@ -1291,32 +1355,76 @@ cerrno tabra_copy_entry_by_key(tabra_hdl_t t, u32 key, void *buf, u32 len, i32 *
         if (st != 0) return st;
         if (x == kNoSlot) return fail(TABRA_TP_GET_NOTFOUND, TABRA_E_NOTFOUND, key, 0);
         u32 k = 0;
-        if (copy_slot(t, x, key, false, want_copy::occupant, static_cast<u8 *>(buf), len, &k) !=
-            copied::ok)
+        if (copy_occupant(t, x, key, false, static_cast<u8 *>(buf), len, &k) != copied::ok)
             continue;
         if (slot != nullptr) *slot = static_cast<i32>(x);
         return 0;
     }
 }
 
-cerrno tabra_copy_entry_at_rest(tabra_hdl_t t, u32 key, void *buf, u32 len, i32 *slot) {
-    cerrno st = 0;
-    if (injected("tabra_copy_entry_at_rest", key, len, 0, 0, &st)) return st;
-    if (t == nullptr || buf == nullptr || len > t->entry_size)
-        return fail(TABRA_TP_GET_INVAL, TABRA_E_INVAL, key, 0);
-    for (u32 tries = 0; tries < kAtRestRetries; tries++) {
-        u32 x = kNoSlot;
-        st = lookup(t, key, &x);
+namespace {
+
+/* The result of an at-rest attempt on slot x that did not succeed, and the
+ * attempts after it. */
+__attribute__((noinline)) cerrno at_rest_again(tabra_table *t, u32 key, bool keyed, u8 *buf,
+                                               u32 off, u32 len, i32 *slot, copied c, u32 x) {
+    for (u32 tries = 1; c == copied::moved && tries < kAtRestRetries; tries++) {
+        const cerrno st = lookup<false>(t, key, &x);
         if (st != 0) return st;
-        if (x == kNoSlot) return TABRA_E_NOTFOUND; /* an answer, not a fault: no trace */
-        u32 k = 0;
-        const copied c =
-            copy_slot(t, x, key, false, want_copy::at_rest, static_cast<u8 *>(buf), len, &k);
-        if (c == copied::moved) continue;
-        if (slot != nullptr) *slot = static_cast<i32>(x);
-        return c == copied::ok ? 0 : TABRA_E_WRITING;
+        if (x == kNoSlot) return TABRA_E_NOTFOUND;
+        c = copy_at_rest(t, x, key, keyed, buf, off, len);
     }
-    return TABRA_E_WRITING;
+    if (c == copied::moved) return TABRA_E_WRITING;
+    if (slot != nullptr) *slot = static_cast<i32>(x);
+    if (c == copied::ok) return 0;
+    return c == copied::unkeyed ? TABRA_E_UNKEYED : TABRA_E_WRITING;
+}
+
+inline bool at_rest_args_ok(tabra_table *t, const u8 *buf, u32 off, u32 len, u32 flags) {
+    return t != nullptr && buf != nullptr && off <= t->entry_size && len <= t->entry_size - off &&
+           (flags & ~TABRA_COPY_KEYED) == 0;
+}
+
+/* tabra_copy_entry_at_rest from its start, for every case its fast path
+ * leaves: hooks on, a bad argument, a table whose keys are not all in
+ * bucket key % buckets. */
+__attribute__((noinline)) cerrno at_rest_general(tabra_table *t, u32 key, u8 *buf, u32 off,
+                                                 u32 len, u32 flags, i32 *slot) {
+    cerrno st = 0;
+    if (injected("tabra_copy_entry_at_rest", key, off, len, flags, &st)) return st;
+    if (!at_rest_args_ok(t, buf, off, len, flags))
+        return fail(TABRA_TP_GET_INVAL, TABRA_E_INVAL, key, 0);
+    u32 x = kNoSlot;
+    st = lookup<false>(t, key, &x);
+    if (st != 0) return st;
+    if (x == kNoSlot) return TABRA_E_NOTFOUND;
+    const bool keyed = (flags & TABRA_COPY_KEYED) != 0;
+    return at_rest_again(t, key, keyed, buf, off, len, slot,
+                         copy_at_rest(t, x, key, keyed, buf, off, len), x);
+}
+
+}  // namespace
+
+/* The fast path is all that a copy of an entry at rest runs, and calls
+ * nothing: while every key of the table sits in bucket key % buckets
+ * (hash_is_mod, acquire: pairs with its clearing before the first other key
+ * is linked) the bucket is found without the hash function.  Every other
+ * case goes to at_rest_general. */
+__attribute__((target_clones("avx2", "default"))) cerrno tabra_copy_entry_at_rest(
+    tabra_hdl_t t, u32 key, void *buf, u32 off, u32 len, u32 flags, i32 *slot) {
+    u8 *const out = static_cast<u8 *>(buf);
+    if (__builtin_expect(pm_fault_hooks_on() || !at_rest_args_ok(t, out, off, len, flags) ||
+                             !ld_acq(&hdr(t)->hash_is_mod),
+                         0))
+        return at_rest_general(t, key, out, off, len, flags, slot);
+    const u32 x = find_lockfree<false>(t, mod_bucket(t, key), key);
+    if (x == kNoSlot) return TABRA_E_NOTFOUND; /* an answer, not a fault: no trace */
+    const bool keyed = (flags & TABRA_COPY_KEYED) != 0;
+    const copied c = copy_at_rest(t, x, key, keyed, out, off, len);
+    if (__builtin_expect(c != copied::ok, 0))
+        return at_rest_again(t, key, keyed, out, off, len, slot, c, x);
+    if (slot != nullptr) *slot = static_cast<i32>(x);
+    return 0;
 }
 
 int tabra_entry_open_here(tabra_hdl_t t, i32 slot) {
@@ -1337,8 +1445,7 @@ cerrno tabra_walk(tabra_hdl_t t, tabra_walk_fn_t fn, void *ctx) {
             u32 key = 0;
             bool got = false;
             for (u32 i = 0; i < kWalkRetries && !got; i++)
-                got = copy_slot(t, x, 0, true, want_copy::occupant, buf, t->entry_size, &key) ==
-                      copied::ok;
+                got = copy_occupant(t, x, 0, true, buf, t->entry_size, &key) == copied::ok;
             if (got) st = static_cast<cerrno>(fn(ctx, key, static_cast<i32>(x), buf));
         }
     }

@@ -116,6 +116,12 @@ TEST_F(ReaderQueryTest, MissingEntriesAndBadArgumentsLeaveBuffersAlone) {
     EXPECT_EQ(dpa_pmdb_get_punt_entry_by_key(0, buf.data()), PMDB_EINVAL);
     EXPECT_EQ(dpa_pmdb_copy_entry(PMDB_TYPE_OAM, 0x0043001C, buf.data(), PMDB_OAM_ENTRY_SIZE + 1),
               PMDB_EINVAL);
+    /* Present in the table, at rest, but its key field never written (an
+     * event that set only other fields): missing, and the buffer is not
+     * touched even though the entry could be copied without a lock. */
+    const auto fill = [](void *p) { static_cast<pmdb_ifh_entry_t *>(p)->intf_info.ifh = 0x7778; };
+    ASSERT_EQ(WriteEntry(PMDB_TYPE_IFH, 0x7778, fill), PMDB_OK);
+    EXPECT_EQ(dpa_pmdb_get_ifh_entry_by_key(0x7778, buf.data(), 0, 0), PMDB_ENOTFOUND);
     EXPECT_EQ(buf, untouched);
     EXPECT_EQ(dpa_pmdb_get_ifh_entry_by_key(P1, nullptr, 0, 0), PMDB_EINVAL);
     EXPECT_EQ(dpa_pmdb_get_punt_entry_by_key(0x101, nullptr), PMDB_EINVAL);

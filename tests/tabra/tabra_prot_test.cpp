@@ -7,6 +7,7 @@
  */
 #include <signal.h>
 
+#include <algorithm>
 #include <cstring>
 #include <thread>
 #include <vector>
@@ -250,7 +251,9 @@ TEST_F(TabraProtection, CopiesAtRestRefuseEntriesOpenForWritingInAnyProcess) {
     memset(AddOrDie(h, 2), 0x22, 8);
     u8 b[8] = {};
     i32 slot = -1;
-    const auto at_rest = [&](u32 key) { return tabra_copy_entry_at_rest(h, key, b, sizeof b, &slot); };
+    const auto at_rest = [&](u32 key) {
+        return tabra_copy_entry_at_rest(h, key, b, 0, sizeof b, 0, &slot);
+    };
     EXPECT_EQ(at_rest(1), TABRA_E_WRITING) << "writable from tabra_open on";
     ASSERT_EQ(tabra_make_shm_readonly_protected(h, &p), 0u);
     ASSERT_EQ(at_rest(1), 0u);
@@ -298,6 +301,76 @@ TEST_F(TabraProtection, CopiesAtRestRefuseEntriesOpenForWritingInAnyProcess) {
     const auto mark = pmdb::test::TraceMark::Now();
     EXPECT_EQ(at_rest(3), TABRA_E_NOTFOUND);
     EXPECT_TRUE(pmdb::test::TracesSince(mark, VESK_ERROR).empty());
+}
+
+/* Where an at-rest copy goes: bytes [off, off + len) straight into the
+ * caller's buffer, and nothing at all into it when the answer is that the
+ * key is absent, its entry does not begin with its key, or a process has it
+ * open for writing.  Tables whose keys are not all in bucket key % buckets
+ * (another hash) and whose bucket count is not a power of two take the same
+ * answers, and so does a call the fault hooks see. */
+TEST_F(TabraProtection, CopiesAtRestWriteTheBufferOnlyWithAnEntryThatCanStand) {
+    struct Table {
+        const char *name;
+        dpa_pmdb_hash_fn_t fn;
+        u32 buckets;
+    };
+    const Table tables[] = {{"K1", Low16, PMDB_HASH_BUCKETS},
+                            {"K2", High16, PMDB_HASH_BUCKETS},
+                            {"K3", Mod7, 7}};
+    for (const Table &tt : tables) {
+        SCOPED_TRACE(tt.name);
+        tabra_params_t p = Params(tt.name, 16, tt.fn, tt.buckets);
+        tabra_hdl_t h = OpenOrDie(p);
+        const u32 keyed = 0x20001, unkeyed = 0x30002, absent = 0x40003;
+        u8 *e = static_cast<u8 *>(AddOrDie(h, keyed));
+        for (u32 i = 0; i < 16; i++) e[i] = static_cast<u8>(0x10 + i);
+        memcpy(e, &keyed, sizeof keyed);
+        memset(AddOrDie(h, unkeyed), 0x5A, 16); /* first word not its key */
+        ASSERT_EQ(tabra_make_shm_readonly_protected(h, &p), 0u);
+
+        u8 b[12];
+        memset(b, 0xEE, sizeof b);
+        const auto untouched = [&] {
+            return std::all_of(b, b + sizeof b, [](u8 v) { return v == 0xEE; });
+        };
+        i32 slot = -1;
+        EXPECT_EQ(tabra_copy_entry_at_rest(h, absent, b, 0, 8, TABRA_COPY_KEYED, &slot),
+                  TABRA_E_NOTFOUND);
+        EXPECT_EQ(tabra_copy_entry_at_rest(h, unkeyed, b, 0, 8, TABRA_COPY_KEYED, &slot),
+                  TABRA_E_UNKEYED);
+        EXPECT_EQ(tabra_copy_entry_at_rest(h, keyed, b, 4, 13, 0, &slot), TABRA_E_INVAL);
+        EXPECT_EQ(tabra_copy_entry_at_rest(h, keyed, b, 0, 8, 2, &slot), TABRA_E_INVAL);
+        EXPECT_TRUE(untouched());
+
+        ASSERT_EQ(tabra_copy_entry_at_rest(h, keyed, b, 6, 10, TABRA_COPY_KEYED, &slot), 0u);
+        for (u32 i = 0; i < 10; i++) EXPECT_EQ(b[i], 0x16 + i) << i;
+        EXPECT_EQ(b[10], 0xEE) << "past len";
+        ASSERT_EQ(tabra_copy_entry_at_rest(h, unkeyed, b, 0, 1, 0, &slot), 0u) << "unkeyed asked";
+        EXPECT_EQ(b[0], 0x5A);
+
+        memset(b, 0xEE, sizeof b);
+        auto writer = StartHeldChild(
+            [&] {
+                tabra_make_shm_writable(h, &p);
+                void *w = nullptr;
+                i32 s = -1;
+                tabra_get_entry_by_key(h, keyed, &w, &s);
+            },
+            [&] { tabra_make_shm_readonly_protected(h, &p); });
+        ASSERT_TRUE(writer->WaitReady());
+        EXPECT_EQ(tabra_copy_entry_at_rest(h, keyed, b, 0, 12, TABRA_COPY_KEYED, &slot),
+                  TABRA_E_WRITING);
+        EXPECT_TRUE(untouched());
+        writer->Release();
+        ASSERT_TRUE(writer->Wait().ExitedWith(0));
+
+        pm_fault_set("tabra_copy_entry_at_rest", 0x77, 1);
+        EXPECT_EQ(tabra_copy_entry_at_rest(h, keyed, b, 0, 12, TABRA_COPY_KEYED, &slot), 0x77u);
+        EXPECT_TRUE(untouched());
+        EXPECT_EQ(tabra_copy_entry_at_rest(h, keyed, b, 0, 12, TABRA_COPY_KEYED, &slot), 0u)
+            << "armed once";
+    }
 }
 
 }  // namespace

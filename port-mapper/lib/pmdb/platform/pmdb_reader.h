@@ -26,10 +26,14 @@
  * again until the entry is gone or the wait bound has passed.  A thread that
  * itself holds the slot lock (a writer reading its own entry) gets its copy
  * at once, without waiting on itself and without releasing its lock.
- * Results are copied to the caller's buffer only once the whole copy is
- * complete: a call that fails leaves the buffer as it was, except where a list
- * query says otherwise.  The lock is held for the copy of one record only;
- * no callback ever runs while the library holds a lock.
+ * Buffers.  A lookup of a key that has no entry (or whose entry does not
+ * hold its key yet, below) leaves the buffer as it was, and so does every
+ * argument error.  An entry at rest is copied straight into the caller's
+ * buffer, which keeps a lookup short; when a writer overtakes that copy and
+ * the call then fails (the entry was removed meanwhile, or stayed locked
+ * beyond the wait bound), the buffer may hold part of the entry.  A result
+ * other than 0 never makes the buffer a copy.  The lock is held for the copy
+ * of one record only; no callback ever runs while the library holds a lock.
  *
  * Results (cerrno):
  *   0              PMDB_OK        success
@@ -107,8 +111,8 @@ extern "C" {
 /* Copies the IFH entry of `ifh` into buf: its stored pmdb_intf_info_t first
  * (bytes 0..255) and its pmdb_punt_info_t right behind it (bytes 256..283).
  * `arg3` and `arg4` are reserved and must be 0.  Results: 0; 2 no entry (buf
- * unchanged); 16 lock busy; 22 null buf, ifh 0, or a nonzero reserved
- * argument. */
+ * unchanged, unless the entry was removed while it was being copied); 16 lock
+ * busy; 22 null buf, ifh 0, or a nonzero reserved argument (buf unchanged). */
 PMDB_EXPORT cerrno dpa_pmdb_get_ifh_entry_by_key(u32 ifh, void *buf, u32 arg3, u32 arg4);
 
 /* Copies the PUNT entry of punt key `key` into buf: its stored
@@ -122,9 +126,9 @@ PMDB_EXPORT cerrno dpa_pmdb_get_oam_entry_by_key(u32 key, pmdb_oam_entry_t *buf)
 
 /* Writes the bundle's member count into *count: the `member_count` of the
  * bundle's own IFH entry, which the membership updates keep (one per member
- * whose `member_active` flag is set).  Results: 0; 2 no IFH entry under
- * bundle_ifh (*count unchanged, so a caller that set it to 0 reads 0); 16;
- * 22 null count or bundle_ifh 0 (*count unchanged). */
+ * whose `member_active` flag is set).  *count changes only on success.
+ * Results: 0; 2 no IFH entry under bundle_ifh (so a caller that set *count
+ * to 0 reads 0); 16; 22 null count or bundle_ifh 0. */
 PMDB_EXPORT cerrno dpa_pmdb_get_num_members(u8 *count, u32 bundle_ifh);
 
 /* ------------------------------------------------------------------------ */

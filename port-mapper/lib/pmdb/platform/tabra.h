@@ -62,10 +62,12 @@ extern "C" {
 #define TABRA_E_CORRUPT 0xA6F01408u      /* consistency check found a fault */
 #define TABRA_E_LOCK 0xA6F01409u         /* the table's writer lock is unusable */
 #define TABRA_E_WRITING 0xA6F0140Au      /* entry open for writing (tabra_copy_entry_at_rest) */
+#define TABRA_E_UNKEYED 0xA6F0140Bu      /* entry does not begin with its key (TABRA_COPY_KEYED) */
 
 #define TABRA_CAPACITY 65536u       /* slots of every table */
 #define TABRA_MAX_ENTRY_SIZE 16384u /* largest entry_size */
 #define TABRA_REMOVE_BY_KEY 1u      /* the flags of tabra_remove_entry */
+#define TABRA_COPY_KEYED 1u         /* the flags of tabra_copy_entry_at_rest */
 
 /* Trace points (error buffer); arguments in brackets, status first. */
 #define TABRA_TP_OPEN_INVAL 900u   /* [status, reason, value] bad parameter record */
@@ -124,17 +126,27 @@ cerrno tabra_attach_hashed(const char *table_name, dpa_pmdb_hash_fn_t hash_fn, t
  * The copy never mixes two different occupants of a slot: an entry removed
  * or re-used while it is copied makes the copy retry. */
 cerrno tabra_copy_entry_by_key(tabra_hdl_t table, u32 key, void *buf, u32 len, i32 *slot);
-/* The same copy, kept only when no process changed the entry while it was
- * copied, by any path: 0 and a consistent copy; TABRA_E_NOTFOUND (not
- * traced: a missing key is an answer here) when the key is absent;
+/* Copies bytes [off, off + len) of the entry of `key` (off + len at most the
+ * entry size) into buf, kept only when no process changed the entry while it
+ * was copied, by any path.  With flags TABRA_COPY_KEYED the entry's first 32
+ * bits must hold its key (tables whose records begin with their key): an
+ * entry at rest that does not is TABRA_E_UNKEYED.  Results: 0 and a
+ * consistent copy; TABRA_E_NOTFOUND when the key is absent and
+ * TABRA_E_UNKEYED (neither traced: they are answers, not faults);
  * TABRA_E_WRITING when some process, this one included, has the entry open
  * for writing (it obtained the entry from tabra_add_entry or
- * tabra_get_entry_by_key while its mapping was writable, and has not made
- * the table read-only since; a process that died so stays counted until the
- * entry is removed) or it kept changing during 64 attempts.  buf is written
- * in every case but 0 is the only result that makes it a copy.  Lock-free;
+ * tabra_get_entry_by_key while its mapping was writable, and has not made the
+ * table read-only since; a process that died so stays counted until the
+ * entry is removed) or it kept changing during 64 attempts; TABRA_E_INVAL.
+ * buf is written only by an attempt that found the entry at rest (and
+ * keyed) when it began, so a key that is absent, unkeyed or open for writing
+ * all along leaves buf as it was; an attempt that a writer overtook may leave
+ * part of the entry in buf, and only 0 makes buf a copy.  The copy goes
+ * straight to buf: a lookup then stores its bytes once, which lets the
+ * processor overlap the memory misses of consecutive lookups.  Lock-free;
  * never waits. */
-cerrno tabra_copy_entry_at_rest(tabra_hdl_t table, u32 key, void *buf, u32 len, i32 *slot);
+cerrno tabra_copy_entry_at_rest(tabra_hdl_t table, u32 key, void *buf, u32 off, u32 len,
+                                u32 flags, i32 *slot);
 /* 1 when this process is one of the writers that have the entry in `slot`
  * open (so waiting for the entry to come to rest would wait on itself). */
 int tabra_entry_open_here(tabra_hdl_t table, i32 slot);
