@@ -255,7 +255,7 @@ inline void crash_point(int op, int point) {
 #ifndef TABRA_WORDWISE_COPY
 typedef unsigned char chunk16 __attribute__((vector_size(16), aligned(1), may_alias));
 
-inline void move16(u8 *dst, const u8 *src) {
+inline __attribute__((always_inline)) void move16(u8 *dst, const u8 *src) {
     *reinterpret_cast<chunk16 *>(dst) = *reinterpret_cast<const chunk16 *>(src);
 }
 
@@ -263,7 +263,7 @@ typedef unsigned char chunk32 __attribute__((vector_size(32), aligned(1), may_al
 
 /* 64 bytes: two 32-byte loads, then two stores (four of each where the
  * processor has no 32-byte moves). */
-inline void move64(u8 *dst, const u8 *src) {
+inline __attribute__((always_inline)) void move64(u8 *dst, const u8 *src) {
     const chunk32 a = *reinterpret_cast<const chunk32 *>(src);
     const chunk32 b = *reinterpret_cast<const chunk32 *>(src + 32);
     *reinterpret_cast<chunk32 *>(dst) = a;
@@ -1213,6 +1213,91 @@ void list_one(void *p, const char *object) {
     if (l->fn != nullptr) l->fn(l->ctx, object + len);
 }
 
+/* ---------------------------------------------------------------------- */
+/* Copies at rest (tabra_copy_entry_at_rest)                              */
+/* ---------------------------------------------------------------------- */
+
+/* The result of an at-rest attempt on slot x that did not succeed, and the
+ * attempts after it. */
+__attribute__((noinline)) cerrno at_rest_again(tabra_table *t, u32 key, bool keyed, u8 *buf,
+                                               u32 off, u32 len, i32 *slot, copied c, u32 x) {
+    for (u32 tries = 1; c == copied::moved && tries < kAtRestRetries; tries++) {
+        const cerrno st = lookup<false>(t, key, &x);
+        if (st != 0) return st;
+        if (x == kNoSlot) return TABRA_E_NOTFOUND;
+        c = copy_at_rest(t, x, key, keyed, buf, off, len);
+    }
+    if (c == copied::moved) return TABRA_E_WRITING;
+    if (slot != nullptr) *slot = static_cast<i32>(x);
+    if (c == copied::ok) return 0;
+    return c == copied::unkeyed ? TABRA_E_UNKEYED : TABRA_E_WRITING;
+}
+
+inline bool at_rest_args_ok(tabra_table *t, const u8 *buf, u32 off, u32 len, u32 flags) {
+    return t != nullptr && buf != nullptr && off <= t->entry_size && len <= t->entry_size - off &&
+           (flags & ~TABRA_COPY_KEYED) == 0;
+}
+
+/* tabra_copy_entry_at_rest from its start, for every case its fast path
+ * leaves: hooks on, a bad argument, a table whose keys are not all in
+ * bucket key % buckets. */
+__attribute__((noinline)) cerrno at_rest_general(tabra_table *t, u32 key, u8 *buf, u32 off,
+                                                 u32 len, u32 flags, i32 *slot) {
+    cerrno st = 0;
+    if (injected("tabra_copy_entry_at_rest", key, off, len, flags, &st)) return st;
+    if (!at_rest_args_ok(t, buf, off, len, flags))
+        return fail(TABRA_TP_GET_INVAL, TABRA_E_INVAL, key, 0);
+    u32 x = kNoSlot;
+    st = lookup<false>(t, key, &x);
+    if (st != 0) return st;
+    if (x == kNoSlot) return TABRA_E_NOTFOUND;
+    const bool keyed = (flags & TABRA_COPY_KEYED) != 0;
+    return at_rest_again(t, key, keyed, buf, off, len, slot,
+                         copy_at_rest(t, x, key, keyed, buf, off, len), x);
+}
+
+/* The fast path is all that a copy of an entry at rest runs, and calls
+ * nothing: while every key of the table sits in bucket key % buckets
+ * (hash_is_mod, acquire: pairs with its clearing before the first other key
+ * is linked) the bucket is found without the hash function.  Every other
+ * case goes to at_rest_general.  It is compiled twice, once for processors
+ * with 32-byte moves (half the stores of a copy), and the exported call
+ * picks one. */
+inline __attribute__((always_inline)) cerrno at_rest_fast(tabra_table *t, u32 key, u8 *out,
+                                                          u32 off, u32 len, u32 flags, i32 *slot) {
+    if (__builtin_expect(pm_fault_hooks_on() || !at_rest_args_ok(t, out, off, len, flags) ||
+                             !ld_acq(&hdr(t)->hash_is_mod),
+                         0))
+        return at_rest_general(t, key, out, off, len, flags, slot);
+    const u32 x = find_lockfree<false>(t, mod_bucket(t, key), key);
+    if (x == kNoSlot) return TABRA_E_NOTFOUND; /* an answer, not a fault: no trace */
+    const bool keyed = (flags & TABRA_COPY_KEYED) != 0;
+    const copied c = copy_at_rest(t, x, key, keyed, out, off, len);
+    if (__builtin_expect(c != copied::ok, 0))
+        return at_rest_again(t, key, keyed, out, off, len, slot, c, x);
+    if (slot != nullptr) *slot = static_cast<i32>(x);
+    return 0;
+}
+
+__attribute__((noinline, target("avx2"))) cerrno at_rest_fast_avx2(tabra_table *t, u32 key,
+                                                                   u8 *out, u32 off, u32 len,
+                                                                   u32 flags, i32 *slot) {
+    return at_rest_fast(t, key, out, off, len, flags, slot);
+}
+
+__attribute__((noinline)) cerrno at_rest_fast_base(tabra_table *t, u32 key, u8 *out, u32 off,
+                                                   u32 len, u32 flags, i32 *slot) {
+    return at_rest_fast(t, key, out, off, len, flags, slot);
+}
+
+bool detect_avx2() {
+    __builtin_cpu_init(); /* may run before the runtime's own constructor */
+    return __builtin_cpu_supports("avx2");
+}
+
+/* Set once while the library loads, before any call. */
+const bool g_avx2 = detect_avx2();
+
 }  // namespace
 
 /* ---------------------------------------------------------------------- */
@@ -1362,69 +1447,10 @@ cerrno tabra_copy_entry_by_key(tabra_hdl_t t, u32 key, void *buf, u32 len, i32 *
     }
 }
 
-namespace {
-
-/* The result of an at-rest attempt on slot x that did not succeed, and the
- * attempts after it. */
-__attribute__((noinline)) cerrno at_rest_again(tabra_table *t, u32 key, bool keyed, u8 *buf,
-                                               u32 off, u32 len, i32 *slot, copied c, u32 x) {
-    for (u32 tries = 1; c == copied::moved && tries < kAtRestRetries; tries++) {
-        const cerrno st = lookup<false>(t, key, &x);
-        if (st != 0) return st;
-        if (x == kNoSlot) return TABRA_E_NOTFOUND;
-        c = copy_at_rest(t, x, key, keyed, buf, off, len);
-    }
-    if (c == copied::moved) return TABRA_E_WRITING;
-    if (slot != nullptr) *slot = static_cast<i32>(x);
-    if (c == copied::ok) return 0;
-    return c == copied::unkeyed ? TABRA_E_UNKEYED : TABRA_E_WRITING;
-}
-
-inline bool at_rest_args_ok(tabra_table *t, const u8 *buf, u32 off, u32 len, u32 flags) {
-    return t != nullptr && buf != nullptr && off <= t->entry_size && len <= t->entry_size - off &&
-           (flags & ~TABRA_COPY_KEYED) == 0;
-}
-
-/* tabra_copy_entry_at_rest from its start, for every case its fast path
- * leaves: hooks on, a bad argument, a table whose keys are not all in
- * bucket key % buckets. */
-__attribute__((noinline)) cerrno at_rest_general(tabra_table *t, u32 key, u8 *buf, u32 off,
-                                                 u32 len, u32 flags, i32 *slot) {
-    cerrno st = 0;
-    if (injected("tabra_copy_entry_at_rest", key, off, len, flags, &st)) return st;
-    if (!at_rest_args_ok(t, buf, off, len, flags))
-        return fail(TABRA_TP_GET_INVAL, TABRA_E_INVAL, key, 0);
-    u32 x = kNoSlot;
-    st = lookup<false>(t, key, &x);
-    if (st != 0) return st;
-    if (x == kNoSlot) return TABRA_E_NOTFOUND;
-    const bool keyed = (flags & TABRA_COPY_KEYED) != 0;
-    return at_rest_again(t, key, keyed, buf, off, len, slot,
-                         copy_at_rest(t, x, key, keyed, buf, off, len), x);
-}
-
-}  // namespace
-
-/* The fast path is all that a copy of an entry at rest runs, and calls
- * nothing: while every key of the table sits in bucket key % buckets
- * (hash_is_mod, acquire: pairs with its clearing before the first other key
- * is linked) the bucket is found without the hash function.  Every other
- * case goes to at_rest_general. */
-__attribute__((target_clones("avx2", "default"))) cerrno tabra_copy_entry_at_rest(
-    tabra_hdl_t t, u32 key, void *buf, u32 off, u32 len, u32 flags, i32 *slot) {
-    u8 *const out = static_cast<u8 *>(buf);
-    if (__builtin_expect(pm_fault_hooks_on() || !at_rest_args_ok(t, out, off, len, flags) ||
-                             !ld_acq(&hdr(t)->hash_is_mod),
-                         0))
-        return at_rest_general(t, key, out, off, len, flags, slot);
-    const u32 x = find_lockfree<false>(t, mod_bucket(t, key), key);
-    if (x == kNoSlot) return TABRA_E_NOTFOUND; /* an answer, not a fault: no trace */
-    const bool keyed = (flags & TABRA_COPY_KEYED) != 0;
-    const copied c = copy_at_rest(t, x, key, keyed, out, off, len);
-    if (__builtin_expect(c != copied::ok, 0))
-        return at_rest_again(t, key, keyed, out, off, len, slot, c, x);
-    if (slot != nullptr) *slot = static_cast<i32>(x);
-    return 0;
+cerrno tabra_copy_entry_at_rest(tabra_hdl_t t, u32 key, void *buf, u32 off, u32 len, u32 flags,
+                                i32 *slot) {
+    return g_avx2 ? at_rest_fast_avx2(t, key, static_cast<u8 *>(buf), off, len, flags, slot)
+                  : at_rest_fast_base(t, key, static_cast<u8 *>(buf), off, len, flags, slot);
 }
 
 int tabra_entry_open_here(tabra_hdl_t t, i32 slot) {
