@@ -1233,9 +1233,11 @@ __attribute__((noinline)) cerrno at_rest_again(tabra_table *t, u32 key, bool key
     return c == copied::unkeyed ? TABRA_E_UNKEYED : TABRA_E_WRITING;
 }
 
+/* A keyed copy needs entries that have a first 32-bit word. */
 inline bool at_rest_args_ok(tabra_table *t, const u8 *buf, u32 off, u32 len, u32 flags) {
     return t != nullptr && buf != nullptr && off <= t->entry_size && len <= t->entry_size - off &&
-           (flags & ~TABRA_COPY_KEYED) == 0;
+           (flags & ~TABRA_COPY_KEYED) == 0 &&
+           ((flags & TABRA_COPY_KEYED) == 0 || t->entry_size >= sizeof(u32));
 }
 
 /* tabra_copy_entry_at_rest from its start, for every case its fast path

@@ -371,6 +371,15 @@ TEST_F(TabraProtection, CopiesAtRestWriteTheBufferOnlyWithAnEntryThatCanStand) {
         EXPECT_EQ(tabra_copy_entry_at_rest(h, keyed, b, 0, 12, TABRA_COPY_KEYED, &slot), 0u)
             << "armed once";
     }
+
+    /* Entries too short to begin with a key cannot be copied keyed. */
+    tabra_params_t p = Params("K4", 2);
+    tabra_hdl_t h = OpenOrDie(p);
+    AddOrDie(h, 5);
+    ASSERT_EQ(tabra_make_shm_readonly_protected(h, &p), 0u);
+    u8 b[2] = {};
+    EXPECT_EQ(tabra_copy_entry_at_rest(h, 5, b, 0, 2, TABRA_COPY_KEYED, nullptr), TABRA_E_INVAL);
+    EXPECT_EQ(tabra_copy_entry_at_rest(h, 5, b, 0, 2, 0, nullptr), 0u);
 }
 
 }  // namespace

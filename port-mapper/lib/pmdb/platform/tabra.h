@@ -137,7 +137,9 @@ cerrno tabra_copy_entry_by_key(tabra_hdl_t table, u32 key, void *buf, u32 len, i
  * for writing (it obtained the entry from tabra_add_entry or
  * tabra_get_entry_by_key while its mapping was writable, and has not made the
  * table read-only since; a process that died so stays counted until the
- * entry is removed) or it kept changing during 64 attempts; TABRA_E_INVAL.
+ * entry is removed) or it kept changing during 64 attempts; TABRA_E_INVAL
+ * (traced) for a null handle or buffer, a range beyond the entry, unknown
+ * flags, or TABRA_COPY_KEYED on entries shorter than 4 bytes.
  * buf is written only by an attempt that found the entry at rest (and
  * keyed) when it began, so a key that is absent, unkeyed or open for writing
  * all along leaves buf as it was; an attempt that a writer overtook may leave
