@@ -234,8 +234,8 @@ inline void crash_point(int op, int point) {
 /* ---------------------------------------------------------------------- */
 /* Entry bytes.  A copy that races with a writer may be torn; the gen     */
 /* check around it throws such a copy away (a sequence-lock read).  The   */
-/* copy is a run of 16-byte moves written out here rather than a call to  */
-/* memcpy, followed by an acquire fence: the library routine's size       */
+/* copy is a run of 32- and 16-byte moves written out here rather than a  */
+/* call to memcpy, followed by an acquire fence: the library's size       */
 /* dispatch costs more than the copy at these sizes, and a short lookup   */
 /* is what lets the processor overlap the memory misses of consecutive    */
 /* lookups.  Thread-sanitizer builds, which refuse fences and would       */
@@ -1217,14 +1217,15 @@ void list_one(void *p, const char *object) {
 /* Copies at rest (tabra_copy_entry_at_rest)                              */
 /* ---------------------------------------------------------------------- */
 
-/* The result of an at-rest attempt on slot x that did not succeed, and the
- * attempts after it. */
+/* At-rest attempts after `tries` of them, the last of which ended in `c` on
+ * slot x (c == copied::moved and tries == 0 when none was made yet). */
 __attribute__((noinline)) cerrno at_rest_again(tabra_table *t, u32 key, bool keyed, u8 *buf,
-                                               u32 off, u32 len, i32 *slot, copied c, u32 x) {
-    for (u32 tries = 1; c == copied::moved && tries < kAtRestRetries; tries++) {
+                                               u32 off, u32 len, i32 *slot, copied c, u32 x,
+                                               u32 tries) {
+    for (; c == copied::moved && tries < kAtRestRetries; tries++) {
         const cerrno st = lookup<false>(t, key, &x);
         if (st != 0) return st;
-        if (x == kNoSlot) return TABRA_E_NOTFOUND;
+        if (x == kNoSlot) return TABRA_E_NOTFOUND; /* an answer, not a fault: no trace */
         c = copy_at_rest(t, x, key, keyed, buf, off, len);
     }
     if (c == copied::moved) return TABRA_E_WRITING;
@@ -1249,13 +1250,8 @@ __attribute__((noinline)) cerrno at_rest_general(tabra_table *t, u32 key, u8 *bu
     if (injected("tabra_copy_entry_at_rest", key, off, len, flags, &st)) return st;
     if (!at_rest_args_ok(t, buf, off, len, flags))
         return fail(TABRA_TP_GET_INVAL, TABRA_E_INVAL, key, 0);
-    u32 x = kNoSlot;
-    st = lookup<false>(t, key, &x);
-    if (st != 0) return st;
-    if (x == kNoSlot) return TABRA_E_NOTFOUND;
-    const bool keyed = (flags & TABRA_COPY_KEYED) != 0;
-    return at_rest_again(t, key, keyed, buf, off, len, slot,
-                         copy_at_rest(t, x, key, keyed, buf, off, len), x);
+    return at_rest_again(t, key, (flags & TABRA_COPY_KEYED) != 0, buf, off, len, slot,
+                         copied::moved, kNoSlot, 0);
 }
 
 /* The fast path is all that a copy of an entry at rest runs, and calls
@@ -1276,7 +1272,7 @@ inline __attribute__((always_inline)) cerrno at_rest_fast(tabra_table *t, u32 ke
     const bool keyed = (flags & TABRA_COPY_KEYED) != 0;
     const copied c = copy_at_rest(t, x, key, keyed, out, off, len);
     if (__builtin_expect(c != copied::ok, 0))
-        return at_rest_again(t, key, keyed, out, off, len, slot, c, x);
+        return at_rest_again(t, key, keyed, out, off, len, slot, c, x, 1);
     if (slot != nullptr) *slot = static_cast<i32>(x);
     return 0;
 }

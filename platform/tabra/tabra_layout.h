@@ -75,7 +75,8 @@
  *     key whose hash is not key % buckets is linked; it is never set again.
  *     Handles that know no hash function (attached by name only) look keys
  *     up in bucket key % buckets while it reads 1 (acquire), and by a scan
- *     of the occupied slots once it is 0.
+ *     of the occupied slots once it is 0; at-rest copies take bucket
+ *     key % buckets while it reads 1 whatever the handle knows.
  *   - Bitmap words are stored with release and read with acquire by walks;
  *     `count` is read relaxed (a hint to readers, exact under `writer`).
  *   - The intent record names the one add or remove in flight: written before
