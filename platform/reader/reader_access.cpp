@@ -345,12 +345,12 @@ u64 mono_ns() {
  * while another process's window is open on the entry, for up to
  * kAtRestWaitNs.  A window of this process is not waited for: it does not
  * close while this thread waits. */
-cerrno wait_at_rest(tabra_hdl_t table, u32 key, void *out, u32 from, u32 len, i32 slot) {
+cerrno wait_at_rest(tabra_hdl_t table, u32 key, void *out, u32 from, u32 len) {
     cerrno rc = TABRA_E_WRITING;
-    if (tabra_entry_open_here(table, slot)) return rc;
+    if (tabra_entry_open_here(table, key)) return rc;
     for (const u64 end = mono_ns() + kAtRestWaitNs; rc == TABRA_E_WRITING && mono_ns() < end;) {
         sched_yield();
-        rc = tabra_copy_entry_at_rest(table, key, out, from, len, TABRA_COPY_KEYED, nullptr);
+        rc = tabra_copy_entry_at_rest(table, key, out, from, len, TABRA_COPY_KEYED);
     }
     return rc;
 }
@@ -402,8 +402,8 @@ namespace {
 /* Everything after a first at-rest attempt that did not succeed: its result
  * `rc`, the wait for the entry to come to rest, and the locked path. */
 __attribute__((noinline)) cerrno copy_slow(pmdb_type_t type, tabra_hdl_t table, u32 key,
-                                           void *out, u32 from, u32 len, cerrno rc, i32 slot) {
-    if (rc == TABRA_E_WRITING) rc = wait_at_rest(table, key, out, from, len, slot);
+                                           void *out, u32 from, u32 len, cerrno rc) {
+    if (rc == TABRA_E_WRITING) rc = wait_at_rest(table, key, out, from, len);
     if (rc == PMDB_OK) {
         count_copy();
         return PMDB_OK;
@@ -425,10 +425,8 @@ cerrno copy(pmdb_type_t type, u32 key, void *out, u32 from, u32 len) {
     cerrno rc = ready(type);
     if (__builtin_expect(rc != PMDB_OK, 0)) return rc;
     tabra_hdl_t table = g_table[type].load(std::memory_order_acquire);
-    i32 slot = -1;
-    rc = tabra_copy_entry_at_rest(table, key, out, from, len, TABRA_COPY_KEYED, &slot);
-    if (__builtin_expect(rc != PMDB_OK, 0))
-        return copy_slow(type, table, key, out, from, len, rc, slot);
+    rc = tabra_copy_entry_at_rest(table, key, out, from, len, TABRA_COPY_KEYED);
+    if (__builtin_expect(rc != PMDB_OK, 0)) return copy_slow(type, table, key, out, from, len, rc);
     count_copy();
     return PMDB_OK;
 }

@@ -1217,19 +1217,17 @@ void list_one(void *p, const char *object) {
 /* Copies at rest (tabra_copy_entry_at_rest)                              */
 /* ---------------------------------------------------------------------- */
 
-/* At-rest attempts after `tries` of them, the last of which ended in `c` on
- * slot x (c == copied::moved and tries == 0 when none was made yet). */
+/* At-rest attempts after `tries` of them, the last of which ended in `c`
+ * (c == copied::moved and tries == 0 when none was made yet). */
 __attribute__((noinline)) cerrno at_rest_again(tabra_table *t, u32 key, bool keyed, u8 *buf,
-                                               u32 off, u32 len, i32 *slot, copied c, u32 x,
-                                               u32 tries) {
+                                               u32 off, u32 len, copied c, u32 tries) {
+    u32 x = kNoSlot;
     for (; c == copied::moved && tries < kAtRestRetries; tries++) {
         const cerrno st = lookup<false>(t, key, &x);
         if (st != 0) return st;
         if (x == kNoSlot) return TABRA_E_NOTFOUND; /* an answer, not a fault: no trace */
         c = copy_at_rest(t, x, key, keyed, buf, off, len);
     }
-    if (c == copied::moved) return TABRA_E_WRITING;
-    if (slot != nullptr) *slot = static_cast<i32>(x);
     if (c == copied::ok) return 0;
     return c == copied::unkeyed ? TABRA_E_UNKEYED : TABRA_E_WRITING;
 }
@@ -1245,13 +1243,13 @@ inline bool at_rest_args_ok(tabra_table *t, const u8 *buf, u32 off, u32 len, u32
  * leaves: hooks on, a bad argument, a table whose keys are not all in
  * bucket key % buckets. */
 __attribute__((noinline)) cerrno at_rest_general(tabra_table *t, u32 key, u8 *buf, u32 off,
-                                                 u32 len, u32 flags, i32 *slot) {
+                                                 u32 len, u32 flags) {
     cerrno st = 0;
     if (injected("tabra_copy_entry_at_rest", key, off, len, flags, &st)) return st;
     if (!at_rest_args_ok(t, buf, off, len, flags))
         return fail(TABRA_TP_GET_INVAL, TABRA_E_INVAL, key, 0);
-    return at_rest_again(t, key, (flags & TABRA_COPY_KEYED) != 0, buf, off, len, slot,
-                         copied::moved, kNoSlot, 0);
+    return at_rest_again(t, key, (flags & TABRA_COPY_KEYED) != 0, buf, off, len, copied::moved,
+                         0);
 }
 
 /* The fast path is all that a copy of an entry at rest runs, and calls
@@ -1262,30 +1260,28 @@ __attribute__((noinline)) cerrno at_rest_general(tabra_table *t, u32 key, u8 *bu
  * with 32-byte moves (half the stores of a copy), and the exported call
  * picks one. */
 inline __attribute__((always_inline)) cerrno at_rest_fast(tabra_table *t, u32 key, u8 *out,
-                                                          u32 off, u32 len, u32 flags, i32 *slot) {
+                                                          u32 off, u32 len, u32 flags) {
     if (__builtin_expect(pm_fault_hooks_on() || !at_rest_args_ok(t, out, off, len, flags) ||
                              !ld_acq(&hdr(t)->hash_is_mod),
                          0))
-        return at_rest_general(t, key, out, off, len, flags, slot);
+        return at_rest_general(t, key, out, off, len, flags);
     const u32 x = find_lockfree<false>(t, mod_bucket(t, key), key);
     if (x == kNoSlot) return TABRA_E_NOTFOUND; /* an answer, not a fault: no trace */
     const bool keyed = (flags & TABRA_COPY_KEYED) != 0;
     const copied c = copy_at_rest(t, x, key, keyed, out, off, len);
-    if (__builtin_expect(c != copied::ok, 0))
-        return at_rest_again(t, key, keyed, out, off, len, slot, c, x, 1);
-    if (slot != nullptr) *slot = static_cast<i32>(x);
+    if (__builtin_expect(c != copied::ok, 0)) return at_rest_again(t, key, keyed, out, off, len, c, 1);
     return 0;
 }
 
 __attribute__((noinline, target("avx2"))) cerrno at_rest_fast_avx2(tabra_table *t, u32 key,
                                                                    u8 *out, u32 off, u32 len,
-                                                                   u32 flags, i32 *slot) {
-    return at_rest_fast(t, key, out, off, len, flags, slot);
+                                                                   u32 flags) {
+    return at_rest_fast(t, key, out, off, len, flags);
 }
 
 __attribute__((noinline)) cerrno at_rest_fast_base(tabra_table *t, u32 key, u8 *out, u32 off,
-                                                   u32 len, u32 flags, i32 *slot) {
-    return at_rest_fast(t, key, out, off, len, flags, slot);
+                                                   u32 len, u32 flags) {
+    return at_rest_fast(t, key, out, off, len, flags);
 }
 
 bool detect_avx2() {
@@ -1445,16 +1441,17 @@ cerrno tabra_copy_entry_by_key(tabra_hdl_t t, u32 key, void *buf, u32 len, i32 *
     }
 }
 
-cerrno tabra_copy_entry_at_rest(tabra_hdl_t t, u32 key, void *buf, u32 off, u32 len, u32 flags,
-                                i32 *slot) {
-    return g_avx2 ? at_rest_fast_avx2(t, key, static_cast<u8 *>(buf), off, len, flags, slot)
-                  : at_rest_fast_base(t, key, static_cast<u8 *>(buf), off, len, flags, slot);
+cerrno tabra_copy_entry_at_rest(tabra_hdl_t t, u32 key, void *buf, u32 off, u32 len,
+                                u32 flags) {
+    return g_avx2 ? at_rest_fast_avx2(t, key, static_cast<u8 *>(buf), off, len, flags)
+                  : at_rest_fast_base(t, key, static_cast<u8 *>(buf), off, len, flags);
 }
 
-int tabra_entry_open_here(tabra_hdl_t t, i32 slot) {
-    if (t == nullptr || slot < 0 || static_cast<u32>(slot) >= TABRA_SLOTS) return 0;
+int tabra_entry_open_here(tabra_hdl_t t, u32 key) {
+    u32 x = kNoSlot;
+    if (t == nullptr || lookup(t, key, &x) != 0 || x == kNoSlot) return 0;
     /* Relaxed: a hint; the threads of this process change it under prot_lock. */
-    return ld_rlx(&t->bracket_gen[slot]) != 0 ? 1 : 0;
+    return ld_rlx(&t->bracket_gen[x]) != 0 ? 1 : 0;
 }
 
 cerrno tabra_walk(tabra_hdl_t t, tabra_walk_fn_t fn, void *ctx) {

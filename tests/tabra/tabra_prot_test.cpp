@@ -252,9 +252,10 @@ TEST_F(TabraProtection, CopiesAtRestRefuseEntriesOpenForWritingInAnyProcess) {
     u8 b[8] = {};
     i32 slot = -1;
     const auto at_rest = [&](u32 key) {
-        return tabra_copy_entry_at_rest(h, key, b, 0, sizeof b, 0, &slot);
+        return tabra_copy_entry_at_rest(h, key, b, 0, sizeof b, 0);
     };
     EXPECT_EQ(at_rest(1), TABRA_E_WRITING) << "writable from tabra_open on";
+    EXPECT_EQ(tabra_entry_open_here(h, 1), 1) << "this process obtained it writable";
     ASSERT_EQ(tabra_make_shm_readonly_protected(h, &p), 0u);
     ASSERT_EQ(at_rest(1), 0u);
     EXPECT_EQ(b[7], 0x11);
@@ -334,19 +335,18 @@ TEST_F(TabraProtection, CopiesAtRestWriteTheBufferOnlyWithAnEntryThatCanStand) {
         const auto untouched = [&] {
             return std::all_of(b, b + sizeof b, [](u8 v) { return v == 0xEE; });
         };
-        i32 slot = -1;
-        EXPECT_EQ(tabra_copy_entry_at_rest(h, absent, b, 0, 8, TABRA_COPY_KEYED, &slot),
+        EXPECT_EQ(tabra_copy_entry_at_rest(h, absent, b, 0, 8, TABRA_COPY_KEYED),
                   TABRA_E_NOTFOUND);
-        EXPECT_EQ(tabra_copy_entry_at_rest(h, unkeyed, b, 0, 8, TABRA_COPY_KEYED, &slot),
+        EXPECT_EQ(tabra_copy_entry_at_rest(h, unkeyed, b, 0, 8, TABRA_COPY_KEYED),
                   TABRA_E_UNKEYED);
-        EXPECT_EQ(tabra_copy_entry_at_rest(h, keyed, b, 4, 13, 0, &slot), TABRA_E_INVAL);
-        EXPECT_EQ(tabra_copy_entry_at_rest(h, keyed, b, 0, 8, 2, &slot), TABRA_E_INVAL);
+        EXPECT_EQ(tabra_copy_entry_at_rest(h, keyed, b, 4, 13, 0), TABRA_E_INVAL);
+        EXPECT_EQ(tabra_copy_entry_at_rest(h, keyed, b, 0, 8, 2), TABRA_E_INVAL);
         EXPECT_TRUE(untouched());
 
-        ASSERT_EQ(tabra_copy_entry_at_rest(h, keyed, b, 6, 10, TABRA_COPY_KEYED, &slot), 0u);
+        ASSERT_EQ(tabra_copy_entry_at_rest(h, keyed, b, 6, 10, TABRA_COPY_KEYED), 0u);
         for (u32 i = 0; i < 10; i++) EXPECT_EQ(b[i], 0x16 + i) << i;
         EXPECT_EQ(b[10], 0xEE) << "past len";
-        ASSERT_EQ(tabra_copy_entry_at_rest(h, unkeyed, b, 0, 1, 0, &slot), 0u) << "unkeyed asked";
+        ASSERT_EQ(tabra_copy_entry_at_rest(h, unkeyed, b, 0, 1, 0), 0u) << "unkeyed asked";
         EXPECT_EQ(b[0], 0x5A);
 
         memset(b, 0xEE, sizeof b);
@@ -359,16 +359,17 @@ TEST_F(TabraProtection, CopiesAtRestWriteTheBufferOnlyWithAnEntryThatCanStand) {
             },
             [&] { tabra_make_shm_readonly_protected(h, &p); });
         ASSERT_TRUE(writer->WaitReady());
-        EXPECT_EQ(tabra_copy_entry_at_rest(h, keyed, b, 0, 12, TABRA_COPY_KEYED, &slot),
+        EXPECT_EQ(tabra_copy_entry_at_rest(h, keyed, b, 0, 12, TABRA_COPY_KEYED),
                   TABRA_E_WRITING);
         EXPECT_TRUE(untouched());
+        EXPECT_EQ(tabra_entry_open_here(h, keyed), 0) << "open in another process";
         writer->Release();
         ASSERT_TRUE(writer->Wait().ExitedWith(0));
 
         pm_fault_set("tabra_copy_entry_at_rest", 0x77, 1);
-        EXPECT_EQ(tabra_copy_entry_at_rest(h, keyed, b, 0, 12, TABRA_COPY_KEYED, &slot), 0x77u);
+        EXPECT_EQ(tabra_copy_entry_at_rest(h, keyed, b, 0, 12, TABRA_COPY_KEYED), 0x77u);
         EXPECT_TRUE(untouched());
-        EXPECT_EQ(tabra_copy_entry_at_rest(h, keyed, b, 0, 12, TABRA_COPY_KEYED, &slot), 0u)
+        EXPECT_EQ(tabra_copy_entry_at_rest(h, keyed, b, 0, 12, TABRA_COPY_KEYED), 0u)
             << "armed once";
     }
 
@@ -378,8 +379,8 @@ TEST_F(TabraProtection, CopiesAtRestWriteTheBufferOnlyWithAnEntryThatCanStand) {
     AddOrDie(h, 5);
     ASSERT_EQ(tabra_make_shm_readonly_protected(h, &p), 0u);
     u8 b[2] = {};
-    EXPECT_EQ(tabra_copy_entry_at_rest(h, 5, b, 0, 2, TABRA_COPY_KEYED, nullptr), TABRA_E_INVAL);
-    EXPECT_EQ(tabra_copy_entry_at_rest(h, 5, b, 0, 2, 0, nullptr), 0u);
+    EXPECT_EQ(tabra_copy_entry_at_rest(h, 5, b, 0, 2, TABRA_COPY_KEYED), TABRA_E_INVAL);
+    EXPECT_EQ(tabra_copy_entry_at_rest(h, 5, b, 0, 2, 0), 0u);
 }
 
 }  // namespace

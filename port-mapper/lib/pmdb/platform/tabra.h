@@ -148,10 +148,11 @@ cerrno tabra_copy_entry_by_key(tabra_hdl_t table, u32 key, void *buf, u32 len, i
  * processor overlap the memory misses of consecutive lookups.  Lock-free;
  * never waits. */
 cerrno tabra_copy_entry_at_rest(tabra_hdl_t table, u32 key, void *buf, u32 off, u32 len,
-                                u32 flags, i32 *slot);
-/* 1 when this process is one of the writers that have the entry in `slot`
- * open (so waiting for the entry to come to rest would wait on itself). */
-int tabra_entry_open_here(tabra_hdl_t table, i32 slot);
+                                u32 flags);
+/* 1 when this process is one of the writers that have the entry of `key`
+ * open (so waiting for the entry to come to rest would wait on itself); 0
+ * also when the key is absent. */
+int tabra_entry_open_here(tabra_hdl_t table, u32 key);
 /* Calls fn for every occupied slot in ascending slot order, visiting only
  * occupied slots; entry is read-only and valid during the call (a private
  * copy: key, slot and entry always belong to one occupant of the slot).  A
