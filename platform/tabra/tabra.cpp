@@ -1269,7 +1269,8 @@ inline __attribute__((always_inline)) cerrno at_rest_fast(tabra_table *t, u32 ke
     if (x == kNoSlot) return TABRA_E_NOTFOUND; /* an answer, not a fault: no trace */
     const bool keyed = (flags & TABRA_COPY_KEYED) != 0;
     const copied c = copy_at_rest(t, x, key, keyed, out, off, len);
-    if (__builtin_expect(c != copied::ok, 0)) return at_rest_again(t, key, keyed, out, off, len, c, 1);
+    if (__builtin_expect(c != copied::ok, 0))
+        return at_rest_again(t, key, keyed, out, off, len, c, 1);
     return 0;
 }
 
