@@ -75,7 +75,9 @@
 
 #include "kemt.h"
 #include "reader_internal.h"
+#include "host/pm_fault.h"
 #include "tabra.h"
+#include "tabra_rest.h"
 #include "vorn_os.h"
 
 namespace pmdb_reader {
@@ -97,6 +99,15 @@ u32 key_hash(u32 key) { return key & 0xFFFFu; }
 
 std::atomic<tabra_hdl_t> g_table[PMDB_NUM_TYPES];
 std::atomic<dnx_pmdb_shrd_ctx_t *> g_region[PMDB_NUM_TYPES];
+
+/* What a lookup's first attempt needs of a type, in one place: a view of the
+ * table's mappings (tabra_rest.h) and the region's magic. */
+struct rest_state {
+    tabra_rest_view_t view;
+    const u32 *magic;
+};
+rest_state g_rest_state[PMDB_NUM_TYPES];
+std::atomic<const rest_state *> g_rest[PMDB_NUM_TYPES];
 pthread_mutex_t g_attach_lock = PTHREAD_MUTEX_INITIALIZER;
 std::atomic<u32> g_wait_ms{PMDB_READER_LOCK_WAIT_MS_DEFAULT};
 
@@ -285,6 +296,15 @@ cerrno attach(pmdb_type_t type) {
         if (region != nullptr) g_region[type].store(region, std::memory_order_release);
         if (region == nullptr) rc = PMDB_ENOTFOUND;
     }
+    if (rc == PMDB_OK && g_rest[type].load(std::memory_order_relaxed) == nullptr) {
+        /* Without a view (a table store of another format) every lookup
+         * takes the store's exported copy. */
+        rest_state &r = g_rest_state[type];
+        r.magic = &g_region[type].load(std::memory_order_relaxed)->magic;
+        if (tabra_rest_view(g_table[type].load(std::memory_order_relaxed), TABRA_SHM_FORMAT,
+                            &r.view) == 0)
+            g_rest[type].store(&r, std::memory_order_release);
+    }
     pthread_mutex_unlock(&g_attach_lock);
     return rc;
 }
@@ -401,8 +421,8 @@ namespace {
 
 /* Everything after a first at-rest attempt that did not succeed: its result
  * `rc`, the wait for the entry to come to rest, and the locked path. */
-__attribute__((noinline)) cerrno copy_slow(pmdb_type_t type, tabra_hdl_t table, u32 key,
-                                           void *out, u32 from, u32 len, cerrno rc) {
+cerrno copy_slow(pmdb_type_t type, tabra_hdl_t table, u32 key, void *out, u32 from, u32 len,
+                 cerrno rc) {
     if (rc == TABRA_E_WRITING) rc = wait_at_rest(table, key, out, from, len);
     if (rc == PMDB_OK) {
         count_copy();
@@ -416,19 +436,69 @@ __attribute__((noinline)) cerrno copy_slow(pmdb_type_t type, tabra_hdl_t table, 
                        copy_len);
 }
 
-}  // namespace
-
-/* The lock-free path's first attempt is all a lookup of an entry at rest
- * runs; it is kept short, since a lookup's length decides how many of them
- * the processor overlaps. */
-cerrno copy(pmdb_type_t type, u32 key, void *out, u32 from, u32 len) {
+/* A copy through the table store's exported calls only: the first use of a
+ * type, fault hooks on, a table without a view, a first attempt that a
+ * writer overtook, keys outside bucket key % buckets. */
+__attribute__((noinline)) cerrno copy_general(pmdb_type_t type, u32 key, void *out, u32 from,
+                                              u32 len) {
     cerrno rc = ready(type);
-    if (__builtin_expect(rc != PMDB_OK, 0)) return rc;
+    if (rc != PMDB_OK) return rc;
     tabra_hdl_t table = g_table[type].load(std::memory_order_acquire);
     rc = tabra_copy_entry_at_rest(table, key, out, from, len, TABRA_COPY_KEYED);
-    if (__builtin_expect(rc != PMDB_OK, 0)) return copy_slow(type, table, key, out, from, len, rc);
+    if (rc == PMDB_OK) {
+        count_copy();
+        return PMDB_OK;
+    }
+    return copy_slow(type, table, key, out, from, len, rc);
+}
+
+/* A first attempt on the view that did not succeed. */
+__attribute__((noinline)) cerrno copy_after(pmdb_type_t type, u32 key, void *out, u32 from,
+                                            u32 len, tabra_rest::copied c) {
+    using tabra_rest::copied;
+    if (c == copied::absent || c == copied::unkeyed) return PMDB_ENOTFOUND;
+    if (c != copied::writing) return copy_general(type, key, out, from, len);
+    return copy_slow(type, g_table[type].load(std::memory_order_acquire), key, out, from, len,
+                     TABRA_E_WRITING);
+}
+
+/* The first attempt on the table's view is all a lookup of an entry at rest
+ * runs, inline and without a call: how many lookups the processor overlaps
+ * depends on it (tabra_rest.h).  g_rest is loaded with acquire: it pairs
+ * with its publication after the table and region were reached; the
+ * region's magic with acquire as in ready(). */
+inline __attribute__((always_inline)) cerrno copy_fast(pmdb_type_t type, u32 key, void *out,
+                                                       u32 from, u32 len) {
+    const rest_state *r = valid_type(type) ? g_rest[type].load(std::memory_order_acquire) : nullptr;
+    if (__builtin_expect(r == nullptr || pm_fault_hooks_on() ||
+                             __atomic_load_n(r->magic, __ATOMIC_ACQUIRE) != PMDB_SHRD_CTX_MAGIC,
+                         0))
+        return copy_general(type, key, out, from, len);
+    const tabra_rest::copied c =
+        tabra_rest::attempt(r->view, key, true, static_cast<u8 *>(out), from, len);
+    if (__builtin_expect(c != tabra_rest::copied::ok, 0))
+        return copy_after(type, key, out, from, len, c);
     count_copy();
     return PMDB_OK;
+}
+
+__attribute__((noinline, target("avx2"))) cerrno copy_avx2(pmdb_type_t type, u32 key, void *out,
+                                                           u32 from, u32 len) {
+    return copy_fast(type, key, out, from, len);
+}
+
+__attribute__((noinline)) cerrno copy_base(pmdb_type_t type, u32 key, void *out, u32 from,
+                                           u32 len) {
+    return copy_fast(type, key, out, from, len);
+}
+
+/* Set once while the library loads, before any call. */
+const bool g_avx2 = tabra_rest::has_avx2();
+
+}  // namespace
+
+cerrno copy(pmdb_type_t type, u32 key, void *out, u32 from, u32 len) {
+    return g_avx2 ? copy_avx2(type, key, out, from, len) : copy_base(type, key, out, from, len);
 }
 
 namespace {

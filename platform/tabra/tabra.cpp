@@ -49,12 +49,21 @@
 #include "host/os_host.h"
 #include "host/pm_fault.h"
 #include "tabra_layout.h"
+#include "tabra_rest.h"
 #include "vesk.h"
 #include "vorn_os.h"
 
 namespace {
 
-constexpr u32 kNoSlot = 0xFFFFFFFFu;
+using tabra_rest::copied;
+using tabra_rest::kNoSlot;
+using tabra_rest::ld_acq;
+using tabra_rest::ld_rlx;
+using tabra_rest::occ_brackets;
+using tabra_rest::occ_gen;
+using tabra_rest::word_head;
+using tabra_rest::word_seq;
+
 constexpr size_t kPage = 4096;
 constexpr u32 kProtPageLimit = 64; /* pages per window before going whole */
 constexpr u32 kWalkRetries = 64;   /* copies of one slot before it is skipped */
@@ -66,14 +75,6 @@ constexpr u64 kMaxBrackets = TABRA_OCC_BRACKET_MASK >> TABRA_OCC_BRACKET_SHIFT;
 /* ---------------------------------------------------------------------- */
 
 template <class T>
-inline T ld_acq(const T *p) {
-    return __atomic_load_n(p, __ATOMIC_ACQUIRE);
-}
-template <class T>
-inline T ld_rlx(const T *p) {
-    return __atomic_load_n(p, __ATOMIC_RELAXED);
-}
-template <class T>
 inline void st_rel(T *p, T v) {
     __atomic_store_n(p, v, __ATOMIC_RELEASE);
 }
@@ -82,23 +83,10 @@ inline void st_rlx(T *p, T v) {
     __atomic_store_n(p, v, __ATOMIC_RELAXED);
 }
 
-inline u32 word_head(u64 w) {
-    return static_cast<u32>(w);
-}
-inline u32 word_seq(u64 w) {
-    return static_cast<u32>(w >> 32);
-}
 inline u64 make_word(u32 seq, u32 head) {
     return (static_cast<u64>(seq) << 32) | head;
 }
 
-/* Fields of a slot's occupancy word (tabra_layout.h). */
-inline u32 occ_gen(u64 w) {
-    return static_cast<u32>(w & TABRA_OCC_GEN_MASK);
-}
-inline u64 occ_brackets(u64 w) {
-    return (w & TABRA_OCC_BRACKET_MASK) >> TABRA_OCC_BRACKET_SHIFT;
-}
 /* One compare-and-swap of occ from *seen to want; *seen is reloaded on
  * failure.  Acquire-release: a bracket's increment stays before the entry
  * stores that follow it, its decrement after those before it. */
@@ -133,6 +121,7 @@ struct tabra_table {
     u32 *bracket_gen;            /* per slot: gen of this process's open bracket, 0 none */
     u32 *bracket_slot;           /* the slots with an open bracket */
     u32 nbracket;
+    tabra_rest_view_t rest; /* set with the mappings, never changed */
 };
 
 namespace {
@@ -231,69 +220,6 @@ inline void crash_point(int op, int point) {
     crash_slow(op, point);
 }
 
-/* ---------------------------------------------------------------------- */
-/* Entry bytes.  A copy that races with a writer may be torn; the gen     */
-/* check around it throws such a copy away (a sequence-lock read).  The   */
-/* copy is a run of 32- and 16-byte moves written out here rather than a  */
-/* call to memcpy, followed by an acquire fence: the library's size       */
-/* dispatch costs more than the copy at these sizes, and a short lookup   */
-/* is what lets the processor overlap the memory misses of consecutive    */
-/* lookups.  Thread-sanitizer builds, which refuse fences and would       */
-/* report the benign race, copy word by word with acquire loads instead.  */
-/* The store's own entry stores are release stores, so a copy that saw    */
-/* one of them also sees the gen flip made before it.                     */
-/* ---------------------------------------------------------------------- */
-
-#if defined(__SANITIZE_THREAD__)
-#define TABRA_WORDWISE_COPY 1
-#elif defined(__has_feature)
-#if __has_feature(thread_sanitizer)
-#define TABRA_WORDWISE_COPY 1
-#endif
-#endif
-
-#ifndef TABRA_WORDWISE_COPY
-typedef unsigned char chunk16 __attribute__((vector_size(16), aligned(1), may_alias));
-
-inline __attribute__((always_inline)) void move16(u8 *dst, const u8 *src) {
-    *reinterpret_cast<chunk16 *>(dst) = *reinterpret_cast<const chunk16 *>(src);
-}
-
-typedef unsigned char chunk32 __attribute__((vector_size(32), aligned(1), may_alias));
-
-/* 64 bytes: two 32-byte loads, then two stores (four of each where the
- * processor has no 32-byte moves). */
-inline __attribute__((always_inline)) void move64(u8 *dst, const u8 *src) {
-    const chunk32 a = *reinterpret_cast<const chunk32 *>(src);
-    const chunk32 b = *reinterpret_cast<const chunk32 *>(src + 32);
-    *reinterpret_cast<chunk32 *>(dst) = a;
-    *reinterpret_cast<chunk32 *>(dst + 32) = b;
-}
-#endif
-
-inline __attribute__((always_inline)) void copy_out(u8 *dst, const u8 *src, u32 len) {
-#ifdef TABRA_WORDWISE_COPY
-    u32 i = 0;
-    for (; i + 8 <= len; i += 8) {
-        const u64 v = ld_acq(reinterpret_cast<const u64 *>(src + i));
-        memcpy(dst + i, &v, 8);
-    }
-    for (; i < len; i++) dst[i] = ld_acq(src + i);
-#else
-    if (len >= 16) {
-        /* Whole blocks and chunks, then one last chunk that ends at len (it
-         * may cover bytes already moved, with the same values). */
-        u32 i = 0;
-        for (; i + 64 <= len; i += 64) move64(dst + i, src + i);
-        for (; i + 16 <= len; i += 16) move16(dst + i, src + i);
-        if (i < len) move16(dst + len - 16, src + len - 16);
-    } else {
-        for (u32 i = 0; i < len; i++) dst[i] = src[i];
-    }
-    __atomic_thread_fence(__ATOMIC_ACQUIRE); /* the gen load that follows stays after the copy */
-#endif
-}
-
 void zero_entry(tabra_table *t, u32 slot) {
     u64 *p = reinterpret_cast<u64 *>(t->alias + static_cast<size_t>(slot) * t->stride);
     for (u32 i = 0; i < t->stride / 8; i++) st_rel(p + i, u64{0});
@@ -302,42 +228,6 @@ void zero_entry(tabra_table *t, u32 slot) {
 /* ---------------------------------------------------------------------- */
 /* Index walks                                                            */
 /* ---------------------------------------------------------------------- */
-
-/* Starts loading the entry of slot x while its slot record is still on its
- * way: a caller that hands the entry out (to be written or read in place)
- * then waits for memory about twice (bucket, then record and entry
- * together) instead of three times. */
-inline void prefetch_entry(tabra_table *t, u32 x) {
-    const u8 *p = entry_at(t, x);
-    const u8 *const end = p + t->entry_size;
-    for (; p < end; p += 64) __builtin_prefetch(p);
-}
-
-/* Lock-free lookup: the slot holding key in bucket b, or kNoSlot.  Retries
- * while the bucket's sequence moves under the walk; never waits.  With
- * kPrefetch the entry starts loading as soon as the chain's head is known
- * (callers that go on to write it); a copy right behind the lookup has its
- * loads issued early by the processor anyway. */
-template <bool kPrefetch>
-inline __attribute__((always_inline)) u32 find_lockfree(tabra_table *t, u32 b, u32 key) {
-    tabra_slot_meta_t *m = slots(t);
-    for (;;) {
-        const u64 w1 = ld_acq(&buckets(t)[b]);
-        u32 cur = word_head(w1);
-        if (kPrefetch && cur != 0 && cur <= TABRA_SLOTS) prefetch_entry(t, cur - 1);
-        u32 found = kNoSlot;
-        for (u32 steps = 0; cur != 0 && cur <= TABRA_SLOTS && steps < TABRA_SLOTS; steps++) {
-            const tabra_slot_meta_t *s = &m[cur - 1];
-            if (ld_acq(&s->key) == key && ld_acq(&s->state) == TABRA_SLOT_LINKED) {
-                found = cur - 1;
-                break;
-            }
-            cur = ld_acq(&s->next);
-        }
-        /* Every load above is acquire, so this one cannot be done earlier. */
-        if (word_seq(ld_rlx(&buckets(t)[b])) == word_seq(w1)) return found;
-    }
-}
 
 /* Under `writer`: the slot of key in bucket b and its predecessor in the
  * chain (kNoSlot when it is the head); false when absent. */
@@ -871,6 +761,9 @@ cerrno map_entries(int fd, tabra_table *t, bool writable) {
     }
     t->entries = static_cast<u8 *>(e);
     t->alias = static_cast<u8 *>(a);
+    const tabra_shm_hdr_t *h = hdr(t);
+    t->rest = tabra_rest_view_t{buckets(t), slots(t), t->entries, &h->hash_is_mod,
+                                h->buckets,  t->stride, t->entry_size, 0};
     t->whole_rw = writable ? 1 : 0;
     return 0;
 }
@@ -994,12 +887,6 @@ u32 find_by_scan(tabra_table *t, u32 key) {
     return kNoSlot;
 }
 
-/* key % buckets, without a division when buckets is a power of two. */
-inline u32 mod_bucket(tabra_table *t, u32 key) {
-    const u32 n = hdr(t)->buckets;
-    return (n & (n - 1)) == 0 ? key & (n - 1) : key % n;
-}
-
 /* Lock-free lookup for readers: the slot of key or kNoSlot in *x.  Inlined
  * into each reading call: a lookup's length decides how many of them the
  * processor keeps in flight. */
@@ -1011,16 +898,14 @@ inline __attribute__((always_inline)) cerrno lookup(tabra_table *t, u32 key, u32
         if (__builtin_expect(b >= hdr(t)->buckets, 0))
             return fail(TABRA_TP_GET_INVAL, TABRA_E_INVAL, key, b);
     } else if (ld_acq(&hdr(t)->hash_is_mod)) {
-        b = mod_bucket(t, key);
+        b = tabra_rest::mod_bucket(t->rest, key);
     } else {
         *x = find_by_scan(t, key);
         return 0;
     }
-    *x = find_lockfree<kPrefetch>(t, b, key);
+    *x = tabra_rest::find<kPrefetch>(t->rest, b, key);
     return 0;
 }
-
-enum class copied { ok, moved, writing, unkeyed };
 
 /* Copies slot x's entry when it holds one occupant, key's unless any_key,
  * all along the copy: ok, or moved when the occupant changed meanwhile. */
@@ -1031,29 +916,10 @@ copied copy_occupant(tabra_table *t, u32 x, u32 key, bool any_key, u8 *buf, u32 
     if (occ_gen(w1) % 2 == 0) return copied::moved;
     const u32 k = ld_acq(&s->key);
     if (!any_key && k != key) return copied::moved;
-    copy_out(buf, entry_at(t, x), len); /* the next load stays after the copy */
+    tabra_rest::copy_out(buf, entry_at(t, x), len); /* the next load stays after the copy */
     if (occ_gen(ld_rlx(&s->occ)) != occ_gen(w1)) return copied::moved;
     *key_out = k;
     return copied::ok;
-}
-
-/* Copies bytes [off, off + len) of slot x's entry when it is key's and at
- * rest (tabra_layout.h) all along: ok; moved when the word moved during the
- * copy; writing when a bracket is open; unkeyed when `keyed` and the entry
- * does not begin with key.  buf is not written unless the word showed the
- * entry at rest, keyed as asked, before the copy. */
-inline __attribute__((always_inline)) copied copy_at_rest(tabra_table *t, u32 x, u32 key,
-                                                          bool keyed, u8 *buf, u32 off, u32 len) {
-    const tabra_slot_meta_t *s = &slots(t)[x];
-    const u8 *entry = entry_at(t, x);
-    const u64 w1 = ld_acq(&s->occ);
-    if (occ_gen(w1) % 2 == 0 || ld_acq(&s->key) != key) return copied::moved;
-    if (occ_brackets(w1) != 0) return copied::writing;
-    /* Entries are 8-byte aligned, so the first word loads whole. */
-    if (keyed && ld_acq(reinterpret_cast<const u32 *>(entry)) != key)
-        return ld_rlx(&s->occ) == w1 ? copied::unkeyed : copied::moved;
-    copy_out(buf, entry + off, len);
-    return ld_rlx(&s->occ) == w1 ? copied::ok : copied::moved;
 }
 
 /* ---------------------------------------------------------------------- */
@@ -1226,7 +1092,7 @@ __attribute__((noinline)) cerrno at_rest_again(tabra_table *t, u32 key, bool key
         const cerrno st = lookup<false>(t, key, &x);
         if (st != 0) return st;
         if (x == kNoSlot) return TABRA_E_NOTFOUND; /* an answer, not a fault: no trace */
-        c = copy_at_rest(t, x, key, keyed, buf, off, len);
+        c = tabra_rest::copy_at_rest(t->rest, x, key, keyed, buf, off, len);
     }
     if (c == copied::ok) return 0;
     return c == copied::unkeyed ? TABRA_E_UNKEYED : TABRA_E_WRITING;
@@ -1253,25 +1119,20 @@ __attribute__((noinline)) cerrno at_rest_general(tabra_table *t, u32 key, u8 *bu
 }
 
 /* The fast path is all that a copy of an entry at rest runs, and calls
- * nothing: while every key of the table sits in bucket key % buckets
- * (hash_is_mod, acquire: pairs with its clearing before the first other key
- * is linked) the bucket is found without the hash function.  Every other
- * case goes to at_rest_general.  It is compiled twice, once for processors
- * with 32-byte moves (half the stores of a copy), and the exported call
- * picks one. */
+ * nothing: one attempt through bucket key % buckets (tabra_rest.h).  Every
+ * other case goes to at_rest_general.  It is compiled twice, once for
+ * processors with 32-byte moves (half the stores of a copy), and the
+ * exported call picks one. */
 inline __attribute__((always_inline)) cerrno at_rest_fast(tabra_table *t, u32 key, u8 *out,
                                                           u32 off, u32 len, u32 flags) {
-    if (__builtin_expect(pm_fault_hooks_on() || !at_rest_args_ok(t, out, off, len, flags) ||
-                             !ld_acq(&hdr(t)->hash_is_mod),
-                         0))
+    if (__builtin_expect(pm_fault_hooks_on() || !at_rest_args_ok(t, out, off, len, flags), 0))
         return at_rest_general(t, key, out, off, len, flags);
-    const u32 x = find_lockfree<false>(t, mod_bucket(t, key), key);
-    if (x == kNoSlot) return TABRA_E_NOTFOUND; /* an answer, not a fault: no trace */
     const bool keyed = (flags & TABRA_COPY_KEYED) != 0;
-    const copied c = copy_at_rest(t, x, key, keyed, out, off, len);
-    if (__builtin_expect(c != copied::ok, 0))
-        return at_rest_again(t, key, keyed, out, off, len, c, 1);
-    return 0;
+    const copied c = tabra_rest::attempt(t->rest, key, keyed, out, off, len);
+    if (__builtin_expect(c == copied::ok, 1)) return 0;
+    if (c == copied::absent) return TABRA_E_NOTFOUND; /* an answer, not a fault: no trace */
+    if (c == copied::general) return at_rest_general(t, key, out, off, len, flags);
+    return at_rest_again(t, key, keyed, out, off, len, c, 1);
 }
 
 __attribute__((noinline, target("avx2"))) cerrno at_rest_fast_avx2(tabra_table *t, u32 key,
@@ -1285,13 +1146,8 @@ __attribute__((noinline)) cerrno at_rest_fast_base(tabra_table *t, u32 key, u8 *
     return at_rest_fast(t, key, out, off, len, flags);
 }
 
-bool detect_avx2() {
-    __builtin_cpu_init(); /* may run before the runtime's own constructor */
-    return __builtin_cpu_supports("avx2");
-}
-
 /* Set once while the library loads, before any call. */
-const bool g_avx2 = detect_avx2();
+const bool g_avx2 = tabra_rest::has_avx2();
 
 }  // namespace
 
@@ -1446,6 +1302,13 @@ cerrno tabra_copy_entry_at_rest(tabra_hdl_t t, u32 key, void *buf, u32 off, u32 
                                 u32 flags) {
     return g_avx2 ? at_rest_fast_avx2(t, key, static_cast<u8 *>(buf), off, len, flags)
                   : at_rest_fast_base(t, key, static_cast<u8 *>(buf), off, len, flags);
+}
+
+cerrno tabra_rest_view(tabra_hdl_t t, u32 format, tabra_rest_view_t *out) {
+    if (t == nullptr || out == nullptr) return TABRA_E_INVAL;
+    if (format != TABRA_SHM_FORMAT) return TABRA_E_MISMATCH;
+    *out = t->rest;
+    return 0;
 }
 
 int tabra_entry_open_here(tabra_hdl_t t, u32 key) {
