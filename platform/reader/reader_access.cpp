@@ -170,11 +170,24 @@ __attribute__((noinline)) tally *tally_start() {
     return t;
 }
 
-void count_copy() {
-    tally *t = t_tally;
-    if (__builtin_expect(t == nullptr, 0)) t = tally_start();
-    if (t == nullptr) return;
+void add_copy(tally *t) {
     t->copies.store(t->copies.load(std::memory_order_relaxed) + 1, std::memory_order_relaxed);
+}
+
+/* This thread's first copy: its tally is made now.  PMDB_OK. */
+__attribute__((noinline)) cerrno count_first_copy() {
+    tally *t = tally_start();
+    if (t != nullptr) add_copy(t);
+    return PMDB_OK;
+}
+
+/* Counts a successful copy and returns PMDB_OK; the first one of a thread is
+ * a tail call, so a lookup's hot path calls nothing. */
+inline __attribute__((always_inline)) cerrno counted_copy() {
+    tally *t = t_tally;
+    if (__builtin_expect(t == nullptr, 0)) return count_first_copy();
+    add_copy(t);
+    return PMDB_OK;
 }
 
 u64 total_copies() {
@@ -351,8 +364,7 @@ namespace {
  * caller. */
 cerrno deliver(const unsigned char *local, void *out, u32 from, u32 len) {
     memcpy(out, local + from, len);
-    count_copy();
-    return PMDB_OK;
+    return counted_copy();
 }
 
 u64 mono_ns() {
@@ -424,10 +436,7 @@ namespace {
 cerrno copy_slow(pmdb_type_t type, tabra_hdl_t table, u32 key, void *out, u32 from, u32 len,
                  cerrno rc) {
     if (rc == TABRA_E_WRITING) rc = wait_at_rest(table, key, out, from, len);
-    if (rc == PMDB_OK) {
-        count_copy();
-        return PMDB_OK;
-    }
+    if (rc == PMDB_OK) return counted_copy();
     if (rc == TABRA_E_NOTFOUND || rc == TABRA_E_UNKEYED) return PMDB_ENOTFOUND;
     if (rc != TABRA_E_WRITING) return rc;
     /* The record's key field (its first bytes) comes along to be checked. */
@@ -445,10 +454,7 @@ __attribute__((noinline)) cerrno copy_general(pmdb_type_t type, u32 key, void *o
     if (rc != PMDB_OK) return rc;
     tabra_hdl_t table = g_table[type].load(std::memory_order_acquire);
     rc = tabra_copy_entry_at_rest(table, key, out, from, len, TABRA_COPY_KEYED);
-    if (rc == PMDB_OK) {
-        count_copy();
-        return PMDB_OK;
-    }
+    if (rc == PMDB_OK) return counted_copy();
     return copy_slow(type, table, key, out, from, len, rc);
 }
 
@@ -478,8 +484,7 @@ inline __attribute__((always_inline)) cerrno copy_fast(pmdb_type_t type, u32 key
         tabra_rest::attempt(r->view, key, true, static_cast<u8 *>(out), from, len);
     if (__builtin_expect(c != tabra_rest::copied::ok, 0))
         return copy_after(type, key, out, from, len, c);
-    count_copy();
-    return PMDB_OK;
+    return counted_copy();
 }
 
 __attribute__((noinline, target("avx2"))) cerrno copy_avx2(pmdb_type_t type, u32 key, void *out,
@@ -492,6 +497,16 @@ __attribute__((noinline)) cerrno copy_base(pmdb_type_t type, u32 key, void *out,
     return copy_fast(type, key, out, from, len);
 }
 
+template <part P>
+__attribute__((noinline, target("avx2"))) cerrno fixed_avx2(u32 key, void *out) {
+    return copy_fast(P.type, key, out, P.from, P.len);
+}
+
+template <part P>
+__attribute__((noinline)) cerrno fixed_base(u32 key, void *out) {
+    return copy_fast(P.type, key, out, P.from, P.len);
+}
+
 /* Set once while the library loads, before any call. */
 const bool g_avx2 = tabra_rest::has_avx2();
 
@@ -500,6 +515,17 @@ const bool g_avx2 = tabra_rest::has_avx2();
 cerrno copy(pmdb_type_t type, u32 key, void *out, u32 from, u32 len) {
     return g_avx2 ? copy_avx2(type, key, out, from, len) : copy_base(type, key, out, from, len);
 }
+
+template <part P>
+cerrno copy_fixed(u32 key, void *out) {
+    static_assert(P.from + P.len <= kEntrySize[P.type], "part within the entry");
+    return g_avx2 ? fixed_avx2<P>(key, out) : fixed_base<P>(key, out);
+}
+
+template cerrno copy_fixed<kIfhInfo>(u32, void *);
+template cerrno copy_fixed<kPuntInfo>(u32, void *);
+template cerrno copy_fixed<kOamEntry>(u32, void *);
+template cerrno copy_fixed<kMemberCount>(u32, void *);
 
 namespace {
 

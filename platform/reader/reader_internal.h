@@ -6,6 +6,8 @@
 #ifndef PMDB_READER_INTERNAL_H
 #define PMDB_READER_INTERNAL_H
 
+#include <stddef.h>
+
 #include "pmdb.h"
 #include "pmdb_reader.h"
 
@@ -22,12 +24,34 @@ u32 entry_size(pmdb_type_t type);
  * not exist yet or the region has no magic, or a table-store status. */
 cerrno ready(pmdb_type_t type);
 
-/* Bytes [from, from + len) (within the entry size) of a consistent copy of
- * the entry of `key`, into `out`.  0, PMDB_ENOTFOUND, PMDB_EBUSY or a
+/* Bytes [from, from + len) of a consistent copy of the entry of `key`, into
+ * `out`.  REQUIRES: from + len within the entry size of `type`.  0, PMDB_ENOTFOUND, PMDB_EBUSY or a
  * table-store status.  `out` is left as it was when the key is absent or
  * its record does not hold its key; it may hold part of the entry after a
  * failure that a writer caused while the entry was being copied. */
 cerrno copy(pmdb_type_t type, u32 key, void *out, u32 from, u32 len);
+
+/* A fixed part of one type's entries: what a single-entry lookup copies. */
+struct part {
+    pmdb_type_t type;
+    u32 from;
+    u32 len;
+};
+/* The interface and punt blocks of an IFH or PUNT entry (adjacent in both
+ * records), a whole OAM entry, a bundle's member count. */
+constexpr part kIfhInfo{PMDB_TYPE_IFH, offsetof(pmdb_ifh_entry_t, intf_info),
+                        PMDB_READER_INFO_COPY_SIZE};
+constexpr part kPuntInfo{PMDB_TYPE_PUNT, offsetof(pmdb_punt_entry_t, intf_info),
+                         PMDB_READER_INFO_COPY_SIZE};
+constexpr part kOamEntry{PMDB_TYPE_OAM, 0, PMDB_OAM_ENTRY_SIZE};
+constexpr part kMemberCount{PMDB_TYPE_IFH, offsetof(pmdb_ifh_entry_t, member_count),
+                            sizeof(pmdb_ifh_entry_t::member_count)};
+
+/* copy() of part P, instantiated in reader_access.cpp for each part above:
+ * with the type and range known, a lookup of an entry at rest keeps all it
+ * needs in registers. */
+template <part P>
+cerrno copy_fixed(u32 key, void *out);
 
 /* Match rule of a scan for the entry stored under `key`.  `entry` is either
  * the live table memory (read without a lock, as a pre-filter: every field

@@ -130,6 +130,13 @@ cerrno copy_part(pmdb_type_t type, u32 key, void *buf, size_t from, size_t len) 
     return pmdb_reader::copy(type, key, buf, static_cast<u32>(from), static_cast<u32>(len));
 }
 
+/* Copies part P of the entry of `key`. */
+template <pmdb_reader::part P>
+cerrno copy_fixed_part(u32 key, void *buf) {
+    if (buf == nullptr || key == 0) return PMDB_EINVAL;
+    return pmdb_reader::copy_fixed<P>(key, buf);
+}
+
 /* The interface and punt blocks are adjacent in both entry records. */
 static_assert(offsetof(pmdb_ifh_entry_t, punt_info) ==
                   offsetof(pmdb_ifh_entry_t, intf_info) + sizeof(pmdb_intf_info_t),
@@ -162,25 +169,23 @@ extern "C" {
 
 PMDB_EXPORT cerrno dpa_pmdb_get_ifh_entry_by_key(u32 ifh, void *buf, u32 arg3, u32 arg4) {
     if (arg3 != 0 || arg4 != 0) return PMDB_EINVAL;
-    return copy_part(PMDB_TYPE_IFH, ifh, buf, offsetof(pmdb_ifh_entry_t, intf_info),
-                     PMDB_READER_INFO_COPY_SIZE);
+    return copy_fixed_part<pmdb_reader::kIfhInfo>(ifh, buf);
 }
 
 PMDB_EXPORT cerrno dpa_pmdb_get_punt_entry_by_key(u32 key, void *buf) {
-    return copy_part(PMDB_TYPE_PUNT, key, buf, offsetof(pmdb_punt_entry_t, intf_info),
-                     PMDB_READER_INFO_COPY_SIZE);
+    return copy_fixed_part<pmdb_reader::kPuntInfo>(key, buf);
 }
 
 PMDB_EXPORT cerrno dpa_pmdb_get_oam_entry_by_key(u32 key, pmdb_oam_entry_t *buf) {
-    return copy_part(PMDB_TYPE_OAM, key, buf, 0, sizeof *buf);
+    return copy_fixed_part<pmdb_reader::kOamEntry>(key, buf);
 }
 
 PMDB_EXPORT cerrno dpa_pmdb_get_num_members(u8 *count, u32 bundle_ifh) {
     /* Through a local byte: callers read *count whatever the result, so it
      * changes only on success, even when the bundle is removed meanwhile. */
     u8 n = 0;
-    const cerrno rc = copy_part(PMDB_TYPE_IFH, bundle_ifh, count == nullptr ? nullptr : &n,
-                                offsetof(pmdb_ifh_entry_t, member_count), sizeof n);
+    const cerrno rc =
+        copy_fixed_part<pmdb_reader::kMemberCount>(bundle_ifh, count == nullptr ? nullptr : &n);
     if (rc == PMDB_OK) *count = n;
     return rc;
 }

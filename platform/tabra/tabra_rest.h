@@ -175,7 +175,9 @@ inline __attribute__((always_inline)) void copy_out(u8 *dst, const u8 *src, u32 
         /* Whole blocks and chunks, then one last chunk that ends at len (it
          * may cover bytes already moved, with the same values). */
         u32 i = 0;
+#pragma GCC unroll 8
         for (; i + 64 <= len; i += 64) move64(dst + i, src + i);
+#pragma GCC unroll 4
         for (; i + 16 <= len; i += 16) move16(dst + i, src + i);
         if (i < len) move16(dst + len - 16, src + len - 16);
     } else {
