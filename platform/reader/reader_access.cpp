@@ -7,13 +7,16 @@
  * zeroed here), whose entry_lock[slot] is the lock writers hold while they
  * change the entry in that slot.
  *
- * Copy protocol (copy()).  First the lock-free path: the table store copies
- * the entry "at rest" straight into the caller's buffer, which it vouches
- * for when no process has had the entry open for writing during the copy
- * (every writer obtains the entry from the store while its mapping is
- * writable, and the store counts that until the writer's next protection
- * call).  The store also checks that the record holds its key (see
- * written()): one that does not is missing, and the buffer is not touched.
+ * Copy protocol (copy(), copy_fixed()).  First the lock-free path: the entry
+ * is copied "at rest" straight into the caller's buffer, which counts when no
+ * process has had the entry open for writing during the copy (every writer
+ * obtains the entry from the store while its mapping is writable, and the
+ * store counts that until the writer's next protection call).  The first
+ * attempt runs inline here, on the table's view (tabra_rest.h), so that a
+ * lookup of an entry at rest makes no call at all; every later attempt goes
+ * through the store's exported copy.  Both check that the record holds its
+ * key (see written()): one that does not is missing, and the buffer is not
+ * touched.
  * Copying straight into the caller's buffer, rather than into a local one
  * first, halves the bytes a lookup stores; the price is that an attempt
  * overtaken by a writer may leave part of the entry in the buffer, which
@@ -51,6 +54,9 @@
  *   - g_table[t], g_region[t]: null until attached / mapped, then set once
  *     (release) under g_attach_lock and never changed; the fast path's
  *     acquire loads pair with those stores.  Neither is ever unmapped.
+ *   - g_rest[t]: null until both are set and the store gave a view, then
+ *     points (release, under g_attach_lock) at g_rest_state[t], written
+ *     only before that store and never again.
  *   - region magic: read with acquire; pairs with the creator's store of the
  *     magic after zeroing the region.
  *   - g_wait_ms and the counters of rare events: relaxed; they order

@@ -3,7 +3,9 @@
  * memory, found by hashed 32-bit key, with per-process write protection.
  *
  * The shared format, and who may store what under which lock, is in
- * tabra_layout.h.  This file adds the process-local side:
+ * tabra_layout.h; the lock-free lookup and the copy of an entry at rest,
+ * which the reader library also compiles, are in tabra_rest.h.  This file
+ * adds the process-local side:
  *
  *   - `g_tables` (registry of this process's handles) is guarded by
  *     `g_tables_lock`; handles are never freed, so a handle pointer stays
