@@ -49,6 +49,14 @@
  * retired: the entry is being removed; not recoverable) is not waited on: the
  * key is looked up again after a short pause until the entry is gone (not
  * found) or the wait bound has passed (busy).
+ * Open gap: step 1a checks the record and the lock before step 2 takes it,
+ * and nothing keeps the slot between the two.  A writer can meanwhile
+ * remove the entry, add another key in the same slot and re-initialise its
+ * lock (zeroed, then initialised); a lock call that reads the lock's kind
+ * while it is zero takes the plain-mutex path, which can sleep on a private
+ * futex until the wait bound (seen under heavy load: busy after the whole
+ * bound) or leave a bogus owner in the futex word.  Closing it needs the
+ * table store to keep a slot from re-use while a reader is in step 2.
  *
  * Concurrency contract of this file:
  *   - g_table[t], g_region[t]: null until attached / mapped, then set once
