@@ -501,16 +501,6 @@ inline __attribute__((always_inline)) cerrno copy_fast(pmdb_type_t type, u32 key
     return counted_copy();
 }
 
-__attribute__((noinline, target("avx2"))) cerrno copy_avx2(pmdb_type_t type, u32 key, void *out,
-                                                           u32 from, u32 len) {
-    return copy_fast(type, key, out, from, len);
-}
-
-__attribute__((noinline)) cerrno copy_base(pmdb_type_t type, u32 key, void *out, u32 from,
-                                           u32 len) {
-    return copy_fast(type, key, out, from, len);
-}
-
 template <part P>
 __attribute__((noinline, target("avx2"))) cerrno fixed_avx2(u32 key, void *out) {
     return copy_fast(P.type, key, out, P.from, P.len);
@@ -526,8 +516,10 @@ const bool g_avx2 = tabra_rest::has_avx2();
 
 }  // namespace
 
+/* Scans and whole-entry copies: one build, since they are not where a
+ * lookup's cost lies. */
 cerrno copy(pmdb_type_t type, u32 key, void *out, u32 from, u32 len) {
-    return g_avx2 ? copy_avx2(type, key, out, from, len) : copy_base(type, key, out, from, len);
+    return copy_fast(type, key, out, from, len);
 }
 
 template <part P>

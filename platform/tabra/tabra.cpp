@@ -1120,13 +1120,11 @@ __attribute__((noinline)) cerrno at_rest_general(tabra_table *t, u32 key, u8 *bu
                          0);
 }
 
-/* The fast path is all that a copy of an entry at rest runs, and calls
- * nothing: one attempt through bucket key % buckets (tabra_rest.h).  Every
- * other case goes to at_rest_general.  It is compiled twice, once for
- * processors with 32-byte moves (half the stores of a copy), and the
- * exported call picks one. */
-inline __attribute__((always_inline)) cerrno at_rest_fast(tabra_table *t, u32 key, u8 *out,
-                                                          u32 off, u32 len, u32 flags) {
+/* One attempt through bucket key % buckets (tabra_rest.h) is all that a copy
+ * of an entry at rest runs; every other case goes to at_rest_general.  The
+ * reader library makes its lookups' first attempt itself, inline, so this
+ * path is not built per processor. */
+cerrno at_rest_fast(tabra_table *t, u32 key, u8 *out, u32 off, u32 len, u32 flags) {
     if (__builtin_expect(pm_fault_hooks_on() || !at_rest_args_ok(t, out, off, len, flags), 0))
         return at_rest_general(t, key, out, off, len, flags);
     const bool keyed = (flags & TABRA_COPY_KEYED) != 0;
@@ -1136,20 +1134,6 @@ inline __attribute__((always_inline)) cerrno at_rest_fast(tabra_table *t, u32 ke
     if (c == copied::general) return at_rest_general(t, key, out, off, len, flags);
     return at_rest_again(t, key, keyed, out, off, len, c, 1);
 }
-
-__attribute__((noinline, target("avx2"))) cerrno at_rest_fast_avx2(tabra_table *t, u32 key,
-                                                                   u8 *out, u32 off, u32 len,
-                                                                   u32 flags) {
-    return at_rest_fast(t, key, out, off, len, flags);
-}
-
-__attribute__((noinline)) cerrno at_rest_fast_base(tabra_table *t, u32 key, u8 *out, u32 off,
-                                                   u32 len, u32 flags) {
-    return at_rest_fast(t, key, out, off, len, flags);
-}
-
-/* Set once while the library loads, before any call. */
-const bool g_avx2 = tabra_rest::has_avx2();
 
 }  // namespace
 
@@ -1302,8 +1286,7 @@ cerrno tabra_copy_entry_by_key(tabra_hdl_t t, u32 key, void *buf, u32 len, i32 *
 
 cerrno tabra_copy_entry_at_rest(tabra_hdl_t t, u32 key, void *buf, u32 off, u32 len,
                                 u32 flags) {
-    return g_avx2 ? at_rest_fast_avx2(t, key, static_cast<u8 *>(buf), off, len, flags)
-                  : at_rest_fast_base(t, key, static_cast<u8 *>(buf), off, len, flags);
+    return at_rest_fast(t, key, static_cast<u8 *>(buf), off, len, flags);
 }
 
 cerrno tabra_rest_view(tabra_hdl_t t, u32 format, tabra_rest_view_t *out) {

@@ -82,8 +82,8 @@ inline u32 mod_bucket(const tabra_rest_view_t &v, u32 key) {
     return (n & (n - 1)) == 0 ? key & (n - 1) : key % n;
 }
 
-/* Whether this processor has 32-byte moves; each library reads it once when
- * it loads and picks the variant of its copies by it. */
+/* Whether this processor has 32-byte moves; a library that builds its copies
+ * twice reads it once when it loads and picks the variant by it. */
 inline bool has_avx2() {
     __builtin_cpu_init(); /* may run before the runtime's own constructor */
     return __builtin_cpu_supports("avx2");
