@@ -25,7 +25,8 @@
  * (a writer's window lasts a few microseconds), and only one that stays
  * open longer (a long window, or a writer that died inside one) takes the
  * locked path, which copies into a local buffer first:
- *   1. look the key up in the table store: slot s and the entry's address;
+ *   1. look the key up in the table store and pin its slot s (released at
+ *      the end of each pass): s and the entry's address;
  *   1a. leave the lock alone while the record does not hold its key: the
  *      entry is being made, and its writer initialises the slot lock right
  *      after the table store made the entry (a lock being initialised must
@@ -49,14 +50,16 @@
  * retired: the entry is being removed; not recoverable) is not waited on: the
  * key is looked up again after a short pause until the entry is gone (not
  * found) or the wait bound has passed (busy).
- * Open gap: step 1a checks the record and the lock before step 2 takes it,
- * and nothing keeps the slot between the two.  A writer can meanwhile
- * remove the entry, add another key in the same slot and re-initialise its
- * lock (zeroed, then initialised); a lock call that reads the lock's kind
- * while it is zero takes the plain-mutex path, which can sleep on a private
- * futex until the wait bound (seen under heavy load: busy after the whole
- * bound) or leave a bogus owner in the futex word.  Closing it needs the
- * table store to keep a slot from re-use while a reader is in step 2.
+ * Steps 1a to 3 run with the slot pinned in the table store
+ * (tabra_pin_slot), which keeps it from passing to another key.  Without
+ * the pin a writer could remove the entry, add another key in the same slot
+ * and re-initialise its lock (zeroed, then initialised) between the checks
+ * of step 1a and the lock call of step 2; a lock call that reads the lock's
+ * kind while it is zero takes the plain-mutex path, which sleeps on a
+ * private futex that no writer wakes, or leaves a bogus owner in the futex
+ * word.  A writer that rebuilds a broken lock (pmdb_entry_lock) still
+ * zeroes it in place; that needs a writer racing the removal of its own
+ * entry, and is not covered by the pin.
  *
  * Concurrency contract of this file:
  *   - g_table[t], g_region[t]: null until attached / mapped, then set once
@@ -401,41 +404,55 @@ cerrno wait_at_rest(tabra_hdl_t table, u32 key, void *out, u32 from, u32 len) {
     return rc;
 }
 
+/* How one pass of steps 1a to 3 on a pinned slot ended. */
+enum class pass {
+    keyless, /* 1a: the record does not hold its key; the lock left alone */
+    copied,  /* 3: a copy made under the lock, to be checked */
+    missed,  /* 2: the lock was not usable, or retired under us */
+    busy,    /* 2: the lock stayed held beyond the wait bound */
+};
+
+/* Steps 1a to 3 on `slot`, which the caller keeps pinned, so that its lock
+ * is neither re-initialised nor given to another key meanwhile. */
+pass slot_pass(pellin_mutex_type *lock, u32 key, const void *entry, u32 copy_len,
+               wait_budget &budget, unsigned char *local) {
+    /* Acquire: pairs with the writer's unlock that follows its store of the
+     * key, itself after the lock's initialisation. */
+    if (__atomic_load_n(static_cast<const u32 *>(entry), __ATOMIC_ACQUIRE) != key)
+        return pass::keyless;
+    prefetch(entry, copy_len);
+    const hold how = take_slot_lock(lock, budget);
+    if (how == hold::busy) return pass::busy;
+    const bool copied = how != hold::unusable && copy_held(lock, how, entry, local, copy_len);
+    return copied ? pass::copied : pass::missed;
+}
+
 /* Steps 1 to 5 of the copy protocol, under the slot lock. */
 cerrno copy_locked(tabra_hdl_t table, dnx_pmdb_shrd_ctx_t *region, u32 key, void *out, u32 from,
                    u32 len, u32 copy_len) {
     alignas(16) unsigned char local[kMaxEntrySize];
-    cerrno rc = PMDB_OK;
     wait_budget budget;
     bump(g_count.locked_copies);
     i32 unwritten = -1; /* slot last seen holding a record without its key */
     for (;;) {
-        void *entry = nullptr;
+        const void *entry = nullptr;
         i32 slot = -1;
-        rc = tabra_get_entry_by_key(table, key, &entry, &slot);
+        const cerrno rc = tabra_pin_slot(table, key, &entry, &slot);
         if (rc != PMDB_OK) return rc == TABRA_E_NOTFOUND ? PMDB_ENOTFOUND : rc;
-        if (slot < 0 || static_cast<u32>(slot) >= PMDB_NUM_ENTRY_LOCKS) return TABRA_E_CORRUPT;
-        pellin_mutex_type *lock = &region->entry_lock[slot];
-        /* Acquire: pairs with the writer's unlock that follows its store of
-         * the key, itself after the lock's initialisation. */
-        if (__atomic_load_n(static_cast<const u32 *>(entry), __ATOMIC_ACQUIRE) != key) {
-            if (slot == unwritten) return PMDB_ENOTFOUND;
-            unwritten = slot;
-            bump(g_count.retries);
-            if (budget.spent()) break;
-            pause_before_retry();
-            continue;
-        }
-        prefetch(entry, copy_len);
-        const hold how = take_slot_lock(lock, budget);
-        if (how == hold::busy) break;
-        const bool copied = how != hold::unusable && copy_held(lock, how, entry, local, copy_len);
-        if (copied && written(local, key)) return deliver(local, out, from, len);
-        if (copied && slot == unwritten) return PMDB_ENOTFOUND;
-        if (copied) unwritten = slot;
+        const bool valid = static_cast<u32>(slot) < PMDB_NUM_ENTRY_LOCKS;
+        const pass p = valid ? slot_pass(&region->entry_lock[slot], key, entry, copy_len, budget,
+                                         local)
+                             : pass::busy;
+        tabra_unpin_slot(table, slot);
+        if (!valid) return TABRA_E_CORRUPT;
+        if (p == pass::busy) break;
+        if (p == pass::copied && written(local, key)) return deliver(local, out, from, len);
+        /* A record without its key, before the lock or in the copy. */
+        if (p != pass::missed && slot == unwritten) return PMDB_ENOTFOUND;
+        if (p != pass::missed) unwritten = slot;
         bump(g_count.retries);
         if (budget.spent()) break;
-        if (!copied) pause_before_retry();
+        if (p != pass::copied) pause_before_retry();
     }
     bump(g_count.busy);
     return PMDB_EBUSY;

@@ -93,7 +93,9 @@ inline u64 make_word(u32 seq, u32 head) {
  * failure.  Acquire-release: a bracket's increment stays before the entry
  * stores that follow it, its decrement after those before it. */
 inline bool occ_cas(u64 *occ, u64 *seen, u64 want) {
-    return __atomic_compare_exchange_n(occ, seen, want, false, __ATOMIC_ACQ_REL,
+    /* seq_cst rather than acq_rel for the pins handshake (tabra_layout.h);
+     * the same locked instruction on x86. */
+    return __atomic_compare_exchange_n(occ, seen, want, false, __ATOMIC_SEQ_CST,
                                        __ATOMIC_ACQUIRE);
 }
 
@@ -303,14 +305,17 @@ void bitmap_set(tabra_table *t, u32 x, bool on) {
     st_rlx(sw, v == ~u64{0} ? (*sw | sbit) : (*sw & ~sbit));
 }
 
-/* Lowest free slot, or kNoSlot. */
+/* Lowest free slot that no reader pins, or kNoSlot.  The pins load is
+ * seq_cst: it pairs with a pinner's increment and check (tabra_layout.h). */
 u32 alloc_slot(tabra_table *t) {
     for (u32 s = 0; s < TABRA_SUMMARY_WORDS; s++) {
-        const u64 open_words = ~summary(t)[s];
-        if (open_words == 0) continue;
-        const u32 w = s * 64 + static_cast<u32>(__builtin_ctzll(open_words));
-        const u64 free_bits = ~bitmap(t)[w];
-        if (free_bits != 0) return w * 64 + static_cast<u32>(__builtin_ctzll(free_bits));
+        for (u64 open = ~summary(t)[s]; open != 0; open &= open - 1) {
+            const u32 w = s * 64 + static_cast<u32>(__builtin_ctzll(open));
+            for (u64 free_bits = ~bitmap(t)[w]; free_bits != 0; free_bits &= free_bits - 1) {
+                const u32 x = w * 64 + static_cast<u32>(__builtin_ctzll(free_bits));
+                if (__atomic_load_n(&slots(t)[x].pins, __ATOMIC_SEQ_CST) == 0) return x;
+            }
+        }
     }
     return kNoSlot;
 }
@@ -1294,6 +1299,40 @@ cerrno tabra_rest_view(tabra_hdl_t t, u32 format, tabra_rest_view_t *out) {
     if (format != TABRA_SHM_FORMAT) return TABRA_E_MISMATCH;
     *out = t->rest;
     return 0;
+}
+
+cerrno tabra_pin_slot(tabra_hdl_t t, u32 key, const void **entry, i32 *slot) {
+    cerrno st = 0;
+    if (injected("tabra_pin_slot", key, 0, 0, 0, &st)) return st;
+    if (t == nullptr || entry == nullptr || slot == nullptr)
+        return fail(TABRA_TP_GET_INVAL, TABRA_E_INVAL, key, 0);
+    for (u32 tries = 0; tries < kAtRestRetries; tries++) {
+        u32 x = kNoSlot;
+        st = lookup<false>(t, key, &x);
+        if (st != 0) return st;
+        if (x == kNoSlot) break;
+        tabra_slot_meta_t *s = &slots(t)[x];
+        const u32 gen = occ_gen(ld_acq(&s->occ));
+        /* seq_cst increment, then seq_cst check: either the check sees the
+         * occupant leave (a removal's gen change), or every later add sees
+         * the pin (tabra_layout.h). */
+        __atomic_fetch_add(&s->pins, 1u, __ATOMIC_SEQ_CST);
+        if (gen % 2 == 1 && occ_gen(__atomic_load_n(&s->occ, __ATOMIC_SEQ_CST)) == gen &&
+            ld_acq(&s->key) == key) {
+            *entry = entry_at(t, x);
+            *slot = static_cast<i32>(x);
+            return 0;
+        }
+        __atomic_fetch_sub(&s->pins, 1u, __ATOMIC_RELEASE);
+    }
+    return TABRA_E_NOTFOUND; /* an answer, not a fault: no trace */
+}
+
+void tabra_unpin_slot(tabra_hdl_t t, i32 slot) {
+    if (t == nullptr || slot < 0 || static_cast<u32>(slot) >= TABRA_SLOTS) return;
+    /* Release: the pinner's work on the slot stays before a later add's
+     * seq_cst load of pins lets the slot go to another key. */
+    __atomic_fetch_sub(&slots(t)[slot].pins, 1u, __ATOMIC_RELEASE);
 }
 
 int tabra_entry_open_here(tabra_hdl_t t, u32 key) {

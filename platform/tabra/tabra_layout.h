@@ -71,6 +71,15 @@
  *     it.  A process that dies inside a window leaves its brackets open
  *     until their slots are freed: copies of those entries are then refused
  *     as "being written", and readers fall back to the owner's entry lock.
+ *   - `pins` of a slot: readers that must keep the slot from passing to
+ *     another key while they work on its occupant (the entry lock beside
+ *     the table lives as long as the occupant) add 1 (seq_cst) and then
+ *     check occ (seq_cst) for the same occupant; the add path takes only
+ *     free slots whose pins read 0 (seq_cst) under `writer`.  The removal's
+ *     gen change is a seq_cst CAS, so either the reader sees the occupant
+ *     leave and lets go, or every later add sees the pin.  A pin keeps the
+ *     slot, not its entry: the entry may still be removed.  A reader that
+ *     dies holding a pin keeps that one slot out of use for good.
  *   - `hash_is_mod` starts at 1 and is cleared (release) before the first
  *     key whose hash is not key % buckets is linked; it is never set again.
  *     Handles that know no hash function (attached by name only) look keys
@@ -99,7 +108,7 @@ extern "C" {
 #endif
 
 #define TABRA_SHM_MAGIC 0x41524254u /* "TBRA" */
-#define TABRA_SHM_FORMAT 2u
+#define TABRA_SHM_FORMAT 3u
 #define TABRA_SHM_PREFIX "tabra."
 
 #define TABRA_SLOTS 65536u
@@ -134,7 +143,8 @@ extern "C" {
  *
  *    0 u32 key      4 u32 next (slot + 1 of the chain's next, 0 = end)
  *    8 u64 occ      16 u16 state (TABRA_SLOT_*)   18 u16 bucket (hash of key)
- *   20 zero up to 32
+ *   20 u32 pins (readers keeping the slot from re-use)
+ *   24 zero up to 32
  */
 typedef struct tabra_slot_meta {
     u32 key;
@@ -142,7 +152,8 @@ typedef struct tabra_slot_meta {
     u64 occ;
     u16 state;
     u16 bucket;
-    u8 reserved[12];
+    u32 pins;
+    u8 reserved[8];
 } tabra_slot_meta_t;
 
 /* The add or remove in flight (32 bytes). */
@@ -191,6 +202,7 @@ PMDB_CHECK_OFF(tabra_slot_meta_t, next, 4);
 PMDB_CHECK_OFF(tabra_slot_meta_t, occ, 8);
 PMDB_CHECK_OFF(tabra_slot_meta_t, state, 16);
 PMDB_CHECK_OFF(tabra_slot_meta_t, bucket, 18);
+PMDB_CHECK_OFF(tabra_slot_meta_t, pins, 20);
 PMDB_CHECK_SIZE(tabra_intent_t, 32);
 PMDB_CHECK_SIZE(tabra_shm_hdr_t, 4096);
 PMDB_CHECK_OFF(tabra_shm_hdr_t, count, 28);

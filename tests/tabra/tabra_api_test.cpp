@@ -264,6 +264,55 @@ TEST_F(TabraEntries, FreedSlotsAreReusedLowestFirstAndZeroed) {
     EXPECT_EQ(CheckReport(h), "");
 }
 
+/* A slot pinned by a reader in another process is not given to another key
+ * while the pin lasts, even after its entry is removed; every other free
+ * slot still is, and the slot is used again once the reader lets go.  A
+ * pin is refused for an absent key, and answers only for its own key. */
+TEST_F(TabraEntries, APinnedSlotIsNotReusedUntilItsPinIsUndone) {
+    tabra_params_t p = Params("PIN", 16, Mod7, 7);
+    tabra_hdl_t h = OpenOrDie(p);
+    i32 slot = -1;
+    AddOrDie(h, 100, &slot);
+    ASSERT_EQ(slot, 0);
+    AddOrDie(h, 200, &slot);
+    const void *entry = nullptr;
+    EXPECT_EQ(tabra_pin_slot(h, 300, &entry, &slot), TABRA_E_NOTFOUND);
+    EXPECT_EQ(tabra_pin_slot(h, 100, nullptr, &slot), TABRA_E_INVAL);
+
+    auto reader = pmdb::test::StartHeldChild(
+        [&] {
+            const void *e = nullptr;
+            i32 s = -1;
+            if (tabra_pin_slot(h, 100, &e, &s) != 0 || s != 0) _exit(3);
+        },
+        [&] { tabra_unpin_slot(h, 0); });
+    ASSERT_TRUE(reader->WaitReady());
+    ASSERT_EQ(tabra_remove_entry(h, TABRA_REMOVE_BY_KEY, 100), 0u);
+    AddOrDie(h, 300, &slot);
+    EXPECT_EQ(slot, 2) << "the pinned slot 0 was handed out";
+    reader->Release();
+    ASSERT_TRUE(reader->Wait().ExitedWith(0));
+    AddOrDie(h, 400, &slot);
+    EXPECT_EQ(slot, 0) << "unpinned, the lowest free slot again";
+
+    /* Pins count: two pins need two unpins. */
+    ASSERT_EQ(tabra_pin_slot(h, 400, &entry, &slot), 0u);
+    ASSERT_EQ(tabra_pin_slot(h, 400, &entry, &slot), 0u);
+    void *stored = nullptr;
+    i32 stored_slot = -1;
+    ASSERT_EQ(tabra_get_entry_by_key(h, 400, &stored, &stored_slot), 0u);
+    EXPECT_EQ(entry, stored);
+    EXPECT_EQ(slot, stored_slot);
+    ASSERT_EQ(tabra_remove_entry(h, TABRA_REMOVE_BY_KEY, 400), 0u);
+    tabra_unpin_slot(h, 0);
+    AddOrDie(h, 500, &slot);
+    EXPECT_EQ(slot, 3) << "still pinned once";
+    tabra_unpin_slot(h, 0);
+    AddOrDie(h, 600, &slot);
+    EXPECT_EQ(slot, 0);
+    EXPECT_EQ(CheckReport(h), "");
+}
+
 TEST_F(TabraEntries, FullAtMaxEntriesFromTheFreshestRecord) {
     tabra_params_t p = Params("F", 80, Low16, 65536, 3);
     tabra_hdl_t h = OpenOrDie(p);

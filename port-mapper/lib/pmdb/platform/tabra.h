@@ -149,6 +149,17 @@ cerrno tabra_copy_entry_by_key(tabra_hdl_t table, u32 key, void *buf, u32 len, i
  * never waits. */
 cerrno tabra_copy_entry_at_rest(tabra_hdl_t table, u32 key, void *buf, u32 off, u32 len,
                                 u32 flags);
+/* Pins the slot of `key`: until the matching tabra_unpin_slot, no add gives
+ * that slot to another key, so what lives beside the table per slot (the
+ * entry locks) keeps belonging to this occupant or to none.  The entry
+ * itself may still be removed.  *entry (read-only) and *slot receive the
+ * entry and its slot.  Results: 0; TABRA_E_NOTFOUND (not traced) when the
+ * key is absent, or was removed and added again at each of 64 attempts;
+ * TABRA_E_INVAL (traced) for a null argument.  Lock-free.  Every pin must be
+ * undone: a process that dies holding one keeps that slot out of use. */
+cerrno tabra_pin_slot(tabra_hdl_t table, u32 key, const void **entry, i32 *slot);
+/* Undoes one tabra_pin_slot of `slot`.  REQUIRES: the caller pinned it. */
+void tabra_unpin_slot(tabra_hdl_t table, i32 slot);
 /* 1 when this process is one of the writers that have the entry of `key`
  * open (so waiting for the entry to come to rest would wait on itself); 0
  * also when the key is absent. */
