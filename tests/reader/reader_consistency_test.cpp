@@ -7,6 +7,7 @@
 #include <stdio.h>
 #include <string.h>
 #include <time.h>
+#include <unistd.h>
 
 #include <array>
 #include <chrono>
@@ -73,12 +74,16 @@ cerrno ReadBlocks(pmdb_type_t type, u32 key, Copy *out) {
                                  : dpa_pmdb_get_punt_entry_by_key(key, out->data());
 }
 
-/* A child that rewrites `key` with patterns 1, 2, 3, ... until killed. */
+/* A child that rewrites `key` with patterns 1, 2, 3, ... until killed,
+ * leaving the entry at rest a little after each pattern, so that lock-free
+ * copies happen even when the reader waits long for the processor. */
 std::unique_ptr<ChildProcess> StartRewriter(pmdb_type_t type, u32 key) {
     return std::make_unique<ChildProcess>([type, key](ChildLink &link) {
         link.Ready();
-        for (u32 v = 1;; v++)
+        for (u32 v = 1;; v++) {
             if (PutPattern(type, key, v) != PMDB_OK) return 1;
+            usleep(50);
+        }
     });
 }
 
@@ -227,11 +232,20 @@ TEST_F(ReaderConsistencyTest, WriterThreadReadingItsOwnLockedEntryDoesNotWait) {
 TEST_F(ReaderConsistencyTest, SlotReusedByAnotherKeyIsNeverCopiedAsTheFirst) {
     constexpr u32 kA = 0x1111, kB = 0x2222;
     ASSERT_EQ(PutPattern(PMDB_TYPE_PUNT, kA, kA), PMDB_OK);
-    auto writer = std::make_unique<ChildProcess>([](ChildLink &link) {
+    /* Each key rests a little after it is written: without that, on a
+     * machine so loaded that the reader waits long for the processor, the
+     * writer removes every entry before the reader has run once while it
+     * stood, and the test could not tell a missing answer from a slow one. */
+    const auto put = [](u32 key) {
+        const cerrno rc = PutPattern(PMDB_TYPE_PUNT, key, key);
+        usleep(100);
+        return rc;
+    };
+    auto writer = std::make_unique<ChildProcess>([&put](ChildLink &link) {
         link.Ready();
         for (;;) {
-            const cerrno rc[4] = {RemoveEntry(PMDB_TYPE_PUNT, kA), PutPattern(PMDB_TYPE_PUNT, kB, kB),
-                                  RemoveEntry(PMDB_TYPE_PUNT, kB), PutPattern(PMDB_TYPE_PUNT, kA, kA)};
+            const cerrno rc[4] = {RemoveEntry(PMDB_TYPE_PUNT, kA), put(kB),
+                                  RemoveEntry(PMDB_TYPE_PUNT, kB), put(kA)};
             for (int step = 0; step < 4; step++) {
                 if (rc[step] == 0) continue;
                 fprintf(stderr, "writer step %d failed with %#x\n", step, rc[step]);
