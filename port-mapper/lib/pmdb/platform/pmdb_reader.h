@@ -14,7 +14,8 @@
  * them is done, and the copy is kept only when neither moved and no process
  * had it open.  Any other entry is copied while the caller holds the entry's
  * slot lock in the type's shared context region, the same lock that writers
- * hold while they change the entry.  After that copy the table store
+ * hold while they change the entry, with the slot pinned in the table store
+ * so that the lock is not re-initialised for another key meanwhile.  After that copy the table store
  * confirms that the slot still holds the same key (a slot re-used by another
  * key during the copy makes the copy start again).  A slot lock is taken
  * with a try-lock and then a wait
