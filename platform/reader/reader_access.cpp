@@ -57,9 +57,9 @@
  * of step 1a and the lock call of step 2; a lock call that reads the lock's
  * kind while it is zero takes the plain-mutex path, which sleeps on a
  * private futex that no writer wakes, or leaves a bogus owner in the futex
- * word.  A writer that rebuilds a broken lock (pmdb_entry_lock) still
- * zeroes it in place; that needs a writer racing the removal of its own
- * entry, and is not covered by the pin.
+ * word.  A writer that rebuilds a broken lock (pmdb_entry_lock) does so
+ * while it owns the lock's futex word, so a rebuild never wipes a reader's
+ * hold.
  *
  * Concurrency contract of this file:
  *   - g_table[t], g_region[t]: null until attached / mapped, then set once
@@ -81,11 +81,14 @@
 #include <errno.h>
 #include <fcntl.h>
 #include <limits.h>
+#include <linux/futex.h>
 #include <sched.h>
 #include <string.h>
 #include <sys/mman.h>
 #include <sys/stat.h>
+#include <sys/syscall.h>
 #include <time.h>
+#include <unistd.h>
 
 #include <atomic>
 #include <new>
@@ -225,8 +228,24 @@ bool lock_usable(const pellin_mutex_type *lock) {
     const int kind = __atomic_load_n(&lock->__data.__kind, __ATOMIC_RELAXED);
     return kind != -1 && (kind & kKindRobust) != 0;
 }
+
+/* glibc's try-lock of a lock that is not recoverable (one being retired)
+ * answers ENOTRECOVERABLE with the futex word still naming the caller.  A
+ * reader does not repair locks: it gives the word back (release, pairs with
+ * the next owner's acquire) and wakes the waiters, or every writer would
+ * wait for this thread for ever. */
+void give_back_word(pellin_mutex_type *lock) {
+    constexpr unsigned kTidMask = 0x3fffffffu;
+    int *word = &lock->__data.__lock;
+    if ((static_cast<unsigned>(__atomic_load_n(word, __ATOMIC_RELAXED)) & kTidMask) !=
+        static_cast<unsigned>(gettid()))
+        return;
+    __atomic_exchange_n(word, 0, __ATOMIC_RELEASE);
+    syscall(SYS_futex, word, FUTEX_WAKE, INT_MAX, nullptr, nullptr, 0);
+}
 #else
 bool lock_usable(const pellin_mutex_type *) { return true; }
+void give_back_word(pellin_mutex_type *) {}
 #endif
 
 /* The wait bound of one copy, started at the first wait.  Measured on the
@@ -271,6 +290,7 @@ hold classify(pellin_mutex_type *lock, int rc) {
         return hold::busy;
     }
     if (rc == EDEADLK) return hold::by_caller; /* this thread is the writer */
+    if (rc == ENOTRECOVERABLE) give_back_word(lock);
     if (rc == EINVAL || rc == ENOTRECOVERABLE) return hold::unusable;
     return hold::busy; /* ETIMEDOUT and anything unexpected */
 }

@@ -126,6 +126,12 @@ struct tabra_table {
     u32 *bracket_slot;           /* the slots with an open bracket */
     u32 nbracket;
     tabra_rest_view_t rest; /* set with the mappings, never changed */
+    /* Runs under the writer lock for each slot this process's adds give to a
+     * new key, before the key is linked (tabra_set_add_hook).  Written once
+     * by the owner of the handle before its first add; read under the
+     * writer lock (whose acquire orders it after the store). */
+    tabra_slot_hook_t add_hook;
+    void *add_hook_ctx;
 };
 
 namespace {
@@ -468,6 +474,10 @@ cerrno add_locked(tabra_table *t, u32 key, u32 b, u32 *out) {
     st_rlx(&s->state, static_cast<u16>(TABRA_SLOT_RESERVED));
     crash_point(CRASH_ADD, 3);
     zero_entry(t, x);
+    /* Whatever lives beside the table per slot (the entry locks) is made
+     * ready while no lookup can report the key and no pin holds the slot,
+     * so nobody else can be touching it. */
+    if (t->add_hook != nullptr) t->add_hook(t->add_hook_ctx, static_cast<i32>(x));
     crash_point(CRASH_ADD, 4);
     flip_gen(t, x);
     crash_point(CRASH_ADD, 5);
@@ -1326,6 +1336,29 @@ cerrno tabra_pin_slot(tabra_hdl_t t, u32 key, const void **entry, i32 *slot) {
         __atomic_fetch_sub(&s->pins, 1u, __ATOMIC_RELEASE);
     }
     return TABRA_E_NOTFOUND; /* an answer, not a fault: no trace */
+}
+
+int tabra_slot_holds(tabra_hdl_t t, i32 slot, u32 key) {
+    if (t == nullptr || slot < 0 || static_cast<u32>(slot) >= TABRA_SLOTS) return 0;
+    const tabra_slot_meta_t *s = &slots(t)[slot];
+    /* Acquire loads pair with the add's release of LINKED and the gen flips:
+     * an odd gen with LINKED state and the key means that occupant is in. */
+    return occ_gen(ld_acq(&s->occ)) % 2 == 1 && ld_acq(&s->state) == TABRA_SLOT_LINKED &&
+                   ld_acq(&s->key) == key
+               ? 1
+               : 0;
+}
+
+cerrno tabra_set_add_hook(tabra_hdl_t t, tabra_slot_hook_t fn, void *ctx) {
+    if (t == nullptr) return TABRA_E_INVAL;
+    /* Under the writer lock, so that no add of this process runs half with
+     * the old hook and half with the new one. */
+    const cerrno st = lock_writer(t);
+    if (st != 0) return st;
+    t->add_hook_ctx = ctx;
+    t->add_hook = fn;
+    unlock_writer(t);
+    return 0;
 }
 
 void tabra_unpin_slot(tabra_hdl_t t, i32 slot) {

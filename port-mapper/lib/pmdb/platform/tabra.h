@@ -160,6 +160,22 @@ cerrno tabra_copy_entry_at_rest(tabra_hdl_t table, u32 key, void *buf, u32 off, 
 cerrno tabra_pin_slot(tabra_hdl_t table, u32 key, const void **entry, i32 *slot);
 /* Undoes one tabra_pin_slot of `slot`.  REQUIRES: the caller pinned it. */
 void tabra_unpin_slot(tabra_hdl_t table, i32 slot);
+/* 1 when `slot` holds the entry of `key` now, 0 otherwise (also for a bad
+ * handle or slot).  With the slot pinned, 1 means the occupant the pin was
+ * taken for is still there: a pinned slot never passes to another key.
+ * Lock-free; never traces. */
+int tabra_slot_holds(tabra_hdl_t table, i32 slot, u32 key);
+/* Sets, for this process's adds through `table`, a function called with
+ * the slot that an add is about to give to a new key: under the table's
+ * writer lock, after the slot was chosen (a free slot nobody pins) and
+ * before any lookup can report the key.  So what a caller keeps beside the
+ * table per slot is ready before another thread or process can find the
+ * entry.  fn must not call the table store, nor block; a process killed
+ * inside it leaves the add undone, as any add that did not commit.  null
+ * removes the hook.  0, or TABRA_E_INVAL for a null handle, or the writer
+ * lock's failure. */
+typedef void (*tabra_slot_hook_t)(void *ctx, i32 slot);
+cerrno tabra_set_add_hook(tabra_hdl_t table, tabra_slot_hook_t fn, void *ctx);
 /* 1 when this process is one of the writers that have the entry of `key`
  * open (so waiting for the entry to come to rest would wait on itself); 0
  * also when the key is absent. */

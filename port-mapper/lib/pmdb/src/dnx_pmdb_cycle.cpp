@@ -24,6 +24,11 @@ namespace {
 /* tabra_remove_entry's flags argument; the same for every remover. */
 constexpr u32 kRemoveFlags = 1;
 
+/* How often a cycle finds its entry again after losing it to a removal
+ * between the find and the lock.  Each loss needs another thread's removal
+ * of the key, so this is never reached unless removals never stop. */
+constexpr int kRefinds = 1000;
+
 cerrno step_failed(pmdb_cycle_t *cyc, pmdb_cycle_step_t step, cerrno status) {
     cyc->failed_step = step;
     cyc->failed_status = status;
@@ -39,6 +44,49 @@ void entry_forget(pmdb_cycle_t *cyc, u32 key) {
     cyc->entry = nullptr;
     cyc->slot = 0;
     cyc->created = false;
+}
+
+/* Pins the found entry's slot; false (nothing pinned) when the key has left
+ * that slot since the find. */
+bool pin_found(pmdb_cycle_t *cyc) {
+    const void *entry = nullptr;
+    i32 slot = -1;
+    if (tabra_pin_slot(cyc->hdl->tabra, cyc->key, &entry, &slot) != 0) return false;
+    if (slot != cyc->slot) {
+        tabra_unpin_slot(cyc->hdl->tabra, slot);
+        return false;
+    }
+    cyc->pinned = true;
+    return true;
+}
+
+void unpin(pmdb_cycle_t *cyc) {
+    if (!cyc->pinned) return;
+    cyc->pinned = false;
+    tabra_unpin_slot(cyc->hdl->tabra, cyc->slot);
+}
+
+/* The outcome of one try at locking the found entry. */
+enum class lock_try { held, lost, failed };
+
+/* Pin, lock, then check the occupant: a slot lock keeps its entry in the
+ * slot only once the slot is known to hold the key under it (a removal
+ * retires the lock first, which waits for every holder). */
+lock_try lock_found(pmdb_cycle_t *cyc, cerrno *rc) {
+    if (!pin_found(cyc)) return lock_try::lost;
+    pellin_mutex_type *lock = pmdb_cycle_slot_lock(cyc, cyc->slot);
+    *rc = pmdb_entry_lock(lock);
+    if (*rc != 0) {
+        unpin(cyc);
+        return lock_try::failed;
+    }
+    if (tabra_slot_holds(cyc->hdl->tabra, cyc->slot, cyc->key)) {
+        cyc->locked = true;
+        return lock_try::held;
+    }
+    pmdb_entry_unlock(lock);
+    unpin(cyc);
+    return lock_try::lost;
 }
 
 /* The operation's point for a failed open, with the arguments it asks for. */
@@ -115,6 +163,7 @@ pellin_mutex_type *pmdb_cycle_slot_lock(const pmdb_cycle_t *cyc, i32 slot) {
 
 cerrno pmdb_cycle_find(pmdb_cycle_t *cyc, u32 key) {
     entry_forget(cyc, key);
+    cyc->creating = false;
     const cerrno rc = tabra_get_entry_by_key(cyc->hdl->tabra, key, &cyc->entry, &cyc->slot);
     if (rc != 0) return step_failed(cyc, PMDB_STEP_LOOKUP, rc);
     if (!slot_valid(cyc->slot)) return step_failed(cyc, PMDB_STEP_LOOKUP, PMDB_EINVAL);
@@ -123,26 +172,36 @@ cerrno pmdb_cycle_find(pmdb_cycle_t *cyc, u32 key) {
 
 cerrno pmdb_cycle_find_or_create(pmdb_cycle_t *cyc, u32 key, pmdb_cycle_hook_t on_refresh,
                                  void *ctx) {
-    entry_forget(cyc, key);
-    const cerrno rc = tabra_add_entry(cyc->hdl->tabra, key, &cyc->entry, &cyc->slot);
-    if (rc == PMDB_TABRA_EEXIST) {
+    /* A key found present and then not found was removed in between: the
+     * add is made again, so that an add never answers "not found". */
+    for (int again = 0;; again++) {
+        entry_forget(cyc, key);
+        cyc->creating = true;
+        const cerrno rc = tabra_add_entry(cyc->hdl->tabra, key, &cyc->entry, &cyc->slot);
+        if (rc == 0) {
+            if (!slot_valid(cyc->slot)) return step_failed(cyc, PMDB_STEP_ADD, PMDB_EINVAL);
+            cyc->created = true;
+            return 0;
+        }
+        if (rc != PMDB_TABRA_EEXIST) return step_failed(cyc, PMDB_STEP_ADD, rc);
         if (on_refresh != nullptr) on_refresh(ctx, cyc);
-        return pmdb_cycle_find(cyc, key);
+        const cerrno found = pmdb_cycle_find(cyc, key);
+        cyc->creating = true;
+        if (found != TABRA_E_NOTFOUND || again == kRefinds) return found;
     }
-    if (rc != 0) return step_failed(cyc, PMDB_STEP_ADD, rc);
-    if (!slot_valid(cyc->slot)) return step_failed(cyc, PMDB_STEP_ADD, PMDB_EINVAL);
-    /* A new slot's lock may be zeroed, destroyed or left over from the
-     * slot's previous entry: nobody can take it before this. */
-    cyc->created = true;
-    pmdb_lock_init(pmdb_cycle_slot_lock(cyc, cyc->slot));
-    return 0;
 }
 
 cerrno pmdb_cycle_lock(pmdb_cycle_t *cyc) {
-    const cerrno rc = pmdb_entry_lock(pmdb_cycle_slot_lock(cyc, cyc->slot));
-    if (rc != 0) return step_failed(cyc, PMDB_STEP_LOCK, rc);
-    cyc->locked = true;
-    return 0;
+    const bool creating = cyc->creating;
+    for (int refind = 0;; refind++) {
+        cerrno rc = 0;
+        const lock_try got = lock_found(cyc, &rc);
+        if (got == lock_try::held) return 0;
+        if (got == lock_try::failed) return step_failed(cyc, PMDB_STEP_LOCK, rc);
+        if (refind == kRefinds) return step_failed(cyc, PMDB_STEP_LOOKUP, TABRA_E_NOTFOUND);
+        rc = creating ? pmdb_cycle_find_or_create(cyc, cyc->key) : pmdb_cycle_find(cyc, cyc->key);
+        if (rc != 0) return rc;
+    }
 }
 
 cerrno pmdb_cycle_find_lock(pmdb_cycle_t *cyc, u32 key) {
@@ -153,7 +212,9 @@ cerrno pmdb_cycle_find_lock(pmdb_cycle_t *cyc, u32 key) {
 cerrno pmdb_cycle_unlock(pmdb_cycle_t *cyc) {
     if (!cyc->locked) return 0;
     cyc->locked = false;
-    return pmdb_entry_unlock(pmdb_cycle_slot_lock(cyc, cyc->slot));
+    const cerrno rc = pmdb_entry_unlock(pmdb_cycle_slot_lock(cyc, cyc->slot));
+    unpin(cyc);
+    return rc;
 }
 
 cerrno pmdb_cycle_release(pmdb_cycle_t *cyc, cerrno status) {
@@ -165,10 +226,20 @@ cerrno pmdb_cycle_release(pmdb_cycle_t *cyc, cerrno status) {
 }
 
 cerrno pmdb_cycle_remove_found(pmdb_cycle_t *cyc, pmdb_cycle_hook_t before_remove, void *ctx) {
-    pmdb_cycle_unlock(cyc);
-    retire_lock(pmdb_cycle_slot_lock(cyc, cyc->slot));
+    /* The pin keeps the slot's lock from being re-initialised for another
+     * key while it is retired.  A key that left its slot since the find was
+     * removed by someone else, who retired that lock: the removal below then
+     * finds nothing, or an entry added again, which it removes as any
+     * removal that comes after an add. */
+    const bool pinned = cyc->locked || pin_found(cyc);
+    if (cyc->locked) {
+        cyc->locked = false;
+        pmdb_entry_unlock(pmdb_cycle_slot_lock(cyc, cyc->slot));
+    }
+    if (pinned) retire_lock(pmdb_cycle_slot_lock(cyc, cyc->slot));
     if (before_remove != nullptr) before_remove(ctx, cyc);
     const cerrno rc = tabra_remove_entry(cyc->hdl->tabra, kRemoveFlags, cyc->key);
+    unpin(cyc);
     cyc->entry = nullptr;
     return rc != 0 ? step_failed(cyc, PMDB_STEP_REMOVE, rc) : 0;
 }

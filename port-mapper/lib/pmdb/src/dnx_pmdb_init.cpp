@@ -232,6 +232,16 @@ cerrno protection_change(tabra_hdl_t table, dnx_db_hdl_t *hdl, i32 new_state) {
     return rc;
 }
 
+/* The table store's add hook: a new slot's entry lock is made ready before
+ * its key can be found, so that every writer that finds the key finds a
+ * usable lock (see pmdb_cycle.h).  Runs under the table's writer lock on a
+ * slot nobody pins. */
+void slot_lock_ready(void *ctx, i32 slot) {
+    const auto *hdl = static_cast<const dnx_db_hdl_t *>(ctx);
+    if (slot >= 0 && static_cast<u32>(slot) < PMDB_NUM_ENTRY_LOCKS)
+        pmdb_lock_init(&hdl->shrd_ctx->entry_lock[slot]);
+}
+
 /* Caller holds pmdb_init_mutex. */
 cerrno table_open(dnx_db_hdl_t *hdl, pmdb_type_t type, int write_intent) {
     const tabra_params_t params =
@@ -245,6 +255,11 @@ cerrno table_open(dnx_db_hdl_t *hdl, pmdb_type_t type, int write_intent) {
     rc = tabra_open(&params, &table);
     if (rc != 0 || table == nullptr) {
         /* Success without a table leaves tabra null; the open asserts. */
+        PMDB_TRACE_E(54, rc);
+        return rc;
+    }
+    rc = tabra_set_add_hook(table, slot_lock_ready, hdl);
+    if (rc != 0) {
         PMDB_TRACE_E(54, rc);
         return rc;
     }

@@ -50,10 +50,25 @@
  * handle down): pmdb_cycle_on_handle(hdl, type) is a cycle whose release
  * only unlocks.
  *
+ * Same-key races.  Adds, refreshes and removals of one key may run at once
+ * in any number of threads and processes.  Three rules keep each entry's
+ * changes to one writer at a time:
+ *   - a new slot's lock is initialised by the table store's add hook (set
+ *     when the frame opens the table), under the table's writer lock and
+ *     before the key can be found, so a writer that finds the key finds a
+ *     ready lock;
+ *   - a cycle pins the slot before it touches the slot's lock, and unpins it
+ *     after the unlock (or the removal): a pinned slot never passes to
+ *     another key, so no add re-initialises a lock that a cycle works on;
+ *   - after taking the lock, the cycle checks that the slot still holds its
+ *     key; when the entry was removed (or removed and added again
+ *     elsewhere) in between, it lets go and finds or creates the entry
+ *     again, so it never writes an entry it does not hold the lock of.
+ *
  * Ownership: a cycle lives on the caller's stack; `entry` is valid only
  * while `locked` is set (or, in a removal, until the removal step).  A
- * cycle holds at most one entry lock; the caller must release every cycle
- * it opened or shared, on every path.
+ * cycle holds at most one entry lock and one pin; the caller must release
+ * every cycle it opened or shared, on every path.
  */
 #ifndef PMDB_SRC_CYCLE_H
 #define PMDB_SRC_CYCLE_H
@@ -79,6 +94,8 @@ typedef struct pmdb_cycle {
     void *entry;       /* the entry in the table store; null until found */
     i32 slot;          /* its slot, 0..65535 */
     bool created;      /* the table store allocated the slot in this cycle */
+    bool creating;     /* found by pmdb_cycle_find_or_create (so re-found that way) */
+    bool pinned;       /* this cycle pins the slot in the table store */
     bool locked;       /* this cycle holds the slot's entry lock */
     bool owns_open;    /* this cycle's release drops write access */
     pmdb_cycle_step_t failed_step;
@@ -148,22 +165,27 @@ cerrno pmdb_cycle_enter(pmdb_cycle_t *cyc, u32 key, u32 how, const pmdb_cycle_tr
 cerrno pmdb_cycle_begin(pmdb_cycle_t *cyc, pmdb_type_t type, u32 key, u32 how,
                         const pmdb_cycle_traces_t *tp);
 
-/* Creates the entry of `key`, initialising the new slot's lock, or - when
- * the key is present - calls on_refresh (may be null) and looks it up.
- * Does not lock.  Failed steps: ADD, LOOKUP. */
+/* Creates the entry of `key` (the table store's add hook initialises the
+ * new slot's lock before the key can be found), or - when the key is
+ * present - calls on_refresh (may be null) and looks it up.  Does not
+ * lock.  Failed steps: ADD, LOOKUP. */
 cerrno pmdb_cycle_find_or_create(pmdb_cycle_t *cyc, u32 key,
                                  pmdb_cycle_hook_t on_refresh = nullptr, void *ctx = nullptr);
 
 /* Looks the entry of `key` up.  Does not lock.  Failed step: LOOKUP. */
 cerrno pmdb_cycle_find(pmdb_cycle_t *cyc, u32 key);
 
-/* Takes the found entry's slot lock.  Failed step: LOCK. */
+/* Takes the found entry's slot lock, with the slot pinned, and makes sure
+ * the slot still holds the key; when it no longer does, the entry is found
+ * (or created) again the way it was first.  Failed steps: LOCK, or those
+ * of the find (LOOKUP when the key was removed meanwhile; ADD). */
 cerrno pmdb_cycle_lock(pmdb_cycle_t *cyc);
 
 /* pmdb_cycle_find, then pmdb_cycle_lock. */
 cerrno pmdb_cycle_find_lock(pmdb_cycle_t *cyc, u32 key);
 
-/* Releases the slot lock if this cycle holds it; the unlock's result. */
+/* Releases the slot lock if this cycle holds it, then its pin; the
+ * unlock's result. */
 cerrno pmdb_cycle_unlock(pmdb_cycle_t *cyc);
 
 /* Ends the cycle: unlocks if locked, then (for the opening cycle) drops
