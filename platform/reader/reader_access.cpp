@@ -28,12 +28,14 @@
  *   1. look the key up in the table store and pin its slot s (released at
  *      the end of each pass): s and the entry's address;
  *   1a. leave the lock alone while the record does not hold its key: the
- *      entry is being made, and its writer initialises the slot lock right
- *      after the table store made the entry (a lock being initialised must
- *      not be touched: an attempt racing with the initialisation can take it
- *      as a plain mutex that nobody can release, or lose it to the
- *      initialiser while the robust list still names it); such a record
- *      found twice in the same slot counts as missing (step 5);
+ *      entry is being made (the library's writers have the table store
+ *      initialise the slot lock before the key can be found, but a writer
+ *      of another kind may initialise it afterwards, and a lock being
+ *      initialised must not be touched: an attempt racing with the
+ *      initialisation can take it as a plain mutex that nobody can release,
+ *      or lose it to the initialiser while the robust list still names it);
+ *      such a record found twice in the same slot counts as missing
+ *      (step 5);
  *   2. take entry_lock[s]: try-lock, then a wait bounded by g_wait_ms;
  *   3. copy the record into a local buffer and release the lock;
  *   4. keep the copy only when the release succeeded (the lock was not
