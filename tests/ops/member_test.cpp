@@ -116,8 +116,6 @@ TEST_F(MemberUpdate, CountWrapsAndBadArgumentsAreRefused) {
     EXPECT_EQ(Ifh(kBundle).member_count, 0);
     EXPECT_EQ(dpa_pmdb_update_bundle_ifh_entry(0, 1, 0, &s, nullptr, 1), PMDB_EINVAL);
     ExpectTrace(VESK_ERROR, 228, {});
-    EXPECT_EQ(dpa_pmdb_update_ifh_entry_member(nullptr, &s, nullptr), PMDB_EINVAL);
-    ExpectTrace(VESK_ERROR, 234, {});
     EXPECT_EQ(Event(PMDB_EV_MEMBER_JOIN, 1, &s, nullptr, 0x999), TABRA_E_NOTFOUND);
     ExpectTrace(VESK_ERROR, 236, {0x999, TABRA_E_NOTFOUND});
     EXPECT_EQ(dpa_pmdb_update_bundle_ifh_entry(0x998, 1, 0, &s, nullptr, 1), TABRA_E_NOTFOUND);

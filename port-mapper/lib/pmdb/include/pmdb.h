@@ -443,6 +443,18 @@ typedef void (*dpa_pmdb_aib_update_cb_t)(u32 *handles, u32 *status, u16 count);
 /* Exported objects and operations                                          */
 /* ------------------------------------------------------------------------ */
 
+/* Pointer arguments.  A pointer an operation needs must be given: a null one
+ * is refused with 22 (PMDB_EINVAL) before anything changes - nothing is
+ * opened or locked and no out-parameter is written - traced only where the
+ * operation has a trace for that argument (the event and summary checks of
+ * the member, bundle and OAM operations).  pmdb_lock_init ignores a null
+ * lock; the BVI filter answers a null entry or context, or a context without
+ * its handle array, with 22 like an entry it does not collect.  Optional,
+ * and so may be null: the event manager, mask_out, punt_info, the slot of
+ * dpa_pmdb_add_oam_entry, the IFH handle of the scale and inventory node
+ * operations, the callbacks, the BVI filter's first and third arguments, and
+ * the MAC of dpa_pmdb_update_glbls_inv_node_info's remove form (add 0). */
+
 /* Database frame. */
 PMDB_EXPORT extern dnxpm_dbg_desc_t dnxpm_dbg_pmdb_types;
 PMDB_EXPORT cerrno dpa_pmdb_init(event_mgr_p em, pmdb_type_t type, int write_intent);

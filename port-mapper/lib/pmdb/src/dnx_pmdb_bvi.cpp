@@ -96,6 +96,9 @@ dpa_pmdb_aib_update_cb_t dpa_pmdb_aib_update_cb_get(void) { return pmdb_aib_upda
 PMDB_EXPORT int dpa_pm_get_bvi_adj_cb(void * /*arg1*/, const pmdb_ifh_entry_t *entry,
                                       void * /*arg3*/, void *ctx_arg) {
     auto *ctx = static_cast<dpa_pm_bvi_adj_ctx_t *>(ctx_arg);
+    /* Nothing to examine or nowhere to collect: refused like an entry that
+     * is not collected, so that a walk goes on. */
+    if (entry == nullptr || ctx == nullptr || ctx->handles == nullptr) return kFilterNext;
     /* Never write past the array: once full, entries are not examined. */
     if (ctx->count >= ctx->capacity) return kFilterFull;
     const pmdb_intf_info_t *info = &entry->intf_info;
@@ -108,6 +111,7 @@ PMDB_EXPORT int dpa_pm_get_bvi_adj_cb(void * /*arg1*/, const pmdb_ifh_entry_t *e
 PMDB_EXPORT cerrno dpa_bvi_upd_all_entries(u32 ifh, u32 *status) {
     static const pmdb_cycle_traces_t kTraces = {
         .zero_key = 99, .open_failed = 100, .lookup_failed = 101, .lock_failed = 103};
+    if (status == nullptr) return PMDB_EINVAL;
     pmdb_cycle_t cyc;
     const cerrno rc = pmdb_cycle_begin(&cyc, PMDB_TYPE_IFH, ifh, PMDB_CYCLE_LOCK, &kTraces);
     if (rc != PMDB_OK) return rc;

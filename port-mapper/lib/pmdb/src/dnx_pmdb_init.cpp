@@ -375,7 +375,9 @@ cerrno dpa_pmdb_munprotect_tabra(dnx_db_hdl_t *hdl, pmdb_type_t type) {
 
 PMDB_EXPORT cerrno dpa_pmdb_mprotect_tabra(tabra_hdl_t table, dnx_db_hdl_t *hdl,
                                            pmdb_type_t type) {
-    if (!type_valid(type) || hdl == nullptr) return PMDB_EINVAL;
+    /* Refused before the count moves: a release without a table would count
+     * the writer out and leave the table store writable. */
+    if (!type_valid(type) || hdl == nullptr || table == nullptr) return PMDB_EINVAL;
     const int err = pmdb_mutex_take(&pmdb_prot_mutex[type], "dpa_pmdb_mprotect_tabra", 206);
     if (err != 0) {
         PMDB_TRACE_E(52);

@@ -191,6 +191,7 @@ PMDB_EXPORT cerrno pm_port_inv_entry_remove(u32 node_id) {
 }
 
 PMDB_EXPORT cerrno pm_inventory_get_first_high_scale_nodeid(u32 *node_id) {
+    if (node_id == nullptr) return PMDB_EINVAL;
     const pm_port_inv_entry_t *e = pm_port_inv_list;
     while (e != nullptr && e->high_scale == 0) e = e->next;
     if (e == nullptr) return PMDB_ENOTFOUND;
@@ -200,6 +201,7 @@ PMDB_EXPORT cerrno pm_inventory_get_first_high_scale_nodeid(u32 *node_id) {
 }
 
 PMDB_EXPORT cerrno pm_inventory_get_first_inv_nodeid(u32 *node_id, u8 *mac) {
+    if (node_id == nullptr || mac == nullptr) return PMDB_EINVAL;
     const pm_port_inv_entry_t *e = pm_port_inv_list;
     while (e != nullptr && e->node_id == 0) e = e->next;
     if (e == nullptr) return PMDB_ENOTFOUND;
@@ -226,6 +228,8 @@ PMDB_EXPORT cerrno dpa_pmdb_update_scale_info(u32 node_id, i32 node_index, u8 hi
 
 PMDB_EXPORT cerrno dpa_pmdb_update_glbls_inv_node_info(u32 node_id, const u8 *mac, int add,
                                                        dnx_db_hdl_t *hdl) {
+    /* The remove form never reads the MAC; the add form may record it. */
+    if (add != 0 && mac == nullptr) return PMDB_EINVAL;
     pmdb_cycle_t cyc;
     cerrno rc = glbls_open(&cyc, hdl, 118);
     if (rc != PMDB_OK) return rc;

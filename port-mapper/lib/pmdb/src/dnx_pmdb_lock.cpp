@@ -215,6 +215,7 @@ int pmdb_mutex_take(pthread_mutex_t *mutex, const char *location, int line) {
 }
 
 PMDB_EXPORT void pmdb_lock_init(pellin_mutex_type *lock) {
+    if (lock == nullptr) return;
     pthread_mutexattr_t attr;
     int rc = pthread_mutexattr_init(&attr);
     if (rc == 0) rc = pthread_mutexattr_settype(&attr, PTHREAD_MUTEX_ERRORCHECK);
@@ -235,6 +236,7 @@ PMDB_EXPORT void pmdb_lock_init(pellin_mutex_type *lock) {
 }
 
 PMDB_EXPORT cerrno pmdb_entry_lock(pellin_mutex_type *lock) {
+    if (lock == nullptr) return PMDB_EINVAL;
     int loop_count = 0;
     int rc = EAGAIN;
     while (rc == EAGAIN) {
@@ -247,10 +249,12 @@ PMDB_EXPORT cerrno pmdb_entry_lock(pellin_mutex_type *lock) {
 }
 
 PMDB_EXPORT cerrno pmdb_entry_unlock(pellin_mutex_type *lock) {
+    if (lock == nullptr) return PMDB_EINVAL;
     return static_cast<cerrno>(pthread_mutex_unlock(lock));
 }
 
 PMDB_EXPORT cerrno pmdb_lock_destroy(pellin_mutex_type *lock) {
+    if (lock == nullptr) return PMDB_EINVAL;
     const int rc = lock_retire(lock);
     if (rc != 0) PMDB_TRACE_D(71);
     return static_cast<cerrno>(rc);

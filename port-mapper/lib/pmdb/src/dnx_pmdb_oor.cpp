@@ -72,12 +72,16 @@ cerrno finish(pmdb_cycle_t *member, pmdb_cycle_t *bundle, cerrno rc) {
     return pmdb_cycle_release(member, rc);
 }
 
-/* Out-parameters of dpa_pmdb_update_bundle_oor_state. */
+/* Out-parameters of dpa_pmdb_update_bundle_oor_state; all four are
+ * required, since the bundle side writes them while both locks are held. */
 struct bundle_report {
     u32 *bundle_ifh;
     u32 *state;
     u32 *changed;
     u32 *slot;
+    bool complete() const {
+        return bundle_ifh != nullptr && state != nullptr && changed != nullptr && slot != nullptr;
+    }
 };
 
 /* The bundle side of a member's state change, on the locked bundle: moves the
@@ -158,6 +162,8 @@ cerrno dpa_pmdb_update_bundle_oor_state(u32 ifh, u32 state, u32 reason, u32 *bun
                                                       .lookup_failed = 296,
                                                       .lock_failed = 297};
     static const pmdb_cycle_traces_t kBundleTraces = {.lookup_failed = 301, .lock_failed = 302};
+    const bundle_report out = {bundle_ifh_out, bundle_state_out, changed_out, bundle_slot_out};
+    if (!out.complete()) return PMDB_EINVAL;
     pmdb_cycle_t member;
     cerrno rc = pmdb_cycle_begin(&member, PMDB_TYPE_IFH, ifh, PMDB_CYCLE_LOCK, &kMemberTraces);
     if (rc != PMDB_OK) return rc;
@@ -180,7 +186,6 @@ cerrno dpa_pmdb_update_bundle_oor_state(u32 ifh, u32 state, u32 reason, u32 *bun
      * reached: its counters are then out of step until the next change. */
     rc = pmdb_cycle_enter(&bundle, bundle_ifh, PMDB_CYCLE_LOCK, &kBundleTraces);
     if (rc != PMDB_OK) return finish(&member, &bundle, rc);
-    const bundle_report out = {bundle_ifh_out, bundle_state_out, changed_out, bundle_slot_out};
     fold_into_bundle(&static_cast<pmdb_ifh_entry_t *>(bundle.entry)->intf_info, bundle.slot,
                      bundle_ifh, old_state, state, reason, &out);
     return finish(&member, &bundle, PMDB_OK);
@@ -191,6 +196,7 @@ cerrno dpa_pmdb_set_bundle_oor_state(u32 ifh, i32 state, u32 reason, u32 *slot_o
                                                 .open_args = PMDB_OPEN_TRACE_STATUS,
                                                 .lookup_failed = 307,
                                                 .lock_failed = 308};
+    if (slot_out == nullptr) return PMDB_EINVAL;
     pmdb_cycle_t cyc;
     cerrno rc = pmdb_cycle_begin(&cyc, PMDB_TYPE_IFH, ifh, PMDB_CYCLE_LOCK, &kTraces);
     if (rc != PMDB_OK) return rc;
