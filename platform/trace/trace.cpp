@@ -34,6 +34,8 @@
  * with link(2), which never replaces an existing file: every process that
  * can open "vesk.<kind>" sees a fully initialised header, and when two
  * processes race to create it one wins and the other opens the winner's.
+ * It is created with the host's mode (vorn_os.h) whatever the umask, and
+ * an existing one that belongs to another user is never mapped.
  *
  * Concurrency contract (all processes of the namespace share the buffer):
  *   - Writers reserve a sequence with fetch_add on `head` (relaxed: the
@@ -208,9 +210,10 @@ int create_buffer(const char *ns, vesk_kind_t kind, const char *path) {
     uint32_t cap = 0;
     records_setting(&cap);
     const size_t len = buffer_bytes(cap);
-    const int fd = open(tmp, O_RDWR | O_CREAT | O_EXCL | O_CLOEXEC | O_NOFOLLOW, 0666);
+    const int fd = open(tmp, O_RDWR | O_CREAT | O_EXCL | O_CLOEXEC | O_NOFOLLOW, 0600);
     if (fd < 0) return -1;
-    int rc = ftruncate(fd, (off_t)len);
+    int rc = fchmod(fd, vorn_host_object_mode()); /* whatever the umask */
+    if (rc == 0) rc = ftruncate(fd, (off_t)len);
     void *mem = rc == 0 ? mmap(nullptr, len, PROT_READ | PROT_WRITE, MAP_SHARED, fd, 0) : MAP_FAILED;
     close(fd);
     if (mem == MAP_FAILED) rc = -1;
@@ -241,30 +244,54 @@ bool header_valid(const vesk_hdr *hdr, size_t file_len, vesk_kind_t kind) {
            (cap & (cap - 1)) == 0 && file_len >= buffer_bytes(cap);
 }
 
-/* Opens (creating if absent) and maps buffer kind of ns; null on failure. */
-vesk_buf *map_buffer(const char *ns, vesk_kind_t kind) {
+/* Maps the whole of buffer file fd of `kind` when it is another user's
+ * neither and its header is sound: 0, or the status (*detail: the owner's
+ * uid, or errno). */
+uint32_t map_file(int fd, vesk_kind_t kind, void **mem, size_t *len, uint64_t *detail) {
+    struct stat st {};
+    if (fstat(fd, &st) != 0) {
+        *detail = (uint64_t)errno;
+        return VESK_E_SHM;
+    }
+    if (!vorn_host_owner_ok(&st)) {
+        *detail = st.st_uid;
+        return VESK_E_OWNER;
+    }
+    *len = (size_t)st.st_size;
+    if (*len < sizeof(vesk_hdr)) return VESK_E_DAMAGED;
+    *mem = mmap(nullptr, *len, PROT_READ | PROT_WRITE, MAP_SHARED, fd, 0);
+    if (*mem == MAP_FAILED) {
+        *detail = (uint64_t)errno;
+        return VESK_E_SHM;
+    }
+    if (header_valid(static_cast<vesk_hdr *>(*mem), *len, kind)) return 0;
+    munmap(*mem, *len);
+    return VESK_E_DAMAGED;
+}
+
+/* Opens (creating if absent) and maps buffer kind of ns: 0 and *out, or the
+ * status (*detail as map_file). */
+uint32_t map_buffer(const char *ns, vesk_kind_t kind, vesk_buf **out, uint64_t *detail) {
     char name[32];
     char path[kPathMax];
     snprintf(name, sizeof name, "vesk.%s", kKindNames[kind]);
-    if (vorn_host_shm_path(ns, name, path, sizeof path) != 0) return nullptr;
+    if (vorn_host_shm_path(ns, name, path, sizeof path) != 0) return VESK_E_NAMESPACE;
     int fd = open(path, O_RDWR | O_CLOEXEC | O_NOFOLLOW);
     if (fd < 0 && errno == ENOENT && create_buffer(ns, kind, path) == 0) {
         fd = open(path, O_RDWR | O_CLOEXEC | O_NOFOLLOW);
     }
-    if (fd < 0) return nullptr;
-    struct stat st {};
+    if (fd < 0) {
+        *detail = (uint64_t)errno;
+        return VESK_E_SHM;
+    }
     void *mem = MAP_FAILED;
-    if (fstat(fd, &st) == 0 && (size_t)st.st_size >= sizeof(vesk_hdr)) {
-        mem = mmap(nullptr, (size_t)st.st_size, PROT_READ | PROT_WRITE, MAP_SHARED, fd, 0);
-    }
+    size_t len = 0;
+    const uint32_t st = map_file(fd, kind, &mem, &len, detail);
     close(fd);
-    if (mem == MAP_FAILED) return nullptr;
+    void *raw = st == 0 ? calloc(1, sizeof(vesk_buf)) : nullptr;
+    if (st == 0 && raw == nullptr) munmap(mem, len);
+    if (raw == nullptr) return st != 0 ? st : VESK_E_SHM;
     auto *hdr = static_cast<vesk_hdr *>(mem);
-    void *raw = header_valid(hdr, (size_t)st.st_size, kind) ? calloc(1, sizeof(vesk_buf)) : nullptr;
-    if (raw == nullptr) {
-        munmap(mem, (size_t)st.st_size);
-        return nullptr;
-    }
     auto *buf = new (raw) vesk_buf{};
     snprintf(buf->ns, sizeof buf->ns, "%s", ns);
     buf->kind = kind;
@@ -272,23 +299,38 @@ vesk_buf *map_buffer(const char *ns, vesk_kind_t kind) {
     buf->recs = reinterpret_cast<vesk_shm_rec *>(static_cast<char *>(mem) + sizeof(vesk_hdr));
     buf->mask = hdr->capacity - 1;
     buf->live.store(true, std::memory_order_relaxed);
-    return buf;
+    *out = buf;
+    return 0;
 }
 
-vesk_buf *buffer_of(vesk_kind_t kind) {
+/* The last status traced per trace point of the service and buffer kind:
+ * a failure that repeats at every write or read is traced once. */
+std::atomic<uint32_t> g_noted[1][VESK_KINDS];
+
+/* Traces a failure of buffer `kind` to the error buffer, unless it is that
+ * buffer's own failure (nowhere to write it) or the same as last time. */
+void note(uint32_t point, vesk_kind_t kind, uint32_t status, uint64_t detail) {
+    const uint32_t before = g_noted[point - VESK_TP_OPEN][kind].exchange(status);
+    if (status == 0 || status == before || kind == VESK_ERROR) return;
+    _vesk_3(dpa_port_mapper_get_error_vesk(), VESK_ID(3, point), status, (uint64_t)kind, detail);
+}
+
+vesk_buf *buffer_of(vesk_kind_t kind, uint32_t *status) {
     const char *ns = vorn_host_namespace();
     vesk_buf *cur = g_current[kind].load(std::memory_order_acquire);
+    *status = 0;
     if (cur != nullptr && cur->live.load(std::memory_order_acquire) && strcmp(cur->ns, ns) == 0) {
         return cur;
     }
     pthread_mutex_lock(&g_map_lock);
     vesk_buf *found = nullptr;
+    uint64_t detail = 0;
     for (vesk_buf *b = g_maps; b != nullptr && found == nullptr; b = b->next) {
         const bool same = b->kind == kind && strcmp(b->ns, ns) == 0;
         if (same && b->live.load(std::memory_order_relaxed)) found = b;
     }
     if (found == nullptr) {
-        found = map_buffer(ns, kind);
+        *status = map_buffer(ns, kind, &found, &detail);
         if (found != nullptr) {
             found->next = g_maps;
             g_maps = found;
@@ -296,13 +338,15 @@ vesk_buf *buffer_of(vesk_kind_t kind) {
     }
     if (found != nullptr) g_current[kind].store(found, std::memory_order_release);
     pthread_mutex_unlock(&g_map_lock);
+    note(VESK_TP_OPEN, kind, *status, detail); /* may map the error buffer: not under the lock */
     return found;
 }
 
 vesk_buf_t *getter(const char *call, vesk_kind_t kind) {
     int64_t ignored = 0;
+    uint32_t status = 0;
     if (pm_fault_hit(call, &ignored)) return nullptr;
-    return buffer_of(kind);
+    return buffer_of(kind, &status);
 }
 
 inline void put(vesk_shm_rec *r, size_t word, uint64_t v) {
@@ -479,8 +523,17 @@ int vesk_kind_from_name(const char *name) {
     return -1;
 }
 
+uint32_t vesk_open_checked(vesk_kind_t kind, vesk_buf_t **out) {
+    uint32_t status = VESK_E_INVAL;
+    if (out != nullptr) *out = nullptr;
+    if (out != nullptr && (unsigned)kind < VESK_KINDS) *out = buffer_of(kind, &status);
+    return status;
+}
+
 vesk_buf_t *vesk_open(vesk_kind_t kind) {
-    return (unsigned)kind < VESK_KINDS ? buffer_of(kind) : nullptr;
+    vesk_buf_t *buf = nullptr;
+    vesk_open_checked(kind, &buf);
+    return buf;
 }
 
 uint64_t vesk_mark(const vesk_buf_t *buf) {
