@@ -957,7 +957,10 @@ cerrno get_handle(open_req rq, dpa_pmdb_hash_fn_t hash_fn, tabra_table **out) {
     char bare[96];
     char object[128];
     snprintf(bare, sizeof bare, TABRA_SHM_PREFIX "%s", rq.name);
-    if (vorn_host_shm_name(bare, object, sizeof object) != 0) return shm_fail(ENAMETOOLONG, 0);
+    if (vorn_host_shm_name(bare, object, sizeof object) != 0) {
+        const bool ns_ok = vorn_host_namespace_valid(vorn_host_namespace());
+        return shm_fail(ns_ok ? ENAMETOOLONG : EINVAL, 0); /* EINVAL: PMDB_NS names no namespace */
+    }
     rq.object = object;
     pthread_mutex_lock(&g_tables_lock);
     cerrno st = 0;
