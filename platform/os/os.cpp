@@ -6,7 +6,15 @@
  * Naming: object "X" of namespace N is the POSIX object "/N.X", which Linux
  * keeps as the file /dev/shm/N.X; named semaphore "X" is /dev/shm/sem.N.X.
  * Namespace names contain no '.', so the prefix "N." never matches an object
- * of another namespace.
+ * of another namespace; and no namespace is called "sem", whose objects
+ * "/dev/shm/sem.X" would be the semaphores of the other namespaces.
+ *
+ * Ownership: an object this layer creates gets the host's mode (0600, or
+ * 0660 with group sharing) whatever the caller's mode and the umask; an
+ * object that exists already is used only when it is a regular file of the
+ * process's effective user (or, with group sharing, group).  Opens that may
+ * create first try to create exclusively, so the layer knows which case it
+ * is in.
  *
  * Concurrency contract:
  *   - `g_ns_current` (acquire/release) points at an interned, never-modified
@@ -26,6 +34,7 @@
 #include <stdlib.h>
 #include <string.h>
 #include <sys/mman.h>
+#include <sys/stat.h>
 #include <unistd.h>
 
 #include <atomic>
@@ -33,6 +42,7 @@
 #include "host/host_internal.h"
 #include "host/os_host.h"
 #include "host/pm_fault.h"
+#include "vesk.h"
 #include "vorn_os.h"
 
 namespace {
@@ -67,9 +77,12 @@ const char *intern_namespace(const char *ns) {
     return found;
 }
 
+/* PMDB_NS, the default when it is unset, "" (no namespace: every named
+ * call fails) when it is set to an invalid name. */
 const char *env_namespace() {
     const char *env = getenv(VORN_NS_ENV);
-    return env != nullptr && vorn_host_namespace_valid(env) ? env : VORN_NS_DEFAULT;
+    if (env == nullptr) return VORN_NS_DEFAULT;
+    return vorn_host_namespace_valid(env) ? env : "";
 }
 
 /* Calls fn for each entry of /dev/shm that starts with prefix, with the rest
@@ -172,7 +185,8 @@ struct key_set {
 };
 
 /* Entry of a call on a named object: fault injection, then the namespaced
- * name in full.  False (errno set) when the call must fail. */
+ * name in full.  False (errno set) when the call must fail: EINVAL for a
+ * null name or an invalid namespace. */
 bool enter_named(const char *call, const char *name, char (&full)[kPathMax], uint64_t a0,
                  uint64_t a1, uint64_t a2) {
     int64_t fault = 0;
@@ -180,11 +194,88 @@ bool enter_named(const char *call, const char *name, char (&full)[kPathMax], uin
         errno = (int)fault;
         return false;
     }
-    if (vorn_host_shm_name(name, full, sizeof full) != 0) {
-        errno = name == nullptr ? EINVAL : ENAMETOOLONG;
+    const bool valid = name != nullptr && vorn_host_namespace_valid(vorn_host_namespace());
+    if (!valid || vorn_host_shm_name(name, full, sizeof full) != 0) {
+        errno = valid ? ENAMETOOLONG : EINVAL;
         return false;
     }
     return true;
+}
+
+/* --- modes and owners ----------------------------------------------------- */
+
+constexpr const char *kGroupEnv = VORN_SHM_GROUP_ENV;
+constexpr mode_t kModePrivate = 0600;
+constexpr mode_t kModeGroup = 0660;
+constexpr int kOpenTries = 8; /* creates and opens of an object that keeps vanishing */
+
+std::atomic<int> g_group_override{-1};
+
+pmdb_setting_source_t group_setting(int *on) {
+    const int over = g_group_override.load(std::memory_order_relaxed);
+    int64_t env = 0;
+    if (over >= 0) {
+        *on = over;
+        return PMDB_SETTING_SETTER;
+    }
+    if (pmdb_host_env_i64(kGroupEnv, &env)) {
+        *on = env != 0;
+        return PMDB_SETTING_ENV;
+    }
+    *on = 0;
+    return PMDB_SETTING_DEFAULT;
+}
+
+/* The object `name` exists and belongs to someone else: traced. */
+void refuse_owner(const char *name, uid_t owner) {
+    _svesk(dpa_port_mapper_get_error_vesk(), VESK_SID(VORN_TP_NOT_OWNER), name, owner);
+    errno = EPERM;
+}
+
+/* Opens with O_CREAT by creating exclusively first and opening what exists
+ * otherwise, again while the object vanishes in between; *created says
+ * which.  `attempt(flags)` opens with flags and returns the handle or
+ * `failed` with errno set. */
+template <class Handle, class Attempt>
+Handle open_or_create(int oflag, Handle failed, bool *created, Attempt attempt) {
+    const bool create = (oflag & O_CREAT) != 0;
+    const bool excl = (oflag & O_EXCL) != 0;
+    Handle h = failed;
+    *created = false;
+    for (int i = 0; i < kOpenTries && h == failed; i++) {
+        if (create) {
+            h = attempt(oflag | O_EXCL);
+            *created = h != failed;
+            if (h != failed || errno != EEXIST || excl) break;
+        }
+        h = attempt(oflag & ~(O_CREAT | O_EXCL));
+        if (h != failed || errno != ENOENT || !create) break;
+    }
+    return h;
+}
+
+/* A new object gets the host's mode; an existing one must be ours.  0, or
+ * -1 with errno set (the object stays open: the caller closes it). */
+int adopt_object(int fd, const char *name, bool created) {
+    struct stat st {};
+    if (created) return fchmod(fd, vorn_host_object_mode());
+    if (fstat(fd, &st) != 0) return -1;
+    if (vorn_host_owner_ok(&st)) return 0;
+    refuse_owner(name, st.st_uid);
+    return -1;
+}
+
+/* The same for a named semaphore, through its file under /dev/shm. */
+int adopt_semaphore(const char *full, const char *name, bool created) {
+    char path[kPathMax + 16];
+    struct stat st {};
+    snprintf(path, sizeof path, "%s/sem.%s", kShmDir, full + 1);
+    if (lstat(path, &st) != 0) return -1;
+    if (!vorn_host_owner_ok(&st)) {
+        refuse_owner(name, st.st_uid);
+        return -1;
+    }
+    return created ? chmod(path, vorn_host_object_mode()) : 0;
 }
 
 }  // namespace
@@ -196,7 +287,7 @@ extern "C" {
 int vorn_host_namespace_valid(const char *ns) {
     if (ns == nullptr) return 0;
     const size_t len = strlen(ns);
-    if (len == 0 || len > kNsMax) return 0;
+    if (len == 0 || len > kNsMax || strcmp(ns, "sem") == 0) return 0;
     for (size_t i = 0; i < len; i++) {
         const char c = ns[i];
         const bool ok = (c >= 'a' && c <= 'z') || (c >= 'A' && c <= 'Z') ||
@@ -222,27 +313,32 @@ int vorn_host_set_namespace(const char *ns) {
 }
 
 int vorn_host_shm_name(const char *name, char *out, size_t len) {
-    if (name == nullptr || out == nullptr) return -1;
+    if (name == nullptr || out == nullptr || !vorn_host_namespace_valid(vorn_host_namespace()))
+        return -1;
     const int n = snprintf(out, len, "/%s.%s", vorn_host_namespace(), name);
     return n < 0 || (size_t)n >= len ? -1 : 0;
 }
 
 int vorn_host_shm_path(const char *ns, const char *name, char *out, size_t len) {
-    if (ns == nullptr || name == nullptr || out == nullptr) return -1;
+    if (!vorn_host_namespace_valid(ns) || name == nullptr || out == nullptr) return -1;
     const int n = snprintf(out, len, "%s/%s.%s", kShmDir, ns, name);
     return n < 0 || (size_t)n >= len ? -1 : 0;
 }
 
 int vorn_host_list_objects(const char *ns, void (*fn)(void *ctx, const char *name), void *ctx) {
+    const char *target = ns != nullptr ? ns : vorn_host_namespace();
     char prefix[kNsMax + 8];
-    snprintf(prefix, sizeof prefix, "%s.", ns != nullptr ? ns : vorn_host_namespace());
+    if (!vorn_host_namespace_valid(target)) return 0;
+    snprintf(prefix, sizeof prefix, "%s.", target);
     return list_with_prefix(prefix, fn, ctx);
 }
 
 int vorn_host_list_semaphores(const char *ns, void (*fn)(void *ctx, const char *name),
                               void *ctx) {
+    const char *target = ns != nullptr ? ns : vorn_host_namespace();
     char prefix[kNsMax + 8];
-    snprintf(prefix, sizeof prefix, "sem.%s.", ns != nullptr ? ns : vorn_host_namespace());
+    if (!vorn_host_namespace_valid(target)) return 0;
+    snprintf(prefix, sizeof prefix, "sem.%s.", target);
     return list_with_prefix(prefix, fn, ctx);
 }
 
@@ -266,7 +362,16 @@ int vorn_host_remove_namespace(const char *ns) {
 int _shm_open(const char *name, int oflag, mode_t mode) {
     char full[kPathMax];
     if (!enter_named("_shm_open", name, full, (uint64_t)oflag, mode, 0)) return -1;
-    return shm_open(full, oflag, mode);
+    bool created = false;
+    const int fd = open_or_create(oflag, -1, &created, [&full](int flags) {
+        return shm_open(full, flags, vorn_host_object_mode());
+    });
+    if (fd < 0 || adopt_object(fd, name, created) == 0) return fd;
+    const int err = errno;
+    if (created) shm_unlink(full); /* not left behind with a mode we did not choose */
+    close(fd);
+    errno = err;
+    return -1;
 }
 
 void *vornos_mmap(void *addr, size_t len, int prot, int flags, int fd, off_t off) {
@@ -295,7 +400,16 @@ sem_t *vorn_sem_open(const char *name, int oflag, mode_t mode, unsigned int valu
     if (!enter_named("vorn_sem_open", name, full, (uint64_t)oflag, mode, value)) {
         return SEM_FAILED;
     }
-    return sem_open(full, oflag, mode, value);
+    bool created = false;
+    sem_t *s = open_or_create(oflag, SEM_FAILED, &created, [&full, value](int flags) {
+        return sem_open(full, flags, vorn_host_object_mode(), value);
+    });
+    if (s == SEM_FAILED || adopt_semaphore(full, name, created) == 0) return s;
+    const int err = errno;
+    if (created) sem_unlink(full);
+    sem_close(s);
+    errno = err;
+    return SEM_FAILED;
 }
 
 int vorn_sem_unlink(const char *name) {
@@ -323,6 +437,26 @@ int vorn_pthread_mutex_consistent_np(pthread_mutex_t *mutex) {
 
 /* --- host settings ------------------------------------------------------- */
 
+int vorn_host_shm_group(void) {
+    int on = 0;
+    group_setting(&on);
+    return on;
+}
+
+void vorn_host_set_shm_group(int on) {
+    g_group_override.store(on < 0 ? -1 : on != 0, std::memory_order_relaxed);
+}
+
+mode_t vorn_host_object_mode(void) {
+    return vorn_host_shm_group() ? kModeGroup : kModePrivate;
+}
+
+int vorn_host_owner_ok(const struct stat *st) {
+    if (!S_ISREG(st->st_mode)) return 0;
+    if (st->st_uid == geteuid()) return 1;
+    return vorn_host_shm_group() && st->st_gid == getegid();
+}
+
 void vorn_host_sysctl_set(const char *key, int64_t value) {
     if (key == nullptr || strlen(key) >= kSysctlKeyMax) return;
     pthread_mutex_lock(&g_sysctl_lock);
@@ -349,12 +483,14 @@ void vorn_host_sysctl_reset(void) {
 
 void pmdb_host_os_settings(pmdb_setting_fn fn, void *ctx) {
     const bool overridden = g_ns_current.load(std::memory_order_acquire) != nullptr;
-    const bool from_env = !overridden && getenv(VORN_NS_ENV) != nullptr &&
-                          vorn_host_namespace_valid(getenv(VORN_NS_ENV));
+    const bool from_env = !overridden && getenv(VORN_NS_ENV) != nullptr;
     const pmdb_setting_source_t ns_src = overridden ? PMDB_SETTING_SETTER
                                          : from_env ? PMDB_SETTING_ENV
                                                     : PMDB_SETTING_DEFAULT;
     pmdb_host_setting_emit(fn, ctx, "os.namespace", vorn_host_namespace(), VORN_NS_ENV, ns_src);
+    int group = 0;
+    const pmdb_setting_source_t group_src = group_setting(&group);
+    pmdb_host_setting_emit(fn, ctx, "os.shm_group", group ? "1" : "0", kGroupEnv, group_src);
     /* The keys the library reads, then any other key given by a setter or
      * by PMDB_SYSCTL, each once. */
     key_set keys{};

@@ -39,6 +39,7 @@
 #include <errno.h>
 #include <fcntl.h>
 #include <signal.h>
+#include <stddef.h>
 #include <stdio.h>
 #include <stdlib.h>
 #include <string.h>
@@ -704,6 +705,25 @@ struct open_req {
     bool create;
 };
 
+/* Bytes of the header's first run of fields fixed at creation, format to
+ * buckets (tabra_layout.h). */
+constexpr size_t kFixedFields =
+    offsetof(tabra_shm_hdr_t, max_entries) - offsetof(tabra_shm_hdr_t, format);
+
+/* FNV-1a of n bytes at p, continuing from hash. */
+u32 fnv1a(const void *p, size_t n, u32 hash) {
+    const u8 *b = static_cast<const u8 *>(p);
+    for (size_t i = 0; i < n; i++) hash = (hash ^ b[i]) * 16777619u;
+    return hash;
+}
+
+/* The check word of the fields fixed at creation (tabra_layout.h). */
+u32 header_check(const tabra_shm_hdr_t &h) {
+    u32 x = fnv1a(&h.format, kFixedFields, 2166136261u);
+    x = fnv1a(&h.object_size, sizeof h.object_size, x);
+    return fnv1a(h.name, sizeof h.name, x);
+}
+
 void init_header(u8 *index, const open_req &rq) {
     tabra_shm_hdr_t *h = reinterpret_cast<tabra_shm_hdr_t *>(index);
     memset(h, 0, sizeof *h);
@@ -716,6 +736,7 @@ void init_header(u8 *index, const open_req &rq) {
     h->object_size = object_size_of(h->stride);
     h->hash_is_mod = 1;
     snprintf(h->name, sizeof h->name, "%s", rq.name);
+    h->hdr_check = header_check(*h);
     pthread_mutexattr_t a;
     pthread_mutexattr_init(&a);
     pthread_mutexattr_setpshared(&a, PTHREAD_PROCESS_SHARED);
@@ -725,48 +746,136 @@ void init_header(u8 *index, const open_req &rq) {
     st_rel(&h->magic, TABRA_SHM_MAGIC);
 }
 
+/* A fault of a table's header: its TABRA_DAMAGE_* code (0 none) and the
+ * value traced beside it. */
+struct damage {
+    u32 code;
+    u64 value;
+};
+
+damage geometry_fault(const tabra_shm_hdr_t &h) {
+    if (h.entry_size == 0 || h.entry_size > TABRA_MAX_ENTRY_SIZE)
+        return {TABRA_DAMAGE_ENTRY_SIZE, h.entry_size};
+    if (h.buckets == 0 || h.buckets > TABRA_BUCKET_WORDS) return {TABRA_DAMAGE_BUCKETS, h.buckets};
+    if (h.capacity != TABRA_CAPACITY || h.stride != stride_of(h.entry_size) ||
+        h.object_size != object_size_of(h.stride))
+        return {TABRA_DAMAGE_GEOMETRY, h.object_size};
+    return {0, 0};
+}
+
+/* The fields writers change: the intent may name an add or a remove in
+ * flight (a writer died), but only of a slot and bucket that exist. */
+damage state_fault(const tabra_shm_hdr_t &h) {
+    if (h.count > TABRA_CAPACITY || h.max_entries > TABRA_CAPACITY)
+        return {TABRA_DAMAGE_COUNTS, h.count};
+    const tabra_intent_t &in = h.intent;
+    const bool sound = in.op == TABRA_OP_NONE ||
+                       ((in.op == TABRA_OP_ADD || in.op == TABRA_OP_REMOVE) &&
+                        in.slot < TABRA_SLOTS && in.bucket < h.buckets);
+    return sound ? damage{0, 0} : damage{TABRA_DAMAGE_INTENT, in.op};
+}
+
+/* The first fault of header copy h, whose magic and format are right, of
+ * table `name` in an object of `size` bytes. */
+damage header_fault(const tabra_shm_hdr_t &h, const char *name, u64 size) {
+    damage d = geometry_fault(h);
+    if (d.code == 0 && size < h.object_size) d = {TABRA_DAMAGE_SIZE, size};
+    if (d.code == 0 && strncmp(h.name, name, sizeof h.name) != 0) d = {TABRA_DAMAGE_NAME, 0};
+    if (d.code == 0 && h.hdr_check != header_check(h)) d = {TABRA_DAMAGE_CHECK, h.hdr_check};
+    return d.code != 0 ? d : state_fault(h);
+}
+
+/* A copy of what the checks read: the fields fixed at creation as bytes,
+ * those that writers change with atomic loads. */
+void copy_header(const tabra_shm_hdr_t *src, tabra_shm_hdr_t *h) {
+    memset(h, 0, sizeof *h);
+    h->magic = ld_acq(&src->magic);
+    memcpy(&h->format, &src->format, kFixedFields);
+    h->max_entries = ld_rlx(&src->max_entries);
+    h->count = ld_rlx(&src->count);
+    h->object_size = src->object_size;
+    memcpy(h->name, src->name, sizeof h->name);
+    h->hdr_check = src->hdr_check;
+    h->intent.op = ld_acq(&src->intent.op);
+    h->intent.slot = ld_rlx(&src->intent.slot);
+    h->intent.bucket = ld_rlx(&src->intent.bucket);
+}
+
+cerrno damaged(damage d) {
+    return fail(TABRA_TP_DAMAGED, TABRA_E_CORRUPT, d.code, d.value);
+}
+
 cerrno shm_fail(int err, u64 stage) {
     return fail(TABRA_TP_OPEN_SHM, TABRA_E_SHM, static_cast<u64>(err), stage);
 }
 
-/* Holding the object's flock (which also orders the creator's stores before
- * this read of the magic): makes sure the object holds an initialised table,
- * creating it when allowed, and maps its index part into *index. */
-cerrno prepare_object(int fd, const open_req &rq, u8 **index) {
-    struct stat sb {};
-    if (fstat(fd, &sb) != 0) return shm_fail(errno, 1);
-    u32 magic = 0;
-    const bool ready = static_cast<size_t>(sb.st_size) >= TABRA_OFF_ENTRIES &&
-                       pread(fd, &magic, sizeof magic, 0) == sizeof magic &&
-                       magic == TABRA_SHM_MAGIC;
-    if (!ready && !rq.create) return fail(TABRA_TP_NO_TABLE, TABRA_E_NOTFOUND, 0, 0);
-    if (!ready) {
-        /* New, or left half made by a creator that died: start from zeros. */
-        const off_t want = static_cast<off_t>(object_size_of(stride_of(rq.params->entry_size)));
-        if (ftruncate(fd, 0) != 0 || ftruncate(fd, want) != 0) return shm_fail(errno, 2);
-    }
+cerrno map_index(int fd, u8 **index) {
     void *m = vornos_mmap(nullptr, TABRA_OFF_ENTRIES, PROT_READ | PROT_WRITE, MAP_SHARED, fd, 0);
     if (m == MAP_FAILED) return shm_fail(errno, 3);
     *index = static_cast<u8 *>(m);
-    if (!ready) init_header(*index, rq);
     return 0;
 }
 
-cerrno check_format(int fd, tabra_shm_hdr_t *h, const open_req &rq) {
-    if (h->format != TABRA_SHM_FORMAT || h->capacity != TABRA_CAPACITY ||
-        h->stride != stride_of(h->entry_size) || h->object_size != object_size_of(h->stride))
-        return fail(TABRA_TP_OPEN_MISMATCH, TABRA_E_MISMATCH, h->format, h->entry_size);
+/* Offset of the first nonzero byte of an index part after its header, 0
+ * when there is none: a creator killed before writing the magic leaves
+ * nothing there, a table that was ever used always does. */
+u64 first_written(const u8 *index) {
+    const u64 *w = reinterpret_cast<const u64 *>(index + TABRA_OFF_BUCKETS);
+    const size_t n = (TABRA_OFF_ENTRIES - TABRA_OFF_BUCKETS) / sizeof(u64);
+    for (size_t i = 0; i < n; i++) {
+        if (w[i] != 0) return TABRA_OFF_BUCKETS + i * sizeof(u64);
+    }
+    return 0;
+}
+
+/* An object of *size bytes without the magic (its index part at *index when
+ * it is long enough to have one).  Only one that nothing was ever written to
+ * becomes a table, and only for a creating open; any other is damaged and
+ * left as it is. */
+cerrno make_unwritten(int fd, const open_req &rq, u64 *size, u8 **index) {
+    const u64 at = *index != nullptr ? first_written(*index) : 0;
+    if (*size != 0 && *index == nullptr) return damaged({TABRA_DAMAGE_SIZE, *size});
+    if (at != 0) return damaged({TABRA_DAMAGE_NO_MAGIC, at});
+    if (!rq.create) return fail(TABRA_TP_NO_TABLE, TABRA_E_NOTFOUND, 0, 0);
+    const off_t want = static_cast<off_t>(object_size_of(stride_of(rq.params->entry_size)));
+    if (ftruncate(fd, 0) != 0 || ftruncate(fd, want) != 0) return shm_fail(errno, 2);
+    *size = static_cast<u64>(want);
+    const cerrno st = *index == nullptr ? map_index(fd, index) : 0;
+    if (st == 0) init_header(*index, rq);
+    return st;
+}
+
+/* The checks of tabra.h on header copy h; then, for an open, its format
+ * against the caller's parameters. */
+cerrno check_header_copy(const tabra_shm_hdr_t &h, const open_req &rq, u64 size) {
+    if (h.format != TABRA_SHM_FORMAT)
+        return fail(TABRA_TP_OPEN_MISMATCH, TABRA_E_MISMATCH, h.format, h.entry_size);
+    const damage d = header_fault(h, rq.name, size);
+    if (d.code != 0) return damaged(d);
     if (rq.params &&
-        (rq.params->entry_size != h->entry_size || rq.params->hash_buckets != h->buckets))
-        return fail(TABRA_TP_OPEN_MISMATCH, TABRA_E_MISMATCH, h->entry_size, rq.params->entry_size);
-    struct stat sb {};
-    if (fstat(fd, &sb) != 0 || static_cast<u64>(sb.st_size) < h->object_size)
-        return fail(TABRA_TP_OPEN_MISMATCH, TABRA_E_MISMATCH, static_cast<u64>(sb.st_size),
-                    h->object_size);
+        (rq.params->entry_size != h.entry_size || rq.params->hash_buckets != h.buckets))
+        return fail(TABRA_TP_OPEN_MISMATCH, TABRA_E_MISMATCH, h.entry_size, rq.params->entry_size);
     return 0;
 }
 
-cerrno map_entries(int fd, tabra_table *t, bool writable) {
+/* Holding the object's flock (which also orders the creator's stores before
+ * these reads): maps the index part into *index and leaves in *h a copy of
+ * the header that passed every check, making the table first when the
+ * object was never written and the caller may create.  The handle is built
+ * from the copy, never from the shared header, which may change later. */
+cerrno prepare_object(int fd, const open_req &rq, u8 **index, tabra_shm_hdr_t *h) {
+    struct stat sb {};
+    if (fstat(fd, &sb) != 0) return shm_fail(errno, 1);
+    u64 size = static_cast<u64>(sb.st_size);
+    cerrno st = size >= TABRA_OFF_ENTRIES ? map_index(fd, index) : 0;
+    const bool ready = *index != nullptr &&
+                       ld_acq(&reinterpret_cast<tabra_shm_hdr_t *>(*index)->magic) == TABRA_SHM_MAGIC;
+    if (st == 0 && !ready) st = make_unwritten(fd, rq, &size, index);
+    if (st == 0) copy_header(reinterpret_cast<const tabra_shm_hdr_t *>(*index), h);
+    return st == 0 ? check_header_copy(*h, rq, size) : st;
+}
+
+cerrno map_entries(int fd, tabra_table *t, bool writable, u32 nbuckets) {
     const int prot = writable ? PROT_READ | PROT_WRITE : PROT_READ;
     void *e = vornos_mmap(nullptr, t->entries_len, prot, MAP_SHARED, fd, TABRA_OFF_ENTRIES);
     if (e == MAP_FAILED) return shm_fail(errno, 4);
@@ -780,7 +889,7 @@ cerrno map_entries(int fd, tabra_table *t, bool writable) {
     t->alias = static_cast<u8 *>(a);
     const tabra_shm_hdr_t *h = hdr(t);
     t->rest = tabra_rest_view_t{buckets(t), slots(t), t->entries, &h->hash_is_mod,
-                                h->buckets,  t->stride, t->entry_size, 0};
+                                nbuckets,    t->stride, t->entry_size, 0};
     t->whole_rw = writable ? 1 : 0;
     return 0;
 }
@@ -792,16 +901,15 @@ void free_handle(tabra_table *t) {
     free(t);
 }
 
-tabra_table *new_handle(const open_req &rq, u8 *index) {
+tabra_table *new_handle(const open_req &rq, u8 *index, const tabra_shm_hdr_t &h) {
     tabra_table *t = static_cast<tabra_table *>(calloc(1, sizeof(tabra_table)));
     if (t == nullptr) return nullptr;
-    const tabra_shm_hdr_t *h = reinterpret_cast<const tabra_shm_hdr_t *>(index);
     snprintf(t->name, sizeof t->name, "%s", rq.name);
     snprintf(t->object, sizeof t->object, "%s", rq.object);
     t->index = index;
-    t->stride = h->stride;
-    t->entry_size = h->entry_size;
-    t->entries_len = static_cast<size_t>(TABRA_SLOTS) * h->stride;
+    t->stride = h.stride;
+    t->entry_size = h.entry_size;
+    t->entries_len = static_cast<size_t>(TABRA_SLOTS) * h.stride;
     t->entries_len = (t->entries_len + kPage - 1) & ~(kPage - 1);
     t->page_rw = static_cast<u64 *>(calloc(t->entries_len / kPage / 64 + 1, sizeof(u64)));
     t->bracket_gen = static_cast<u32 *>(calloc(TABRA_SLOTS, sizeof(u32)));
@@ -817,11 +925,11 @@ tabra_table *new_handle(const open_req &rq, u8 *index) {
 /* Builds a handle for the object (flock held). */
 cerrno handle_for(int fd, const open_req &rq, tabra_table **out) {
     u8 *index = nullptr;
-    cerrno st = prepare_object(fd, rq, &index);
-    if (st == 0) st = check_format(fd, reinterpret_cast<tabra_shm_hdr_t *>(index), rq);
-    tabra_table *t = st == 0 ? new_handle(rq, index) : nullptr;
+    tabra_shm_hdr_t h;
+    cerrno st = prepare_object(fd, rq, &index, &h);
+    tabra_table *t = st == 0 ? new_handle(rq, index, h) : nullptr;
     if (st == 0 && t == nullptr) st = fail(TABRA_TP_NOMEM, TABRA_E_NOMEM, sizeof(tabra_table), 0);
-    if (st == 0) st = map_entries(fd, t, rq.params != nullptr);
+    if (st == 0) st = map_entries(fd, t, rq.params != nullptr, h.buckets);
     if (st != 0 && index != nullptr) munmap(index, TABRA_OFF_ENTRIES);
     if (st != 0 && t != nullptr) free_handle(t);
     if (st == 0) *out = t;
@@ -831,9 +939,11 @@ cerrno handle_for(int fd, const open_req &rq, tabra_table **out) {
 cerrno map_table(const open_req &rq, tabra_table **out) {
     char obj[96];
     snprintf(obj, sizeof obj, TABRA_SHM_PREFIX "%s", rq.name);
-    const int fd = _shm_open(obj, O_RDWR | (rq.create ? O_CREAT : 0), 0666);
+    /* The OS layer gives a new object the host's mode, whatever is passed. */
+    const int fd = _shm_open(obj, O_RDWR | (rq.create ? O_CREAT : 0), 0600);
     if (fd < 0 && errno == ENOENT && !rq.create)
         return fail(TABRA_TP_NO_TABLE, TABRA_E_NOTFOUND, 0, 0);
+    if (fd < 0 && errno == EPERM) return fail(TABRA_TP_OWNER, TABRA_E_OWNER, EPERM, 0);
     if (fd < 0) return shm_fail(errno, 0);
     cerrno st = 0;
     if (flock(fd, LOCK_EX) != 0) st = shm_fail(errno, 6);
@@ -857,7 +967,10 @@ cerrno get_handle(open_req rq, dpa_pmdb_hash_fn_t hash_fn, tabra_table **out) {
     char bare[96];
     char object[128];
     snprintf(bare, sizeof bare, TABRA_SHM_PREFIX "%s", rq.name);
-    if (vorn_host_shm_name(bare, object, sizeof object) != 0) return shm_fail(ENAMETOOLONG, 0);
+    if (vorn_host_shm_name(bare, object, sizeof object) != 0) {
+        const bool ns_ok = vorn_host_namespace_valid(vorn_host_namespace());
+        return shm_fail(ns_ok ? ENAMETOOLONG : EINVAL, 0); /* EINVAL: PMDB_NS names no namespace */
+    }
     rq.object = object;
     pthread_mutex_lock(&g_tables_lock);
     cerrno st = 0;
@@ -980,7 +1093,7 @@ bool check_chain_slot(check_state *c, u32 b, u32 x) {
     const dpa_pmdb_hash_fn_t fn = ld_acq(&t->hash_fn);
     if (fn != nullptr && fn(s->key) != b)
         return fault(c, 7, x, "key %#llx hashes elsewhere than bucket %llu", s->key, b);
-    if (hdr(t)->hash_is_mod && s->key % hdr(t)->buckets != b)
+    if (hdr(t)->hash_is_mod && s->key % t->rest.buckets_n != b)
         return fault(c, 19, x, "key %#llx in bucket %llu which is not key mod buckets", s->key, b);
     c->keys[c->nkeys++] = s->key;
     return true;
@@ -992,9 +1105,9 @@ bool check_buckets(check_state *c) {
         const u64 w = buckets(t)[b];
         if (word_seq(w) % 2 != 0)
             return fault(c, 1, 0, "bucket %llu has odd sequence %llu", b, word_seq(w));
-        if (b >= hdr(t)->buckets && word_head(w) != 0)
+        if (b >= t->rest.buckets_n && word_head(w) != 0)
             return fault(c, 2, 0, "bucket %llu beyond the hash range %llu is used", b,
-                         hdr(t)->buckets);
+                         t->rest.buckets_n);
         for (u32 cur = word_head(w); cur != 0; cur = slots(t)[cur - 1].next) {
             if (cur > TABRA_SLOTS) return fault(c, 8, 0, "bucket %llu links slot %llu", b, cur - 1);
             if (!check_chain_slot(c, b, cur - 1)) return false;
@@ -1048,13 +1161,30 @@ bool check_counts(check_state *c) {
     return true;
 }
 
+/* Report formats of the header's damage codes: value, then code. */
+const char *const kDamageReport[] = {
+    "",
+    "no magic, data at byte %llu (damage %llu)",
+    "object of %llu bytes shorter than its header says (damage %llu)",
+    "header check word %#llx does not match the header (damage %llu)",
+    "bucket count %llu out of range (damage %llu)",
+    "entry size %llu out of range (damage %llu)",
+    "object size %llu does not follow from the entry size (damage %llu)",
+    "count %llu or max_entries above the capacity (damage %llu)",
+    "operation %llu in flight is malformed (damage %llu)",
+    "header names another table (%llu, damage %llu)",
+};
+static_assert(sizeof kDamageReport / sizeof kDamageReport[0] == TABRA_DAMAGE_NAME + 1,
+              "a report per damage code");
+
+/* The checks an open makes, again, on a copy of the header as it is now. */
 bool check_header(check_state *c) {
-    tabra_shm_hdr_t *h = hdr(c->t);
-    if (h->magic != TABRA_SHM_MAGIC || h->format != TABRA_SHM_FORMAT)
-        return fault(c, 17, 0, "bad magic %#llx or format %llu", h->magic, h->format);
-    if (h->max_entries > TABRA_CAPACITY || h->count > TABRA_CAPACITY)
-        return fault(c, 18, 0, "max_entries %llu or count %llu above capacity", h->max_entries,
-                     h->count);
+    tabra_shm_hdr_t h;
+    copy_header(hdr(c->t), &h);
+    if (h.magic != TABRA_SHM_MAGIC || h.format != TABRA_SHM_FORMAT)
+        return fault(c, 17, 0, "bad magic %#llx or format %llu", h.magic, h.format);
+    const damage d = header_fault(h, c->t->name, h.object_size);
+    if (d.code != 0) return fault(c, 18, 0, kDamageReport[d.code], d.value, d.code);
     return true;
 }
 

@@ -24,8 +24,12 @@
  *   object size   rounded up to 4096
  *
  * All integers are little-endian.  The header's magic is written last when
- * the table is created; a header without it is a table still being created
- * (or whose creator died), which the next opener initialises again.
+ * the table is created.  The fields fixed at creation (format, entry size,
+ * stride, capacity, buckets, object size, name) are covered by `hdr_check`,
+ * so that a damaged one is told from a table of another geometry.  Every
+ * open checks the header against the object before mapping any more of it
+ * (tabra.h lists what is checked and what an object without the magic
+ * means).
  *
  * Concurrency contract
  *   - Creation and attaching are serialised by flock(LOCK_EX) on the object.
@@ -108,7 +112,7 @@ extern "C" {
 #endif
 
 #define TABRA_SHM_MAGIC 0x41524254u /* "TBRA" */
-#define TABRA_SHM_FORMAT 3u
+#define TABRA_SHM_FORMAT 4u
 #define TABRA_SHM_PREFIX "tabra."
 
 #define TABRA_SLOTS 65536u
@@ -172,8 +176,11 @@ typedef struct tabra_intent {
  *   32 u64 object_size     40 u64 repairs      48 u64 max_lock_wait_ns
  *   56 u64 adds            64 char name[64]
  *  128 pthread_mutex_t writer (40)            168 u64 removes
- *  176 u32 hash_is_mod    180 12 bytes zero   192 tabra_intent_t intent (32)
- *  224 zero up to 4096
+ *  176 u32 hash_is_mod    180 u32 hdr_check   184 8 bytes zero
+ *  192 tabra_intent_t intent (32)             224 zero up to 4096
+ *
+ * hdr_check is the 32-bit FNV-1a hash of bytes 4..23 (format .. buckets),
+ * 32..39 (object_size) and 64..127 (name), written before the magic.
  */
 typedef struct tabra_shm_hdr {
     u32 magic;
@@ -192,7 +199,8 @@ typedef struct tabra_shm_hdr {
     pthread_mutex_t writer;
     u64 removes;
     u32 hash_is_mod; /* 1 while every key ever linked sits in bucket key % buckets */
-    u8 reserved_180[12];
+    u32 hdr_check;   /* over the fields fixed at creation (above) */
+    u8 reserved_184[8];
     tabra_intent_t intent;
     u8 reserved_224[4096 - 224];
 } tabra_shm_hdr_t;
@@ -212,6 +220,7 @@ PMDB_CHECK_OFF(tabra_shm_hdr_t, name, 64);
 PMDB_CHECK_OFF(tabra_shm_hdr_t, writer, 128);
 PMDB_CHECK_OFF(tabra_shm_hdr_t, removes, 168);
 PMDB_CHECK_OFF(tabra_shm_hdr_t, hash_is_mod, 176);
+PMDB_CHECK_OFF(tabra_shm_hdr_t, hdr_check, 180);
 PMDB_CHECK_OFF(tabra_shm_hdr_t, intent, 192);
 static_assert(TABRA_OFF_SLOTS == 528384u, "slot records offset");
 static_assert(TABRA_OFF_BITMAP == 2625536u, "bitmap offset");

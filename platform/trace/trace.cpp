@@ -34,6 +34,15 @@
  * with link(2), which never replaces an existing file: every process that
  * can open "vesk.<kind>" sees a fully initialised header, and when two
  * processes race to create it one wins and the other opens the winner's.
+ * It is created with the host's mode (vorn_os.h) whatever the umask, and
+ * an existing one that belongs to another user is never mapped.
+ *
+ * Damage.  The header is checked when the buffer is mapped and again at
+ * every read, head included: a head at or beyond 2^62, a slot holding a
+ * record the head has not reached, or a head more than a ring's length
+ * past every record in the ring is a damaged buffer, and the read returns
+ * nothing.  A read visits at most `capacity` records and waits at most
+ * kPendingWaitNs in all, so a damaged head costs bounded work.
  *
  * Concurrency contract (all processes of the namespace share the buffer):
  *   - Writers reserve a sequence with fetch_add on `head` (relaxed: the
@@ -44,6 +53,8 @@
  *     slot whose stamp is odd (a writer lapped by the whole ring is still in
  *     it) or already newer is not claimed: the record is counted in
  *     `dropped` instead, so writers never wait and a slot's stamp only grows.
+ *   - The claiming CAS is a release: a reader that sees a claim of s also
+ *     sees `head` beyond s.
  *   - Readers load the stamp with acquire (pairs with the publishing store),
  *     copy the words with acquire loads (pair with the word stores) and load
  *     the stamp again: the copy is the record s only when both loads give
@@ -86,9 +97,13 @@ constexpr uint32_t kMaxRecords = 1u << 20;
 constexpr uint32_t kInfoString = 1u << 8;
 constexpr size_t kPathMax = 256;
 constexpr size_t kNsMax = 41;
-/* How long a reader waits for a record whose writer is between claim and
- * publish before counting it lost (the writer may have died there). */
+/* How long one read waits, in all, for records whose writers are between
+ * reserving and publishing them before counting them lost (a writer may
+ * have died there, or the head may be damaged). */
 constexpr uint64_t kPendingWaitNs = 2000000;
+/* No sound buffer's head gets here (146 years at 10^9 records a second);
+ * below it a stamp 2s + 2 never wraps. */
+constexpr uint64_t kMaxSeq = 1ull << 62;
 
 struct vesk_hdr {
     uint32_t magic;
@@ -208,9 +223,10 @@ int create_buffer(const char *ns, vesk_kind_t kind, const char *path) {
     uint32_t cap = 0;
     records_setting(&cap);
     const size_t len = buffer_bytes(cap);
-    const int fd = open(tmp, O_RDWR | O_CREAT | O_EXCL | O_CLOEXEC | O_NOFOLLOW, 0666);
+    const int fd = open(tmp, O_RDWR | O_CREAT | O_EXCL | O_CLOEXEC | O_NOFOLLOW, 0600);
     if (fd < 0) return -1;
-    int rc = ftruncate(fd, (off_t)len);
+    int rc = fchmod(fd, vorn_host_object_mode()); /* whatever the umask */
+    if (rc == 0) rc = ftruncate(fd, (off_t)len);
     void *mem = rc == 0 ? mmap(nullptr, len, PROT_READ | PROT_WRITE, MAP_SHARED, fd, 0) : MAP_FAILED;
     close(fd);
     if (mem == MAP_FAILED) rc = -1;
@@ -241,30 +257,54 @@ bool header_valid(const vesk_hdr *hdr, size_t file_len, vesk_kind_t kind) {
            (cap & (cap - 1)) == 0 && file_len >= buffer_bytes(cap);
 }
 
-/* Opens (creating if absent) and maps buffer kind of ns; null on failure. */
-vesk_buf *map_buffer(const char *ns, vesk_kind_t kind) {
+/* Maps the whole of buffer file fd of `kind` when it is another user's
+ * neither and its header is sound: 0, or the status (*detail: the owner's
+ * uid, or errno). */
+uint32_t map_file(int fd, vesk_kind_t kind, void **mem, size_t *len, uint64_t *detail) {
+    struct stat st {};
+    if (fstat(fd, &st) != 0) {
+        *detail = (uint64_t)errno;
+        return VESK_E_SHM;
+    }
+    if (!vorn_host_owner_ok(&st)) {
+        *detail = st.st_uid;
+        return VESK_E_OWNER;
+    }
+    *len = (size_t)st.st_size;
+    if (*len < sizeof(vesk_hdr)) return VESK_E_DAMAGED;
+    *mem = mmap(nullptr, *len, PROT_READ | PROT_WRITE, MAP_SHARED, fd, 0);
+    if (*mem == MAP_FAILED) {
+        *detail = (uint64_t)errno;
+        return VESK_E_SHM;
+    }
+    if (header_valid(static_cast<vesk_hdr *>(*mem), *len, kind)) return 0;
+    munmap(*mem, *len);
+    return VESK_E_DAMAGED;
+}
+
+/* Opens (creating if absent) and maps buffer kind of ns: 0 and *out, or the
+ * status (*detail as map_file). */
+uint32_t map_buffer(const char *ns, vesk_kind_t kind, vesk_buf **out, uint64_t *detail) {
     char name[32];
     char path[kPathMax];
     snprintf(name, sizeof name, "vesk.%s", kKindNames[kind]);
-    if (vorn_host_shm_path(ns, name, path, sizeof path) != 0) return nullptr;
+    if (vorn_host_shm_path(ns, name, path, sizeof path) != 0) return VESK_E_NAMESPACE;
     int fd = open(path, O_RDWR | O_CLOEXEC | O_NOFOLLOW);
     if (fd < 0 && errno == ENOENT && create_buffer(ns, kind, path) == 0) {
         fd = open(path, O_RDWR | O_CLOEXEC | O_NOFOLLOW);
     }
-    if (fd < 0) return nullptr;
-    struct stat st {};
+    if (fd < 0) {
+        *detail = (uint64_t)errno;
+        return VESK_E_SHM;
+    }
     void *mem = MAP_FAILED;
-    if (fstat(fd, &st) == 0 && (size_t)st.st_size >= sizeof(vesk_hdr)) {
-        mem = mmap(nullptr, (size_t)st.st_size, PROT_READ | PROT_WRITE, MAP_SHARED, fd, 0);
-    }
+    size_t len = 0;
+    const uint32_t st = map_file(fd, kind, &mem, &len, detail);
     close(fd);
-    if (mem == MAP_FAILED) return nullptr;
+    void *raw = st == 0 ? calloc(1, sizeof(vesk_buf)) : nullptr;
+    if (st == 0 && raw == nullptr) munmap(mem, len);
+    if (raw == nullptr) return st != 0 ? st : VESK_E_SHM;
     auto *hdr = static_cast<vesk_hdr *>(mem);
-    void *raw = header_valid(hdr, (size_t)st.st_size, kind) ? calloc(1, sizeof(vesk_buf)) : nullptr;
-    if (raw == nullptr) {
-        munmap(mem, (size_t)st.st_size);
-        return nullptr;
-    }
     auto *buf = new (raw) vesk_buf{};
     snprintf(buf->ns, sizeof buf->ns, "%s", ns);
     buf->kind = kind;
@@ -272,23 +312,38 @@ vesk_buf *map_buffer(const char *ns, vesk_kind_t kind) {
     buf->recs = reinterpret_cast<vesk_shm_rec *>(static_cast<char *>(mem) + sizeof(vesk_hdr));
     buf->mask = hdr->capacity - 1;
     buf->live.store(true, std::memory_order_relaxed);
-    return buf;
+    *out = buf;
+    return 0;
 }
 
-vesk_buf *buffer_of(vesk_kind_t kind) {
+/* The last status traced per trace point of the service and buffer kind:
+ * a failure that repeats at every write or read is traced once. */
+std::atomic<uint32_t> g_noted[2][VESK_KINDS];
+
+/* Traces a failure of buffer `kind` to the error buffer, unless it is that
+ * buffer's own failure (nowhere to write it) or the same as last time. */
+void note(uint32_t point, vesk_kind_t kind, uint32_t status, uint64_t detail) {
+    const uint32_t before = g_noted[point - VESK_TP_OPEN][kind].exchange(status);
+    if (status == 0 || status == before || kind == VESK_ERROR) return;
+    _vesk_3(dpa_port_mapper_get_error_vesk(), VESK_ID(3, point), status, (uint64_t)kind, detail);
+}
+
+vesk_buf *buffer_of(vesk_kind_t kind, uint32_t *status) {
     const char *ns = vorn_host_namespace();
     vesk_buf *cur = g_current[kind].load(std::memory_order_acquire);
+    *status = 0;
     if (cur != nullptr && cur->live.load(std::memory_order_acquire) && strcmp(cur->ns, ns) == 0) {
         return cur;
     }
     pthread_mutex_lock(&g_map_lock);
     vesk_buf *found = nullptr;
+    uint64_t detail = 0;
     for (vesk_buf *b = g_maps; b != nullptr && found == nullptr; b = b->next) {
         const bool same = b->kind == kind && strcmp(b->ns, ns) == 0;
         if (same && b->live.load(std::memory_order_relaxed)) found = b;
     }
     if (found == nullptr) {
-        found = map_buffer(ns, kind);
+        *status = map_buffer(ns, kind, &found, &detail);
         if (found != nullptr) {
             found->next = g_maps;
             g_maps = found;
@@ -296,13 +351,15 @@ vesk_buf *buffer_of(vesk_kind_t kind) {
     }
     if (found != nullptr) g_current[kind].store(found, std::memory_order_release);
     pthread_mutex_unlock(&g_map_lock);
+    note(VESK_TP_OPEN, kind, *status, detail); /* may map the error buffer: not under the lock */
     return found;
 }
 
 vesk_buf_t *getter(const char *call, vesk_kind_t kind) {
     int64_t ignored = 0;
+    uint32_t status = 0;
     if (pm_fault_hit(call, &ignored)) return nullptr;
-    return buffer_of(kind);
+    return buffer_of(kind, &status);
 }
 
 inline void put(vesk_shm_rec *r, size_t word, uint64_t v) {
@@ -318,7 +375,11 @@ bool claim(vesk_shm_rec *r, uint64_t s) {
     const uint64_t want = 2 * s + 1;
     uint64_t cur = r->stamp.load(std::memory_order_relaxed);
     while ((cur & 1) == 0 && cur < want) {
-        if (r->stamp.compare_exchange_weak(cur, want, std::memory_order_relaxed)) return true;
+        /* Release: a reader that sees the claim also sees the head moved
+         * past s (vesk_read_checked relies on it). */
+        if (r->stamp.compare_exchange_weak(cur, want, std::memory_order_release,
+                                           std::memory_order_relaxed))
+            return true;
     }
     return false;
 }
@@ -381,27 +442,86 @@ uint64_t mono_ns() {
     return (uint64_t)ts.tv_sec * 1000000000ull + (uint64_t)ts.tv_nsec;
 }
 
-/* Copies record s; false when it was overwritten, dropped or never
- * finished by its writer. */
-bool copy_record(const vesk_buf_t *buf, uint64_t s, vesk_rec_t *out) {
+/* What one look at the slot of record s found. */
+enum class look { copied, gone, pending };
+
+/* Copies record s when its slot holds it, published; `gone` when the slot
+ * holds a later record (*stamp: its stamp), `pending` when the record is
+ * not published yet. */
+look look_at(const vesk_buf_t *buf, uint64_t s, vesk_rec_t *out, uint64_t *stamp) {
     const vesk_shm_rec *r = &buf->recs[s & buf->mask];
     const uint64_t done = 2 * s + 2;
-    uint64_t waited_since = 0;
+    *stamp = r->stamp.load(std::memory_order_acquire);
+    if (*stamp < done) return look::pending;
+    if (*stamp > done) return look::gone;
+    uint64_t w[kRecWords];
+    for (size_t i = 1; i < kRecWords; i++) w[i] = get(r, i);
+    if (r->stamp.load(std::memory_order_relaxed) != done) return look::gone;
+    decode(w, s, out);
+    return look::copied;
+}
+
+/* One read: its wait budget, shared by all the records it waits for. */
+struct read_state {
+    uint64_t deadline; /* 0 until the first wait */
+    bool gave_up;      /* a record was counted lost while still pending */
+    bool damaged;
+};
+
+/* Record s, waiting while it is pending as long as the read's budget lasts. */
+look fetch(const vesk_buf_t *buf, uint64_t s, vesk_rec_t *out, read_state *rs) {
+    uint64_t stamp = 0;
     for (;;) {
-        const uint64_t st1 = r->stamp.load(std::memory_order_acquire);
-        if (st1 > done) return false;
-        if (st1 == done) {
-            uint64_t w[kRecWords];
-            for (size_t i = 1; i < kRecWords; i++) w[i] = get(r, i);
-            if (r->stamp.load(std::memory_order_relaxed) != done) return false;
-            decode(w, s, out);
-            return true;
-        }
+        const look l = look_at(buf, s, out, &stamp);
+        /* A slot never holds a record the head has not reached. */
+        if (l == look::gone && (stamp - 1) / 2 >= buf->hdr->head.load(std::memory_order_acquire))
+            rs->damaged = true;
+        if (l != look::pending) return l;
         const uint64_t now = mono_ns();
-        if (waited_since == 0) waited_since = now;
-        if (now - waited_since > kPendingWaitNs) return false;
+        if (rs->deadline == 0) rs->deadline = now + kPendingWaitNs;
+        if (now >= rs->deadline) {
+            rs->gave_up = true;
+            return l;
+        }
         sched_yield();
     }
+}
+
+/* The header still says what it said when the buffer was mapped, and head
+ * is a sequence writers can have reserved. */
+bool header_intact(const vesk_buf_t *buf, uint64_t head) {
+    const vesk_hdr *h = buf->hdr;
+    return h->magic == kMagic && h->format == kFormat && h->header_size == sizeof(vesk_hdr) &&
+           h->record_size == sizeof(vesk_shm_rec) && h->capacity == buf->mask + 1 &&
+           h->kind == (uint32_t)buf->kind && head < kMaxSeq;
+}
+
+/* True when no record of the last `capacity` sequences before head was ever
+ * published: with fewer writers in flight than records in the ring that
+ * cannot happen, so the head has been moved on. */
+bool head_beyond_ring(const vesk_buf_t *buf, uint64_t head) {
+    uint64_t newest = 0; /* sequence + 1 of the newest record seen */
+    for (uint64_t i = 0; i <= buf->mask; i++) {
+        const uint64_t st = buf->recs[i].stamp.load(std::memory_order_relaxed);
+        const uint64_t seq1 = st == 0 ? 0 : (st + 1) / 2;
+        if (seq1 > newest) newest = seq1;
+    }
+    return head - newest > (uint64_t)buf->mask + 1;
+}
+
+/* Reads [s, head) into out: the number copied; *s and *missed move on. */
+size_t read_range(const vesk_buf_t *buf, uint64_t *s, uint64_t head, vesk_rec_t *out, size_t max,
+                  uint64_t *missed, read_state *rs) {
+    size_t n = 0;
+    for (; *s < head && n < max && !rs->damaged; (*s)++) {
+        if (fetch(buf, *s, &out[n], rs) == look::copied) {
+            n++;
+        } else {
+            (*missed)++;
+        }
+    }
+    if (rs->gave_up && !rs->damaged) rs->damaged = head_beyond_ring(buf, head);
+    return n;
 }
 
 }  // namespace
@@ -479,8 +599,17 @@ int vesk_kind_from_name(const char *name) {
     return -1;
 }
 
+uint32_t vesk_open_checked(vesk_kind_t kind, vesk_buf_t **out) {
+    uint32_t status = VESK_E_INVAL;
+    if (out != nullptr) *out = nullptr;
+    if (out != nullptr && (unsigned)kind < VESK_KINDS) *out = buffer_of(kind, &status);
+    return status;
+}
+
 vesk_buf_t *vesk_open(vesk_kind_t kind) {
-    return (unsigned)kind < VESK_KINDS ? buffer_of(kind) : nullptr;
+    vesk_buf_t *buf = nullptr;
+    vesk_open_checked(kind, &buf);
+    return buf;
 }
 
 uint64_t vesk_mark(const vesk_buf_t *buf) {
@@ -493,30 +622,40 @@ uint64_t vesk_dropped(const vesk_buf_t *buf) {
     return buf != nullptr ? buf->hdr->dropped.load(std::memory_order_relaxed) : 0;
 }
 
-size_t vesk_read(const vesk_buf_t *buf, uint64_t since, vesk_rec_t *out, size_t max,
-                 uint64_t *next, uint64_t *lost) {
+uint32_t vesk_read_checked(const vesk_buf_t *buf, uint64_t since, vesk_rec_t *out, size_t max,
+                           size_t *count, uint64_t *next, uint64_t *lost) {
     uint64_t missed = 0;
     size_t n = 0;
     uint64_t s = since;
-    if (buf != nullptr) {
-        const uint64_t head = buf->hdr->head.load(std::memory_order_acquire);
-        const uint64_t cap = (uint64_t)buf->mask + 1;
-        const uint64_t oldest = head > cap ? head - cap : 0;
+    uint32_t status = buf == nullptr || (out == nullptr && max != 0) ? VESK_E_INVAL : 0;
+    const uint64_t head = status == 0 ? buf->hdr->head.load(std::memory_order_acquire) : 0;
+    read_state rs{0, false, status == 0 && !header_intact(buf, head)};
+    if (status == 0 && !rs.damaged) {
+        const uint64_t oldest = head > buf->mask ? head - buf->mask - 1 : 0;
         if (s > head) s = head; /* a mark of an older incarnation of the buffer */
         if (s < oldest) {
             missed += oldest - s;
             s = oldest;
         }
-        for (; s < head && n < max; s++) {
-            if (copy_record(buf, s, &out[n])) {
-                n++;
-            } else {
-                missed++;
-            }
-        }
+        n = read_range(buf, &s, head, out, max, &missed, &rs);
     }
+    if (rs.damaged) {
+        status = VESK_E_DAMAGED;
+        n = 0;
+        s = since;
+        missed = 0;
+    }
+    if (buf != nullptr && status != VESK_E_INVAL) note(VESK_TP_DAMAGED, buf->kind, status, head);
+    if (count != nullptr) *count = n;
     if (next != nullptr) *next = s;
     if (lost != nullptr) *lost = missed;
+    return status;
+}
+
+size_t vesk_read(const vesk_buf_t *buf, uint64_t since, vesk_rec_t *out, size_t max,
+                 uint64_t *next, uint64_t *lost) {
+    size_t n = 0;
+    vesk_read_checked(buf, since, out, max, &n, next, lost);
     return n;
 }
 

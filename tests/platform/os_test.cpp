@@ -1,9 +1,11 @@
 // OS layer: namespaced objects seen across processes, namespace isolation and
-// removal, the sysctl store, and robust-mutex repair.
+// removal, modes and owners of the card's objects, the sysctl store, and
+// robust-mutex repair.
 #include <errno.h>
 #include <fcntl.h>
 #include <semaphore.h>
 #include <sys/mman.h>
+#include <sys/stat.h>
 #include <unistd.h>
 
 #include <algorithm>
@@ -14,7 +16,10 @@
 #include "host/os_host.h"
 #include "host/pm_fault.h"
 #include "host/settings.h"
+#include "host/vesk_reader.h"
 #include "pmdb_test.h"
+#include "tabra.h"
+#include "tabra_params.h"
 #include "vorn_os.h"
 
 namespace {
@@ -136,18 +141,109 @@ TEST_F(OsTest, NamedSemaphoreIsSharedWithinNamespace) {
 }
 
 TEST_F(OsTest, InvalidNamespacesAreRefused) {
-    EXPECT_EQ(vorn_host_set_namespace("a.b"), -1);
-    EXPECT_EQ(vorn_host_set_namespace("a/b"), -1);
-    EXPECT_EQ(vorn_host_set_namespace(""), -1);
-    EXPECT_EQ(vorn_host_set_namespace(std::string(41, 'n').c_str()), -1);
-    EXPECT_STREQ(vorn_host_namespace(), ns().c_str());
-    // An invalid PMDB_NS falls back to the default.
-    const auto r = RunInChild([] {
-        vorn_host_set_namespace(nullptr);
-        setenv(VORN_NS_ENV, "../etc", 1);
-        return strcmp(vorn_host_namespace(), VORN_NS_DEFAULT) == 0 ? 0 : 1;
-    });
-    EXPECT_TRUE(r.ExitedWith(0)) << r.Describe();
+    sem_t *s = vorn_sem_open("pmdb_shm_semaphore", O_CREAT, 0777, 1);
+    ASSERT_NE(s, SEM_FAILED);
+    sem_close(s);
+    const std::string too_long(41, 'n');
+    for (const char *bad : {"a.b", "a/b", "", "sem", "../etc", too_long.c_str()}) {
+        SCOPED_TRACE(bad);
+        EXPECT_EQ(vorn_host_set_namespace(bad), -1);
+        EXPECT_STREQ(vorn_host_namespace(), ns().c_str());
+        // An invalid PMDB_NS is an error, never the card's own namespace.
+        const auto r = RunInChild([bad] {
+            vorn_host_set_namespace(nullptr);
+            setenv(VORN_NS_ENV, bad, 1);
+            vesk_buf_t *buf = nullptr;
+            if (strcmp(vorn_host_namespace(), "") != 0) return 1;
+            if (_shm_open("probe", O_CREAT | O_RDWR, 0777) != -1 || errno != EINVAL) return 2;
+            if (vorn_sem_open("probe", O_CREAT, 0777, 1) != SEM_FAILED || errno != EINVAL) return 3;
+            return vesk_open_checked(VESK_ERROR, &buf) == VESK_E_NAMESPACE ? 0 : 4;
+        });
+        EXPECT_TRUE(r.ExitedWith(0)) << r.Describe();
+    }
+    // "sem" would name the semaphores of every namespace.
+    EXPECT_EQ(vorn_host_list_objects("sem", nullptr, nullptr), 0);
+}
+
+/* One kind of object of the card, for the ownership tests. */
+struct OwnedObject {
+    const char *what;
+    const char *file;  /* under /dev/shm; %s is the namespace */
+    uint64_t (*use)(); /* makes or opens it: 0, or the failure */
+    uint64_t refused;  /* use() of another user's object */
+    uint32_t point;    /* the refusal's trace (error buffer) */
+};
+
+uint64_t UseRegion() {
+    const int fd = _shm_open("owned", O_CREAT | O_RDWR, 0777);
+    return fd < 0 ? (uint64_t)errno : (uint64_t)close(fd);
+}
+uint64_t UseSemaphore() {
+    sem_t *s = vorn_sem_open("owned", O_CREAT, 0777, 1);
+    return s == SEM_FAILED ? (uint64_t)errno : (uint64_t)sem_close(s);
+}
+uint64_t UseTraceBuffer() {
+    vesk_buf_t *buf = nullptr;
+    return vesk_open_checked(VESK_EVENT, &buf);
+}
+uint64_t UseTable() {
+    const tabra_params_t p = pmdb::test::Params("OWNED", 16);
+    tabra_hdl_t h = nullptr;
+    return tabra_open(&p, &h);
+}
+
+TEST_F(OsTest, ObjectsArePrivateAndAnotherUsersAreRefused) {
+    const OwnedObject kinds[] = {
+        {"region", "%s.owned", UseRegion, EPERM, VORN_TP_NOT_OWNER},
+        {"semaphore", "sem.%s.owned", UseSemaphore, EPERM, VORN_TP_NOT_OWNER},
+        {"trace buffer", "%s.vesk.event", UseTraceBuffer, VESK_E_OWNER, VESK_TP_OPEN},
+        {"table", "%s.tabra.OWNED", UseTable, TABRA_E_OWNER, TABRA_TP_OWNER},
+    };
+    struct Owner {
+        const char *what;
+        bool our_group;
+        int group_sharing;
+        bool usable;
+    } const owners[] = {{"another user", false, 0, false},
+                        {"another user, group sharing", false, 1, false},
+                        {"another user of our group", true, 0, false},
+                        {"another user of our group, group sharing", true, 1, true}};
+    const std::string other = pmdb::test::UniqueNamespace(); /* no trace buffer mapped yet */
+    for (const OwnedObject &k : kinds) {
+        SCOPED_TRACE(k.what);
+        char path[256];
+        snprintf(path, sizeof path, (std::string("/dev/shm/") + k.file).c_str(), other.c_str());
+        // Made with the host's mode whatever the umask; a fresh process each
+        // time, so that nothing is already mapped.
+        for (int group = 0; group <= 1; group++) {
+            const auto made = RunInChild([&] {
+                umask(0277);
+                vorn_host_set_namespace(other.c_str());
+                vorn_host_set_shm_group(group);
+                return k.use() == 0 ? 0 : 1;
+            });
+            ASSERT_TRUE(made.ExitedWith(0)) << made.Describe();
+            struct stat st {};
+            ASSERT_EQ(stat(path, &st), 0) << path;
+            EXPECT_EQ(st.st_mode & 07777, group ? 0660u : 0600u);
+            if (group == 0) unlink(path);
+        }
+        for (const Owner &o : owners) {
+            SCOPED_TRACE(o.what);
+            ASSERT_EQ(chown(path, 65534, o.our_group ? getegid() : 65534), 0);
+            const auto r = RunInChild([&] {
+                vorn_host_set_namespace(other.c_str());
+                vorn_host_set_shm_group(o.group_sharing);
+                pmdb::test::TraceMark mark{};
+                mark.seq[VESK_ERROR] = vesk_mark(vesk_open(VESK_ERROR));
+                if (k.use() != (o.usable ? 0 : k.refused)) return 1;
+                const size_t traced = pmdb::test::FindTraces(mark, VESK_ERROR, k.point).size();
+                return traced == (o.usable ? 0u : 1u) ? 0 : 2;
+            });
+            EXPECT_TRUE(r.ExitedWith(0)) << r.Describe();
+        }
+    }
+    vorn_host_remove_namespace(other.c_str());
 }
 
 TEST_F(OsTest, InjectedFaultsFailWithErrnoAndDoNothing) {

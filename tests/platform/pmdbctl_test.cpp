@@ -135,12 +135,18 @@ TEST_F(PmdbctlTest, FollowPrintsNewRecordsUntilInterrupted) {
 }
 
 TEST_F(PmdbctlTest, BadUsageIsOneLineOnStderrAndNonZero) {
-    for (const std::vector<std::string> &args :
-         {std::vector<std::string>{"trace", "--buffer", "errors"},
-          std::vector<std::string>{"trace", "--since", "x"},
-          std::vector<std::string>{"trace", "--bogus"}, std::vector<std::string>{"nosuch"},
-          std::vector<std::string>{"--ns", "bad/ns", "settings"}, std::vector<std::string>{}}) {
-        const ToolRun r = Pmdbctl(args);
+    struct Usage {
+        const char *pmdb_ns; /* PMDB_NS, when not the test's namespace */
+        std::vector<std::string> args;
+    };
+    for (const Usage &u :
+         {Usage{nullptr, {"trace", "--buffer", "errors"}}, Usage{nullptr, {"trace", "--since", "x"}},
+          Usage{nullptr, {"trace", "--bogus"}}, Usage{nullptr, {"nosuch"}},
+          Usage{nullptr, {"--ns", "bad/ns", "settings"}}, Usage{nullptr, {"--ns", "", "settings"}},
+          Usage{nullptr, {"--ns", "sem", "settings"}}, Usage{"", {"settings"}},
+          Usage{"bad/ns", {"tables"}}, Usage{nullptr, {}}}) {
+        setenv(VORN_NS_ENV, u.pmdb_ns != nullptr ? u.pmdb_ns : ns().c_str(), 1);
+        const ToolRun r = Pmdbctl(u.args);
         EXPECT_NE(r.status, 0);
         EXPECT_EQ(Lines(r.err), 1u) << r.err;
         EXPECT_EQ(r.err.rfind("pmdbctl: ", 0), 0u) << r.err;

@@ -177,6 +177,7 @@ TEST_F(SettingsTest, EnumerationNamesValueAndOrigin) {
     vorn_host_sysctl_set("tarvo.qen.vorn.platform.max_bundle_l3_vlan", 5);
     setenv("PMDB_SYSCTL", "x.y=4,tarvo.qen.vorn.platform.max_bundle_l3_vlan=6", 1);
     setenv("PMDB_NODE_MAC", "9=00:11:22:33:44:55", 1);
+    setenv("PMDB_SHM_GROUP", "1", 1);
     auto all = AllSettings();
     EXPECT_EQ(all["sysctl.x.y"].value, "4");
     EXPECT_EQ(all["sysctl.x.y"].source, PMDB_SETTING_ENV);
@@ -194,6 +195,9 @@ TEST_F(SettingsTest, EnumerationNamesValueAndOrigin) {
     EXPECT_EQ(all["sysctl.tarvo.qen.vorn.platform.max_bundle_l3_vlan"].value, "5");
     EXPECT_EQ(all["os.namespace"].value, ns());
     EXPECT_EQ(all["os.namespace"].source, PMDB_SETTING_SETTER);
+    EXPECT_EQ(all["os.shm_group"].value, "1");
+    EXPECT_EQ(all["os.shm_group"].source, PMDB_SETTING_ENV);
+    EXPECT_EQ(vorn_host_shm_group(), 1);
     EXPECT_EQ(all["trace.records"].value, "4096");
     EXPECT_EQ(all["identity.rp_plus_datapath"].value, "0");
     EXPECT_EQ(all.count("identity.node_mac." + std::to_string(pmdb_node_id)), 1u);

@@ -1,5 +1,7 @@
 // Trace service: records written in one process are read and decoded in
-// another; full rings lose their oldest records and say how many.
+// another; full rings lose their oldest records and say how many; a damaged
+// buffer is an error, never a source of records.
+#include <fcntl.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
@@ -239,6 +241,52 @@ TEST_F(TraceTest, ReaderNeverSeesTornRecordsWhileRingIsOverwritten) {
     }
     EXPECT_GT(seen, 0u);
     vorn_host_remove_namespace(other.c_str());
+}
+
+TEST_F(TraceTest, DamagedHeaderOrHeadIsAnErrorAndNoRecordIsReturned) {
+    // Rings of 16; the header's fields by their offsets in the object.
+    const struct {
+        const char *what;
+        uint64_t written; /* records written before the damage */
+        size_t off;       /* 0 magic, 16 capacity, 24 head */
+        uint64_t value;
+    } cases[] = {
+        {"head at 2^63, slots never written", 8, 24, 1ull << 63},
+        {"head far beyond every record", 8, 24, 1000},
+        {"head moved back behind the records", 40, 24, 20},
+        {"capacity changed after mapping", 40, 16, 32},
+        {"magic zeroed after mapping", 40, 0, 0},
+    };
+    vesk_host_set_records(16);
+    for (const auto &c : cases) {
+        SCOPED_TRACE(c.what);
+        const std::string other = pmdb::test::UniqueNamespace();
+        ASSERT_EQ(vorn_host_set_namespace(other.c_str()), 0);
+        vesk_buf_t *buf = dpa_port_mapper_get_eve_vesk();
+        for (uint64_t i = 0; i < c.written; i++) _vesk_1(buf, VESK_ID(1, 300), i);
+        vesk_rec_t recs[16];
+        size_t n = 0;
+        uint64_t next = 0;
+        uint64_t lost = 0;
+        ASSERT_EQ(vesk_read_checked(buf, 0, recs, 16, &n, &next, &lost), 0u);
+        EXPECT_EQ(n, std::min<uint64_t>(c.written, 16));
+
+        const std::string path = "/dev/shm/" + other + ".vesk.event";
+        const int fd = open(path.c_str(), O_RDWR);
+        ASSERT_GE(fd, 0);
+        EXPECT_EQ(pwrite(fd, &c.value, c.off == 24 ? 8 : 4, (off_t)c.off), c.off == 24 ? 8 : 4);
+        close(fd);
+        const pmdb::test::TraceMark m = pmdb::test::TraceMark::Now();
+        EXPECT_EQ(vesk_read_checked(buf, 0, recs, 16, &n, &next, &lost), VESK_E_DAMAGED);
+        EXPECT_EQ(n + next + lost, 0u);
+        EXPECT_EQ(vesk_read(buf, 0, recs, 16, nullptr, nullptr), 0u) << "returned a record";
+        const auto traced = pmdb::test::FindTraces(m, VESK_ERROR, VESK_TP_DAMAGED);
+        ASSERT_EQ(traced.size(), 1u) << "traced once while it stays damaged";
+        EXPECT_EQ(traced[0].args[0], VESK_E_DAMAGED);
+        EXPECT_EQ(traced[0].args[1], (uint64_t)VESK_EVENT);
+        vorn_host_remove_namespace(other.c_str());
+    }
+    vorn_host_set_namespace(ns().c_str());
 }
 
 TEST_F(TraceTest, GetterFaultDropsRecordsWithoutFailingCaller) {

@@ -4,6 +4,7 @@
  */
 #include <fcntl.h>
 #include <sys/mman.h>
+#include <sys/stat.h>
 #include <unistd.h>
 
 #include <algorithm>
@@ -17,6 +18,7 @@
 #include "tabra_test_util.h"
 
 using namespace tabra_test;
+using pmdb::test::FindTraces;
 using pmdb::test::PmdbTest;
 using pmdb::test::RunInChild;
 
@@ -139,27 +141,6 @@ TEST_F(TabraOpen, OnlyOCreatCreates) {
     ASSERT_NE(h, nullptr);
     EXPECT_EQ(ListTables(), std::vector<std::string>{"ABSENT"});
     AddOrDie(h, 5);
-}
-
-TEST_F(TabraOpen, AnObjectLeftHalfMadeIsMadeAgain) {
-    /* What a creator killed before writing the magic leaves: some size, and
-     * bytes that are not a table. */
-    char object[128];
-    vorn_host_shm_name(TABRA_SHM_PREFIX "HALF", object, sizeof object);
-    const int fd = shm_open(object, O_CREAT | O_RDWR, 0600);
-    ASSERT_GE(fd, 0);
-    ASSERT_EQ(ftruncate(fd, TABRA_OFF_ENTRIES + 4096), 0);
-    const std::vector<u8> junk(TABRA_OFF_ENTRIES, 0xA5);
-    ASSERT_EQ(pwrite(fd, junk.data() + 4, junk.size() - 4, 4),
-              static_cast<ssize_t>(junk.size() - 4));
-    close(fd);
-    tabra_hdl_t h = nullptr;
-    EXPECT_EQ(tabra_attach("HALF", &h), TABRA_E_NOTFOUND) << "not a table yet";
-    h = OpenOrDie(Params("HALF", 80, Mod7, 7));
-    ASSERT_NE(h, nullptr);
-    for (u32 k = 1; k <= 20; k++) AddOrDie(h, k);
-    EXPECT_EQ(tabra_count(h), 20u);
-    EXPECT_EQ(CheckReport(h), "");
 }
 
 TEST_F(TabraOpen, MaxEntriesIsClampedAndZeroKeepsTheValue) {
@@ -532,6 +513,108 @@ u64 *Bucket(u8 *obj, u32 b) {
 tabra_shm_hdr_t *Header(u8 *obj) {
     return reinterpret_cast<tabra_shm_hdr_t *>(obj);
 }
+const u64 *Bitmap(const u8 *obj) {
+    return reinterpret_cast<const u64 *>(obj + TABRA_OFF_BITMAP);
+}
+
+/* ---- damaged objects, refused by every open ------------------------------ */
+
+/* Object of table `name`, by its file (tabra_layout.h gives the format). */
+int TableFd(const std::string &name) {
+    char object[128];
+    vorn_host_shm_name((TABRA_SHM_PREFIX + name).c_str(), object, sizeof object);
+    return shm_open(object, O_CREAT | O_RDWR, 0600);
+}
+
+struct Spoil {
+    const char *what;
+    void (*apply)(int fd, u8 *obj); /* obj: the index part, while it is mapped */
+    u32 code;                       /* TABRA_DAMAGE_*; 0: a half-made table, made again */
+};
+
+TEST_F(TabraOpen, DamagedTablesAreRefusedAndKeptUnmadeOnesAreMade) {
+    /* Keys 1..10 in a Mod7 table of 16-byte entries, made by another
+     * process: this one has no handle yet, so each open checks the object. */
+    constexpr off_t kObject = TABRA_OFF_ENTRIES + 65536 * 16;
+    const Spoil cases[] = {
+        {"bucket count 0", [](int, u8 *o) { Header(o)->buckets = 0; }, TABRA_DAMAGE_BUCKETS},
+        {"bucket count 2^31", [](int, u8 *o) { Header(o)->buckets = 1u << 31; },
+         TABRA_DAMAGE_BUCKETS},
+        {"entry size changed within its stride", [](int, u8 *o) { Header(o)->entry_size = 13; },
+         TABRA_DAMAGE_CHECK},
+        {"entry size 0", [](int, u8 *o) { Header(o)->entry_size = 0; },
+         TABRA_DAMAGE_ENTRY_SIZE},
+        {"object shorter than the header says",
+         [](int fd, u8 *) { ASSERT_EQ(ftruncate(fd, TABRA_OFF_ENTRIES + 4096), 0); },
+         TABRA_DAMAGE_SIZE},
+        {"object cut inside its index", [](int fd, u8 *) { ASSERT_EQ(ftruncate(fd, 4096), 0); },
+         TABRA_DAMAGE_SIZE},
+        {"magic zeroed with entries present", [](int, u8 *o) { Header(o)->magic = 0; },
+         TABRA_DAMAGE_NO_MAGIC},
+        {"count above the capacity", [](int, u8 *o) { Header(o)->count = 70000; },
+         TABRA_DAMAGE_COUNTS},
+        {"add in flight on no slot",
+         [](int, u8 *o) { Header(o)->intent = tabra_intent_t{TABRA_OP_ADD, 1, 70000, 1, {}}; },
+         TABRA_DAMAGE_INTENT},
+        {"header of another table", [](int, u8 *o) { Header(o)->name[0] ^= 1; },
+         TABRA_DAMAGE_NAME},
+        /* What a creator killed before the magic leaves: sized, a few
+         * header fields, nothing else. */
+        {"creator killed before the magic",
+         [](int fd, u8 *o) {
+             ASSERT_EQ(ftruncate(fd, 0), 0);
+             ASSERT_EQ(ftruncate(fd, kObject), 0);
+             Header(o)->format = TABRA_SHM_FORMAT;
+             Header(o)->entry_size = 16;
+         },
+         0},
+    };
+    int n = 0;
+    for (const Spoil &c : cases) {
+        SCOPED_TRACE(c.what);
+        const std::string name = "R" + std::to_string(n++);
+        const auto made = RunInChild([&name] {
+            tabra_hdl_t h = OpenOrDie(Params(name.c_str(), 16, Mod7, 7));
+            for (u32 k = 1; k <= 10; k++) AddOrDie(h, k);
+        });
+        ASSERT_TRUE(made.ExitedWith(0)) << made.Describe();
+        const int fd = TableFd(name);
+        u8 *obj = MapTableObject(name.c_str());
+        ASSERT_NE(obj, nullptr);
+        c.apply(fd, obj);
+        struct stat before {};
+        fstat(fd, &before);
+        const u64 bits = before.st_size >= TABRA_OFF_ENTRIES ? Bitmap(obj)[0] : 0;
+
+        MarkTraces();
+        tabra_hdl_t h = nullptr;
+        const tabra_params_t p = Params(name.c_str(), 16, Mod7, 7);
+        if (c.code == 0) {
+            EXPECT_EQ(tabra_attach(name.c_str(), &h), TABRA_E_NOTFOUND) << "not a table yet";
+            ASSERT_EQ(tabra_open(&p, &h), 0u);
+            for (u32 k = 1; k <= 20; k++) AddOrDie(h, k);
+            EXPECT_EQ(CheckReport(h), "");
+        } else {
+            EXPECT_EQ(tabra_attach(name.c_str(), &h), TABRA_E_CORRUPT);
+            EXPECT_EQ(tabra_attach_hashed(name.c_str(), Mod7, &h), TABRA_E_CORRUPT);
+            EXPECT_EQ(tabra_open(&p, &h), TABRA_E_CORRUPT) << "made again over a damaged table";
+            const auto traced = FindTraces(mark(), VESK_ERROR, TABRA_TP_DAMAGED);
+            ASSERT_EQ(traced.size(), 3u);
+            for (const vesk_rec_t &r : traced) {
+                EXPECT_EQ(r.args[0], TABRA_E_CORRUPT);
+                EXPECT_EQ(r.args[1], c.code);
+            }
+            struct stat after {};
+            fstat(fd, &after);
+            EXPECT_EQ(after.st_size, before.st_size) << "the object was changed";
+            if (bits != 0) {
+                EXPECT_EQ(Bitmap(obj)[0], bits) << "its entries were dropped";
+            }
+        }
+        munmap(obj, TABRA_OFF_ENTRIES);
+        close(fd);
+    }
+}
 
 TEST_F(TabraCheck, FindsEachKindOfDamage) {
     /* Keys 1..10 in a Mod7 table: slot k-1 holds key k; bucket 1 chains
@@ -549,6 +632,9 @@ TEST_F(TabraCheck, FindsEachKindOfDamage) {
         {"operation left in flight", [](u8 *o) { Header(o)->intent.op = 7; }, "in flight"},
         {"write bracket on a free slot",
          [](u8 *o) { Slot(o, 20)->occ += TABRA_OCC_BRACKET_ONE; }, "write brackets"},
+        {"bucket count zeroed", [](u8 *o) { Header(o)->buckets = 0; }, "bucket count 0"},
+        {"entry size changed within its stride", [](u8 *o) { Header(o)->entry_size = 13; },
+         "check word"},
     };
     int n = 0;
     for (const Damage &d : cases) {

@@ -5,6 +5,7 @@
 
 #include <algorithm>
 #include <atomic>
+#include <cstdlib>
 #include <iostream>
 #include <map>
 
@@ -48,7 +49,8 @@ int main(int argc, char **argv) {
     CLI::App app{"Inspect the port mapper database's host platform", "pmdbctl"};
     app.require_subcommand(1);
     std::string ns;
-    app.add_option("--ns", ns, "namespace of the shared objects (default: $PMDB_NS or pmdb)");
+    const CLI::Option *ns_opt =
+        app.add_option("--ns", ns, "namespace of the shared objects (default: $PMDB_NS or pmdb)");
 
     std::map<CLI::App *, pmdbctl::RunFn> runners;
     for (const pmdbctl::Registration &r : pmdbctl::Registrations()) {
@@ -69,8 +71,15 @@ int main(int argc, char **argv) {
         return pmdbctl::kExitUsage;
     }
 
-    if (!ns.empty() && vorn_host_set_namespace(ns.c_str()) != 0) {
-        pmdbctl::Fail("invalid namespace '" + ns + "' (1 to 40 of A-Z a-z 0-9 _ -)");
+    /* An empty or invalid name, given or from PMDB_NS, never falls back to
+     * the card's own namespace. */
+    if (ns_opt->count() > 0 && vorn_host_set_namespace(ns.c_str()) != 0) {
+        pmdbctl::Fail("invalid namespace '" + ns + "' (1 to 40 of A-Z a-z 0-9 _ -, not sem)");
+        return pmdbctl::kExitUsage;
+    }
+    if (!vorn_host_namespace_valid(vorn_host_namespace())) {
+        pmdbctl::Fail("invalid namespace '" + std::string(getenv(VORN_NS_ENV)) +
+                      "' in " VORN_NS_ENV " (1 to 40 of A-Z a-z 0-9 _ -, not sem)");
         return pmdbctl::kExitUsage;
     }
     struct sigaction sa {};

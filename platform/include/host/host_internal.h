@@ -7,6 +7,7 @@
 
 #include <stddef.h>
 #include <stdint.h>
+#include <sys/stat.h>
 
 #include "host/settings.h"
 
@@ -35,8 +36,14 @@ void pmdb_host_trace_settings(pmdb_setting_fn fn, void *ctx);
 void vesk_host_forget_namespace(const char *ns);
 
 /* Writes the file-system path of object `name` of namespace ns
- * ("/dev/shm/<ns>.<name>"); returns 0, or -1 when it does not fit. */
+ * ("/dev/shm/<ns>.<name>"); returns 0, or -1 when it does not fit or ns is
+ * not a valid namespace. */
 int vorn_host_shm_path(const char *ns, const char *name, char *out, size_t len);
+/* The mode of objects the host services create (vorn_os.h). */
+mode_t vorn_host_object_mode(void);
+/* 1 when an existing object with status st may be used: a regular file of
+ * the effective user, or with group sharing of the effective group. */
+int vorn_host_owner_ok(const struct stat *st);
 
 #ifdef __cplusplus
 }

@@ -19,7 +19,8 @@
  *   identity.rp_plus_datapath    PMDB_RP_PLUS_DATAPATH  0
  *   identity.node_id             PMDB_NODE_ID           1   (read once at load)
  *   identity.node_mac.<node>     PMDB_NODE_MAC          02:<node, 4 bytes>:<unit>
- *   os.namespace                 PMDB_NS                "pmdb"
+ *   os.namespace                 PMDB_NS                "pmdb" ("" when PMDB_NS is invalid)
+ *   os.shm_group                 PMDB_SHM_GROUP         0   (1: objects shared with the group)
  *   sysctl.<key>                 PMDB_SYSCTL            0
  *   trace.records                PMDB_TRACE_RECORDS     4096 (at buffer creation)
  */

@@ -37,6 +37,38 @@
  * it, until their next protection call: tabra_copy_entry_at_rest refuses
  * those entries and vouches for every other copy.
  *
+ * Damaged tables.  Every call that maps a table (tabra_open, tabra_attach,
+ * tabra_attach_hashed, and through them the reader library) first checks,
+ * on a copy of the header read before anything else is mapped, that the
+ * object holds a sound table of this store:
+ *   - the magic, and the format (another format is TABRA_E_MISMATCH);
+ *   - entry size 1 to TABRA_MAX_ENTRY_SIZE, bucket count 1 to 65536;
+ *   - capacity 65536, and stride and object size as the entry size gives
+ *     them; the object at least as long as that object size;
+ *   - the name in the header is the table's name;
+ *   - the header's check word over the fields fixed at creation (so that an
+ *     entry size changed within the same stride is seen);
+ *   - count and max_entries at most the capacity; the operation in flight
+ *     none, or an add or remove of a slot and bucket in range.
+ * A table that fails is refused with TABRA_E_CORRUPT and trace
+ * TABRA_TP_DAMAGED, whose code (TABRA_DAMAGE_*) says which check failed.
+ * It is left exactly as it is: no open re-creates or repairs it, so entries
+ * it may hold stay for the operator to look at, and removing the object is
+ * the operator's decision.  An object without the magic is a table whose
+ * creator died before finishing only when nothing beyond its header was
+ * ever written (size 0, or bucket words, slot records and bitmaps all zero):
+ * tabra_open with O_CREAT makes the table in it and tabra_attach answers
+ * TABRA_E_NOTFOUND.  Any other object without the magic is damaged.  A
+ * handle reaches entries with the geometry checked when it was made (entry
+ * size, stride, bucket count of key % buckets), so damage done to the header
+ * later cannot send a lookup outside the table; tabra_check checks the
+ * header again.
+ *
+ * Ownership.  A table's object is made and opened through the OS layer
+ * (vorn_os.h), which gives a new object the host's mode and refuses an
+ * existing object that belongs to another user: TABRA_E_OWNER, trace
+ * TABRA_TP_OWNER.
+ *
  * Threads and processes: every call may be made from any thread of any
  * process.  Lookups never wait for writers; adds and removes of one table
  * serialise only on the short index update.  A process killed at any point
@@ -59,10 +91,11 @@ extern "C" {
 #define TABRA_E_NOMEM 0xA6F01405u        /* process memory exhausted */
 #define TABRA_E_MISMATCH 0xA6F01406u     /* table exists with another format */
 #define TABRA_E_PROT 0xA6F01407u         /* changing page protection failed */
-#define TABRA_E_CORRUPT 0xA6F01408u      /* consistency check found a fault */
+#define TABRA_E_CORRUPT 0xA6F01408u      /* consistency check found a fault; damaged table */
 #define TABRA_E_LOCK 0xA6F01409u         /* the table's writer lock is unusable */
 #define TABRA_E_WRITING 0xA6F0140Au      /* entry open for writing (tabra_copy_entry_at_rest) */
 #define TABRA_E_UNKEYED 0xA6F0140Bu      /* entry does not begin with its key (TABRA_COPY_KEYED) */
+#define TABRA_E_OWNER 0xA6F0140Cu        /* the table's object belongs to another user */
 
 #define TABRA_CAPACITY 65536u       /* slots of every table */
 #define TABRA_MAX_ENTRY_SIZE 16384u /* largest entry_size */
@@ -88,6 +121,22 @@ extern "C" {
 #define TABRA_TP_CHECK 913u        /* [status, fault code, slot] consistency check failed */
 #define TABRA_TP_NOMEM 914u        /* [status, bytes, 0] */
 #define TABRA_TP_WALK_INVAL 915u   /* [status, 0, 0] walk, info or check: bad argument */
+#define TABRA_TP_DAMAGED 916u      /* [status, damage code, value] open or attach refused a
+                                      damaged table (status TABRA_E_CORRUPT) */
+#define TABRA_TP_OWNER 917u        /* [status, errno, 0] the object belongs to another user */
+
+/* Damage codes of TABRA_TP_DAMAGED, with the value traced beside them. */
+#define TABRA_DAMAGE_NO_MAGIC 1u   /* no magic, yet written beyond the header [first such
+                                      byte offset] */
+#define TABRA_DAMAGE_SIZE 2u       /* object shorter than its header says [object size] */
+#define TABRA_DAMAGE_CHECK 3u      /* check word does not match the header [stored word] */
+#define TABRA_DAMAGE_BUCKETS 4u    /* bucket count outside 1..65536 [bucket count] */
+#define TABRA_DAMAGE_ENTRY_SIZE 5u /* entry size outside 1..TABRA_MAX_ENTRY_SIZE [entry size] */
+#define TABRA_DAMAGE_GEOMETRY 6u   /* capacity, stride or object size not as the entry size
+                                      gives them [stored object size] */
+#define TABRA_DAMAGE_COUNTS 7u     /* count or max_entries above the capacity [count] */
+#define TABRA_DAMAGE_INTENT 8u     /* malformed operation in flight [op] */
+#define TABRA_DAMAGE_NAME 9u       /* the header names another table [0] */
 
 /* Test-only crash points.  When the environment variable TABRA_CRASH_AT is
  * "add:<k>", "remove:<k>" or "repair:<k>" at a process's first add, remove or
