@@ -55,7 +55,7 @@ say "node 1: ports 0x1001 0x1002; node 2: ports 0x2001 0x2002 and BVI 0x4001;" \
 step "pmdbctl tables: what the table store holds"
 "$PMDBCTL" tables
 
-step "pmdbctl check: index, free slots and counts of every table (exit 1 on a fault)"
+step "pmdbctl check: every table, region and entry lock (exit 1 on a fault)"
 "$PMDBCTL" check
 
 step "pmdbctl regions: the shared context regions and their entry locks"

@@ -435,13 +435,31 @@ void note_wait(tabra_table *t, u64 waited) {
     }
 }
 
-cerrno lock_writer(tabra_table *t) {
+/* The thread id that the writer lock's futex word names (glibc nptl: bits
+ * 0..29 of the word at offset 0 hold the owner of a robust mutex); 0 when
+ * it names none.  A snapshot, for reports only. */
+i32 writer_holder(pthread_mutex_t *mu) {
+    const unsigned word =
+        static_cast<unsigned>(__atomic_load_n(&mu->__data.__lock, __ATOMIC_RELAXED));
+    return static_cast<i32>(word & 0x3fffffffu);
+}
+
+/* Takes the writer lock, repairing after a dead writer.  With a deadline
+ * (CLOCK_MONOTONIC) the wait ends there: TABRA_E_TIMEDOUT, and *holder
+ * (optional) gets the thread id the lock names. */
+cerrno lock_writer_until(tabra_table *t, const timespec *deadline, i32 *holder) {
     pthread_mutex_t *mu = &hdr(t)->writer;
     int r = pthread_mutex_trylock(mu);
     if (r == EBUSY) {
         const u64 t0 = mono_ns();
-        r = pthread_mutex_lock(mu);
+        r = deadline == nullptr ? pthread_mutex_lock(mu)
+                                : pthread_mutex_clocklock(mu, CLOCK_MONOTONIC, deadline);
         note_wait(t, mono_ns() - t0);
+    }
+    if (r == ETIMEDOUT) {
+        const i32 tid = writer_holder(mu);
+        if (holder != nullptr) *holder = tid;
+        return fail(TABRA_TP_LOCK, TABRA_E_TIMEDOUT, ETIMEDOUT, static_cast<u64>(tid));
     }
     if (r == EOWNERDEAD) {
         repair(t);
@@ -449,6 +467,10 @@ cerrno lock_writer(tabra_table *t) {
     }
     if (r != 0) return fail(TABRA_TP_LOCK, TABRA_E_LOCK, static_cast<u64>(r), 0);
     return 0;
+}
+
+cerrno lock_writer(tabra_table *t) {
+    return lock_writer_until(t, nullptr, nullptr);
 }
 
 void unlock_writer(tabra_table *t) {
@@ -1188,7 +1210,8 @@ bool check_header(check_state *c) {
     return true;
 }
 
-cerrno run_check(tabra_table *t, char *report, size_t len) {
+cerrno run_check(tabra_table *t, char *report, size_t len, const timespec *deadline,
+                 i32 *holder) {
     check_state c{};
     c.t = t;
     c.report = report;
@@ -1199,14 +1222,14 @@ cerrno run_check(tabra_table *t, char *report, size_t len) {
     if (c.seen == nullptr || c.keys == nullptr)
         st = fail(TABRA_TP_NOMEM, TABRA_E_NOMEM, TABRA_SLOTS * 4, 0);
     if (st == 0) {
-        st = lock_writer(t);
+        st = lock_writer_until(t, deadline, holder);
         if (st == 0) {
             (void)(check_header(&c) && check_buckets(&c) && check_slots(&c) && check_counts(&c));
             unlock_writer(t);
         }
     }
     if (st == 0 && c.code != 0) st = fail(TABRA_TP_CHECK, TABRA_E_CORRUPT, c.code, c.fault_slot);
-    if (st == 0 && report != nullptr && len > 0) report[0] = '\0';
+    if (c.code == 0 && report != nullptr && len > 0) report[0] = '\0';
     free(c.seen);
     free(c.keys);
     return st;
@@ -1554,7 +1577,23 @@ cerrno tabra_check(tabra_hdl_t t, char *report, size_t len) {
     cerrno st = 0;
     if (injected("tabra_check", 0, 0, 0, 0, &st)) return st;
     if (t == nullptr) return fail(TABRA_TP_WALK_INVAL, TABRA_E_INVAL, 0, 0);
-    return run_check(t, report, len);
+    return run_check(t, report, len, nullptr, nullptr);
+}
+
+cerrno tabra_check_within(tabra_hdl_t t, char *report, size_t len, u32 wait_ms, i32 *holder_tid) {
+    cerrno st = 0;
+    if (injected("tabra_check_within", wait_ms, 0, 0, 0, &st)) return st;
+    if (t == nullptr) return fail(TABRA_TP_WALK_INVAL, TABRA_E_INVAL, 0, 0);
+    if (holder_tid != nullptr) *holder_tid = 0;
+    timespec deadline{};
+    clock_gettime(CLOCK_MONOTONIC, &deadline);
+    deadline.tv_sec += static_cast<time_t>(wait_ms / 1000u);
+    deadline.tv_nsec += static_cast<long>(wait_ms % 1000u) * 1000000L;
+    if (deadline.tv_nsec >= 1000000000L) {
+        deadline.tv_sec++;
+        deadline.tv_nsec -= 1000000000L;
+    }
+    return run_check(t, report, len, &deadline, holder_tid);
 }
 
 int tabra_list(void (*fn)(void *ctx, const char *table_name), void *ctx) {

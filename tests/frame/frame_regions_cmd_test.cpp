@@ -1,24 +1,36 @@
 // pmdbctl regions reports what the regions hold, read from another process
 // without disturbing any lock: initialised, held, dead-owner and destroyed
-// entry locks, the magic and the globals block.
+// entry locks with their holders, the magic and the globals block; pmdbctl
+// check reports damaged regions and entry locks that block their writers.
+#include <fcntl.h>
 #include <gtest/gtest.h>
 #include <signal.h>
+#include <sys/mman.h>
+#include <unistd.h>
 
+#include <cctype>
+#include <functional>
+#include <memory>
 #include <nlohmann/json.hpp>
 #include <string>
 
 #include "pmdb.h"
 #include "pmdb_test.h"
+#include "vorn_os.h"
 
 namespace {
 
+using pmdb::test::ChildProcess;
 using pmdb::test::PmdbTest;
+
+/* A thread id no kernel hands out (above the largest pid_max). */
+constexpr int kNeverTid = 0x3ffffffe;
 
 class FrameRegionsCommandTest : public PmdbTest {
 protected:
     nlohmann::json RunRegions() {
-        const pmdb::test::ToolRun r =
-            pmdb::test::RunTool(PMDBCTL, {"--ns", ns(), "regions", "--json"});
+        const pmdb::test::ToolRun r = pmdb::test::RunTool(
+            PMDBCTL, {"--ns", ns(), "regions", "--json", "--wait-ms", "100"});
         EXPECT_EQ(r.status, 0) << r.err;
         return nlohmann::json::parse(r.out, nullptr, false);
     }
@@ -28,7 +40,7 @@ TEST_F(FrameRegionsCommandTest, CountsLockStatesAndShowsTheGlobals) {
     dnx_db_hdl_t *hdl = nullptr;
     ASSERT_EQ(dpa_chk_shrd_ctx_open(nullptr, &hdl, PMDB_TYPE_IFH), 0u);
     pellin_mutex_type *locks = hdl->shrd_ctx->entry_lock;
-    for (int slot : {10, 11, 12, 13}) pmdb_lock_init(&locks[slot]);
+    for (int slot : {10, 11, 12, 13, 14}) pmdb_lock_init(&locks[slot]);
     hdl->shrd_ctx->glbls.inv_node_id = 7;
     hdl->shrd_ctx->glbls.inv_node_mac[5] = 0x42;
 
@@ -39,6 +51,7 @@ TEST_F(FrameRegionsCommandTest, CountsLockStatesAndShowsTheGlobals) {
     dead->Kill(SIGKILL);
     ASSERT_TRUE(dead->Wait().KilledBy(SIGKILL));
     ASSERT_EQ(pmdb_lock_destroy(&locks[13]), 0u);
+    locks[14].__data.__lock = kNeverTid;  // left by a thread the kernel never marked dead
 
     const nlohmann::json out = RunRegions();
     ASSERT_FALSE(out.is_discarded());
@@ -51,13 +64,21 @@ TEST_F(FrameRegionsCommandTest, CountsLockStatesAndShowsTheGlobals) {
     EXPECT_EQ(ifh["globals"]["inv_node_id"], 7);
     EXPECT_EQ(ifh["globals"]["inv_node_mac"], "00:00:00:00:00:42");
     const nlohmann::json &l = ifh["entry_locks"];
-    EXPECT_EQ(l["initialised"], 3);  // 13 was destroyed
+    EXPECT_EQ(l["initialised"], 4);  // 13 was destroyed
     EXPECT_EQ(l["held"], 1);
-    EXPECT_EQ(l["dead_owner"], 1);
+    EXPECT_EQ(l["dead_owner"], 2);
     EXPECT_EQ(l["destroyed"], 1);
-    ASSERT_EQ(l["holders"].size(), 1u);
-    EXPECT_EQ(l["holders"][0]["slot"], 11);
-    EXPECT_EQ(l["holders"][0]["tid"], alive->pid());
+    ASSERT_EQ(l["holders"].size(), 2u);
+    const nlohmann::json &live = l["holders"][0];
+    EXPECT_EQ(live["slot"], 11);
+    EXPECT_EQ(live["tid"], alive->pid());
+    EXPECT_EQ(live["pid"], alive->pid());
+    EXPECT_EQ(live["alive"], true);
+    EXPECT_EQ(live["still_held"], true);
+    EXPECT_GE(live["held_ms"].get<int>(), 100);  // sampled for all of --wait-ms
+    EXPECT_EQ(l["holders"][1],
+              nlohmann::json({{"slot", 14}, {"tid", kNeverTid}, {"pid", 0}, {"alive", false},
+                              {"still_held", true}, {"held_ms", 0}}));
     EXPECT_FALSE(out["regions"][1]["present"].get<bool>());
 
     // Reading took nothing: the live holder still holds, the dead owner's
@@ -66,5 +87,85 @@ TEST_F(FrameRegionsCommandTest, CountsLockStatesAndShowsTheGlobals) {
     ExpectTrace(VESK_DATABASE, 69, {});
     EXPECT_EQ(pmdb_lock_destroy(&locks[11]), PMDB_EBUSY);
 }
+
+/* What is done to the IFH region (locks of slots 10 to 12 initialised) and
+ * what check says about it on one line; {pid} is the pid of the child a
+ * row keeps alive meanwhile.  No table exists: only the regions are
+ * checked. */
+struct RegionDamage {
+    const char *what;
+    std::function<std::unique_ptr<ChildProcess>(dnx_pmdb_shrd_ctx_t *)> apply;
+    int status;
+    const char *says;
+};
+
+void PrintTo(const RegionDamage &d, std::ostream *os) { *os << d.what; }
+
+std::unique_ptr<ChildProcess> Hold(pellin_mutex_type *lock) {
+    auto child = pmdb::test::StartHeldChild([lock] { pmdb_entry_lock(lock); });
+    EXPECT_TRUE(child->WaitReady());
+    return child;
+}
+
+void TruncateRegion() {
+    const int fd = _shm_open(PMDB_IFH_SHM_NAME, O_RDWR, 0);
+    ASSERT_GE(fd, 0);
+    EXPECT_EQ(ftruncate(fd, 4096), 0);
+    close(fd);
+}
+
+const RegionDamage kRegionDamages[] = {
+    {"sound", [](dnx_pmdb_shrd_ctx_t *) { return nullptr; }, 0,
+     "dnx_pmdb_ifh_shrd                ok"},
+    {"lock held by a live thread", [](dnx_pmdb_shrd_ctx_t *c) { return Hold(&c->entry_lock[11]); },
+     1,
+     "dnx_pmdb_ifh_shrd slot 11        held by pid {pid} tid {pid} (alive) at every sample "
+     "over "},
+    {"holder killed",
+     [](dnx_pmdb_shrd_ctx_t *c) {
+         auto child = Hold(&c->entry_lock[12]);
+         child->Kill(SIGKILL);
+         EXPECT_TRUE(child->Wait().KilledBy(SIGKILL));
+         return std::unique_ptr<ChildProcess>();  // its next writer recovers the lock
+     },
+     0, "dnx_pmdb_ifh_shrd                ok"},
+    {"lock naming a thread that never existed",
+     [](dnx_pmdb_shrd_ctx_t *c) {
+         c->entry_lock[10].__data.__lock = kNeverTid;
+         return nullptr;
+     },
+     1, "dnx_pmdb_ifh_shrd slot 10        names tid 1073741822 (gone): its writers wait for ever"},
+    {"zeroed magic", [](dnx_pmdb_shrd_ctx_t *c) { c->magic = 0; return nullptr; }, 1,
+     "dnx_pmdb_ifh_shrd                magic 0x00000000, not 0xc0dec0de"},
+    {"truncated object",
+     [](dnx_pmdb_shrd_ctx_t *) {
+         TruncateRegion();
+         return std::unique_ptr<ChildProcess>();
+     },
+     1, "dnx_pmdb_ifh_shrd                object is 4096 bytes, a region 2625536: truncated"},
+};
+
+class FrameRegionsCheck : public PmdbTest, public ::testing::WithParamInterface<RegionDamage> {};
+
+TEST_P(FrameRegionsCheck, ReportsEachFindingOnOneLine) {
+    dnx_db_hdl_t *hdl = nullptr;
+    ASSERT_EQ(dpa_chk_shrd_ctx_open(nullptr, &hdl, PMDB_TYPE_IFH), 0u);
+    for (int slot : {10, 11, 12}) pmdb_lock_init(&hdl->shrd_ctx->entry_lock[slot]);
+    const auto child = GetParam().apply(hdl->shrd_ctx);
+    std::string says = GetParam().says;
+    for (size_t at; child && (at = says.find("{pid}")) != std::string::npos;)
+        says.replace(at, 5, std::to_string(child->pid()));
+
+    const pmdb::test::ToolRun r = pmdb::test::RunTool(PMDBCTL, {"check", "--wait-ms", "100"});
+    EXPECT_EQ(r.status, GetParam().status) << r.out << r.err;
+    EXPECT_NE(r.out.find(says), std::string::npos) << "want: " << says << "\n" << r.out;
+}
+
+INSTANTIATE_TEST_SUITE_P(Rows, FrameRegionsCheck, ::testing::ValuesIn(kRegionDamages),
+                         [](const auto &info) {
+                             std::string n = info.param.what;
+                             for (char &c : n) c = isalnum(static_cast<unsigned char>(c)) ? c : '_';
+                             return n;
+                         });
 
 }  // namespace

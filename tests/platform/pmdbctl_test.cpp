@@ -1,6 +1,8 @@
 // pmdbctl trace/settings as a user runs them, and the trace point table the
 // tool decodes with.
+#include <fcntl.h>
 #include <signal.h>
+#include <sys/mman.h>
 #include <unistd.h>
 
 #include <cctype>
@@ -171,6 +173,44 @@ TEST_F(PmdbctlTest, SettingsShowValueAndOrigin) {
     ASSERT_EQ(t.status, 0);
     EXPECT_NE(t.out.find("halvo.max_entries"), std::string::npos);
     EXPECT_NE(t.out.find(ns()), std::string::npos);
+}
+
+/* Bytes that are not text where the tool prints text: a trace string, a
+ * sysctl key (part of a setting's name), a table object's name.  Each
+ * command prints them escaped, as valid JSON with --json, and ends with its
+ * own status, never on an exception. */
+struct DamagedInput {
+    std::vector<std::string> args;
+    int status;
+    const char *says;  // in standard output
+};
+
+TEST_F(PmdbctlTest, BytesThatAreNotTextAreEscapedInEveryCommand) {
+    const auto w = RunInChild([] {
+        _svesk(dpa_port_mapper_get_db_vesk(), VESK_SID(62), "reg\xff\xfe\x01", 1);
+    });
+    ASSERT_TRUE(w.ExitedWith(0)) << w.Describe();
+    setenv("PMDB_SYSCTL", "k\xff=1", 1);
+    char object[128];
+    vorn_host_shm_name("tabra.T\xff", object, sizeof object);
+    const int fd = shm_open(object, O_RDWR | O_CREAT, 0600);
+    ASSERT_GE(fd, 0);
+    close(fd);
+    for (const DamagedInput &d : {
+             DamagedInput{{"trace", "--json"}, 0, R"("region": "reg\\xff\\xfe\\x01")"},
+             DamagedInput{{"trace"}, 0, R"(region="reg\xff\xfe\x01")"},
+             DamagedInput{{"settings", "--json"}, 0, R"("name": "sysctl.k\\xff")"},
+             DamagedInput{{"settings"}, 0, R"(sysctl.k\xff )"},
+             DamagedInput{{"check", "--json"}, 1, R"("name": "T\\xff")"},
+             DamagedInput{{"check"}, 1, R"(T\xff )"},
+         }) {
+        const ToolRun r = Pmdbctl(d.args);
+        SCOPED_TRACE(d.args[0] + (d.args.size() > 1 ? " " + d.args[1] : ""));
+        EXPECT_EQ(r.status, d.status) << r.err;
+        EXPECT_NE(r.out.find(d.says), std::string::npos) << r.out;
+        EXPECT_TRUE(d.args.back() != "--json" || json::accept(r.out)) << r.out;
+    }
+    unsetenv("PMDB_SYSCTL");
 }
 
 /* ---- the trace point table ---------------------------------------------- */

@@ -319,6 +319,7 @@ Tool::~Tool() {
 }
 
 std::string Tool::OutSoFar() const { return ReadFile(out_path_); }
+std::string Tool::ErrSoFar() const { return ReadFile(err_path_); }
 
 ToolRun Tool::Finish() {
     ToolRun r;

@@ -169,8 +169,9 @@ public:
     Tool &operator=(const Tool &) = delete;
 
     pid_t pid() const { return pid_; }
-    /* What it has written to standard output so far. */
+    /* What it has written to standard output (error) so far. */
     std::string OutSoFar() const;
+    std::string ErrSoFar() const;
     /* Waits for its end. */
     ToolRun Finish();
 

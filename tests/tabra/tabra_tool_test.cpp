@@ -1,6 +1,11 @@
 /*
  * pmdbctl tables / check, run as a separate program on tables made here.
  */
+#include <signal.h>
+
+#include <cctype>
+#include <functional>
+#include <memory>
 #include <nlohmann/json.hpp>
 #include <string>
 
@@ -51,36 +56,130 @@ TEST_F(TabraTool, TablesListsEachTableWithItsFigures) {
     EXPECT_NE(text.out.find("1.0%"), std::string::npos) << text.out;
 }
 
-TEST_F(TabraTool, CheckExitsNonZeroOnADamagedTable) {
+/* What is done to table BAD (10 entries, beside a sound table GOOD) and
+ * what check then says on BAD's line; {pid} stands for the pid of the
+ * child that a row keeps alive meanwhile. */
+struct Damage {
+    const char *what;
+    std::function<std::unique_ptr<pmdb::test::ChildProcess>(tabra_shm_hdr_t *)> apply;
+    const char *says;
+};
+
+void PrintTo(const Damage &d, std::ostream *os) { *os << d.what; }
+
+/* A thread id no kernel hands out (above the largest pid_max). */
+constexpr int kNeverTid = 0x3ffffffe;
+
+std::unique_ptr<pmdb::test::ChildProcess> HoldWriterLock(tabra_shm_hdr_t *h) {
+    auto child = pmdb::test::StartHeldChild([h] { pthread_mutex_lock(&h->writer); });
+    EXPECT_TRUE(child->WaitReady());
+    return child;
+}
+
+void TruncateObject(const char *name, off_t size) {
+    char object[128];
+    vorn_host_shm_name((std::string(TABRA_SHM_PREFIX) + name).c_str(), object, sizeof object);
+    const int fd = shm_open(object, O_RDWR, 0);
+    ASSERT_GE(fd, 0);
+    EXPECT_EQ(ftruncate(fd, size), 0);
+    close(fd);
+}
+
+const Damage kDamages[] = {
+    {"count", [](tabra_shm_hdr_t *h) { h->count = 3; return nullptr; },
+     "count 3, occupied slots 10"},
+    {"zeroed magic", [](tabra_shm_hdr_t *h) { h->magic = 0; return nullptr; },
+     "cannot be attached: "},
+    {"truncated object",
+     [](tabra_shm_hdr_t *) {
+         TruncateObject("BAD", TABRA_OFF_ENTRIES);
+         return std::unique_ptr<pmdb::test::ChildProcess>();
+     },
+     "cannot be attached: "},
+    {"writer lock held by a live thread", HoldWriterLock,
+     "gave up after 200 ms: writer lock held by pid {pid} tid {pid} (alive)"},
+    {"writer lock naming a thread that never existed",
+     [](tabra_shm_hdr_t *h) {
+         h->writer.__data.__lock = kNeverTid;
+         h->writer.__data.__owner = kNeverTid;
+         return nullptr;
+     },
+     "gave up after 200 ms: writer lock held by tid 1073741822 (gone)"},
+};
+
+class TabraToolDamage : public TabraTool, public ::testing::WithParamInterface<Damage> {};
+
+TEST_P(TabraToolDamage, CheckReportsTheDamagedTableOnItsLine) {
     tabra_hdl_t good = OpenOrDie(Params("GOOD", 80));
     tabra_hdl_t bad = OpenOrDie(Params("BAD", 80));
     for (u32 k = 1; k <= 10; k++) {
         AddOrDie(good, k);
         AddOrDie(bad, k);
     }
-    Output o = Pmdbctl("check");
-    EXPECT_EQ(o.status, 0) << o.out;
+    EXPECT_EQ(Pmdbctl("check").status, 0);
 
     u8 *obj = MapTableObject("BAD");
     ASSERT_NE(obj, nullptr);
-    reinterpret_cast<tabra_shm_hdr_t *>(obj)->count = 3;
-    munmap(obj, TABRA_OFF_ENTRIES);
+    const auto child = GetParam().apply(reinterpret_cast<tabra_shm_hdr_t *>(obj));
+    std::string says = GetParam().says;
+    for (size_t at; child && (at = says.find("{pid}")) != std::string::npos;)
+        says.replace(at, 5, std::to_string(child->pid()));
 
-    o = Pmdbctl("check");
+    const Output o = Pmdbctl("check --wait-ms 200");
     EXPECT_EQ(o.status, 1) << o.out;
-    EXPECT_NE(o.out.find("BAD"), std::string::npos) << o.out;
-    EXPECT_NE(o.out.find("count 3, occupied slots 10"), std::string::npos) << o.out;
-    o = Pmdbctl("check --json");
-    EXPECT_EQ(o.status, 1) << o.out;
-    const auto j = nlohmann::json::parse(o.out.substr(0, o.out.rfind(']') + 1));
-    ASSERT_EQ(j.size(), 2u);
+    const size_t line = o.out.find("BAD ");
+    ASSERT_NE(line, std::string::npos) << o.out;
+    EXPECT_NE(o.out.substr(line, o.out.find('\n', line) - line).find(says), std::string::npos)
+        << "want: " << says << "\n" << o.out;
+    EXPECT_NE(o.out.find("GOOD                             ok"), std::string::npos) << o.out;
+
+    const pmdb::test::ToolRun r =
+        pmdb::test::RunTool(PMDBCTL_PATH, {"check", "--json", "--wait-ms", "200"});
+    EXPECT_EQ(r.status, 1) << r.err;
+    const auto j = nlohmann::json::parse(r.out, nullptr, false);
+    ASSERT_TRUE(j.is_array() && j.size() == 2u) << r.out;
     EXPECT_EQ(j[0]["name"], "BAD");
     EXPECT_EQ(j[0]["ok"], false);
+    EXPECT_NE(j[0]["problem"].get<std::string>().find(says), std::string::npos) << r.out;
     EXPECT_EQ(j[1]["ok"], true);
+    munmap(obj, TABRA_OFF_ENTRIES);
+}
+
+INSTANTIATE_TEST_SUITE_P(Rows, TabraToolDamage, ::testing::ValuesIn(kDamages),
+                         [](const auto &info) {
+                             std::string n = info.param.what;
+                             for (char &c : n) c = isalnum(static_cast<unsigned char>(c)) ? c : '_';
+                             return n;
+                         });
+
+TEST_F(TabraTool, CheckSelectsOneTableAndRefusesAnUnknownOne) {
+    OpenOrDie(Params("GOOD", 80));
     EXPECT_EQ(Pmdbctl("check --table GOOD").status, 0);
-    o = Pmdbctl("check --table NOSUCH");
+    const Output o = Pmdbctl("check --table NOSUCH");
     EXPECT_EQ(o.status, 1);
     EXPECT_NE(o.out.find("no table NOSUCH"), std::string::npos) << o.out;
+}
+
+TEST_F(TabraTool, InterruptEndsTheWaitForAWriterLockAndSaysWhatItWaitedFor) {
+    OpenOrDie(Params("BAD", 80));
+    u8 *obj = MapTableObject("BAD");
+    ASSERT_NE(obj, nullptr);
+    const auto holder = HoldWriterLock(reinterpret_cast<tabra_shm_hdr_t *>(obj));
+    pmdb::test::Tool tool(PMDBCTL_PATH, {"check", "--wait-ms", "600000"});
+    // The tool says when it starts to wait; a generous bound detects a hang.
+    for (int i = 0; i < 3000 && tool.ErrSoFar().find("waiting up to") == std::string::npos; i++)
+        usleep(10000);
+    ASSERT_NE(tool.ErrSoFar().find("writer lock of table BAD, held by pid " +
+                                   std::to_string(holder->pid())),
+              std::string::npos)
+        << tool.ErrSoFar();
+    kill(tool.pid(), SIGINT);
+    const pmdb::test::ToolRun r = tool.Finish();
+    EXPECT_EQ(r.status, 128 + SIGINT);
+    EXPECT_NE(r.err.find("pmdbctl: interrupted while waiting for the writer lock of table BAD\n"),
+              std::string::npos)
+        << r.err;
+    munmap(obj, TABRA_OFF_ENTRIES);
 }
 
 }  // namespace

@@ -191,7 +191,7 @@ std::optional<json> ReadEntry(const Table &t, u32 key, int *status) {
 
 void Emit(const json &entries, const char *what, bool as_json) {
     if (as_json) {
-        std::cout << entries.dump(2) << std::endl;
+        std::cout << JsonText(entries) << std::endl;
         return;
     }
     const char *separator = "";
@@ -308,7 +308,7 @@ int Show(const ShowOptions &o) {
              {"sub_interfaces", Handles(List(dpa_pmdb_get_bundle_sub_ifh_entries, *ifh))},
              {"oam", Entries(kTables[2], List(dpa_pmdb_get_intf_oam_entries, *ifh))}};
     if (o.json) {
-        std::cout << all.dump(2) << std::endl;
+        std::cout << JsonText(all) << std::endl;
         return 0;
     }
     Emit(json::array({*entry}), "ifh", false);

@@ -91,7 +91,7 @@ int Globals(const Options &opts) {
                     Hex(s.magic) + "): it is not initialised");
     const json j = ToJson(s);
     if (opts.json)
-        std::cout << j.dump(2) << "\n";
+        std::cout << JsonText(j) << "\n";
     else
         PrintText(j);
     return 0;

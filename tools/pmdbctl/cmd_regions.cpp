@@ -1,10 +1,14 @@
 // pmdbctl regions / open: the shared context regions of the three databases.
 //
-//   pmdbctl regions [--json]        each region mapped read-only: object
+//   pmdbctl regions [--wait-ms N] [--json]
+//                                   each region mapped read-only: object
 //                                   size, magic, the globals block, and how
 //                                   many entry locks are initialised, held,
 //                                   left by a dead owner, unrecoverable or
-//                                   destroyed (with the holders' thread ids)
+//                                   destroyed; each holder with its process,
+//                                   thread, whether it is alive, and how long
+//                                   it was seen holding (sampled for up to N
+//                                   ms, default 200)
 //   pmdbctl open [--write] [TYPE..] opens databases through the library, as
 //                                   a process of the card would (creates the
 //                                   regions and tables on first use)
@@ -22,10 +26,10 @@
 #include <string>
 #include <vector>
 
-#include "../../port-mapper/lib/pmdb/src/pmdb_lock_view.h"
 #include "command.h"
 #include "format.h"
 #include "host/os_host.h"
+#include "lock_survey.h"
 #include "pmdb.h"
 #include "region_view.h"
 
@@ -34,43 +38,26 @@ namespace {
 
 using json = nlohmann::ordered_json;
 
-struct RegionName {
-    const char *type;
-    const char *object;
-};
-constexpr RegionName kRegions[] = {{"ifh", PMDB_IFH_SHM_NAME},
-                                   {"punt", PMDB_PUNT_SHM_NAME},
-                                   {"oam", PMDB_OAM_SHM_NAME}};
 constexpr size_t kMaxHoldersListed = 16;
+constexpr unsigned kRegionsWaitMs = 200;
 
-bool ThreadAlive(int tid) {
-    char path[32];
-    snprintf(path, sizeof path, "/proc/%d", tid);
-    return access(path, F_OK) == 0;
-}
-
-json LockCounts(const dnx_pmdb_shrd_ctx_t *ctx) {
-    unsigned initialised = 0, held = 0, dead = 0, unrecoverable = 0, destroyed = 0;
+json HoldersJson(const std::string &region, const std::vector<HeldLock> &held) {
     json holders = json::array();
-    for (u32 slot = 0; slot < PMDB_NUM_ENTRY_LOCKS; slot++) {
-        pmdb_lock_view_t v;
-        pmdb_lock_inspect(&ctx->entry_lock[slot], &v);
-        initialised += v.initialised;
-        destroyed += v.destroyed;
-        unrecoverable += v.not_recoverable;
-        const bool gone = v.held && !ThreadAlive(v.owner_tid);
-        dead += v.owner_died || gone;
-        held += v.held && !gone;
-        if (v.held && holders.size() < kMaxHoldersListed)
-            holders.push_back({{"slot", slot}, {"tid", v.owner_tid}, {"alive", !gone}});
+    for (const HeldLock &h : held) {
+        if (h.region != region || holders.size() == kMaxHoldersListed) continue;
+        holders.push_back({{"slot", h.slot},
+                           {"tid", h.tid},
+                           {"pid", h.thread.pid},
+                           {"alive", h.thread.alive},
+                           {"still_held", h.still_held},
+                           {"held_ms", h.held_ms}});
     }
-    return json{{"initialised", initialised}, {"held", held},       {"dead_owner", dead},
-                {"not_recoverable", unrecoverable}, {"destroyed", destroyed}, {"holders", holders}};
+    return holders;
 }
 
-json RegionJson(const RegionName &r) {
+json RegionJson(const RegionName &r, const RegionView &view, const LockCounts &n,
+                const std::vector<HeldLock> &held) {
     json out{{"type", r.type}, {"object", r.object}};
-    const RegionView view(r.object);
     out["present"] = view.present();
     if (!view.present()) return out;
     out["object_size"] = view.size();
@@ -87,8 +74,22 @@ json RegionJson(const RegionName &r) {
                       {"hs_node_id", g.hs_node_id},
                       {"inv_node_id", g.inv_node_id},
                       {"inv_node_mac", Mac(g.inv_node_mac)}};
-    out["entry_locks"] = LockCounts(ctx);
+    out["entry_locks"] = {{"initialised", n.initialised},
+                          {"held", n.held},
+                          {"dead_owner", n.dead_owner},
+                          {"not_recoverable", n.not_recoverable},
+                          {"destroyed", n.destroyed},
+                          {"holders", HoldersJson(r.object, held)}};
     return out;
+}
+
+std::string HolderLine(const json &h) {
+    const ThreadInfo t{h["alive"].get<bool>(), h["pid"].get<int>()};
+    std::string line = "slot " + h["slot"].dump() + " " + HolderText(h["tid"].get<int>(), t);
+    if (!t.alive) return line;
+    const std::string ms = h["held_ms"].dump() + " ms";
+    return line + (h["still_held"].get<bool>() ? ", held by it at every sample over " + ms
+                                               : ", let go after " + ms + " of sampling");
 }
 
 void PrintRegion(const json &r) {
@@ -112,17 +113,32 @@ void PrintRegion(const json &r) {
     std::cout << "    entry locks: initialised " << l["initialised"] << "  held " << l["held"]
               << "  dead owner " << l["dead_owner"] << "  not recoverable "
               << l["not_recoverable"] << "  destroyed " << l["destroyed"] << "\n";
-    for (const json &h : l["holders"]) {
-        std::cout << "      slot " << h["slot"] << " tid " << h["tid"]
-                  << (h["alive"].get<bool>() ? "" : " (gone)") << "\n";
-    }
+    for (const json &h : l["holders"]) std::cout << "      " << HolderLine(h) << "\n";
 }
 
-int Regions(bool as_json) {
+struct RegionsOptions {
+    bool json = false;
+    unsigned wait_ms = kRegionsWaitMs;
+};
+
+int Regions(const RegionsOptions &o) {
+    std::vector<std::unique_ptr<RegionView>> views;
+    std::vector<LockCounts> counts;
+    std::vector<HeldLock> held;
+    for (const RegionName &r : kRegions) {
+        views.push_back(std::make_unique<RegionView>(r.object));
+        const dnx_pmdb_shrd_ctx_t *ctx = views.back()->ctx();
+        counts.push_back(ctx != nullptr ? SurveyLocks(r.object, ctx, &held) : LockCounts{});
+    }
+    {
+        const WaitingFor waiting("held entry locks to be let go (sampling their holders)");
+        WatchLocks(held, std::chrono::milliseconds(o.wait_ms));
+    }
     json regions = json::array();
-    for (const RegionName &r : kRegions) regions.push_back(RegionJson(r));
-    if (as_json) {
-        std::cout << json{{"namespace", vorn_host_namespace()}, {"regions", regions}}.dump(2)
+    for (size_t i = 0; i < views.size(); i++)
+        regions.push_back(RegionJson(kRegions[i], *views[i], counts[i], held));
+    if (o.json) {
+        std::cout << JsonText(json{{"namespace", vorn_host_namespace()}, {"regions", regions}})
                   << std::endl;
         return 0;
     }
@@ -133,9 +149,10 @@ int Regions(bool as_json) {
 
 RunFn InstallRegions(CLI::App &app) {
     CLI::App *cmd = app.add_subcommand("regions", "Print the shared context regions and their locks");
-    auto as_json = std::make_shared<bool>(false);
-    cmd->add_flag("--json", *as_json, "JSON output");
-    return [as_json] { return Regions(*as_json); };
+    auto o = std::make_shared<RegionsOptions>();
+    cmd->add_flag("--json", o->json, "JSON output");
+    AddWaitOption(cmd, &o->wait_ms, "how long to sample the holders of entry locks (ms)");
+    return [o] { return Regions(*o); };
 }
 const Registrar kRegionsCmd("regions", InstallRegions);
 
@@ -150,6 +167,7 @@ int OpenOne(const std::string &name, bool write) {
         if (name != kRegions[t].type) continue;
         const auto type = static_cast<pmdb_type_t>(t);
         dnx_db_hdl_t *hdl = nullptr;
+        const WaitingFor waiting("the library to open the " + name + " database");
         cerrno rc = dpa_chk_pmdb_open(nullptr, &hdl, type, write ? 1 : 0);
         if (rc == 0 && write) rc = dpa_pmdb_mprotect_tabra(hdl->tabra, hdl, type);
         if (rc != 0) return Fail("opening " + name + " failed with status " + Hex(rc));

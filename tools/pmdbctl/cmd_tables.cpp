@@ -1,22 +1,17 @@
-// pmdbctl tables / check: the tables of the table store in the namespace.
+// pmdbctl tables: the tables of the table store in the namespace.
 //
 //   pmdbctl tables [--json]                one line per table: entry size,
 //                                          entries, capacity, max_entries,
 //                                          occupancy, repairs, longest wait
 //                                          for the writer lock
-//   pmdbctl check [--table NAME] [--json]  the consistency check of every
-//                                          table (or one): index, free slots,
-//                                          counts; exit status 1 when any
-//                                          table has a fault
 //
-// The check takes each table's writer lock; a writer that died holding it
-// is repaired on the way, as the next writer would.  A table that cannot be
-// attached is one line on stderr and exit status 1.
+// Reads each table's header without its writer lock.  A table that cannot
+// be attached is one line on stderr and exit status 1.  (`check` is in
+// cmd_check.cpp.)
 #ifdef PMDBCTL_HAVE_TABRA
 
 #include <stdio.h>
 
-#include <algorithm>
 #include <iostream>
 #include <memory>
 #include <nlohmann/json.hpp>
@@ -25,28 +20,19 @@
 
 #include "command.h"
 #include "format.h"
-#include "tabra.h"
+#include "tables.h"
 
 namespace pmdbctl {
 namespace {
 
 using json = nlohmann::ordered_json;
 
-std::vector<std::string> TableNames() {
-    std::vector<std::string> names;
-    tabra_list([](void *ctx,
-                  const char *n) { static_cast<std::vector<std::string> *>(ctx)->push_back(n); },
-               &names);
-    std::sort(names.begin(), names.end());
-    return names;
-}
-
 /* Attaches to table `name`; on failure reports it and returns null. */
 tabra_hdl_t Attach(const std::string &name) {
     tabra_hdl_t h = nullptr;
-    const cerrno st = tabra_attach(name.c_str(), &h);
+    const cerrno st = AttachTable(name, &h);
     if (st != 0) {
-        Fail("cannot attach to table " + name + ": status " + Hex(st));
+        Fail("cannot attach to table " + Printable(name) + ": " + TabraStatusText(st));
         return nullptr;
     }
     return h;
@@ -96,42 +82,7 @@ int Tables(const TablesOptions &o) {
                info.count, info.capacity, info.max_entries, Occupancy(info),
                static_cast<unsigned long long>(info.repairs), info.max_lock_wait_ns / 1000.0);
     }
-    if (o.json) std::cout << all.dump(2) << std::endl;
-    return status;
-}
-
-struct CheckOptions {
-    bool json = false;
-    std::string table;
-};
-
-int Check(const CheckOptions &o) {
-    std::vector<std::string> names = TableNames();
-    if (!o.table.empty()) {
-        if (std::find(names.begin(), names.end(), o.table) == names.end())
-            return Fail("no table " + o.table + " in this namespace");
-        names = {o.table};
-    }
-    json all = json::array();
-    int status = 0;
-    for (const std::string &name : names) {
-        tabra_hdl_t h = Attach(name);
-        if (h == nullptr) {
-            status = kExitFailure;
-            continue;
-        }
-        char report[256] = "";
-        const cerrno st = tabra_check(h, report, sizeof report);
-        if (st != 0) status = kExitFailure;
-        const std::string problem = st == 0 ? "" : (report[0] ? report : "status " + Hex(st));
-        if (o.json) {
-            all.push_back(json{{"name", name}, {"ok", st == 0}, {"problem", problem}});
-        } else {
-            printf("%-32s %s\n", name.c_str(), st == 0 ? "ok" : problem.c_str());
-        }
-    }
-    if (o.json) std::cout << all.dump(2) << std::endl;
-    if (status != 0 && !o.json) std::cerr << "pmdbctl: table check found problems" << std::endl;
+    if (o.json) std::cout << JsonText(all) << std::endl;
     return status;
 }
 
@@ -142,16 +93,7 @@ RunFn InstallTables(CLI::App &app) {
     return [o] { return Tables(*o); };
 }
 
-RunFn InstallCheck(CLI::App &app) {
-    auto *cmd = app.add_subcommand("check", "Run the consistency check of the tables");
-    auto o = std::make_shared<CheckOptions>();
-    cmd->add_option("--table", o->table, "check only this table");
-    cmd->add_flag("--json", o->json, "print JSON");
-    return [o] { return Check(*o); };
-}
-
 const Registrar kTables("tables", InstallTables);
-const Registrar kCheck("check", InstallCheck);
 
 }  // namespace
 }  // namespace pmdbctl

@@ -48,8 +48,30 @@ int Fail(const std::string &message);
 constexpr int kExitFailure = 1;
 constexpr int kExitUsage = 2;
 
-// Set by SIGINT/SIGTERM while a command follows output (trace --follow).
+// SIGINT and SIGTERM end the tool at once: one line on stderr ("pmdbctl:
+// interrupted", naming what it was waiting for, see WaitingFor) and exit
+// status 128 + the signal.  A command that follows output until it is
+// interrupted (trace --follow) calls DeferInterrupts: outside a WaitingFor
+// the signal then only sets the flag that Interrupted() reads, and the
+// command ends at its next safe point with its own status.
+void DeferInterrupts();
 bool Interrupted();
+
+// Names what the command waits for while the object lives, for the line
+// that an interrupt prints ("interrupted while waiting for <what>").
+// Standard output is flushed first, so that an interrupt loses nothing
+// already printed.  Not nested.
+class WaitingFor {
+public:
+    explicit WaitingFor(const std::string &what);
+    ~WaitingFor();
+    WaitingFor(const WaitingFor &) = delete;
+    WaitingFor &operator=(const WaitingFor &) = delete;
+};
+
+// The default and the option of the bound on each wait of a command.
+constexpr unsigned kDefaultWaitMs = 2000;
+void AddWaitOption(CLI::App *cmd, unsigned *wait_ms, const char *what);
 
 }  // namespace pmdbctl
 

@@ -17,4 +17,23 @@ std::string Mac(const uint8_t *m) {
     return s;
 }
 
+std::string Printable(const std::string &text) {
+    std::string out;
+    out.reserve(text.size());
+    for (const unsigned char c : text) {
+        if (c >= 0x20 && c < 0x7f && c != '\\') {
+            out += static_cast<char>(c);
+            continue;
+        }
+        char esc[8];
+        snprintf(esc, sizeof esc, "\\x%02x", c);
+        out += esc;
+    }
+    return out;
+}
+
+std::string JsonText(const nlohmann::ordered_json &j, int indent) {
+    return j.dump(indent, ' ', false, nlohmann::ordered_json::error_handler_t::replace);
+}
+
 }  // namespace pmdbctl

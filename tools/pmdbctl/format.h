@@ -5,6 +5,7 @@
 
 #include <stdint.h>
 
+#include <nlohmann/json.hpp>
 #include <string>
 
 namespace pmdbctl {
@@ -15,6 +16,15 @@ std::string Hex(unsigned long long v, int width = 8);
 
 // The six bytes at `mac` as aa:bb:cc:dd:ee:ff.
 std::string Mac(const uint8_t *mac);
+
+// `text` with every byte outside printable ASCII, and the backslash, as
+// \xNN: text from shared memory or the environment (trace strings, setting
+// values, object names) may hold any bytes, and output is one line per item.
+std::string Printable(const std::string &text);
+
+// j as JSON text (indent as nlohmann's dump).  A string that is not UTF-8
+// gets U+FFFD for its bad bytes instead of an exception.
+std::string JsonText(const nlohmann::ordered_json &j, int indent = 2);
 
 }  // namespace pmdbctl
 

@@ -2,14 +2,19 @@
 // Global options are applied before the chosen command runs; the commands
 // are whatever the files of this directory registered (see command.h).
 #include <signal.h>
+#include <stdio.h>
+#include <string.h>
+#include <unistd.h>
 
 #include <algorithm>
 #include <atomic>
 #include <cstdlib>
+#include <exception>
 #include <iostream>
 #include <map>
 
 #include "command.h"
+#include "format.h"
 #include "host/os_host.h"
 
 namespace pmdbctl {
@@ -20,11 +25,64 @@ std::vector<Registration> &Table() {
     return table;
 }
 
+// Shared with the signal handler: lock-free atomics, and a text that is
+// written only while g_waiting is false.
 std::atomic<bool> g_interrupted{false};
+std::atomic<bool> g_defer{false};
+std::atomic<bool> g_waiting{false};
+char g_wait_what[256];
 
-void OnSignal(int) { g_interrupted.store(true); }
+void WriteErr(const char *s) {
+    size_t n = strlen(s);
+    while (n > 0) {
+        const ssize_t w = write(STDERR_FILENO, s, n);
+        if (w <= 0) return;
+        s += w;
+        n -= static_cast<size_t>(w);
+    }
+}
+
+// Async-signal-safe: atomics, strlen, write and _exit only.
+void OnSignal(int sig) {
+    g_interrupted.store(true);
+    const bool waiting = g_waiting.load();
+    if (g_defer.load() && !waiting) return;
+    WriteErr("pmdbctl: interrupted");
+    if (waiting) {
+        WriteErr(" while waiting for ");
+        WriteErr(g_wait_what);
+    }
+    WriteErr("\n");
+    _exit(128 + sig);
+}
+
+void InstallSignalHandlers() {
+    struct sigaction sa {};
+    sa.sa_handler = OnSignal;
+    sigemptyset(&sa.sa_mask);
+    sigaction(SIGINT, &sa, nullptr);
+    sigaction(SIGTERM, &sa, nullptr);
+}
 
 }  // namespace
+
+WaitingFor::WaitingFor(const std::string &what) {
+    std::cout.flush();
+    fflush(stdout);
+    g_waiting.store(false);
+    snprintf(g_wait_what, sizeof g_wait_what, "%s", Printable(what).c_str());
+    g_waiting.store(true);
+}
+
+WaitingFor::~WaitingFor() { g_waiting.store(false); }
+
+void DeferInterrupts() { g_defer.store(true); }
+
+void AddWaitOption(CLI::App *cmd, unsigned *wait_ms, const char *what) {
+    cmd->add_option("--wait-ms", *wait_ms, what)
+        ->check(CLI::Range(0u, 3600000u))
+        ->capture_default_str();
+}
 
 Registrar::Registrar(const char *name, Installer install) { Table().push_back({name, install}); }
 
@@ -43,9 +101,9 @@ int Fail(const std::string &message) {
 
 bool Interrupted() { return g_interrupted.load(); }
 
-}  // namespace pmdbctl
+namespace {
 
-int main(int argc, char **argv) {
+int Main(int argc, char **argv) {
     CLI::App app{"Inspect the port mapper database's host platform", "pmdbctl"};
     app.require_subcommand(1);
     std::string ns;
@@ -74,22 +132,35 @@ int main(int argc, char **argv) {
     /* An empty or invalid name, given or from PMDB_NS, never falls back to
      * the card's own namespace. */
     if (ns_opt->count() > 0 && vorn_host_set_namespace(ns.c_str()) != 0) {
-        pmdbctl::Fail("invalid namespace '" + ns + "' (1 to 40 of A-Z a-z 0-9 _ -, not sem)");
+        Fail("invalid namespace '" + Printable(ns) + "' (1 to 40 of A-Z a-z 0-9 _ -, not sem)");
         return pmdbctl::kExitUsage;
     }
     if (!vorn_host_namespace_valid(vorn_host_namespace())) {
-        pmdbctl::Fail("invalid namespace '" + std::string(getenv(VORN_NS_ENV)) +
-                      "' in " VORN_NS_ENV " (1 to 40 of A-Z a-z 0-9 _ -, not sem)");
+        const char *env = getenv(VORN_NS_ENV);
+        Fail("invalid namespace '" + Printable(env != nullptr ? env : "") + "' in " VORN_NS_ENV
+             " (1 to 40 of A-Z a-z 0-9 _ -, not sem)");
         return pmdbctl::kExitUsage;
     }
-    struct sigaction sa {};
-    sa.sa_handler = pmdbctl::OnSignal;
-    sigaction(SIGINT, &sa, nullptr);
-    sigaction(SIGTERM, &sa, nullptr);
+    pmdbctl::InstallSignalHandlers();
 
     for (CLI::App *sub : app.get_subcommands()) {
         auto it = runners.find(sub);
         if (it != runners.end()) return it->second();
     }
     return pmdbctl::Fail("no command given");
+}
+
+}  // namespace
+}  // namespace pmdbctl
+
+// No exception leaves the tool: whatever a command did not handle is one
+// line on stderr and a failure status.
+int main(int argc, char **argv) {
+    try {
+        return pmdbctl::Main(argc, argv);
+    } catch (const std::exception &e) {
+        return pmdbctl::Fail(std::string("internal error: ") + pmdbctl::Printable(e.what()));
+    } catch (...) {
+        return pmdbctl::Fail("internal error: unknown exception");
+    }
 }

@@ -5,10 +5,16 @@
 #include <fcntl.h>
 #include <sys/mman.h>
 #include <sys/stat.h>
+#include <unistd.h>
 
 #include "vorn_os.h"
 
 namespace pmdbctl {
+
+size_t RegionObjectSize() {
+    const size_t page = static_cast<size_t>(sysconf(_SC_PAGESIZE));
+    return (PMDB_SHM_SIZE + page - 1) / page * page;
+}
 
 RegionView::RegionView(const char *name) {
     const int fd = _shm_open(name, O_RDONLY, 0);

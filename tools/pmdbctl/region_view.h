@@ -12,6 +12,19 @@
 
 namespace pmdbctl {
 
+// The three regions of a namespace, by database type.
+struct RegionName {
+    const char *type;
+    const char *object;
+};
+constexpr RegionName kRegions[] = {{"ifh", PMDB_IFH_SHM_NAME},
+                                   {"punt", PMDB_PUNT_SHM_NAME},
+                                   {"oam", PMDB_OAM_SHM_NAME}};
+
+// The size the library gives a region object: its contents rounded up to
+// whole pages.
+size_t RegionObjectSize();
+
 class RegionView {
 public:
     // Opens the object `name` of the current namespace read-only and maps

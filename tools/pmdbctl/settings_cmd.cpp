@@ -9,6 +9,7 @@
 #include <vector>
 
 #include "command.h"
+#include "format.h"
 #include "host/settings.h"
 
 namespace pmdbctl {
@@ -33,18 +34,19 @@ int Run(const Options &o) {
     if (o.json) {
         nlohmann::ordered_json out = nlohmann::ordered_json::array();
         for (const pmdb_host_setting_t &s : all) {
-            out.push_back({{"name", s.name},
-                           {"value", s.value},
+            out.push_back({{"name", Printable(s.name)},
+                           {"value", Printable(s.value)},
                            {"source", pmdb_setting_source_name(s.source)},
                            {"env", s.env}});
         }
-        std::cout << out.dump(2) << std::endl;
+        std::cout << JsonText(out) << std::endl;
         return 0;
     }
     std::cout << std::left << std::setw(54) << "NAME" << std::setw(20) << "VALUE"
               << std::setw(13) << "SOURCE" << "ENV\n";
     for (const pmdb_host_setting_t &s : all) {
-        std::cout << std::setw(54) << s.name << std::setw(20) << s.value << std::setw(13)
+        std::cout << std::setw(54) << Printable(s.name) << std::setw(20) << Printable(s.value)
+                  << std::setw(13)
                   << pmdb_setting_source_name(s.source) << s.env << '\n';
     }
     return 0;

@@ -64,7 +64,7 @@ std::string IsoTime(int64_t sec, uint32_t nsec) {
 json Arguments(const vesk_rec_t &r, const TracePoint *tp) {
     json args = json::object();
     const size_t shift = r.is_string ? 1 : 0;
-    if (r.is_string) args[TraceArgName(tp, 0)] = r.str;
+    if (r.is_string) args[TraceArgName(tp, 0)] = Printable(r.str);
     for (size_t i = 0; i < r.nargs; i++) args[TraceArgName(tp, i + shift)] = r.args[i];
     return args;
 }
@@ -127,9 +127,10 @@ void ReportLost(std::vector<Cursor> &cursors) {
 }
 
 int Follow(std::vector<Cursor> &cursors, bool as_json) {
+    DeferInterrupts();
     while (!Interrupted()) {
         for (const Entry &e : ReadNew(cursors)) {
-            std::cout << (as_json ? RecordJson(e).dump() : RecordText(e)) << '\n';
+            std::cout << (as_json ? JsonText(RecordJson(e), -1) : RecordText(e)) << '\n';
         }
         std::cout.flush();
         if (!as_json) ReportLost(cursors);
@@ -160,7 +161,7 @@ int Run(const Options &o) {
     for (const Entry &e : entries) out["records"].push_back(RecordJson(e));
     for (const Cursor &c : cursors) out["next"][vesk_kind_name(c.kind)] = c.next;
     for (const Cursor &c : cursors) out["lost"][vesk_kind_name(c.kind)] = c.lost;
-    std::cout << out.dump(2) << std::endl;
+    std::cout << JsonText(out) << std::endl;
     return 0;
 }
 

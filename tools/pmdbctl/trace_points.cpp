@@ -307,7 +307,7 @@ const TracePoint kPoints[] = {
     {907, E, "tabra_lookup_bad_argument", N, {"status", "key", "hash"}},
     {908, E, "tabra_remove_not_found", N, {"status", "key", "zero"}},
     {909, E, "tabra_remove_bad_argument", N, {"status", "key", "flags"}},
-    {910, E, "tabra_writer_lock_failed", N, {"status", "errno", "zero"}},
+    {910, E, "tabra_writer_lock_failed", N, {"status", "errno", "holder_tid"}},
     {911, E, "tabra_dead_writer_repaired", N, {"op", "key", "slot"}},
     {912, E, "tabra_protection_failed", N, {"status", "errno", "what"}},
     {913, E, "tabra_check_failed", N, {"status", "fault", "slot"}},

@@ -96,6 +96,7 @@ extern "C" {
 #define TABRA_E_WRITING 0xA6F0140Au      /* entry open for writing (tabra_copy_entry_at_rest) */
 #define TABRA_E_UNKEYED 0xA6F0140Bu      /* entry does not begin with its key (TABRA_COPY_KEYED) */
 #define TABRA_E_OWNER 0xA6F0140Cu        /* the table's object belongs to another user */
+#define TABRA_E_TIMEDOUT 0xA6F0140Du     /* writer lock still held at the caller's bound */
 
 #define TABRA_CAPACITY 65536u       /* slots of every table */
 #define TABRA_MAX_ENTRY_SIZE 16384u /* largest entry_size */
@@ -113,7 +114,9 @@ extern "C" {
 #define TABRA_TP_GET_INVAL 907u    /* [status, key, hash] lookup or copy: bad argument */
 #define TABRA_TP_RM_NOTFOUND 908u  /* [status, key, 0] */
 #define TABRA_TP_RM_INVAL 909u     /* [status, key, flags] */
-#define TABRA_TP_LOCK 910u         /* [status, errno, 0] writer lock unusable */
+#define TABRA_TP_LOCK 910u         /* [status, errno, holder tid] writer lock unusable
+                                      (holder 0), or not obtained within the bound of
+                                      tabra_check_within (TABRA_E_TIMEDOUT, errno 110) */
 #define TABRA_TP_REPAIR 911u       /* [op in flight (0 none, 1 add, 2 remove), key, slot]
                                       a writer died holding the lock; repaired */
 #define TABRA_TP_PROT 912u         /* [status, errno, what (1 page, 2 whole, 3 protect,
@@ -260,9 +263,19 @@ PMDB_CHECK_OFF(tabra_info_t, hash_buckets, 88);
 PMDB_CHECK_OFF(tabra_info_t, repairs, 96);
 PMDB_CHECK_OFF(tabra_info_t, removes, 120);
 cerrno tabra_get_info(tabra_hdl_t table, tabra_info_t *info);
-/* Checks index, free slots and counts; 0 when consistent, else
- * TABRA_E_CORRUPT with a one-line description of the first fault in report. */
+/* Checks index, free slots and counts under the table's writer lock; 0 when
+ * consistent, else TABRA_E_CORRUPT with a one-line description of the first
+ * fault in report (report is "" with any other result).  Waits for the
+ * writer lock as long as it is held, like every writer. */
 cerrno tabra_check(tabra_hdl_t table, char *report, size_t len);
+/* tabra_check for tools, which must not wait without bound: waits at most
+ * wait_ms milliseconds for the writer lock (0: one try).  When the lock is
+ * still held then: TABRA_E_TIMEDOUT, traced under TABRA_TP_LOCK, and
+ * *holder_tid (optional; 0 otherwise) gets the thread id the lock names at
+ * that moment, 0 when it names none.  A writer that died holding the lock is
+ * repaired on the way, as by tabra_check. */
+cerrno tabra_check_within(tabra_hdl_t table, char *report, size_t len, u32 wait_ms,
+                          i32 *holder_tid);
 /* Calls fn with the name of every table of the current namespace; returns
  * the number of tables. */
 int tabra_list(void (*fn)(void *ctx, const char *table_name), void *ctx);
