@@ -6,8 +6,9 @@
 //                                          for the writer lock
 //   pmdbctl check [--table NAME] [--json]  the consistency check of every
 //                                          table (or one): index, free slots,
-//                                          counts; exit status 1 when any
-//                                          table has a fault
+//                                          counts, and every bundle's counters
+//                                          against its members (cmd_repair.cpp);
+//                                          exit status 1 when any has a fault
 //
 // The check takes each table's writer lock; a writer that died holding it
 // is repaired on the way, as the next writer would.  A table that cannot be
@@ -23,6 +24,7 @@
 #include <string>
 #include <vector>
 
+#include "cmd_repair.h"
 #include "command.h"
 #include "format.h"
 #include "tabra.h"
@@ -130,6 +132,10 @@ int Check(const CheckOptions &o) {
             printf("%-32s %s\n", name.c_str(), st == 0 ? "ok" : problem.c_str());
         }
     }
+#ifdef PMDBCTL_HAVE_PMDB
+    if (o.table.empty() || o.table == PMDB_IFH_TABLE_NAME)
+        status |= CheckBundleCounters(o.json ? &all : nullptr);
+#endif
     if (o.json) std::cout << all.dump(2) << std::endl;
     if (status != 0 && !o.json) std::cerr << "pmdbctl: table check found problems" << std::endl;
     return status;
