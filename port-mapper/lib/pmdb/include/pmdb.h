@@ -579,7 +579,11 @@ PMDB_EXPORT void dpa_pmdb_set_oor_cb(dpa_pmdb_oor_cb_t cb);
  *           after, oor_members_2 before, after).
  * Both return 0, PMDB_ENOTFOUND when the IFH table does not exist, PMDB_ESHM
  * when the member operation log is damaged or not the user's (error trace
- * 341 with its name and the reason), or the status of the open or the walk. */
+ * 341 with its name and the reason: 1 cannot be opened, 2 another user's,
+ * 3 wrong size, 4 wrong magic, size or record count, 5 cannot be mapped,
+ * 6 initialisation lock failed, 7 every record taken; a writer that meets
+ * such a log writes the same trace and runs unrecorded), PMDB_EINVAL for a
+ * null fn, or the status of the open or the walk. */
 PMDB_EXPORT cerrno dpa_pmdb_check_bundle_counts(u32 wait_ms, dpa_pmdb_bundle_counts_fn_t fn,
                                                 void *ctx);
 PMDB_EXPORT cerrno dpa_pmdb_repair_bundle_counts(u32 wait_ms, dpa_pmdb_bundle_counts_fn_t fn,

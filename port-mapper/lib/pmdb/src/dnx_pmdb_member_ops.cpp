@@ -17,8 +17,9 @@
  *     the lock reports a dead owner, and the thread that then takes it
  *     completes the record and lets it go.  Owner locks are only tried.
  *   - The owning thread writes its record's bundle_ifh and member_ifh
- *     (relaxed stores followed by a full fence, before its member entry
- *     changes) and clears bundle_ifh (release) after its bundle changed.
+ *     (the last of them a sequentially consistent exchange, before its
+ *     member entry changes) and clears bundle_ifh (release) after its bundle
+ *     changed.
  *     Everyone else reads them with relaxed loads; see
  *     pmdb_member_ops_busy for the order that makes that enough.
  *   - t_record and t_in_op are per thread; a forked child starts with
@@ -33,6 +34,7 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <atomic>
 
 #include "pmdb.h"
@@ -283,20 +285,22 @@ void pmdb_member_ops_sweep(pmdb_member_ops_t *log, u32 wait_ms) {
     }
 }
 
-/* A member operation writes its record, then (after a full fence) changes
- * its member, and clears the record only after its bundle changed.  The
- * caller read the members before calling; the fence here orders those reads
- * before the record reads below, so an operation whose member change the
- * caller saw is found here unless it has finished.  Owner ids: a record
+/* A member operation writes its record, then (ordered by a sequentially
+ * consistent exchange) changes its member, and clears the record only
+ * after its bundle changed.  The caller read the members before calling;
+ * the read-modify-write here orders those reads before the record reads
+ * below, so an operation whose member change the caller saw is found here
+ * unless it has finished.  Owner ids: a record
  * whose owner lock names a thread is live (the kernel clears the id when
  * the owner dies); the caller's own records (its own, and one it is
  * completing) do not count. */
 bool pmdb_member_ops_busy(u32 bundle_ifh) {
     pmdb_member_ops_t *log = nullptr;
     if (pmdb_member_ops_open(false, &log) != PMDB_OK || log == nullptr) return false;
-    __atomic_thread_fence(__ATOMIC_SEQ_CST);
+    /* A read-modify-write rather than a fence: thread checkers know it. */
+    const u32 n = std::min(__atomic_fetch_add(&log->claimed, 0u, __ATOMIC_SEQ_CST),
+                           PMDB_MEMBER_OPS_RECORDS);
     const u32 me = static_cast<u32>(gettid());
-    const u32 n = claimed(log);
     for (u32 i = 0; i < n; i++) {
         const pmdb_member_op_t *r = &log->op[i];
         if (!names(r, bundle_ifh)) continue;
@@ -329,6 +333,7 @@ void pmdb_member_op_scope::name(u32 bundle_ifh, u32 other_bundle_ifh, u32 member
     __atomic_store_n(&rec_->member_ifh, member_ifh, __ATOMIC_RELAXED);
     __atomic_store_n(&rec_->bundle_ifh[1], other_bundle_ifh != bundle_ifh ? other_bundle_ifh : 0u,
                      __ATOMIC_RELAXED);
-    __atomic_store_n(&rec_->bundle_ifh[0], bundle_ifh, __ATOMIC_RELAXED);
-    __atomic_thread_fence(__ATOMIC_SEQ_CST);
+    /* Sequentially consistent read-modify-write: no store of the member
+     * change that follows can be seen before the record. */
+    __atomic_exchange_n(&rec_->bundle_ifh[0], bundle_ifh, __ATOMIC_SEQ_CST);
 }

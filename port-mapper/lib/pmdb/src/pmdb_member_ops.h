@@ -68,8 +68,9 @@ cerrno pmdb_member_ops_open(bool create, pmdb_member_ops_t **out);
 void pmdb_member_ops_sweep(pmdb_member_ops_t *log, u32 wait_ms);
 
 /* True when a live thread other than the caller has a member operation on
- * `bundle_ifh` in flight.  Reads the log only after a full fence, so a
- * member change that the caller saw before calling is covered. */
+ * `bundle_ifh` in flight.  Reads the log only after a sequentially
+ * consistent read-modify-write, so a member change that the caller saw
+ * before calling is covered. */
 bool pmdb_member_ops_busy(u32 bundle_ifh);
 
 /* Recounts the counters of the IFH entry `bundle_ifh` from its members under
