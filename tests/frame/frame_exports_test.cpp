@@ -29,6 +29,8 @@ const std::set<std::string> kLaterFamilies = {
     "dpa_pmdb_update_bundle_oor_state",
     "dpa_pmdb_set_bundle_oor_state",
     "dpa_pmdb_set_oor_cb",
+    "dpa_pmdb_check_bundle_counts",
+    "dpa_pmdb_repair_bundle_counts",
     "pm_port_inv_entry_get",
     "pm_port_inv_entry_add",
     "pm_port_inv_entry_remove",

@@ -1,12 +1,16 @@
 // Bundle membership of IFH entries: a member joining, changing and leaving
 // its bundle, the bundle's member count, and the out-of-resource counters
-// that follow members in and out - also with two processes at once.
+// that follow members in and out - also with two processes at once, and
+// with writers killed between a member's change and its bundle's.
 #include <gtest/gtest.h>
+
+#include <sys/wait.h>
 
 #include <cstring>
 #include <random>
 
 #include "ops_support.h"
+#include "pmdb_member_ops.h"
 #include "pmdb_ops.h"
 #include "tabra.h"
 
@@ -262,5 +266,155 @@ TEST_F(MemberUpdate, TwoProcessesKeepTheBundleCountersConsistent) {
     ExpectNoTrace(VESK_ERROR, 293);  // no counter ever had a member missing
     ExpectNoTrace(VESK_ERROR, 294);
 }
+
+// A writer killed at a point between a member's change and its bundle's
+// leaves the bundle's counters apart from its members.  pmdbctl check names
+// the bundle; the next writer of any member (here the out-of-resource
+// update of an unrelated port), or pmdbctl repair, recounts it (trace 340),
+// and check is clean again.  Before the crash: member kMember active at
+// level 1 and counted; port kMember + 1, at level 2, not in the bundle.
+enum class Op { kJoin, kLeave, kRaise, kLower, kRemove };
+enum class Fix { kNextWriter, kRepair };
+struct CrashCase {
+    const char *point;
+    Op op;
+    Fix fix;
+};
+
+const CrashCase kCrashCases[] = {
+    {"join_member_set", Op::kJoin, Fix::kNextWriter},
+    {"account_locked", Op::kJoin, Fix::kRepair},
+    {"member_changed", Op::kJoin, Fix::kNextWriter},
+    {"member_released", Op::kJoin, Fix::kRepair},
+    {"bundle_locked", Op::kJoin, Fix::kNextWriter},
+    {"leave_counted_out", Op::kLeave, Fix::kRepair},
+    {"member_changed", Op::kLeave, Fix::kRepair},
+    {"member_released", Op::kLeave, Fix::kNextWriter},
+    {"bundle_locked", Op::kLeave, Fix::kRepair},
+    {"oor_member_set", Op::kRaise, Fix::kNextWriter},
+    {"oor_bundle_locked", Op::kLower, Fix::kRepair},
+    {"oor_counted_out", Op::kRaise, Fix::kRepair},
+    {"member_removed", Op::kRemove, Fix::kNextWriter},
+};
+
+void PrintTo(const CrashCase &c, std::ostream *os) {
+    *os << c.point << " of op " << static_cast<int>(c.op)
+        << (c.fix == Fix::kRepair ? ", pmdbctl repair" : ", next writer");
+}
+
+class MemberCrash : public MemberUpdate, public ::testing::WithParamInterface<CrashCase> {
+protected:
+    static constexpr u32 kJoiner = kMember + 1, kOther = 0x1399;
+
+    cerrno Run(Op op) {
+        u32 out[4];
+        dpa_pmdb_ifh_summary_t s = {};
+        switch (op) {
+        case Op::kJoin:
+            return Event(PMDB_EV_MEMBER_JOIN, 20, &s, nullptr, kJoiner);
+        case Op::kLeave:
+            return Event(PMDB_EV_MEMBER_LEAVE, 20, &s, nullptr);
+        case Op::kRaise:
+        case Op::kLower:
+            return dpa_pmdb_update_bundle_oor_state(kMember, op == Op::kRaise ? 2 : 0, 20, &out[0],
+                                                    &out[1], &out[2], &out[3]);
+        case Op::kRemove:
+            return dpa_pmdb_remove_ifh_entry(kMember, &s, 20);
+        }
+        return PMDB_EINVAL;
+    }
+    // The bundle's counters as its members give them (member_count,
+    // oor_members_1, oor_members_2), and as it stores them.
+    static std::vector<u32> Derived() {
+        std::vector<u32> d = {0, 0, 0};
+        for (u32 key : {kMember, kJoiner}) {
+            pmdb_ifh_entry_t m;
+            if (!pmdb::test::CopyEntry(PMDB_TYPE_IFH, key, &m, sizeof m) ||
+                (m.ifh_flags & PMDB_IFH_MEMBER_ACTIVE) == 0 || m.intf_info.bundle_ifh != kBundle)
+                continue;
+            d[0]++;
+            if (m.intf_info.oor_state == 1 || m.intf_info.oor_state == 2) d[m.intf_info.oor_state]++;
+        }
+        return d;
+    }
+    static std::vector<u32> Stored() {
+        const pmdb_ifh_entry_t b = Ifh(kBundle);
+        return {b.member_count, b.intf_info.oor_members_1, b.intf_info.oor_members_2};
+    }
+};
+
+TEST_P(MemberCrash, CountersAreRecountedAfterTheWriterDies) {
+    const CrashCase &c = GetParam();
+    PutBundle(kBundle, 1, 0);
+    PutIfh(kBundle, [](pmdb_ifh_entry_t &e) { e.member_count = 1; });
+    PutMember(kMember, 1);
+    PutIfh(kMember, [](pmdb_ifh_entry_t &e) {
+        e.ifh_flags = PMDB_IFH_MEMBER_ACTIVE;
+        e.intf_info.bundle_ifh = kBundle;
+    });
+    PutMember(kJoiner, 2);
+    PutPort(kOther);
+    const auto r = pmdb::test::RunInChild([&] {
+        setenv(PMDB_CRASH_ENV, c.point, 1);
+        RecordOorCalls();
+        return static_cast<int>(Run(c.op));
+    });
+    ASSERT_TRUE(r.KilledBy(SIGKILL)) << r.Describe();
+    const std::vector<u32> before = Stored(), derived = Derived();
+    ASSERT_NE(before, derived);
+
+    const pmdb::test::ToolRun check = pmdb::test::RunTool(PMDBCTL_PATH, {"check"});
+    EXPECT_EQ(check.status, 1) << check.out << check.err;
+    EXPECT_NE(check.out.find("bundle 0xb300"), std::string::npos) << check.out;
+    if (c.fix == Fix::kRepair) {
+        const pmdb::test::ToolRun repair = pmdb::test::RunTool(PMDBCTL_PATH, {"repair"});
+        EXPECT_EQ(repair.status, 0) << repair.out << repair.err;
+        EXPECT_NE(repair.out.find("bundle 0xb300: member_count"), std::string::npos) << repair.out;
+    } else {
+        u32 out[4];
+        ASSERT_EQ(dpa_pmdb_update_bundle_oor_state(kOther, 1, 21, &out[0], &out[1], &out[2],
+                                                   &out[3]),
+                  PMDB_OK);
+    }
+    EXPECT_EQ(Stored(), derived);
+    ExpectTrace(VESK_DATABASE, 340,
+                {kBundle, before[0], derived[0], before[1], derived[1], before[2], derived[2]});
+    const pmdb::test::ToolRun clean = pmdb::test::RunTool(PMDBCTL_PATH, {"check"});
+    EXPECT_EQ(clean.status, 0) << clean.out << clean.err;
+}
+
+// A live writer stopped at the same point is left alone: check and repair
+// report the bundle busy rather than count its member twice, and once let
+// go the writer's own bundle step makes the counters right.
+TEST_F(MemberCrash, ALiveWriterBetweenMemberAndBundleIsNotRecounted) {
+    PutBundle(kBundle);
+    PutMember(kJoiner);
+    ChildProcess writer([this](ChildLink &) {
+        setenv(PMDB_CRASH_ENV, "stop:member_released", 1);
+        return static_cast<int>(Run(Op::kJoin));
+    });
+    int st = 0;
+    ASSERT_EQ(waitpid(writer.pid(), &st, WUNTRACED), writer.pid());
+    ASSERT_TRUE(WIFSTOPPED(st));
+    ASSERT_NE(Stored(), Derived());
+    for (const char *command : {"check", "repair"}) {
+        const pmdb::test::ToolRun r = pmdb::test::RunTool(PMDBCTL_PATH, {command});
+        EXPECT_EQ(r.status, 1) << r.out << r.err;
+        EXPECT_NE(r.out.find("bundle 0xb300"), std::string::npos) << r.out;
+        EXPECT_NE(r.out.find("busy"), std::string::npos) << r.out;
+    }
+    kill(writer.pid(), SIGCONT);
+    const auto r = writer.Wait();
+    ASSERT_TRUE(r.ExitedWith(0)) << r.Describe();
+    EXPECT_EQ(Stored(), (std::vector<u32>{1, 0, 0}));
+    EXPECT_EQ(Stored(), Derived());
+    ExpectNoTrace(VESK_DATABASE, 340);
+}
+
+INSTANTIATE_TEST_SUITE_P(EveryPoint, MemberCrash, ::testing::ValuesIn(kCrashCases),
+                         [](const ::testing::TestParamInfo<CrashCase> &info) {
+                             return std::string(info.param.point) + "_" +
+                                    std::to_string(info.index);
+                         });
 
 }  // namespace

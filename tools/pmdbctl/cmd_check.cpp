@@ -10,6 +10,8 @@
 //   entry locks   locks naming a thread that no longer exists (their writers
 //                 would wait for ever), and locks that live threads hold at
 //                 every sample for --wait-ms
+//   bundles       each bundle's member and out-of-resource counters against
+//                 its members (cmd_repair.cpp), when pmdbctl has the library
 //
 // Nothing here takes an entry lock or writes to a region.
 #ifdef PMDBCTL_HAVE_TABRA
@@ -23,6 +25,7 @@
 #include <vector>
 
 #include "check.h"
+#include "cmd_repair.h"
 #include "format.h"
 #include "lock_survey.h"
 #include "region_view.h"
@@ -160,7 +163,11 @@ void CheckEntryLocks(const CheckOptions &o, CheckReport &report) {
 }
 
 // Independent of each other; each adds its own items.
-constexpr CheckFn kChecks[] = {CheckTables, CheckRegions, CheckEntryLocks};
+constexpr CheckFn kChecks[] = {CheckTables, CheckRegions, CheckEntryLocks,
+#ifdef PMDBCTL_HAVE_PMDB
+                               CheckBundleCounters
+#endif
+};
 
 int Check(const CheckOptions &o) {
     if (!o.table.empty()) {

@@ -297,6 +297,11 @@ const TracePoint kPoints[] = {
     {317, V, "oor_members_new_state", N, {"state", "oor_members_1", "oor_members_2"}},
     {318, V, "oor_callback_registered", N, {"callback"}},
     // Table store (platform): failures, and repairs after a dead writer.
+    // Bundle counters recounted from the members; the member operation log.
+    {340, D, "bundle_counts_repaired", N, {"bundle_ifh", "member_count", "member_count_new",
+                                           "oor_members_1", "oor_members_1_new",
+                                           "oor_members_2", "oor_members_2_new"}},
+    {341, E, "member_ops_unusable", S, {"object", "reason"}},
     {900, E, "tabra_open_bad_params", N, {"status", "reason", "value"}},
     {901, E, "tabra_object_failed", N, {"status", "errno", "stage"}},
     {902, E, "tabra_format_mismatch", N, {"status", "stored", "wanted"}},

@@ -249,6 +249,54 @@ typedef struct dnx_pmdb_shrd_ctx {
     dnx_pmdb_glbls_t glbls;
 } dnx_pmdb_shrd_ctx_t;
 
+/* Member operation log "dnx_pmdb_member_ops": one record per writer thread
+ * that changes bundle membership or out-of-resource levels.  A member and
+ * its bundle are changed under two slot locks, one after the other; the
+ * record names the bundles whose counters the thread is changing from just
+ * before the member changes until the bundle's counters follow.  A record
+ * that still names a bundle while its owner is dead marks a change left
+ * half done: the next writer of a member or bundle (or pmdbctl repair)
+ * recounts those bundles from their members and clears it.
+ *
+ *      0 u32 magic (PMDB_MEMBER_OPS_MAGIC once initialised)
+ *      4 u32 size of the object in bytes (PMDB_MEMBER_OPS_SIZE)
+ *      8 u32 number of records (PMDB_MEMBER_OPS_RECORDS)
+ *     12 u32 records claimed so far: every record at or above is unused
+ *     16 48 bytes reserved
+ *     64 PMDB_MEMBER_OPS_RECORDS records of 64 bytes:
+ *          0 owner lock: a robust entry lock that the owning thread holds
+ *            for its whole life (its death makes the lock report a dead owner)
+ *         40 u32 bundle_ifh[2]: bundles being changed, 0 when none
+ *         48 u32 member_ifh: the member (or removed entry) being changed
+ *         52 u32 pid, 56 u32 tid of the owner (for the operator)
+ *         60 u32 reserved
+ * The object is created zeroed and initialised once, under an fcntl write
+ * lock on it; a process maps it only when its magic, size, record count and
+ * owning user are right. */
+#define PMDB_MEMBER_OPS_NAME "dnx_pmdb_member_ops"
+#define PMDB_MEMBER_OPS_MAGIC 0x4D4F5053u /* "MOPS" */
+#define PMDB_MEMBER_OPS_RECORDS 1024u
+
+typedef struct pmdb_member_op {
+    pellin_mutex_type owner;
+    u32 bundle_ifh[2];
+    u32 member_ifh;
+    u32 pid;
+    u32 tid;
+    u32 reserved;
+} pmdb_member_op_t;
+
+typedef struct pmdb_member_ops {
+    u32 magic;
+    u32 size;
+    u32 records;
+    u32 claimed;
+    u8 reserved[48];
+    pmdb_member_op_t op[PMDB_MEMBER_OPS_RECORDS];
+} pmdb_member_ops_t;
+
+#define PMDB_MEMBER_OPS_SIZE (64u + 64u * PMDB_MEMBER_OPS_RECORDS)
+
 /* A process's handle of one database type. */
 typedef struct dnx_db_hdl {
     i32 prot_state; /* PMDB_PROT_* */
@@ -435,6 +483,28 @@ typedef struct dpa_pm_bvi_adj_ctx {
     u8 reserved_32[24];
 } dpa_pm_bvi_adj_ctx_t;
 
+/* A bundle's counters as its IFH entry stores them and as its members give
+ * them.  The members of bundle B are the IFH entries whose member_active
+ * flag is set and whose intf_info.bundle_ifh is B (the reader library's
+ * dpa_pmdb_get_bundle_member_ifh_entries); member_count is their number
+ * (an 8-bit count), oor_members_1 and oor_members_2 the number of them whose
+ * own oor_state is 1 and 2. */
+typedef struct dpa_pmdb_bundle_counts {
+    u32 bundle_ifh;
+    u8 member_count;  /* stored (before a repair) */
+    u8 members;       /* derived: active members */
+    u16 oor_members_1; /* stored */
+    u16 oor_members_2; /* stored */
+    u16 level_1;      /* derived: active members at level 1 */
+    u16 level_2;      /* derived: active members at level 2 */
+    u16 reserved;
+} dpa_pmdb_bundle_counts_t;
+
+/* Told about one bundle by the check and the repair: its counts and a status
+ * (0, or why it could not be checked or repaired). */
+typedef void (*dpa_pmdb_bundle_counts_fn_t)(void *ctx, const dpa_pmdb_bundle_counts_t *counts,
+                                            cerrno status);
+
 /* Callbacks into the user. */
 typedef void (*dpa_pmdb_oor_cb_t)(u32 ifh, u32 slot, u32 state, u32 removed);
 typedef void (*dpa_pmdb_aib_update_cb_t)(u32 *handles, u32 *status, u16 count);
@@ -501,6 +571,35 @@ PMDB_EXPORT cerrno dpa_pmdb_update_bundle_oor_state(u32 ifh, u32 state, u32 reas
                                                     u32 *changed_out, u32 *bundle_slot_out);
 PMDB_EXPORT cerrno dpa_pmdb_set_bundle_oor_state(u32 ifh, i32 state, u32 reason, u32 *slot_out);
 PMDB_EXPORT void dpa_pmdb_set_oor_cb(dpa_pmdb_oor_cb_t cb);
+
+/* Bundle counters.  Each IFH entry whose member_count, oor_members_1 or
+ * oor_members_2 disagrees with its members is examined again under its slot
+ * lock, waited for at most wait_ms milliseconds (0: as long as a writer
+ * waits); an entry whose members a live thread is changing at that moment
+ * counts as busy.
+ *   check:  calls fn (status 0) for each entry whose disagreement holds
+ *           under its lock, and (PMDB_EBUSY or the lock's status) for each
+ *           that could not be examined; changes nothing.
+ *   repair: first completes the changes of dead writers left in the member
+ *           operation log, then stores the derived counters of each entry
+ *           that disagrees and calls fn with the counts before (status 0),
+ *           or with the status that kept it from being repaired.  A repair
+ *           that changes the derived out-of-resource state raises the
+ *           bundle's oor_state as the member accounting does and tells this
+ *           process's out-of-resource callback; it writes database trace 340
+ *           (bundle_ifh, member_count before, after, oor_members_1 before,
+ *           after, oor_members_2 before, after).
+ * Both return 0, PMDB_ENOTFOUND when the IFH table does not exist, PMDB_ESHM
+ * when the member operation log is damaged or not the user's (error trace
+ * 341 with its name and the reason: 1 cannot be opened, 2 another user's,
+ * 3 wrong size, 4 wrong magic, size or record count, 5 cannot be mapped,
+ * 6 initialisation lock failed, 7 every record taken; a writer that meets
+ * such a log writes the same trace and runs unrecorded), PMDB_EINVAL for a
+ * null fn, or the status of the open or the walk. */
+PMDB_EXPORT cerrno dpa_pmdb_check_bundle_counts(u32 wait_ms, dpa_pmdb_bundle_counts_fn_t fn,
+                                                void *ctx);
+PMDB_EXPORT cerrno dpa_pmdb_repair_bundle_counts(u32 wait_ms, dpa_pmdb_bundle_counts_fn_t fn,
+                                                 void *ctx);
 
 /* Node inventory and scale. */
 PMDB_EXPORT pm_port_inv_entry_t *pm_port_inv_entry_get(void);
@@ -730,6 +829,20 @@ PMDB_CHECK_OFF(pm_port_inv_entry_t, mac, 8);
 PMDB_CHECK_OFF(pm_port_inv_entry_t, high_scale, 24);
 PMDB_CHECK_OFF(pm_port_inv_entry_t, next, 32);
 PMDB_CHECK_SIZE(pm_port_inv_entry_t, 40);
+
+PMDB_CHECK_FIELD(pmdb_member_op_t, owner, 0, 40);
+PMDB_CHECK_FIELD(pmdb_member_op_t, bundle_ifh, 40, 8);
+PMDB_CHECK_FIELD(pmdb_member_op_t, member_ifh, 48, 4);
+PMDB_CHECK_FIELD(pmdb_member_op_t, pid, 52, 4);
+PMDB_CHECK_FIELD(pmdb_member_op_t, tid, 56, 4);
+PMDB_CHECK_SIZE(pmdb_member_op_t, 64);
+PMDB_CHECK_FIELD(pmdb_member_ops_t, magic, 0, 4);
+PMDB_CHECK_FIELD(pmdb_member_ops_t, size, 4, 4);
+PMDB_CHECK_FIELD(pmdb_member_ops_t, records, 8, 4);
+PMDB_CHECK_FIELD(pmdb_member_ops_t, claimed, 12, 4);
+PMDB_CHECK_OFF(pmdb_member_ops_t, op, 64);
+PMDB_CHECK_SIZE(pmdb_member_ops_t, PMDB_MEMBER_OPS_SIZE);
+PMDB_CHECK_SIZE(dpa_pmdb_bundle_counts_t, 16);
 
 PMDB_CHECK_FIELD(dpa_pm_bvi_adj_ctx_t, first_word, 0, 4);
 PMDB_CHECK_FIELD(dpa_pm_bvi_adj_ctx_t, reserved_4, 4, 4);

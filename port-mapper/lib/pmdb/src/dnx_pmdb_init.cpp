@@ -159,14 +159,7 @@ sem_t *sem_obtain(const dnx_db_cfg_t *cfg) {
 
 /* 0 once the semaphore is taken, ETIMEDOUT after the bound, else errno. */
 int sem_wait_bounded(sem_t *sem, u32 ms) {
-    struct timespec deadline;
-    clock_gettime(CLOCK_MONOTONIC, &deadline);
-    deadline.tv_sec += ms / 1000u;
-    deadline.tv_nsec += static_cast<long>(ms % 1000u) * 1000000L;
-    if (deadline.tv_nsec >= 1000000000L) {
-        deadline.tv_sec++;
-        deadline.tv_nsec -= 1000000000L;
-    }
+    const struct timespec deadline = pmdb_deadline(CLOCK_MONOTONIC, ms);
     int rc = EINTR;
     while (rc == EINTR) rc = sem_clockwait(sem, CLOCK_MONOTONIC, &deadline) == 0 ? 0 : errno;
     return rc;
@@ -310,6 +303,18 @@ cerrno dpa_pmdb_shrd_ctx_init(event_mgr_p em, pmdb_type_t type, dnx_db_hdl_t **o
 }  // namespace
 
 extern "C" {
+
+struct timespec pmdb_deadline(clockid_t clock, u32 ms) {
+    struct timespec t;
+    clock_gettime(clock, &t);
+    t.tv_sec += ms / 1000u;
+    t.tv_nsec += static_cast<long>(ms % 1000u) * 1000000L;
+    if (t.tv_nsec >= 1000000000L) {
+        t.tv_sec++;
+        t.tv_nsec -= 1000000000L;
+    }
+    return t;
+}
 
 i64 pmdb_region_length(i32 shm_size, i64 page) {
     const i64 rounded_up = static_cast<i64>(shm_size) + page - 1;

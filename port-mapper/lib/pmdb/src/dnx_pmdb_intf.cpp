@@ -17,7 +17,11 @@
  *    out-of-resource accounting while the member is locked).  The member
  *    update and the bundle's count update are two cycles, the member's
  *    first; no lock is held from one to the other, so a reader can see the
- *    member changed and its bundle's member_count not yet.
+ *    member changed and its bundle's member_count not yet.  Both cycles
+ *    (and an active member's removal with the count that follows it) run
+ *    inside a member operation scope (pmdb_member_ops.h): a writer that
+ *    dies between them leaves a record from which the next writer recounts
+ *    the bundle from its members.
  *  - The out-of-resource callback is called by the IFH removal with write
  *    access held and no slot lock, before anything changes.
  */
@@ -26,6 +30,7 @@
 #include "pmdb.h"
 #include "platform_id.h"
 #include "pmdb_cycle.h"
+#include "pmdb_member_ops.h"
 #include "pmdb_ops.h"
 #include "pmdb_trace.h"
 
@@ -146,6 +151,7 @@ member_change leave_bundle(dnx_db_hdl_t *hdl, pmdb_ifh_entry_t *e, const pmdb_ev
                            dpa_pmdb_ifh_summary_t *s) {
     pmdb_intf_info_t *in = &e->intf_info;
     dpa_pmdb_update_bundle_oor_members(hdl, in, 0);
+    pmdb_crash_point(PMDB_CRASH_LEAVE_COUNTED_OUT);
     member_change mc = {false, 0, 0};
     if ((e->ifh_flags & PMDB_IFH_MEMBER_ACTIVE) != 0) {
         e->ifh_flags = static_cast<u8>(e->ifh_flags & ~PMDB_IFH_MEMBER_ACTIVE);
@@ -173,6 +179,7 @@ member_change join_bundle(dnx_db_hdl_t *hdl, pmdb_ifh_entry_t *e, const pmdb_eve
         mc = {true, 1, 0};
     }
     join_fields(e, ev, s);
+    pmdb_crash_point(PMDB_CRASH_JOIN_MEMBER_SET);
     dpa_pmdb_update_bundle_oor_members(hdl, &e->intf_info, 1);
     return mc;
 }
@@ -322,6 +329,7 @@ cerrno dpa_pmdb_remove_punt_entry(u32 key) {
 cerrno dpa_pmdb_remove_ifh_entry(u32 ifh, dpa_pmdb_ifh_summary_t *summary, u32 event_id) {
     static const pmdb_cycle_traces_t kTraces = {
         .zero_key = 161, .open_failed = 162, .lookup_failed = 163};
+    pmdb_member_op_scope op;
     pmdb_cycle_t cyc;
     cerrno rc = pmdb_cycle_begin(&cyc, PMDB_TYPE_IFH, ifh, PMDB_CYCLE_FIND, &kTraces);
     if (rc != PMDB_OK) return rc;
@@ -331,12 +339,14 @@ cerrno dpa_pmdb_remove_ifh_entry(u32 ifh, dpa_pmdb_ifh_summary_t *summary, u32 e
     const bool member =
         summarise_for_removal(static_cast<const pmdb_ifh_entry_t *>(cyc.entry), summary);
     const u32 bundle_ifh = summary->bundle_ifh;
+    if (member) op.name(bundle_ifh, 0, ifh);
     rc = pmdb_cycle_remove_found(&cyc);
     if (rc != PMDB_OK) PMDB_TRACE_E(165, ifh, rc);
     trace_ifh_removed(ifh, summary);
     rc = pmdb_cycle_release(&cyc, rc);
     /* Without write access dropped cleanly the bundle is left alone. */
     if (cyc.failed_step == PMDB_STEP_RELEASE || !member) return rc;
+    pmdb_crash_point(PMDB_CRASH_MEMBER_REMOVED);
     return dpa_pmdb_update_bundle_ifh_entry(bundle_ifh, 0, 0, summary, nullptr, event_id);
 }
 
@@ -389,10 +399,14 @@ cerrno dpa_pmdb_update_ifh_entry_member(pmdb_event_t *event, dpa_pmdb_ifh_summar
                                                 .lookup_failed = 236,
                                                 .lock_failed = 238};
     const u32 ifh = event->intf_info.ifh;
+    pmdb_member_op_scope op;
     pmdb_cycle_t cyc;
     cerrno rc = pmdb_cycle_begin(&cyc, PMDB_TYPE_IFH, ifh, PMDB_CYCLE_LOCK, &kTraces);
     if (rc != PMDB_OK) return rc;
     auto *e = static_cast<pmdb_ifh_entry_t *>(cyc.entry);
+    /* A leave counts the member out of the bundle it names; a join or
+     * modify names the event's. */
+    op.name(event->intf_info.bundle_ifh, e->intf_info.bundle_ifh, ifh);
     const member_change mc = apply_membership(cyc.hdl, e, event, summary);
     const pmdb_intf_info_t *in = &e->intf_info;
     summary->sys_port = in->sys_port;
@@ -403,7 +417,9 @@ cerrno dpa_pmdb_update_ifh_entry_member(pmdb_event_t *event, dpa_pmdb_ifh_summar
     summary->npu_index = in->npu_index;
     PMDB_TRACE_D(237, ifh, summary->ingress_lif, summary->egress_lif, port_lo_of(in->member_port),
                  port_hi_of(in->member_port));
+    pmdb_crash_point(PMDB_CRASH_MEMBER_CHANGED);
     rc = pmdb_cycle_release(&cyc, PMDB_OK);
+    pmdb_crash_point(PMDB_CRASH_MEMBER_RELEASED);
     if (rc != PMDB_OK || !mc.changed) return rc;
     return dpa_pmdb_update_bundle_ifh_entry(event->intf_info.bundle_ifh, mc.count_in,
                                             mc.keep_count, summary, punt_info, event->event_id);
@@ -423,6 +439,7 @@ cerrno dpa_pmdb_update_bundle_ifh_entry(u32 bundle_ifh, i32 count_in, i32 keep_c
         pmdb_cycle_begin(&cyc, PMDB_TYPE_IFH, bundle_ifh, PMDB_CYCLE_LOCK, &kTraces);
     if (rc != PMDB_OK) return rc;
     auto *b = static_cast<pmdb_ifh_entry_t *>(cyc.entry);
+    pmdb_crash_point(PMDB_CRASH_BUNDLE_LOCKED);
     if (keep_count == 0 && count_member(b, count_in != 0))
         pmdb_stamp(&b->event_id, &b->last_update, event_id);
     report_bundle(bundle_ifh, b, summary, punt_info);

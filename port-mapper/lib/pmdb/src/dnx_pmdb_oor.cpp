@@ -13,7 +13,10 @@
  *    take the bundle's lock while holding the member's and release the
  *    bundle's first.  This is what keeps a bundle's counters equal to the
  *    number of its members at each level: a member's level and its share of
- *    the counters only change together, under the member's lock.
+ *    the counters only change together, under the member's lock.  A writer
+ *    that dies between the two leaves them apart; the member operation
+ *    scope (pmdb_member_ops.h) around every such change lets the next
+ *    writer recount the bundle from its members.
  *  - The callback runs on the caller's thread after the bundle's lock is
  *    released (the member's lock and write access may still be held, see
  *    dpa_pmdb_update_ifh_entry_member); it must not take IFH slot locks of
@@ -28,6 +31,7 @@
 
 #include "pmdb.h"
 #include "pmdb_cycle.h"
+#include "pmdb_member_ops.h"
 #include "pmdb_ops.h"
 #include "pmdb_trace.h"
 
@@ -42,6 +46,13 @@ void record_state(pmdb_intf_info_t *in, u32 state) {
     in->oor_state = state;
     in->oor_changes++;
     clock_gettime(CLOCK_REALTIME, &in->oor_time);
+}
+
+/* A bundle's recorded state follows its derived state up to a level;
+ * falling back to none leaves it (only dpa_pmdb_set_bundle_oor_state clears
+ * it). */
+void follow_derived_state(pmdb_intf_info_t *bundle, u32 old_state, u32 new_state) {
+    if (new_state != old_state && new_state != PMDB_OOR_NONE) record_state(bundle, new_state);
 }
 
 /* The counter of `level`, or null for a level that is counted nowhere. */
@@ -90,6 +101,7 @@ struct bundle_report {
 void fold_into_bundle(pmdb_intf_info_t *b, i32 bundle_slot, u32 bundle_ifh, u32 old_state,
                       u32 state, u32 reason, const bundle_report *out) {
     PMDB_TRACE_V(303, bundle_ifh, bundle_slot, b->oor_state, b->oor_members_1, b->oor_members_2);
+    pmdb_crash_point(PMDB_CRASH_OOR_BUNDLE_LOCKED);
     const u32 before = dpa_pmdb_oor_derived_state(b);
     PMDB_TRACE_V(304, before, b->oor_members_1, b->oor_members_2);
     if (!count_level(b, old_state, false)) {
@@ -100,6 +112,7 @@ void fold_into_bundle(pmdb_intf_info_t *b, i32 bundle_slot, u32 bundle_ifh, u32 
             PMDB_TRACE_E(293, b->bundle_ifh, state, b->oor_state, b->oor_members_1,
                          b->oor_members_2);
     }
+    pmdb_crash_point(PMDB_CRASH_OOR_COUNTED_OUT);
     count_level(b, state, true);
     const u32 after = dpa_pmdb_oor_derived_state(b);
     PMDB_TRACE_V(305, after, b->oor_members_1, b->oor_members_2);
@@ -125,6 +138,7 @@ bool account_member(pmdb_cycle_t *bundle, u32 bundle_ifh, u32 level, bool join, 
                     u32 *new_state) {
     static const pmdb_cycle_traces_t kTraces = {.lookup_failed = 313, .lock_failed = 314};
     if (pmdb_cycle_enter(bundle, bundle_ifh, PMDB_CYCLE_LOCK, &kTraces) != PMDB_OK) return false;
+    pmdb_crash_point(PMDB_CRASH_ACCOUNT_LOCKED);
     auto *b = &static_cast<pmdb_ifh_entry_t *>(bundle->entry)->intf_info;
     PMDB_TRACE_V(315, bundle_ifh, bundle->slot, b->oor_state, b->oor_members_1,
                  b->oor_members_2);
@@ -133,7 +147,7 @@ bool account_member(pmdb_cycle_t *bundle, u32 bundle_ifh, u32 level, bool join, 
     count_level(b, level, join);
     *new_state = dpa_pmdb_oor_derived_state(b);
     PMDB_TRACE_V(317, *new_state, b->oor_members_1, b->oor_members_2);
-    if (*new_state != *old_state && *new_state != PMDB_OOR_NONE) record_state(b, *new_state);
+    follow_derived_state(b, *old_state, *new_state);
     return true;
 }
 
@@ -145,6 +159,15 @@ u32 dpa_pmdb_oor_derived_state(const pmdb_intf_info_t *bundle_info) {
     if (bundle_info->oor_members_2 != 0) return PMDB_OOR_LEVEL2;
     if (bundle_info->oor_members_1 != 0) return PMDB_OOR_LEVEL1;
     return PMDB_OOR_NONE;
+}
+
+void dpa_pmdb_oor_set_counters(pmdb_intf_info_t *bundle_info, u16 level_1, u16 level_2,
+                               u32 *before, u32 *after) {
+    *before = dpa_pmdb_oor_derived_state(bundle_info);
+    bundle_info->oor_members_1 = level_1;
+    bundle_info->oor_members_2 = level_2;
+    *after = dpa_pmdb_oor_derived_state(bundle_info);
+    follow_derived_state(bundle_info, *before, *after);
 }
 
 dpa_pmdb_oor_cb_t dpa_pmdb_oor_cb_get(void) { return oor_cb.load(std::memory_order_acquire); }
@@ -164,6 +187,7 @@ cerrno dpa_pmdb_update_bundle_oor_state(u32 ifh, u32 state, u32 reason, u32 *bun
     static const pmdb_cycle_traces_t kBundleTraces = {.lookup_failed = 301, .lock_failed = 302};
     const bundle_report out = {bundle_ifh_out, bundle_state_out, changed_out, bundle_slot_out};
     if (!out.complete()) return PMDB_EINVAL;
+    pmdb_member_op_scope op;
     pmdb_cycle_t member;
     cerrno rc = pmdb_cycle_begin(&member, PMDB_TYPE_IFH, ifh, PMDB_CYCLE_LOCK, &kMemberTraces);
     if (rc != PMDB_OK) return rc;
@@ -177,10 +201,12 @@ cerrno dpa_pmdb_update_bundle_oor_state(u32 ifh, u32 state, u32 reason, u32 *bun
     const u32 old_state = m->oor_state;
     if (old_state == state) return finish(&member, &bundle, PMDB_OK);
     PMDB_TRACE_V(300, ifh, old_state, state);
+    const u32 bundle_ifh = m->bundle_ifh;
+    op.name(bundle_ifh, 0, ifh);
     record_state(m, state);
     m->oor_reason = reason;
-    const u32 bundle_ifh = m->bundle_ifh;
     if (bundle_ifh == 0) return finish(&member, &bundle, PMDB_OK);
+    pmdb_crash_point(PMDB_CRASH_OOR_MEMBER_SET);
 
     /* The member's new state stays recorded when the bundle cannot be
      * reached: its counters are then out of step until the next change. */

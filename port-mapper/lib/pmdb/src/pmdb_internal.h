@@ -70,6 +70,9 @@ i32 pmdb_frame_wr_refcnt(pmdb_type_t type);
 #define PMDB_SEM_WAIT_MS_DEFAULT 5000u
 void pmdb_frame_set_sem_wait_ms(u32 ms);
 
+/* `clock`'s now plus `ms` milliseconds: the deadline of a bounded wait. */
+struct timespec pmdb_deadline(clockid_t clock, u32 ms);
+
 /* ---- locks (dnx_pmdb_lock.cpp) ----------------------------------------- */
 
 /* Takes a mutex the library's way: try-lock; when busy, register the wait

@@ -108,6 +108,13 @@ dpa_pmdb_oor_cb_t dpa_pmdb_oor_cb_get(void);
  * level 2, else level 1 if any is at level 1, else none. */
 u32 dpa_pmdb_oor_derived_state(const pmdb_intf_info_t *bundle_info);
 
+/* Sets a bundle's two counters (a recount from its members); *before and
+ * *after receive its derived state before and after, and a move to a level
+ * is recorded in its oor_state as the member accounting records it.  The
+ * caller holds the bundle's slot lock. */
+void dpa_pmdb_oor_set_counters(pmdb_intf_info_t *bundle_info, u16 level_1, u16 level_2,
+                               u32 *before, u32 *after);
+
 #ifdef __cplusplus
 }
 #endif
