@@ -318,6 +318,12 @@ const TracePoint kPoints[] = {
     {913, E, "tabra_check_failed", N, {"status", "fault", "slot"}},
     {914, E, "tabra_no_memory", N, {"status", "bytes", "zero"}},
     {915, E, "tabra_walk_bad_argument", N, {"status", "zero", "zero_2"}},
+    {916, E, "tabra_damaged_table_refused", N, {"status", "damage", "value"}},
+    {917, E, "tabra_object_not_ours", N, {"status", "errno", "zero"}},
+    // Host layer and trace service.
+    {930, E, "host_object_not_ours", S, {"object", "owner_uid"}},
+    {940, E, "trace_buffer_unusable", N, {"status", "kind", "errno_or_owner"}},
+    {941, E, "trace_buffer_damaged", N, {"status", "kind", "head"}},
 };
 // clang-format on
 
