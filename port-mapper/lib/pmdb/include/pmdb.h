@@ -39,8 +39,9 @@
  *     process-local mutex is held; where two are held at once, a member's
  *     lock is taken before its bundle's.
  *   - Waits.  A busy mutex or entry lock is waited for without bound (the
- *     wait is registered with the platform's thread-debug service).  Only
- *     the bundle counter check and repair bound their waits.  The first
+ *     wait is registered with the platform's thread-debug service).  Of
+ *     the operations on entries, only the bundle counter check and repair
+ *     bound their lock waits.  The first
  *     open of a type in a process pauses 100 ms, and may wait up to three
  *     rounds of 5 s for the card-wide region semaphore.
  *   - A pointer to an entry is valid only while its slot lock is held;
@@ -51,7 +52,8 @@
  * find the entry (or create it; a key already present is refreshed) -> take
  * the slot's entry lock -> change the entry -> unlock -> release write
  * access.  Its failures, named by step in the functions below:
- *   open     the status of dpa_chk_pmdb_open; nothing opened or changed.
+ *   open     the status of dpa_chk_pmdb_open; no entry changed and
+ *            nothing to release.
  *   add      the table store's status of a failed create (TABRA_E_FULL: the
  *            table holds max_entries entries); nothing changed.
  *   lookup   the table store's status (TABRA_E_NOTFOUND: no entry under the
