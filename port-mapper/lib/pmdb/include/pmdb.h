@@ -19,12 +19,61 @@
  * PMDB_ENOTFOUND (2) nothing found or a region without its magic; PMDB_ESHM
  * (3) a shared-memory object or the semaphore could not be used; PMDB_EBUSY
  * (16) a slot lock still held; PMDB_EFULL (17) the BVI collection array is
- * full; PMDB_EINVAL (22) an invalid argument.  Values of the table store, the
- * system properties and the thread library pass through unchanged.
+ * full; PMDB_EINVAL (22) an invalid argument.  Values of the table store
+ * (TABRA_E_*, tabra.h), the system properties and the thread library (errno
+ * values: EDEADLK 35, EPERM 1 - the same number as PMDB_ENOMEM) pass through
+ * unchanged.  Each function below lists the results it can give.
  *
- * Threads: any thread may call any operation.  The event entries
- * (dpa_pmdb_oper, dpa_pmdb_oam_oper) and the inventory list expect one event
- * at a time per process; callbacks are set before the first event.
+ * Concurrency contract.
+ *   - Any thread of any process may call the operations on entries, locks
+ *     and the frame.  The exceptions are process-local and unlocked: the
+ *     inventory list (pm_port_inv_*, pm_inventory_*) and the two callback
+ *     setters; a process hands the library one event at a time and sets its
+ *     callbacks before the first event.
+ *   - Locks, in the order they may be taken: the process-local
+ *     initialisation mutex (one for all types), then the process-local
+ *     protection mutex of a type - never the reverse; both are recursive.
+ *     Entry locks (one robust, process-shared, error-checking mutex per
+ *     table slot, in the type's shared context region) are taken only
+ *     between an open with write intent and its release, while neither
+ *     process-local mutex is held; where two are held at once, a member's
+ *     lock is taken before its bundle's.
+ *   - Waits.  A busy mutex or entry lock is waited for without bound (the
+ *     wait is registered with the platform's thread-debug service).  Of
+ *     the operations on entries, only the bundle counter check and repair
+ *     bound their lock waits.  The first
+ *     open of a type in a process pauses 100 ms, and may wait up to three
+ *     rounds of 5 s for the card-wide region semaphore.
+ *   - A pointer to an entry is valid only while its slot lock is held;
+ *     nothing here keeps a pointer the caller passed beyond the call.
+ *
+ * The entry change cycle.  Every operation below that changes, creates or
+ * removes an entry runs the same cycle: open the type with write intent ->
+ * find the entry (or create it; a key already present is refreshed) -> take
+ * the slot's entry lock -> change the entry -> unlock -> release write
+ * access.  Its failures, named by step in the functions below:
+ *   open     the status of dpa_chk_pmdb_open; no entry changed and
+ *            nothing to release.
+ *   add      the table store's status of a failed create (TABRA_E_FULL: the
+ *            table holds max_entries entries); nothing changed.
+ *   lookup   the table store's status (TABRA_E_NOTFOUND: no entry under the
+ *            key), or 22 for a slot beyond the region's locks; the entry is
+ *            unchanged.
+ *   lock     the status of pmdb_entry_lock (EDEADLK 35 when the calling
+ *            thread holds that slot lock already); the entry is unchanged.
+ *   release  a nonzero status of dpa_pmdb_mprotect_tabra replaces the
+ *            operation's own result (a change already made stays).
+ * After a successful open, write access is released on every path.  Each
+ * failure writes the operation's own error trace, with (key, status) unless
+ * said otherwise; the point numbers are given per function.  Nothing is
+ * rolled back: an operation that changes two entries leaves the first
+ * changed when the second fails, and another process can see the first
+ * change before the second.
+ * A removal takes no entry lock: it retires the slot's lock
+ * (pmdb_lock_destroy, again every microsecond while it reports EBUSY), so
+ * it waits without bound for whoever holds that lock - the calling thread
+ * included: a thread that holds an entry's lock and removes that entry
+ * waits for ever.
  */
 #ifndef PMDB_H
 #define PMDB_H
@@ -525,98 +574,446 @@ typedef void (*dpa_pmdb_aib_update_cb_t)(u32 *handles, u32 *status, u16 count);
  * operations, the callbacks, the BVI filter's first and third arguments, and
  * the MAC of dpa_pmdb_update_glbls_inv_node_info's remove form (add 0). */
 
-/* Database frame. */
+/* ---- Database frame --------------------------------------------------------
+ * A type comes to life in a process on its first open: handle, shared
+ * context region, table.  Nothing is ever closed: handles, mappings and
+ * tables live until the process ends.  Write access is counted per type and
+ * process: each open with write intent counts a writer in and makes the
+ * table writable for this process; each dpa_pmdb_mprotect_tabra counts one
+ * out, and the last one out protects the table again. */
+
+/* Debug descriptor handed to the table store's initialisation; the library
+ * never writes it. */
 PMDB_EXPORT extern dnxpm_dbg_desc_t dnxpm_dbg_pmdb_types;
+
+/* Initialises `type` in this process once: creates its handle (keeping
+ * `em`), maps its shared context region (the first process on the card
+ * zeroes it and writes the magic), initialises the table store and opens
+ * the table (creating it when missing; write_intent only chooses the
+ * access bits of the open flags), pauses
+ * 100 ms and puts the table under read-only protection.  It counts no
+ * writer.  Later calls return 0 at once.
+ * Results: 0 initialised, now or before; 22 a type that is not a
+ * pmdb_type_t (nothing done); 1 the handle or the region's mapping could
+ * not be allocated; 3 the region object or the semaphore could not be used
+ * (error traces 58 to 61, 72); the table store's status of its
+ * initialisation (trace 53), of the table's open (54) or of the first
+ * protection (56); the error of taking the initialisation mutex (64).
+ * Waits: holds the initialisation mutex throughout; the 100 ms pause; a
+ * region without its magic waits for the card-wide semaphore at most 5 s a
+ * round, three rounds (a holder that died: trace 72, semaphore replaced).
+ * On failure what was made (handle, mapping) stays, and the next call
+ * resumes from the first missing piece.  A table-store open that succeeds
+ * without a table marks the type initialised without one: the next
+ * dpa_chk_pmdb_open then stops the process at its assertion. */
 PMDB_EXPORT cerrno dpa_pmdb_init(event_mgr_p em, pmdb_type_t type, int write_intent);
+
+/* Hands out `type`'s handle in *out, initialising the type first when
+ * needed (dpa_pmdb_init).  With write_intent nonzero it also counts the
+ * caller in as a writer of this process and makes the table writable for
+ * this process when it was protected; the caller then calls
+ * dpa_pmdb_mprotect_tabra exactly once after its last entry access, on
+ * every path.
+ * Results: 0 (*out set); 22 an invalid type or a null out (nothing done);
+ * the status of the initialisation (error trace 67 with status and type);
+ * the error of taking the type's protection mutex or the table store's
+ * status of making the table writable (error trace 68).  A failed
+ * write-enable step leaves the writer counted and the protection as it was.
+ * Costs: without write intent on an initialised type, no lock and no
+ * table-store call; with it, the type's protection mutex, and a table-store
+ * call only for the first writer in.  Stops the process (assertion) when
+ * the type was marked initialised without a table. */
 PMDB_EXPORT cerrno dpa_chk_pmdb_open(event_mgr_p em, dnx_db_hdl_t **out, pmdb_type_t type,
                                      int write_intent);
+
+/* Hands out `type`'s handle with its shared context region mapped (entry
+ * locks, globals), creating the handle and mapping the region when needed,
+ * without opening the table store.  It counts no writer, needs no release
+ * and does not mark the type initialised.
+ * Results: 0 (*out set); 22 an invalid type or a null out; 2 the region
+ * does not hold its magic (database trace 66 unless the type was
+ * initialised already);
+ * 1 or 3 as for dpa_pmdb_init's handle and region, or the error of taking
+ * the initialisation mutex (error trace 65 with type and status).
+ * Waits: on an initialised type none; otherwise the initialisation mutex
+ * and the region semaphore as dpa_pmdb_init. */
 PMDB_EXPORT cerrno dpa_chk_shrd_ctx_open(event_mgr_p em, dnx_db_hdl_t **out, pmdb_type_t type);
+
+/* Counts one writer of this process out of `type`; when none is left, puts
+ * `table` (the handle's tabra) under read-only protection for this process,
+ * with max_entries read afresh from the system properties.
+ * Results: 0; 22 an invalid type, a null hdl or a null table (nothing
+ * counted); the error of taking the protection mutex (error trace 52; the
+ * count is unchanged); the table store's status of the protection, not
+ * traced: the writer is counted out, the table stays writable for this
+ * process and the next release tries again.
+ * A release without its open upsets the count: a later release may then
+ * protect the table while another thread of the process still writes. */
 PMDB_EXPORT cerrno dpa_pmdb_mprotect_tabra(tabra_hdl_t table, dnx_db_hdl_t *hdl,
                                            pmdb_type_t type);
+
+/* The handle of an initialised `type`, else null (error trace 51).  No
+ * lock; the handle belongs to this process and lives until it ends. */
 PMDB_EXPORT dnx_db_hdl_t *dpa_pmdb_hdl_get(pmdb_type_t type);
+
+/* The address of dnxpm_dbg_pmdb_types for type 0 (IFH), null for any other
+ * value.  No state, no lock. */
 PMDB_EXPORT void *pmdb_debug_flag(int type);
 
-/* Entry locks. */
+/* ---- Entry locks -----------------------------------------------------------
+ * One lock per table slot: entry_lock[slot] of the type's shared context
+ * region.  Writers hold it while they change the entry in that slot.  The
+ * library initialises a slot's lock itself when the table store gives the
+ * slot to a new key, before the key can be found, and retires it before the
+ * entry is removed.  Any thread of any process that maps the region may
+ * take any of them, only between an open with write intent and its
+ * release, with no process-local mutex held, member before bundle. */
+
+/* Makes *lock a fresh error-checking, process-shared, robust mutex (its 40
+ * bytes zeroed first).  A null lock: nothing.  A failure of the thread
+ * library stops the process (assertion).  Only for a lock that no thread
+ * holds or waits for: whoever holds it loses the lock. */
 PMDB_EXPORT void pmdb_lock_init(pellin_mutex_type *lock);
+
+/* Takes the lock, waiting without bound while another thread holds it.  A
+ * holder that died: the caller gets the lock, it is made consistent
+ * (database trace 69) and the result is 0 - the entry may hold the dead
+ * holder's change half made.  A lock that is not recoverable, or not a
+ * valid mutex (retired, damaged), is rebuilt and taken.
+ * Results: 0 held; 22 a null lock; EDEADLK (35) the calling thread holds it
+ * already (no wait); any other error of the thread library.  Stops the
+ * process (assertion) when a dead holder's lock cannot be made consistent
+ * or a tenth attempt is needed. */
 PMDB_EXPORT cerrno pmdb_entry_lock(pellin_mutex_type *lock);
+
+/* Releases the lock.  Results: 0; 22 a null lock; EPERM (1, the number of
+ * PMDB_ENOMEM) when the calling thread does not hold it.  No trace. */
 PMDB_EXPORT cerrno pmdb_entry_unlock(pellin_mutex_type *lock);
+
+/* Retires the lock unless a live thread holds it; never waits.  A retired
+ * lock taken again with pmdb_entry_lock is rebuilt first.
+ * Results: 0 retired; 16 (EBUSY) a live thread holds it - the calling
+ * thread included - and it is left as it was (database trace 71); 22 a null
+ * lock; any other error of the destroy (trace 71).  A holder that died does
+ * not count as holding it. */
 PMDB_EXPORT cerrno pmdb_lock_destroy(pellin_mutex_type *lock);
 
-/* Events. */
+/* ---- Events ---------------------------------------------------------------- */
+
+/* The event entry point.  Not built yet: declared here, but libpmdb.so does
+ * not define it, so a program that calls it does not link. */
 PMDB_EXPORT void dpa_pmdb_oper(pmdb_event_t *event, u32 node);
 
-/* Interface and punt entries. */
+/* ---- Interface and punt entries ------------------------------------------
+ * IFH entries (key: interface handle) and PUNT entries (key: punt key).
+ * Every change runs the entry change cycle on the IFH or PUNT table. */
+
+/* Adds every entry of an interface.  Not built yet: declared here, but
+ * libpmdb.so does not define it, so a program that calls it does not link. */
 PMDB_EXPORT cerrno dpa_pmdb_add_all_entries(u32 ifh, pmdb_event_t *event, u32 is_bundle,
                                             i32 node);
+
+/* Removes every entry of an interface.  Not built yet: declared here, but
+ * libpmdb.so does not define it, so a program that calls it does not link. */
 PMDB_EXPORT cerrno dpa_pmdb_remove_all_entries(u32 ifh, u32 event_type, u32 ingress_lif,
                                                u32 bundle, u32 event_id);
+
+/* Sets (add nonzero) or clears the bit of `node` in the IFH entry of `ifh`
+ * when that entry is a bundle sub-interface (sub_ifh and bundle_ifh both
+ * nonzero): bit node % 32 of the 16-bit node_mask, so nodes 16 to 31 (mod
+ * 32) change no bit.  The entry is then stamped with event_id and the time,
+ * and *mask_out (optional) gets the resulting mask (event trace 127).  Any
+ * other entry is left unchanged, *mask_out unwritten, result 0.
+ * Results: 0, also at once with nothing opened for ifh 0 or a node whose low
+ * 16 bits are 0; open (error trace 125), lookup (126), lock (128) and
+ * release failures of the cycle.  Holds the entry's lock only for this
+ * change; waits for it without bound. */
 PMDB_EXPORT cerrno dpa_pmdb_update_ifh_entry_nodelist(u32 ifh, i32 add, u32 event_id, u32 node,
                                                       u16 *mask_out);
+
+/* Applies a membership event to the member's IFH entry (event->intf_info.ifh)
+ * and then, when the member changed, to its bundle's
+ * (event->intf_info.bundle_ifh) through dpa_pmdb_update_bundle_ifh_entry:
+ *   5 join:   member_active set (the bundle counts the member in when it was
+ *             clear), bundle_ifh, member_port and member_port_shift bits 0..1
+ *             from the event;
+ *   6 modify: the same fields, member_active untouched, the bundle's count
+ *             kept (only the summary is filled);
+ *   7 leave:  member_active cleared (the bundle counts the member out when
+ *             it was set), the bundle fields cleared;
+ *   any other type changes no entry (the summary is still filled) and
+ *   gives 0 without a bundle update; so do a join of an active member and
+ *   a leave of an inactive one, apart from the member's own fields.
+ * Types 5 to 7 stamp the member.  With an out-of-resource callback set, a
+ * join or leave also moves the member's level into or out of the bundle's
+ * counters, under the bundle's lock taken while the member's is held (see
+ * dpa_pmdb_set_oor_cb); failures of that step are traced (312 to 314), not
+ * returned.  *summary gets sys_port, ingress_lif, egress_lif, lc_slot,
+ * slot_id, npu_index from the member; port_lo, port_hi, member_port_shift
+ * (the event's, or for a leave the member's before it); for a leave the
+ * member's punt_data; and what the bundle update fills.  *punt_info
+ * (optional) is handed to the bundle update.
+ * Results: 0; 22 a null event or summary, or an event whose ifh is 0 (error
+ * trace 234); open (235, with the ifh only), lookup (236), lock (238) and
+ * release failures of the member's cycle, returned without a bundle update;
+ * otherwise the bundle update's result - on its failure the member stays
+ * changed.  The member and the bundle change in two cycles: another process
+ * can see the member changed and the bundle's member_count not yet.  The
+ * change is recorded in the member operation log first, so that when the
+ * writer dies in between, the next member or bundle writer (or a counters
+ * repair) recounts the bundle from its members.
+ * Waits: first completes any change that a dead writer left in the log
+ * (recounting those bundles under their slot locks), then the member's
+ * entry lock, then the bundle's; each without bound. */
 PMDB_EXPORT cerrno dpa_pmdb_update_ifh_entry_member(pmdb_event_t *event,
                                                     dpa_pmdb_ifh_summary_t *summary,
                                                     pmdb_punt_info_t *punt_info);
+
+/* Counts one member in (count_in nonzero: member_count + 1, an 8-bit count,
+ * so 255 wraps to 0) or out (- 1, not below 0) of the bundle's IFH entry,
+ * unless keep_count is nonzero; the entry is stamped with event_id only
+ * when the count changed.  Then fills *summary: bundle_egress_lif,
+ * bundle_ingress_lif, sum_flags PMDB_SUM_IS_MEMBER set and
+ * PMDB_SUM_EGRESS_KEY from the bundle's intf_flags (other bits kept); and
+ * copies the bundle's punt_info into *punt_info (optional) when its first
+ * punt word is nonzero (else database trace 231).
+ * Results: 0; 22 bundle_ifh 0 or a null summary (error trace 228); open
+ * (229), lookup (230), lock (233) and release failures of the cycle.  Waits
+ * for the bundle's lock without bound. */
 PMDB_EXPORT cerrno dpa_pmdb_update_bundle_ifh_entry(u32 bundle_ifh, i32 count_in,
                                                     i32 keep_count,
                                                     dpa_pmdb_ifh_summary_t *summary,
                                                     pmdb_punt_info_t *punt_info, u32 event_id);
 
-/* OAM entries. */
+/* ---- OAM entries ------------------------------------------------------------
+ * One 80-byte entry per OAM key in the OAM table. */
+
+/* Creates the OAM entry of `key` (zero-filled under its lock) or refreshes
+ * the present one (database trace 157), stamps it with the event's event_id
+ * and the time, and fills oam_info: with PMDB_VF_OAM the event's whole
+ * oam_info; else with PMDB_VF_INTF only oam_ifh (the first nonzero of
+ * sub_ifh, bundle_ifh, ifh) and oam_intf_data (oam_data_36), the rest kept;
+ * else nothing.  Database trace 159 when written.  *slot (optional) gets the
+ * entry's slot whenever the open succeeded, also when a later step failed:
+ * it means something only with result 0.
+ * Results: 0; 22 key 0 (error trace 153) or a null event (154); open (155),
+ * add (156), lookup of the present key (158), lock (160) and release
+ * failures of the cycle.  Waits for the entry's lock without bound. */
 PMDB_EXPORT cerrno dpa_pmdb_add_oam_entry(u32 key, const pmdb_event_t *event, int *slot);
+
+/* Removes the OAM entry of `key`: retires its lock, waiting without bound
+ * for any holder (never call it while holding that lock), then removes it
+ * from the table (database trace 171).
+ * Results: 0; 22 key 0 (error trace 167); open (168) and lookup (169) failures
+ * of the cycle, the entry and its lock untouched; the table store's status
+ * of the removal (170), the entry then staying with its lock retired; a
+ * release failure. */
 PMDB_EXPORT cerrno dpa_pmdb_remove_oam_entry(u32 key);
+
+/* The OAM event entry: key = event->oam.oam_key; event types 7 and 18
+ * remove the entry (dpa_pmdb_remove_oam_entry; a failure writes error trace
+ * 292), every other type adds or refreshes it (dpa_pmdb_add_oam_entry; error
+ * trace 291); valid_flags is left to the add.  No result: failures show in
+ * the traces and the table only.  A null event: error trace 290.  Any thread;
+ * concurrent events of one key serialise on its entry lock. */
 PMDB_EXPORT void dpa_pmdb_oam_oper(const pmdb_event_t *event);
 
-/* Out-of-resource state. */
+/* ---- Out-of-resource state -------------------------------------------------
+ * Kept in the intf_info of IFH entries: an interface's own oor_state (0, 1,
+ * 2), and a bundle's counters of members at level 1 and 2, from which its
+ * derived state follows (2 when oor_members_2 is nonzero, else 1 when
+ * oor_members_1 is, else 0).  A bundle's stored oor_state rises with the
+ * derived state to 1 or 2; only dpa_pmdb_set_bundle_oor_state lowers it. */
+
+/* Records the interface's own state (oor_state, oor_reason, oor_changes + 1,
+ * oor_time) and, when its entry names a bundle, moves it from its old level
+ * to the new one in the bundle's counters under the bundle's lock (taken
+ * while the member's is held, released first), raising the bundle's stored
+ * state when the derived state rises to 1 or 2.  A counter already 0 is not
+ * decremented (error trace 293 or 294; not a failure).  Reports through the
+ * out-parameters, never through the callback: *changed_out 0 when the
+ * bundle's derived state stayed, else *bundle_ifh_out, *bundle_slot_out,
+ * *bundle_state_out (the new derived state) and *changed_out 1.  They are
+ * left as the caller set them on every other path: an entry that is neither
+ * an interface nor a sub-interface (event trace 299), a state equal to the
+ * present one, an interface without a bundle, every failure.
+ * Results: 0; 22 a null out-parameter (nothing done, no trace); open (error
+ * trace 295, status only), member lookup (296; ifh 0 is looked up like any
+ * key), member lock (297); bundle lookup (301) or lock (302), the member's
+ * new state then staying recorded and the bundle's counters out of step
+ * with it; release.  Recorded in the member operation log like
+ * dpa_pmdb_update_ifh_entry_member, and waits as it does. */
 PMDB_EXPORT cerrno dpa_pmdb_update_bundle_oor_state(u32 ifh, u32 state, u32 reason,
                                                     u32 *bundle_ifh_out, u32 *bundle_state_out,
                                                     u32 *changed_out, u32 *bundle_slot_out);
+
+/* Sets the stored state of the IFH entry of `ifh` (in practice a bundle):
+ * oor_state, oor_reason, oor_changes + 1 and oor_time, even when the state
+ * does not change; *slot_out gets the entry's slot (event trace 310).  The
+ * counters are not touched and the callback is not called.
+ * Results: 0; 22 a null slot_out (nothing done), or state 0 while both
+ * counters are nonzero (error trace 309; the entry unchanged); open (306,
+ * status only), lookup (307), lock (308) and release failures of the cycle.
+ * Waits for the entry's lock without bound. */
 PMDB_EXPORT cerrno dpa_pmdb_set_bundle_oor_state(u32 ifh, i32 state, u32 reason, u32 *slot_out);
+
+/* Sets (null clears) this process's out-of-resource callback; event trace
+ * 318.  It is called on the thread of the operation, as
+ *   (removed ifh, its slot, 0, 1) by the library's IFH entry removal before
+ *       the entry changes, with write access held and no slot lock;
+ *   (bundle ifh, bundle slot, new derived state, 0) when a member's join or
+ *       leave, or a counters recount, changes a bundle's derived state:
+ *       after the bundle's lock is released, while the member's lock and
+ *       write access may still be held.
+ * The callback must not take the slot locks of that member or bundle, nor
+ * change their entries.  Set it before the first event; the pointer is
+ * stored whole, and an operation already running may still call the one it
+ * replaced. */
 PMDB_EXPORT void dpa_pmdb_set_oor_cb(dpa_pmdb_oor_cb_t cb);
 
-/* Bundle counters.  Each IFH entry whose member_count, oor_members_1 or
- * oor_members_2 disagrees with its members is examined again under its slot
- * lock, waited for at most wait_ms milliseconds (0: as long as a writer
- * waits); an entry whose members a live thread is changing at that moment
- * counts as busy.
+/* ---- Bundle counter check and repair ---------------------------------------
+ * Each IFH entry whose member_count, oor_members_1 or oor_members_2
+ * disagrees with its members (dpa_pmdb_bundle_counts_t) is proposed by a
+ * survey of the whole table made without locks, then examined again under
+ * its slot lock, waited for at most wait_ms milliseconds (0: as long as a
+ * writer waits); an entry whose members a live thread is changing at that
+ * moment counts as busy and is tried again every millisecond until wait_ms
+ * has passed (0: once).  An entry removed meanwhile is skipped.
  *   check:  calls fn (status 0) for each entry whose disagreement holds
  *           under its lock, and (PMDB_EBUSY or the lock's status) for each
  *           that could not be examined; changes nothing.
- *   repair: first completes the changes of dead writers left in the member
- *           operation log, then stores the derived counters of each entry
- *           that disagrees and calls fn with the counts before (status 0),
- *           or with the status that kept it from being repaired.  A repair
+ *   repair: stores the derived counters of each entry that disagrees and
+ *           calls fn with the counts before (status 0), or with the status
+ *           that kept it from being repaired; then completes the records
+ *           that dead writers left in the member operation log.  A repair
  *           that changes the derived out-of-resource state raises the
  *           bundle's oor_state as the member accounting does and tells this
  *           process's out-of-resource callback; it writes database trace 340
  *           (bundle_ifh, member_count before, after, oor_members_1 before,
  *           after, oor_members_2 before, after).
- * Both return 0, PMDB_ENOTFOUND when the IFH table does not exist, PMDB_ESHM
- * when the member operation log is damaged or not the user's (error trace
- * 341 with its name and the reason: 1 cannot be opened, 2 another user's,
- * 3 wrong size, 4 wrong magic, size or record count, 5 cannot be mapped,
- * 6 initialisation lock failed, 7 every record taken; a writer that meets
- * such a log writes the same trace and runs unrecorded), PMDB_EINVAL for a
- * null fn, or the status of the open or the walk. */
+ * fn runs on the calling thread with no slot lock held.
+ * Both return 0; PMDB_ENOTFOUND when the IFH table cannot be attached (it
+ * does not exist, or the table store refuses it); PMDB_ENOMEM when the
+ * survey runs out of process memory; the table store's status of the
+ * survey's walk; PMDB_EINVAL for a null fn (nothing done); PMDB_ESHM when
+ * the member operation log is damaged or not the user's, returned after the
+ * entries were examined (error trace 341 with its name and the reason: 1
+ * cannot be opened, 2 another user's, 3 wrong size, 4 wrong magic, size or
+ * record count, 5 cannot be mapped, 6 initialisation lock failed, 7 every
+ * record taken; a writer that meets such a log writes the same trace and
+ * runs unrecorded).  Any thread of any process. */
 PMDB_EXPORT cerrno dpa_pmdb_check_bundle_counts(u32 wait_ms, dpa_pmdb_bundle_counts_fn_t fn,
                                                 void *ctx);
 PMDB_EXPORT cerrno dpa_pmdb_repair_bundle_counts(u32 wait_ms, dpa_pmdb_bundle_counts_fn_t fn,
                                                  void *ctx);
 
-/* Node inventory and scale. */
+/* ---- Node inventory and scale ----------------------------------------------
+ * The inventory list is process-local: one heap entry per node, newest at
+ * the head, no lock (one caller at a time per process).  The scale and
+ * inventory node values live in the globals block of the IFH region and
+ * are read in place by every process; they are plain words written without
+ * an entry lock, writers in different processes are not coordinated, and
+ * a reader may see the mask and the node id of different updates. */
+
+/* The head of this process's inventory list, null when empty.  The entries
+ * belong to the list; one stays valid until its node is removed. */
 PMDB_EXPORT pm_port_inv_entry_t *pm_port_inv_entry_get(void);
+
+/* Adds a node at the head of the list (event trace 110 for the first entry,
+ * 111 after), with its MAC from the platform (zeros when the platform knows
+ * none).  A listed node keeps its index and scale flag; only its MAC is
+ * asked for again, and its entry is returned.  Returns the entry, or null
+ * when it could not be allocated (no trace; the list unchanged).  Does not
+ * touch the globals. */
 PMDB_EXPORT pm_port_inv_entry_t *pm_port_inv_entry_add(u32 node_id, i32 node_index,
                                                        u8 npu_index, u8 high_scale);
+
+/* Unlinks the node's entry, moves every BVI entry of the IFH table that
+ * names the node to the node now at the head of the list and tells the AIB
+ * update callback (see dpa_pmdb_set_aib_update_cb), then frees the entry.
+ * Returns 0, also for a node that is not listed (nothing done); the
+ * refresh's failures are traced only (104 to 106 and the points of
+ * dpa_bvi_upd_all_entries).  Waits: the refresh reads the IFH table through
+ * the reader library and takes each BVI entry's lock in turn, one at a
+ * time.  Does not touch the globals. */
 PMDB_EXPORT cerrno pm_port_inv_entry_remove(u32 node_id);
+
+/* The first node of the list with a nonzero scale flag.  Results: 0 and
+ * *node_id (event trace 107); 2 none (the list empty or without one;
+ * *node_id unchanged, no trace); 22 a null node_id. */
 PMDB_EXPORT cerrno pm_inventory_get_first_high_scale_nodeid(u32 *node_id);
+
+/* The first node of the list with a nonzero id.  Results: 0, *node_id and
+ * the node's 6-byte MAC in mac (event trace 109); 2 none (no trace; both
+ * unchanged); 22 a null argument. */
 PMDB_EXPORT cerrno pm_inventory_get_first_inv_nodeid(u32 *node_id, u8 *mac);
+
+/* The high-scale values of the IFH region's globals.  add nonzero with a
+ * nonzero high_scale: the node becomes hs_node_id and its bit (node_index &
+ * 31) is set in hs_node_mask (event trace 114); with high_scale 0 nothing
+ * is opened or changed (event trace 112).  add 0: the node's bit is cleared
+ * whatever high_scale says; when the node held the role, the first
+ * high-scale node of this process's list takes it over (event trace 117).
+ * hdl: the caller's IFH handle, open with write intent (its open covers the
+ * call: nothing is opened or released), or null (the call opens and
+ * releases the IFH type itself).
+ * Results: 0; 2 a removal of the role's node with no high-scale node left
+ * in the list (event trace 116; hs_node_id keeps the removed node); the
+ * open's status (error trace 113 with it); a release failure. */
 PMDB_EXPORT cerrno dpa_pmdb_update_scale_info(u32 node_id, i32 node_index, u8 high_scale,
                                               int add, dnx_db_hdl_t *hdl);
+
+/* The inventory node of the IFH region's globals.  add nonzero: records
+ * node_id and the 6 bytes at mac when no node is recorded yet (event traces
+ * 119, 120), so the first node ever added stays recorded for the life of
+ * the region; else nothing.  add 0 (mac not read): acts only while no node
+ * is recorded: clears the recorded MAC; then a nonzero node_id is only
+ * acknowledged (event trace 121), and node_id 0 records the first node of
+ * this process's list with a nonzero id (event traces 123, 124).  hdl as
+ * for dpa_pmdb_update_scale_info.
+ * Results: 0; 2 the remove form found no node to record (event trace 122);
+ * 22 the add form with a null mac (nothing opened); the open's status
+ * (error trace 118 with it); a release failure. */
 PMDB_EXPORT cerrno dpa_pmdb_update_glbls_inv_node_info(u32 node_id, const u8 *mac, int add,
                                                        dnx_db_hdl_t *hdl);
 
-/* BVI refresh. */
+/* ---- BVI refresh -----------------------------------------------------------
+ * When a node leaves the inventory list (pm_port_inv_entry_remove), the IFH
+ * entries of BVI interfaces (intf_type 78) that name it are collected by a
+ * walk of the reader library and moved one by one to the node at the head
+ * of the list; no lock is held from one entry to the next. */
+
+/* Sets (null clears) this process's AIB update callback: called by the
+ * refresh as (handles, status, count) once every collected entry was
+ * rewritten and the last rewrite gave 0; otherwise, and when nothing was
+ * collected, error trace 106 instead.  status[i] is always 0 (the array
+ * starts zeroed and a rewrite writes only 0), so it does not tell a failed
+ * rewrite from a done one.  Both arrays live for the call only.  Called on
+ * the removing thread with no lock and no write access held.  A plain
+ * variable without a lock and without a trace: set it before the first
+ * event, from one thread. */
 PMDB_EXPORT void dpa_pmdb_set_aib_update_cb(dpa_pmdb_aib_update_cb_t cb);
+
+/* The refresh's filter for the reader library's walk (dpa_pmdb_iterate):
+ * collects the key of an IFH entry with a nonzero ifh, intf_type 78 and
+ * intf_info.node_id equal to the context's node_id into
+ * handles[count++].  Returns 22 for every entry it examined, collected or
+ * not, so that the walk goes on, and 17 once count has reached capacity
+ * (the entry is not examined).  A null entry or context, or a context
+ * without its handle array: 22, nothing written.  arg1 and arg3 are not
+ * used.  Reads only the entry; one context belongs to one walk. */
 PMDB_EXPORT int dpa_pm_get_bvi_adj_cb(void *arg1, const pmdb_ifh_entry_t *entry, void *arg3,
                                       void *ctx);
+
+/* Moves the IFH entry of `ifh` to the node at the head of this process's
+ * inventory list (intf_info.node_id and node_mac; database trace 102) and
+ * sets *status to 0; with an empty list nothing changes and *status keeps
+ * its value.  The entry's type is not checked, and event_id and
+ * last_update stay: a node move is not an event.
+ * Results: 0, also with an empty list; 22 a null status (nothing done, no
+ * trace) or ifh 0 (error trace 99); open (100), lookup (101), lock (103)
+ * and release failures of the cycle.  Waits for the entry's lock without
+ * bound; reads the list without a lock. */
 PMDB_EXPORT cerrno dpa_bvi_upd_all_entries(u32 ifh, u32 *status);
 
 /* ------------------------------------------------------------------------ */
