@@ -35,8 +35,9 @@
 
 #include "pmdb.h"
 #include "pmdb_cycle.h"
+#include "pmdb_fields.h"
+#include "pmdb_ops.h"
 #include "pmdb_trace.h"
-#include "pmdb_writer.h"
 #include "platform_id.h"
 
 namespace {
@@ -44,7 +45,7 @@ namespace {
 /* Head of the inventory list; null while empty. */
 pm_port_inv_entry_t *pm_port_inv_list = nullptr;
 
-constexpr size_t kMacLen = 6;
+using pmdb_fields::kMacLen;
 
 pm_port_inv_entry_t *inv_find(u32 node_id) {
     pm_port_inv_entry_t *e = pm_port_inv_list;
