@@ -51,10 +51,7 @@ constexpr int kFilterFull = static_cast<int>(PMDB_EFULL);
 /* Rehomes one locked BVI entry to the head of the inventory list.  With an
  * empty list nothing changes and *status keeps its value. */
 void bvi_rehome(pmdb_ifh_entry_t *e, u32 ifh, u32 *status) {
-    const pm_port_inv_entry_t *head = pm_port_inv_entry_get();
-    if (head == nullptr) return;
-    e->intf_info.node_id = head->node_id;
-    memcpy(e->intf_info.node_mac, head->mac, pmdb_fields::kMacLen);
+    if (pm_port_inv_take_head_node(&e->intf_info) == 0) return;
     PMDB_TRACE_D(102, ifh, e->intf_info.egress_lif, e->intf_info.ingress_lif);
     *status = PMDB_OK;
 }

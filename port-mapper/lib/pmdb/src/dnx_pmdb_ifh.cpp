@@ -94,14 +94,6 @@ void register_node(const pmdb_intf_info_t *in, dnx_db_hdl_t *hdl) {
     (void)dpa_pmdb_update_glbls_inv_node_info(in->node_id, in->node_mac, 1, hdl);
 }
 
-/* Event type 3: a refreshed port is hosted by the newest inventory node. */
-void take_inventory_node(pmdb_intf_info_t *in) {
-    const pm_port_inv_entry_t *head = pm_port_inv_entry_get();
-    if (head == nullptr) return;
-    in->node_id = head->node_id;
-    memcpy(in->node_mac, head->mac, kMacLen);
-}
-
 /* Step 10: the interface block. */
 void apply_intf(pmdb_ifh_entry_t *e, const pmdb_event_t *ev, dnx_db_hdl_t *hdl,
                 pmdb_punt_info_t *punt_out, add_result *res) {
@@ -115,7 +107,8 @@ void apply_intf(pmdb_ifh_entry_t *e, const pmdb_event_t *ev, dnx_db_hdl_t *hdl,
     if (e->punt_info.punt_data[0] != 0) memcpy(punt_out, &e->punt_info, sizeof(*punt_out));
     if (ev->event_type == PMDB_EV_INTF_ADD && src->intf_type != PMDB_INTF_TYPE_NODE_LOCAL)
         register_node(&e->intf_info, hdl);
-    if (ev->event_type == PMDB_EV_INTF_REFRESH) take_inventory_node(&e->intf_info);
+    /* Event type 3: a refreshed port is hosted by the newest inventory node. */
+    if (ev->event_type == PMDB_EV_INTF_REFRESH) (void)pm_port_inv_take_head_node(&e->intf_info);
 }
 
 /* Step 11: the punt block; zero punt words leave the stored ones. */

@@ -157,6 +157,14 @@ extern "C" {
 
 PMDB_EXPORT pm_port_inv_entry_t *pm_port_inv_entry_get(void) { return pm_port_inv_list; }
 
+i32 pm_port_inv_take_head_node(pmdb_intf_info_t *in) {
+    const pm_port_inv_entry_t *head = pm_port_inv_list;
+    if (head == nullptr) return 0;
+    in->node_id = head->node_id;
+    memcpy(in->node_mac, head->mac, kMacLen);
+    return 1;
+}
+
 PMDB_EXPORT pm_port_inv_entry_t *pm_port_inv_entry_add(u32 node_id, i32 node_index, u8 npu_index,
                                                        u8 high_scale) {
     pm_port_inv_entry_t *e = inv_find(node_id);

@@ -145,6 +145,11 @@ void dpa_pmdb_oor_set_counters(pmdb_intf_info_t *bundle_info, u16 level_1, u16 l
 
 /* ---- inventory and BVI refresh ------------------------------------------ */
 
+/* Makes the node at the head of the inventory list (the newest) the host of
+ * an interface block: its node_id and node_mac.  Returns 1, or 0 with nothing
+ * changed while the list is empty.  The caller holds the entry's lock. */
+i32 pm_port_inv_take_head_node(pmdb_intf_info_t *in);
+
 /* Moves every BVI entry that names the node of `leaving` (already unlinked
  * from the inventory list) to the node now at the list's head, then tells the
  * AIB update callback.  Only leaving->node_id is read. */
