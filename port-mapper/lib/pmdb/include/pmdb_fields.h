@@ -159,6 +159,9 @@ inline u32 punt_key(u32 egress_key, u32 egress_lif, u16 ingress_lif, u16 sys_por
  * egress bit. */
 inline u32 plain_extension_key(u32 key) { return key & ~(kPortFieldMask | PMDB_PUNT_KEY_EGRESS); }
 
+/* Whether a punt key is a bundle member's (bit 31). */
+inline bool is_member_punt_key(u32 key) { return (key & PMDB_PUNT_KEY_MEMBER) != 0; }
+
 /* The bundle-member punt key of a member summary: bit 31 set, bit 30 clear,
  * port field 0, extension ((port_hi << (8 + member_port_shift)) | port_lo)
  * & 0x3FFF.  The egress keying of the bundle plays no part. */
