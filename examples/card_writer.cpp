@@ -173,7 +173,8 @@ pmdb_event_t IntfEvent(u8 type, const Intf &i) {
     in.intf_type = i.intf_type;
     // Locally administered interface MAC from the handle; the node's MAC as
     // the platform reports it for unit 0.
-    const u8 mac[pmdb_fields::kMacLen] = {0x02, 0x1a, 0, 0, static_cast<u8>(i.ifh >> 8), static_cast<u8>(i.ifh)};
+    const u8 mac[pmdb_fields::kMacLen] = {
+        0x02, 0x1a, 0, 0, static_cast<u8>(i.ifh >> 8), static_cast<u8>(i.ifh)};
     memcpy(in.mac_addr, mac, sizeof mac);
     platform_get_amba_mac(i.node, 0, in.node_mac, 0);
     return ev;

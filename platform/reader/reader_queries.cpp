@@ -77,8 +77,8 @@ bool punt_of_bundle_members(u32 key, const void *entry, const void *want) {
 bool punt_of_bundle_sub(u32 key, const void *entry, const void *want) {
     const pmdb_intf_info_t &info = punt_info_block(entry);
     const wanted &w = want_of(want);
-    return !is_member_punt_key(key) && load(info.sub_ifh) == w.handle && load(info.bundle_ifh) != 0 &&
-           node_matches(info, w.node);
+    return !is_member_punt_key(key) && load(info.sub_ifh) == w.handle &&
+           load(info.bundle_ifh) != 0 && node_matches(info, w.node);
 }
 
 /* IFH entry of an active member of the bundle, on the selected node. */

@@ -123,8 +123,9 @@ void apply_punt(pmdb_ifh_entry_t *e, u32 ifh, const pmdb_event_t *ev, bool creat
 /* Step 12: the summary, with the created bit.  Bits 0, 2, 6 and 7 of
  * sum_flags keep the caller's value (bit 2 is only ever set, by apply_punt). */
 void fill_summary(const pmdb_ifh_entry_t *e, bool created, dpa_pmdb_ifh_summary_t *s) {
-    using namespace pmdb_fields;
-    summarise_intf(&e->intf_info, kSummaryOamId | kSummaryBundle | kSummaryOamSlots, s);
+    constexpr u32 kFields =
+        pmdb_fields::kSummaryOamId | pmdb_fields::kSummaryBundle | pmdb_fields::kSummaryOamSlots;
+    pmdb_fields::summarise_intf(&e->intf_info, kFields, s);
     set_flag(&s->sum_flags, PMDB_SUM_CREATED, created);
 }
 

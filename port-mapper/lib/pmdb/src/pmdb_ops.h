@@ -32,7 +32,8 @@
  *        dnx_pmdb_bvi.cpp         BVI refresh and the AIB update callback
  *   4. whole-interface paths (add and remove all entries of an interface,
  *      the bundle member path): call only layer 3, never the cycle directly.
- *   5. event dispatcher (dpa_pmdb_oper): calls only layer 4 and 3.
+ *   5. event dispatcher (dpa_pmdb_oper): sends each event to a layer-4 path
+ *      or a layer-3 operation; like layer 4, it never runs the cycle itself.
  *
  * Every operation that changes an entry runs one entry change cycle: write
  * access to the table store is held from its open to its release and the
