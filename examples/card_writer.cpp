@@ -39,9 +39,9 @@
 #include "halvo.h"
 #include "platform_id.h"
 #include "pmdb.h"
+#include "pmdb_fields.h"
 #include "pmdb_ops.h"
 #include "pmdb_reader.h"
-#include "pmdb_writer.h"
 #include "tabra.h"
 
 namespace {
@@ -173,7 +173,8 @@ pmdb_event_t IntfEvent(u8 type, const Intf &i) {
     in.intf_type = i.intf_type;
     // Locally administered interface MAC from the handle; the node's MAC as
     // the platform reports it for unit 0.
-    const u8 mac[6] = {0x02, 0x1a, 0, 0, static_cast<u8>(i.ifh >> 8), static_cast<u8>(i.ifh)};
+    const u8 mac[pmdb_fields::kMacLen] = {
+        0x02, 0x1a, 0, 0, static_cast<u8>(i.ifh >> 8), static_cast<u8>(i.ifh)};
     memcpy(in.mac_addr, mac, sizeof mac);
     platform_get_amba_mac(i.node, 0, in.node_mac, 0);
     return ev;
@@ -226,11 +227,10 @@ PortKeys AddPort(const Intf &p) {
     // egress bit (the same key here, so a refresh); not for BVIs or
     // node-local interfaces.
     if (p.intf_type != PMDB_INTF_TYPE_BVI && p.intf_type != PMDB_INTF_TYPE_NODE_LOCAL)
-        AddPunt(k.extension & ~(0xFFFFu | PMDB_PUNT_KEY_EGRESS), ev, &punt, "plain extension");
+        AddPunt(pmdb_fields::plain_extension_key(k.extension), ev, &punt, "plain extension");
     // The egress LIF key, with the slot in bits 16..21 unless this node is a
     // route processor with a data path.
-    k.egress_lif = (s.egress_lif & 0xFFFFu) | PMDB_PUNT_KEY_EGRESS;
-    if (platform_am_i_rp_plus_datapath() == 0) k.egress_lif |= (s.slot_id & 63u) << 16;
+    k.egress_lif = dpa_pmdb_punt_key(1, s.egress_lif, 0, 0, s.slot_id);
     AddPunt(k.egress_lif, ev, nullptr, "egress LIF");
     if (halvo_config_get_need_egress_punt_pm_entry() != 0 && s.ingress_lif != 0)
         AddPunt(s.ingress_lif, ev, nullptr, "egress punt");

@@ -96,6 +96,7 @@
 #include <new>
 
 #include "kemt.h"
+#include "pmdb_fields.h"
 #include "reader_internal.h"
 #include "host/pm_fault.h"
 #include "tabra.h"
@@ -105,19 +106,12 @@
 namespace pmdb_reader {
 namespace {
 
-constexpr const char *kTableName[PMDB_NUM_TYPES] = {PMDB_IFH_TABLE_NAME, PMDB_PUNT_TABLE_NAME,
-                                                    PMDB_OAM_TABLE_NAME};
-constexpr const char *kRegionName[PMDB_NUM_TYPES] = {PMDB_IFH_SHM_NAME, PMDB_PUNT_SHM_NAME,
-                                                     PMDB_OAM_SHM_NAME};
-constexpr u32 kEntrySize[PMDB_NUM_TYPES] = {PMDB_IFH_ENTRY_SIZE, PMDB_PUNT_ENTRY_SIZE,
-                                            PMDB_OAM_ENTRY_SIZE};
+using pmdb_fields::kEntrySize;
+using pmdb_fields::kRegionName;
+using pmdb_fields::kTableName;
+
 constexpr long kRetryPauseNs = 2000;
 constexpr u64 kAtRestWaitNs = 200000;
-
-/* The tables' key hash, the same rule the writers register when they open a
- * table (the low 16 bits of the key); the table store needs it for lookups
- * through an attached handle. */
-u32 key_hash(u32 key) { return key & 0xFFFFu; }
 
 std::atomic<tabra_hdl_t> g_table[PMDB_NUM_TYPES];
 std::atomic<dnx_pmdb_shrd_ctx_t *> g_region[PMDB_NUM_TYPES];
@@ -339,7 +333,7 @@ cerrno attach(pmdb_type_t type) {
     pthread_mutex_lock(&g_attach_lock);
     if (g_table[type].load(std::memory_order_relaxed) == nullptr) {
         tabra_hdl_t table = nullptr;
-        rc = tabra_attach_hashed(kTableName[type], key_hash, &table);
+        rc = tabra_attach_hashed(kTableName[type], pmdb_fields::key_hash, &table);
         if (rc == PMDB_OK) g_table[type].store(table, std::memory_order_release);
         if (rc == TABRA_E_NOTFOUND) rc = PMDB_ENOTFOUND;
     }

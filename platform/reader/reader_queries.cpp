@@ -15,6 +15,7 @@
  */
 #include <string.h>
 
+#include "pmdb_fields.h"
 #include "reader_internal.h"
 
 namespace {
@@ -34,7 +35,7 @@ u32 owner_of(const pmdb_intf_info_t &info) {
     return ifh != 0 ? ifh : load(info.bundle_ifh);
 }
 
-bool is_member_key(u32 key) { return (key & PMDB_PUNT_KEY_MEMBER) != 0; }
+using pmdb_fields::is_member_punt_key;
 
 bool node_matches(const pmdb_intf_info_t &info, u32 node) {
     return node == PMDB_READER_ALL_NODES || load(info.node_id) == node;
@@ -58,7 +59,7 @@ const wanted &want_of(const void *want) { return *static_cast<const wanted *>(wa
 
 /* PUNT entry made for the interface itself. */
 bool punt_of_interface(u32 key, const void *entry, const void *want) {
-    return !is_member_key(key) && owner_of(punt_info_block(entry)) == want_of(want).handle;
+    return !is_member_punt_key(key) && owner_of(punt_info_block(entry)) == want_of(want).handle;
 }
 
 /* PUNT entry of a bundle's member: a bundle-member key of the bundle, or a
@@ -67,7 +68,7 @@ bool punt_of_bundle_members(u32 key, const void *entry, const void *want) {
     const pmdb_intf_info_t &info = punt_info_block(entry);
     const u32 bundle = want_of(want).handle;
     if (load(info.bundle_ifh) != bundle) return false;
-    if (is_member_key(key)) return true;
+    if (is_member_punt_key(key)) return true;
     const u32 ifh = load(info.ifh);
     return load(info.sub_ifh) == 0 && ifh != 0 && ifh != bundle;
 }
@@ -76,8 +77,8 @@ bool punt_of_bundle_members(u32 key, const void *entry, const void *want) {
 bool punt_of_bundle_sub(u32 key, const void *entry, const void *want) {
     const pmdb_intf_info_t &info = punt_info_block(entry);
     const wanted &w = want_of(want);
-    return !is_member_key(key) && load(info.sub_ifh) == w.handle && load(info.bundle_ifh) != 0 &&
-           node_matches(info, w.node);
+    return !is_member_punt_key(key) && load(info.sub_ifh) == w.handle &&
+           load(info.bundle_ifh) != 0 && node_matches(info, w.node);
 }
 
 /* IFH entry of an active member of the bundle, on the selected node. */

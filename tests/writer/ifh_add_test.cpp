@@ -13,7 +13,7 @@
 #include "pmdb.h"
 #include "pmdb_internal.h"
 #include "pmdb_reader.h"
-#include "pmdb_writer.h"
+#include "pmdb_ops.h"
 #include "tabra.h"
 #include "writer_support.h"
 

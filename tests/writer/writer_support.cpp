@@ -7,7 +7,7 @@
 #include "host/settings.h"
 #include "pmdb_reader.h"
 #include "pmdb_db_test.h"
-#include "pmdb_writer.h"
+#include "pmdb_ops.h"
 
 namespace writer_test {
 

@@ -21,6 +21,7 @@
 
 #include "command.h"
 #include "format.h"
+#include "pmdb_fields.h"
 #include "pmdb_reader.h"
 
 namespace pmdbctl {
@@ -69,9 +70,9 @@ json IntfJson(const pmdb_intf_info_t &i) {
                 {"sys_port", Hex(i.sys_port, 4)},
                 {"intf_data_44", Hex(i.intf_data_44, 4)},
                 {"member_port", Hex(i.member_port, 4)},
-                {"port_lo", i.member_port & 0x3FFu},
-                {"port_hi", i.member_port >> 10},
-                {"member_port_shift", i.member_port_shift & 3u},
+                {"port_lo", pmdb_fields::port_lo_of(i.member_port)},
+                {"port_hi", pmdb_fields::port_hi_of(i.member_port)},
+                {"member_port_shift", i.member_port_shift & pmdb_fields::kMemberShiftMask},
                 {"node_id", i.node_id},
                 {"intf_data_64", Hex(i.intf_data_64)},
                 {"mac_addr", Mac(i.mac_addr)},

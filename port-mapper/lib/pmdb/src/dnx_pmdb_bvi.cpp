@@ -33,9 +33,10 @@
 
 #include "pmdb.h"
 #include "pmdb_cycle.h"
+#include "pmdb_fields.h"
+#include "pmdb_ops.h"
 #include "pmdb_reader.h"
 #include "pmdb_trace.h"
-#include "pmdb_writer.h"
 
 namespace {
 
@@ -47,15 +48,10 @@ dpa_pmdb_aib_update_cb_t pmdb_aib_update_cb = nullptr;
 constexpr int kFilterNext = static_cast<int>(PMDB_EINVAL);
 constexpr int kFilterFull = static_cast<int>(PMDB_EFULL);
 
-constexpr size_t kMacLen = 6;
-
 /* Rehomes one locked BVI entry to the head of the inventory list.  With an
  * empty list nothing changes and *status keeps its value. */
 void bvi_rehome(pmdb_ifh_entry_t *e, u32 ifh, u32 *status) {
-    const pm_port_inv_entry_t *head = pm_port_inv_entry_get();
-    if (head == nullptr) return;
-    e->intf_info.node_id = head->node_id;
-    memcpy(e->intf_info.node_mac, head->mac, kMacLen);
+    if (pm_port_inv_take_head_node(&e->intf_info) == 0) return;
     PMDB_TRACE_D(102, ifh, e->intf_info.egress_lif, e->intf_info.ingress_lif);
     *status = PMDB_OK;
 }

@@ -53,6 +53,7 @@
 
 #include "halvo.h"
 #include "pmdb.h"
+#include "pmdb_fields.h"
 #include "pmdb_internal.h"
 #include "pmdb_trace.h"
 #include "tabra.h"
@@ -62,7 +63,7 @@ extern "C" {
 
 PMDB_EXPORT dnxpm_dbg_desc_t dnxpm_dbg_pmdb_types;
 
-u32 dpa_pmdb_key_hash(u32 key) { return key & 0xFFFFu; }
+u32 dpa_pmdb_key_hash(u32 key) { return pmdb_fields::key_hash(key); }
 
 #define PMDB_CFG_ROW(shm, table, entry)                                                     \
     {                                                                                     \

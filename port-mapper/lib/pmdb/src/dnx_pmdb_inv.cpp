@@ -35,8 +35,9 @@
 
 #include "pmdb.h"
 #include "pmdb_cycle.h"
+#include "pmdb_fields.h"
+#include "pmdb_ops.h"
 #include "pmdb_trace.h"
-#include "pmdb_writer.h"
 #include "platform_id.h"
 
 namespace {
@@ -44,7 +45,7 @@ namespace {
 /* Head of the inventory list; null while empty. */
 pm_port_inv_entry_t *pm_port_inv_list = nullptr;
 
-constexpr size_t kMacLen = 6;
+using pmdb_fields::kMacLen;
 
 pm_port_inv_entry_t *inv_find(u32 node_id) {
     pm_port_inv_entry_t *e = pm_port_inv_list;
@@ -155,6 +156,14 @@ cerrno inv_node_remove(dnx_pmdb_glbls_t *g, u32 node_id) {
 extern "C" {
 
 PMDB_EXPORT pm_port_inv_entry_t *pm_port_inv_entry_get(void) { return pm_port_inv_list; }
+
+i32 pm_port_inv_take_head_node(pmdb_intf_info_t *in) {
+    const pm_port_inv_entry_t *head = pm_port_inv_list;
+    if (head == nullptr) return 0;
+    in->node_id = head->node_id;
+    memcpy(in->node_mac, head->mac, kMacLen);
+    return 1;
+}
 
 PMDB_EXPORT pm_port_inv_entry_t *pm_port_inv_entry_add(u32 node_id, i32 node_index, u8 npu_index,
                                                        u8 high_scale) {

@@ -19,6 +19,7 @@
 
 #include "pmdb.h"
 #include "pmdb_cycle.h"
+#include "pmdb_fields.h"
 #include "pmdb_ops.h"
 #include "pmdb_trace.h"
 
@@ -35,11 +36,11 @@ u32 event_oam_ifh(const pmdb_intf_info_t *in) {
  * (and wins over an interface body); an interface body sets only the
  * handle and its data word; anything else leaves the block as it is. */
 void apply_event(pmdb_oam_entry_t *e, const pmdb_event_t *ev) {
-    if ((ev->valid_flags & PMDB_VF_OAM) != 0) {
+    if (pmdb_fields::has_flag(ev, PMDB_VF_OAM)) {
         memcpy(&e->oam_info, &ev->oam.oam_info, sizeof e->oam_info);
         return;
     }
-    if ((ev->valid_flags & PMDB_VF_INTF) == 0) return;
+    if (!pmdb_fields::has_flag(ev, PMDB_VF_INTF)) return;
     e->oam_info.oam_ifh = event_oam_ifh(&ev->intf_info);
     e->oam_info.oam_intf_data = ev->intf_info.oam_data_36;
 }

@@ -1,25 +1,47 @@
 /*
- * pmdb_ops.h - single-entry operations that the library's own paths call
- * but that libpmdb.so does not export: the punt key rule, one PUNT entry
- * added or removed, one IFH entry removed or summarised, the bundle member
- * accounting of the out-of-resource counters, and the out-of-resource
- * callback pointer.  The exported single-entry operations (node list,
- * member and bundle updates, OAM entries, out-of-resource state) are
- * declared in pmdb.h.
+ * pmdb_ops.h - the library's single-entry operations that libpmdb.so does
+ * not export (the exported ones are declared in pmdb.h), grouped by table
+ * and role.
  *
- * Owners:
- *   dnx_pmdb_intf.cpp  punt key rule, PUNT add/remove, IFH removal and
- *                      summary (and the summary of an entry that the IFH
- *                      add fills), node list, member and bundle updates
- *   dnx_pmdb_oam.cpp   OAM entries and the OAM event entry
- *   dnx_pmdb_oor.cpp   out-of-resource state, the callback pointer, the
- *                      bundle member accounting
+ * How src/ is layered; each layer includes only the layers below it:
  *
- * Every operation that changes an entry runs one entry change cycle
- * (pmdb_cycle.h): write access to the table store is held from its open to
- * its release and the entry is changed only under its slot lock.  Where two
- * IFH slot locks are held at once, the member's is taken before its
- * bundle's; nothing takes them the other way round.
+ *   1. frame and entry change cycle: dnx_pmdb_init (configuration, handles,
+ *      regions, open and write protection; pmdb_internal.h), dnx_pmdb_lock
+ *      (robust entry locks; pmdb_lock_view.h) and dnx_pmdb_cycle
+ *      (pmdb_cycle.h: open with write intent, find or add, slot lock,
+ *      change, unlock, release).  Trace writing: pmdb_trace.h.
+ *   2. field rules of the shared records: include/pmdb_fields.h (flags,
+ *      punt-word merge, summaries, punt and member key rules, key hash,
+ *      table names, MAC length).  Header-only and depending on nothing but
+ *      pmdb.h, so the reader library, the tools and the examples use the
+ *      same rules; the frame takes the key hash from it.
+ *   3. single-entry operations, one file per table or role, declared here
+ *      (or in pmdb.h when exported):
+ *        dnx_pmdb_ifh.cpp         IFH entry: add or refresh, sub-interface
+ *                                 count, removal, summary, node list
+ *        dnx_pmdb_punt.cpp        PUNT entry: add or refresh, removal, the
+ *                                 punt key rules' C names
+ *        dnx_pmdb_oam.cpp         OAM entry: add, removal, OAM event entry
+ *        dnx_pmdb_member.cpp      member and bundle updates of membership
+ *        dnx_pmdb_oor.cpp         out-of-resource state and callback
+ *        dnx_pmdb_counts.cpp,     bundle counters: recount and repair, and
+ *        dnx_pmdb_member_ops.cpp  the member operation log that lets the
+ *                                 next writer finish a dead one's change
+ *                                 (pmdb_member_ops.h)
+ *        dnx_pmdb_inv.cpp         node inventory and scale values
+ *        dnx_pmdb_bvi.cpp         BVI refresh and the AIB update callback
+ *   4. whole-interface paths (add and remove all entries of an interface,
+ *      the bundle member path): call only layer 3, never the cycle directly.
+ *   5. event dispatcher (dpa_pmdb_oper): sends each event to a layer-4 path
+ *      or a layer-3 operation; like layer 4, it never runs the cycle itself.
+ *
+ * Every operation that changes an entry runs one entry change cycle: write
+ * access to the table store is held from its open to its release and the
+ * entry is changed only under its slot lock.  Where two IFH slot locks are
+ * held at once, the member's is taken before its bundle's; nothing takes
+ * them the other way round.  The inventory list and the two callback
+ * pointers are process-local and unlocked: a process hands events to the
+ * library one at a time and sets the callbacks before the first event.
  */
 #ifndef PMDB_SRC_OPS_H
 #define PMDB_SRC_OPS_H
@@ -30,25 +52,20 @@
 extern "C" {
 #endif
 
-/* Out-of-resource levels of an entry's oor_state. */
-#define PMDB_OOR_NONE 0u
-#define PMDB_OOR_LEVEL1 1u
-#define PMDB_OOR_LEVEL2 2u
+/* ---- adding and refreshing entries -------------------------------------- */
 
-/* The punt key of an interface:
- *   bits 0..15  egress_key ? (egress_lif & 0xFFFF) : ingress_lif
- *   bits 16..29 sys_port & 0x3FFF when both LIF halves are 0, else 0
- *   bit 30      egress_key
- * With egress_key set, on a node that is not a route processor with data
- * path, a slot_id other than PMDB_NO_SLOT replaces bits 16..21 with
- * slot_id & 63.  Pass 0 for a LIF or sys_port not to be considered and
- * PMDB_NO_SLOT for no substitution.  Bit 31 is never set here. */
-u32 dpa_pmdb_punt_key(u32 egress_key, u32 egress_lif, u16 ingress_lif, u16 sys_port, u8 slot_id);
-
-/* The bundle-member punt key of a member summary: bit 31 set, bit 30 clear,
- * port field 0, extension ((port_hi << (8 + member_port_shift)) | port_lo)
- * & 0x3FFF.  The egress keying of the bundle plays no part. */
-u32 dpa_pmdb_bundle_member_punt_key(const dpa_pmdb_ifh_summary_t *summary);
+/* Creates or refreshes the IFH entry `ifh` from `event`.
+ *   slot      receives the entry's table slot
+ *   summary   receives the entry's summary (caller zero-fills; untouched and
+ *             may be null for MAC-only events, event type 22)
+ *   punt_out  receives the entry's punt block when it holds one
+ *   prev      optional; for an existing entry receives its previous keys
+ *   node      node number whose bit is set in node_mask (0 = none)
+ * Returns 0, PMDB_EINVAL for key 0, or the status of the open, table store,
+ * entry lock or release. */
+cerrno dpa_pmdb_add_ifh_entry(u32 ifh, const pmdb_event_t *event, i32 *slot,
+                              dpa_pmdb_ifh_summary_t *summary, pmdb_punt_info_t *punt_out,
+                              dpa_pmdb_ifh_summary_t *prev, u16 node);
 
 /* Creates or refreshes the PUNT entry `key` from `event` (its interface
  * block with valid_flags bit 0, its punt words with bit 1); `punt_info`, when
@@ -59,26 +76,12 @@ u32 dpa_pmdb_bundle_member_punt_key(const dpa_pmdb_ifh_summary_t *summary);
 cerrno dpa_pmdb_add_punt_entry(u32 key, const pmdb_event_t *event, i32 *slot,
                                const pmdb_punt_info_t *punt_info);
 
-/* Removes the PUNT entry `key`, waiting while any process holds its slot
- * lock.  Returns 0, PMDB_EINVAL for key 0, or the status of the open,
- * lookup, removal or release. */
-cerrno dpa_pmdb_remove_punt_entry(u32 key);
+/* (OAM entries: dpa_pmdb_add_oam_entry in pmdb.h.) */
 
-/* Extra summary fields for dpa_pmdb_summarise_intf. */
-#define PMDB_SUMMARY_OAM_ID 0x1u    /* oam_id as stored */
-#define PMDB_SUMMARY_BUNDLE 0x2u    /* bundle_ifh */
-#define PMDB_SUMMARY_OAM_SLOTS 0x4u /* each nonzero oam_slots[i] */
+/* Highest node number that has a bit in an IFH entry's 16-bit node_mask. */
+#define PMDB_NODE_MASK_MAX_NODE 15u
 
-/* Fills *s from an IFH entry's interface block.  Always: egress_lif,
- * sys_port, intf_data_44, lc_slot, slot_id, npu_index, ingress_lif,
- * port_lo (member_port bits 0..9), port_hi (bits 10..15), member_port_shift
- * & 3, parent_ifh, and the sum_flags bits egress_key, is_sub_intf and
- * is_bundle_sub_intf (its other bits keep their values).  `fields` adds
- * PMDB_SUMMARY_* fields; every other field keeps the caller's value. */
-void dpa_pmdb_summarise_intf(const pmdb_intf_info_t *in, u32 fields, dpa_pmdb_ifh_summary_t *s);
-
-/* Copies each nonzero one of 32 OAM slots; a zero slot leaves dst's. */
-void dpa_pmdb_copy_oam_slots(u32 *dst, const u32 *src);
+/* ---- removing entries and reading them back ----------------------------- */
 
 /* Removes the IFH entry `ifh` after telling the out-of-resource callback
  * (ifh, slot, 0, 1) and summarising the entry into *summary; waits while
@@ -87,10 +90,39 @@ void dpa_pmdb_copy_oam_slots(u32 *dst, const u32 *src);
  * and that update's status is returned. */
 cerrno dpa_pmdb_remove_ifh_entry(u32 ifh, dpa_pmdb_ifh_summary_t *summary, u32 event_id);
 
+/* Removes the PUNT entry `key`, waiting while any process holds its slot
+ * lock.  Returns 0, PMDB_EINVAL for key 0, or the status of the open,
+ * lookup, removal or release. */
+cerrno dpa_pmdb_remove_punt_entry(u32 key);
+
 /* Summarises the IFH entry `ifh` into *summary without changing it.
  * Returns 0, PMDB_EINVAL for 0 (no trace), or the open, lookup or release
  * status. */
 cerrno dpa_pmdb_get_ifh_summary(u32 ifh, dpa_pmdb_ifh_summary_t *summary);
+
+/* ---- punt key rules (pmdb_fields.h), by their C names ------------------- */
+
+/* The punt key of an interface (pmdb_fields::punt_key). */
+u32 dpa_pmdb_punt_key(u32 egress_key, u32 egress_lif, u16 ingress_lif, u16 sys_port, u8 slot_id);
+
+/* The bundle-member punt key of a member summary
+ * (pmdb_fields::bundle_member_punt_key). */
+u32 dpa_pmdb_bundle_member_punt_key(const dpa_pmdb_ifh_summary_t *summary);
+
+/* ---- counts kept in IFH entries ----------------------------------------- */
+
+/* Adds one to (increment != 0) or takes one from (never below 0) the
+ * sub-interface count of the existing entry `ifh`. */
+cerrno dpa_pmdb_update_sub_intf_count(u32 ifh, i32 increment, u32 event_id);
+
+/* (Node list, member and bundle updates: pmdb.h.) */
+
+/* ---- out-of-resource state ---------------------------------------------- */
+
+/* Out-of-resource levels of an entry's oor_state. */
+#define PMDB_OOR_NONE 0u
+#define PMDB_OOR_LEVEL1 1u
+#define PMDB_OOR_LEVEL2 2u
 
 /* Moves a member's out-of-resource level into (join != 0) or out of the
  * counters of the bundle its member_info names, derives the bundle's state
@@ -100,9 +132,6 @@ cerrno dpa_pmdb_get_ifh_summary(u32 ifh, dpa_pmdb_ifh_summary_t *summary);
  * holds the member entry's slot lock (member before bundle). */
 void dpa_pmdb_update_bundle_oor_members(dnx_db_hdl_t *hdl, pmdb_intf_info_t *member_info,
                                         i32 join);
-
-/* The registered out-of-resource callback, or null. */
-dpa_pmdb_oor_cb_t dpa_pmdb_oor_cb_get(void);
 
 /* A bundle's state derived from its counters: level 2 if any member is at
  * level 2, else level 1 if any is at level 1, else none. */
@@ -114,6 +143,26 @@ u32 dpa_pmdb_oor_derived_state(const pmdb_intf_info_t *bundle_info);
  * caller holds the bundle's slot lock. */
 void dpa_pmdb_oor_set_counters(pmdb_intf_info_t *bundle_info, u16 level_1, u16 level_2,
                                u32 *before, u32 *after);
+
+/* ---- inventory and BVI refresh ------------------------------------------ */
+
+/* Makes the node at the head of the inventory list (the newest) the host of
+ * an interface block: its node_id and node_mac.  Returns 1, or 0 with nothing
+ * changed while the list is empty.  The caller holds the entry's lock. */
+i32 pm_port_inv_take_head_node(pmdb_intf_info_t *in);
+
+/* Moves every BVI entry that names the node of `leaving` (already unlinked
+ * from the inventory list) to the node now at the list's head, then tells the
+ * AIB update callback.  Only leaving->node_id is read. */
+void dpa_bvi_upd_node_entries(const pm_port_inv_entry_t *leaving);
+
+/* ---- the process's callbacks -------------------------------------------- */
+
+/* The registered out-of-resource callback, or null. */
+dpa_pmdb_oor_cb_t dpa_pmdb_oor_cb_get(void);
+
+/* The registered AIB update callback, or null. */
+dpa_pmdb_aib_update_cb_t dpa_pmdb_aib_update_cb_get(void);
 
 #ifdef __cplusplus
 }

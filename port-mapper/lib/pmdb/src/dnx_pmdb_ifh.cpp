@@ -1,6 +1,7 @@
 /*
- * dnx_pmdb_ifh_add.cpp - adding or refreshing one IFH entry, and the
- * sub-interface count of an entry (interface entries subsystem, add family).
+ * dnx_pmdb_ifh.cpp - one IFH entry: adding or refreshing it, its
+ * sub-interface count, its removal and its summary, and the node list of a
+ * bundle sub-interface.  (Bundle membership: dnx_pmdb_member.cpp.)
  *
  * dpa_pmdb_add_ifh_entry is the one writer of an IFH entry's interface
  * block, punt block and key: it creates the entry of an interface or
@@ -22,20 +23,33 @@
  *    access dropped, on the caller's thread.
  *  - summary, prev and punt_out are caller memory, written under the lock
  *    but needing none.
+ *  - Removal takes no slot lock: it retires it, waiting while any process
+ *    holds it, and then removes the entry.  The summary that it reports is
+ *    read just before, without the lock (the caller of a removal is the only
+ *    one that may still change the entry's keys).  The out-of-resource
+ *    callback is called by the removal with write access held and no slot
+ *    lock, before anything changes.  An active member's removal and the
+ *    bundle count that follows it run inside a member operation scope
+ *    (pmdb_member_ops.h).
  */
 #include <cstring>
 #include <ctime>
 
 #include "pmdb.h"
 #include "pmdb_cycle.h"
+#include "pmdb_fields.h"
+#include "pmdb_member_ops.h"
 #include "pmdb_ops.h"
 #include "pmdb_trace.h"
-#include "pmdb_writer.h"
 
 namespace {
 
-constexpr size_t kMacLen = 6;
-constexpr u32 kNumPuntWords = 5;
+using pmdb_fields::has_flag;
+using pmdb_fields::kMacLen;
+using pmdb_fields::set_flag;
+
+constexpr u32 kNodeLowMask = 0xFFFFu;
+constexpr u32 kNodeBits = 32;
 
 /* What one add learned under the lock and reports after the release. */
 struct add_result {
@@ -46,15 +60,6 @@ struct add_result {
     u32 bundle_ifh;
 };
 
-bool has_flag(const pmdb_event_t *ev, u32 flag) { return (ev->valid_flags & flag) != 0; }
-
-void set_bit(u8 *flags, u8 bit, bool on) {
-    if (on)
-        *flags = static_cast<u8>(*flags | bit);
-    else
-        *flags = static_cast<u8>(*flags & ~bit);
-}
-
 /* Node numbers beyond the 16-bit mask record no node. */
 u16 node_bit(u16 node) {
     if (node == 0 || node > PMDB_NODE_MASK_MAX_NODE) return 0;
@@ -64,12 +69,12 @@ u16 node_bit(u16 node) {
 /* The entry's previous keys, before this event changes them. */
 void fill_prev(const pmdb_ifh_entry_t *e, dpa_pmdb_ifh_summary_t *prev) {
     const pmdb_intf_info_t *in = &e->intf_info;
-    set_bit(&prev->sum_flags, PMDB_SUM_EGRESS_KEY, (in->intf_flags & PMDB_INTF_EGRESS_KEY) != 0);
+    set_flag(&prev->sum_flags, PMDB_SUM_EGRESS_KEY, (in->intf_flags & PMDB_INTF_EGRESS_KEY) != 0);
     prev->egress_lif = in->egress_lif;
     prev->ingress_lif = in->ingress_lif;
     prev->slot_id = in->slot_id;
     prev->sys_port = in->sys_port;
-    dpa_pmdb_copy_oam_slots(prev->oam_slots, in->oam_slots);
+    pmdb_fields::copy_oam_slots(prev->oam_slots, in->oam_slots);
 }
 
 /* Step 7: a new entry starts from zeros; both kinds record the node. */
@@ -89,14 +94,6 @@ void register_node(const pmdb_intf_info_t *in, dnx_db_hdl_t *hdl) {
     (void)dpa_pmdb_update_glbls_inv_node_info(in->node_id, in->node_mac, 1, hdl);
 }
 
-/* Event type 3: a refreshed port is hosted by the newest inventory node. */
-void take_inventory_node(pmdb_intf_info_t *in) {
-    const pm_port_inv_entry_t *head = pm_port_inv_entry_get();
-    if (head == nullptr) return;
-    in->node_id = head->node_id;
-    memcpy(in->node_mac, head->mac, kMacLen);
-}
-
 /* Step 10: the interface block. */
 void apply_intf(pmdb_ifh_entry_t *e, const pmdb_event_t *ev, dnx_db_hdl_t *hdl,
                 pmdb_punt_info_t *punt_out, add_result *res) {
@@ -110,26 +107,26 @@ void apply_intf(pmdb_ifh_entry_t *e, const pmdb_event_t *ev, dnx_db_hdl_t *hdl,
     if (e->punt_info.punt_data[0] != 0) memcpy(punt_out, &e->punt_info, sizeof(*punt_out));
     if (ev->event_type == PMDB_EV_INTF_ADD && src->intf_type != PMDB_INTF_TYPE_NODE_LOCAL)
         register_node(&e->intf_info, hdl);
-    if (ev->event_type == PMDB_EV_INTF_REFRESH) take_inventory_node(&e->intf_info);
+    /* Event type 3: a refreshed port is hosted by the newest inventory node. */
+    if (ev->event_type == PMDB_EV_INTF_REFRESH) (void)pm_port_inv_take_head_node(&e->intf_info);
 }
 
 /* Step 11: the punt block; zero punt words leave the stored ones. */
 void apply_punt(pmdb_ifh_entry_t *e, u32 ifh, const pmdb_event_t *ev, bool created,
                 dpa_pmdb_ifh_summary_t *summary) {
     const pmdb_punt_info_t *src = &ev->punt_info;
-    e->punt_info.ifh = src->ifh;
     PMDB_TRACE_D(149, src->ifh, ifh, src->punt_data[0]);
-    for (u32 i = 0; i < kNumPuntWords; i++)
-        if (src->punt_data[i] != 0) e->punt_info.punt_data[i] = src->punt_data[i];
+    pmdb_fields::merge_punt_words(&e->punt_info, src);
     if (created) summary->sum_flags = static_cast<u8>(summary->sum_flags | PMDB_SUM_PUNT_ONLY_CREATED);
 }
 
 /* Step 12: the summary, with the created bit.  Bits 0, 2, 6 and 7 of
  * sum_flags keep the caller's value (bit 2 is only ever set, by apply_punt). */
 void fill_summary(const pmdb_ifh_entry_t *e, bool created, dpa_pmdb_ifh_summary_t *s) {
-    dpa_pmdb_summarise_intf(&e->intf_info,
-                            PMDB_SUMMARY_OAM_ID | PMDB_SUMMARY_BUNDLE | PMDB_SUMMARY_OAM_SLOTS, s);
-    set_bit(&s->sum_flags, PMDB_SUM_CREATED, created);
+    constexpr u32 kFields =
+        pmdb_fields::kSummaryOamId | pmdb_fields::kSummaryBundle | pmdb_fields::kSummaryOamSlots;
+    pmdb_fields::summarise_intf(&e->intf_info, kFields, s);
+    set_flag(&s->sum_flags, PMDB_SUM_CREATED, created);
 }
 
 /* Steps 9 to 12 on the locked entry of a full (not MAC-only) event. */
@@ -162,6 +159,37 @@ void notify_aib(u32 ifh, const pmdb_event_t *ev, const add_result *res) {
     u32 handle = ifh;
     u32 status = PMDB_OK;
     cb(&handle, &status, 1);
+}
+
+/* ---- removal and summary ----------------------------------------------- */
+
+/* Removal's summary: the keys, the nonzero OAM slots and the membership.
+ * Returns whether the entry was an active bundle member. */
+bool summarise_for_removal(const pmdb_ifh_entry_t *e, dpa_pmdb_ifh_summary_t *s) {
+    pmdb_fields::summarise_intf(&e->intf_info, pmdb_fields::kSummaryOamSlots, s);
+    if ((e->ifh_flags & PMDB_IFH_MEMBER_ACTIVE) == 0) return false;
+    s->sum_flags = static_cast<u8>(s->sum_flags | PMDB_SUM_IS_MEMBER);
+    s->bundle_ifh = e->intf_info.bundle_ifh;
+    return true;
+}
+
+/* Read summary: the keys, the bundle and the OAM identifier, which falls
+ * back to the first nonzero OAM slot (traced, with its index). */
+void summarise_for_read(u32 ifh, const pmdb_intf_info_t *in, dpa_pmdb_ifh_summary_t *s) {
+    pmdb_fields::summarise_intf(in, pmdb_fields::kSummaryOamId | pmdb_fields::kSummaryBundle, s);
+    if (s->oam_id != 0) return;
+    for (u32 i = 0; i < pmdb_fields::kOamSlots; i++) {
+        if (in->oam_slots[i] == 0) continue;
+        s->oam_id = in->oam_slots[i];
+        PMDB_TRACE_E(265, ifh, i, s->oam_id);
+        return;
+    }
+}
+
+/* Trace 166: what the removed entry was, from its summary. */
+void trace_ifh_removed(u32 ifh, const dpa_pmdb_ifh_summary_t *s) {
+    PMDB_TRACE_D(166, ifh, s->egress_lif, s->ingress_lif, s->sys_port, s->port_lo, s->port_hi,
+                 s->bundle_ifh);
 }
 
 }  // namespace
@@ -223,6 +251,68 @@ cerrno dpa_pmdb_update_sub_intf_count(u32 ifh, i32 increment, u32 event_id) {
         pmdb_stamp(&e->event_id, &e->last_update, event_id);
     }
     PMDB_TRACE_V(132, ifh, e->intf_info.egress_lif, e->intf_info.ingress_lif);
+    return pmdb_cycle_release(&cyc, PMDB_OK);
+}
+
+/* ---- one IFH entry: removal and summary ------------------------------------ */
+
+cerrno dpa_pmdb_remove_ifh_entry(u32 ifh, dpa_pmdb_ifh_summary_t *summary, u32 event_id) {
+    static const pmdb_cycle_traces_t kTraces = {
+        .zero_key = 161, .open_failed = 162, .lookup_failed = 163};
+    pmdb_member_op_scope op;
+    pmdb_cycle_t cyc;
+    cerrno rc = pmdb_cycle_begin(&cyc, PMDB_TYPE_IFH, ifh, PMDB_CYCLE_FIND, &kTraces);
+    if (rc != PMDB_OK) return rc;
+    PMDB_TRACE_V(164, ifh);
+    const dpa_pmdb_oor_cb_t cb = dpa_pmdb_oor_cb_get();
+    if (cb != nullptr) cb(ifh, static_cast<u32>(cyc.slot), PMDB_OOR_NONE, 1);
+    const bool member =
+        summarise_for_removal(static_cast<const pmdb_ifh_entry_t *>(cyc.entry), summary);
+    const u32 bundle_ifh = summary->bundle_ifh;
+    if (member) op.name(bundle_ifh, 0, ifh);
+    rc = pmdb_cycle_remove_found(&cyc);
+    if (rc != PMDB_OK) PMDB_TRACE_E(165, ifh, rc);
+    trace_ifh_removed(ifh, summary);
+    rc = pmdb_cycle_release(&cyc, rc);
+    /* Without write access dropped cleanly the bundle is left alone. */
+    if (cyc.failed_step == PMDB_STEP_RELEASE || !member) return rc;
+    pmdb_crash_point(PMDB_CRASH_MEMBER_REMOVED);
+    return dpa_pmdb_update_bundle_ifh_entry(bundle_ifh, 0, 0, summary, nullptr, event_id);
+}
+
+cerrno dpa_pmdb_get_ifh_summary(u32 ifh, dpa_pmdb_ifh_summary_t *summary) {
+    static const pmdb_cycle_traces_t kTraces = {.open_failed = 263, .lookup_failed = 264};
+    if (ifh == 0) return PMDB_EINVAL; /* refused without a trace */
+    pmdb_cycle_t cyc;
+    const cerrno rc = pmdb_cycle_begin(&cyc, PMDB_TYPE_IFH, ifh, PMDB_CYCLE_FIND, &kTraces);
+    if (rc != PMDB_OK) return rc;
+    summarise_for_read(ifh, &static_cast<const pmdb_ifh_entry_t *>(cyc.entry)->intf_info,
+                       summary);
+    return pmdb_cycle_release(&cyc, PMDB_OK);
+}
+
+/* ---- node list of a bundle sub-interface ----------------------------------- */
+
+cerrno dpa_pmdb_update_ifh_entry_nodelist(u32 ifh, i32 add, u32 event_id, u32 node,
+                                          u16 *mask_out) {
+    static const pmdb_cycle_traces_t kTraces = {
+        .open_failed = 125, .lookup_failed = 126, .lock_failed = 128};
+    if (ifh == 0 || (node & kNodeLowMask) == 0) return PMDB_OK;
+    pmdb_cycle_t cyc;
+    const cerrno rc = pmdb_cycle_begin(&cyc, PMDB_TYPE_IFH, ifh, PMDB_CYCLE_LOCK, &kTraces);
+    if (rc != PMDB_OK) return rc;
+    auto *e = static_cast<pmdb_ifh_entry_t *>(cyc.entry);
+    const pmdb_intf_info_t *in = &e->intf_info;
+    if (in->sub_ifh != 0 && in->bundle_ifh != 0) {
+        /* Nodes 16..31 have no bit in the 16-bit mask: the entry is still
+         * stamped and the unchanged mask reported. */
+        const u32 bit = 1u << (node % kNodeBits);
+        const u32 mask = add != 0 ? (e->node_mask | bit) : (e->node_mask & ~bit);
+        e->node_mask = static_cast<u16>(mask);
+        pmdb_stamp(&e->event_id, &e->last_update, event_id);
+        if (mask_out != nullptr) *mask_out = e->node_mask;
+        PMDB_TRACE_V(127, ifh, in->egress_lif, in->ingress_lif, in->bundle_ifh, e->node_mask);
+    }
     return pmdb_cycle_release(&cyc, PMDB_OK);
 }
 

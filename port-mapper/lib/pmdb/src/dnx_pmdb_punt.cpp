@@ -1,0 +1,107 @@
+/*
+ * dnx_pmdb_punt.cpp - one PUNT entry: adding or refreshing it from an
+ * event, removing it by key, and the C names of the punt key rules
+ * (pmdb_fields.h holds the rules themselves).
+ *
+ * Concurrency contract:
+ *  - Every field change is made inside one entry change cycle
+ *    (pmdb_cycle.h): write access to the table store from open to release,
+ *    the entry touched only while its slot lock is held.  A new entry is
+ *    zero-filled under that lock, never before.
+ *  - The removal takes no slot lock: it retires it, waiting while any
+ *    process holds it, and then removes the entry.
+ */
+#include <cstring>
+
+#include "pmdb.h"
+#include "pmdb_cycle.h"
+#include "pmdb_fields.h"
+#include "pmdb_ops.h"
+#include "pmdb_trace.h"
+
+namespace {
+
+using pmdb_fields::has_flag;
+
+void trace_punt_before_remove(void *ctx, const pmdb_cycle_t *cyc) {
+    const auto *e = static_cast<const pmdb_punt_entry_t *>(cyc->entry);
+    PMDB_TRACE_D(175, *static_cast<const u32 *>(ctx), e->intf_info.ifh, e->intf_info.sub_ifh,
+                 e->intf_info.bundle_ifh);
+}
+
+/* The PUNT add's change of the locked entry: a new entry starts from
+ * zeros; every add stamps it; then each flagged reading of the event. */
+void write_punt_entry(pmdb_punt_entry_t *e, bool created, u32 key, const pmdb_event_t *ev,
+                      const pmdb_punt_info_t *punt_info) {
+    if (created) memset(e, 0, sizeof *e);
+    e->key = key;
+    pmdb_stamp(&e->event_id, &e->last_update, ev->event_id);
+    if (has_flag(ev, PMDB_VF_INTF)) {
+        memcpy(&e->intf_info, &ev->intf_info, sizeof e->intf_info);
+        if (punt_info != nullptr && punt_info->punt_data[0] != 0)
+            memcpy(&e->punt_info, punt_info, sizeof e->punt_info);
+    }
+    if (has_flag(ev, PMDB_VF_PUNT)) {
+        PMDB_TRACE_D(140, ev->punt_info.ifh, key, ev->punt_info.punt_data[0]);
+        pmdb_fields::merge_punt_words(&e->punt_info, &ev->punt_info);
+    }
+}
+
+}  // namespace
+
+extern "C" {
+
+/* ---- punt key rules ------------------------------------------------------- */
+
+u32 dpa_pmdb_punt_key(u32 egress_key, u32 egress_lif, u16 ingress_lif, u16 sys_port,
+                      u8 slot_id) {
+    return pmdb_fields::punt_key(egress_key, egress_lif, ingress_lif, sys_port, slot_id);
+}
+
+u32 dpa_pmdb_bundle_member_punt_key(const dpa_pmdb_ifh_summary_t *summary) {
+    return pmdb_fields::bundle_member_punt_key(summary);
+}
+
+/* ---- one PUNT entry -------------------------------------------------------- */
+
+cerrno dpa_pmdb_add_punt_entry(u32 key, const pmdb_event_t *event, i32 *slot,
+                               const pmdb_punt_info_t *punt_info) {
+    if (key == 0) {
+        PMDB_TRACE_E(134);
+        return PMDB_EINVAL;
+    }
+    if (event == nullptr) {
+        PMDB_TRACE_E(135, key, 0);
+        return PMDB_OK;
+    }
+    /* The lock failure's point also names the slot: that step is ours. */
+    static const pmdb_cycle_traces_t kTraces = {
+        .open_failed = 136, .add_failed = 137, .refreshed = 138, .lookup_failed = 139};
+    pmdb_cycle_t cyc;
+    cerrno rc = pmdb_cycle_begin(&cyc, PMDB_TYPE_PUNT, key, PMDB_CYCLE_CREATE, &kTraces);
+    if (cyc.hdl == nullptr) return rc; /* the open failed */
+    *slot = cyc.slot;
+    if (rc != PMDB_OK) return rc;
+    rc = pmdb_cycle_lock(&cyc);
+    if (rc != PMDB_OK) {
+        PMDB_TRACE_E(141, key, cyc.slot, rc);
+        return pmdb_cycle_release(&cyc, rc);
+    }
+    write_punt_entry(static_cast<pmdb_punt_entry_t *>(cyc.entry), cyc.created, key, event,
+                     punt_info);
+    return pmdb_cycle_release(&cyc, PMDB_OK);
+}
+
+cerrno dpa_pmdb_remove_punt_entry(u32 key) {
+    static const pmdb_cycle_traces_t kTraces = {
+        .zero_key = 172, .open_failed = 173, .lookup_failed = 174};
+    pmdb_cycle_t cyc;
+    cerrno rc = pmdb_cycle_begin(&cyc, PMDB_TYPE_PUNT, key, PMDB_CYCLE_FIND, &kTraces);
+    if (rc != PMDB_OK) return rc;
+    rc = pmdb_cycle_remove_found(&cyc, trace_punt_before_remove, &key);
+    if (rc != PMDB_OK) PMDB_TRACE_E(176, key, rc);
+    PMDB_TRACE_D(177, key);
+    return pmdb_cycle_release(&cyc, rc);
+}
+
+}  // extern "C"
