@@ -266,6 +266,33 @@ i32 writer_holder(pthread_mutex_t *mu) {
     return static_cast<i32>(word & 0x3fffffffu);
 }
 
+/* A bounded wait for the writer lock, in slices of at most kWaitSliceNs:
+ * a signal handler of the caller then runs within a slice even where
+ * signals are held back until the next intercepted call (a thread
+ * sanitizer does that, and does not intercept the timed lock). */
+constexpr long kWaitSliceNs = 50000000;
+
+bool before(const timespec &a, const timespec &b) {
+    return a.tv_sec < b.tv_sec || (a.tv_sec == b.tv_sec && a.tv_nsec < b.tv_nsec);
+}
+
+int lock_within(pthread_mutex_t *mu, const timespec *deadline) {
+    for (;;) {
+        timespec slice{};
+        clock_gettime(CLOCK_MONOTONIC, &slice);
+        if (!before(slice, *deadline)) return ETIMEDOUT;
+        slice.tv_nsec += kWaitSliceNs;
+        if (slice.tv_nsec >= 1000000000L) {
+            slice.tv_sec++;
+            slice.tv_nsec -= 1000000000L;
+        }
+        if (before(*deadline, slice)) slice = *deadline;
+        int r = pthread_mutex_clocklock(mu, CLOCK_MONOTONIC, &slice);
+        if (r == ETIMEDOUT) r = pthread_mutex_trylock(mu);
+        if (r != EBUSY) return r;
+    }
+}
+
 }  // namespace
 
 cerrno lock_writer_until(tabra_table *t, const timespec *deadline, i32 *holder) {
@@ -273,8 +300,7 @@ cerrno lock_writer_until(tabra_table *t, const timespec *deadline, i32 *holder) 
     int r = pthread_mutex_trylock(mu);
     if (r == EBUSY) {
         const u64 t0 = mono_ns();
-        r = deadline == nullptr ? pthread_mutex_lock(mu)
-                                : pthread_mutex_clocklock(mu, CLOCK_MONOTONIC, deadline);
+        r = deadline == nullptr ? pthread_mutex_lock(mu) : lock_within(mu, deadline);
         note_wait(t, mono_ns() - t0);
     }
     if (r == ETIMEDOUT) {
