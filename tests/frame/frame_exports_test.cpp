@@ -1,8 +1,13 @@
-// The shared object exports exactly the library's external interfaces:
-// every name it defines dynamically is one of them, and the frame's and the
-// entry locks' are all there.
+// The shared object exports exactly the names of its linker version script
+// (pmdb.map) that the library defines: nothing beyond the map, and every
+// name of the map that is built (defined by the library's objects) is there.
+// The map names exactly what the public header declares exported.
+// Names of the map not built yet (the event entry and the whole-interface
+// paths, for now) are simply absent, and show up here once they are.
 #include <gtest/gtest.h>
 
+#include <fstream>
+#include <regex>
 #include <set>
 #include <sstream>
 #include <string>
@@ -11,68 +16,68 @@
 
 namespace {
 
-const std::set<std::string> kFrameAndLocks = {
-    "dpa_pmdb_init",     "dpa_chk_pmdb_open", "dpa_chk_shrd_ctx_open", "dpa_pmdb_mprotect_tabra",
-    "dpa_pmdb_hdl_get",  "pmdb_debug_flag",   "dnxpm_dbg_pmdb_types",  "pmdb_lock_init",
-    "pmdb_entry_lock",   "pmdb_entry_unlock", "pmdb_lock_destroy"};
-
-const std::set<std::string> kLaterFamilies = {
-    "dpa_pmdb_oper",
-    "dpa_pmdb_add_all_entries",
-    "dpa_pmdb_remove_all_entries",
-    "dpa_pmdb_update_ifh_entry_nodelist",
-    "dpa_pmdb_update_ifh_entry_member",
-    "dpa_pmdb_update_bundle_ifh_entry",
-    "dpa_pmdb_add_oam_entry",
-    "dpa_pmdb_remove_oam_entry",
-    "dpa_pmdb_oam_oper",
-    "dpa_pmdb_update_bundle_oor_state",
-    "dpa_pmdb_set_bundle_oor_state",
-    "dpa_pmdb_set_oor_cb",
-    "dpa_pmdb_check_bundle_counts",
-    "dpa_pmdb_repair_bundle_counts",
-    "pm_port_inv_entry_get",
-    "pm_port_inv_entry_add",
-    "pm_port_inv_entry_remove",
-    "pm_inventory_get_first_high_scale_nodeid",
-    "pm_inventory_get_first_inv_nodeid",
-    "dpa_pmdb_update_scale_info",
-    "dpa_pmdb_update_glbls_inv_node_info",
-    "dpa_pmdb_set_aib_update_cb",
-    "dpa_pm_get_bvi_adj_cb",
-    "dpa_bvi_upd_all_entries"};
-
-std::set<std::string> AllInterfaces() {
-    std::set<std::string> all = kFrameAndLocks;
-    all.insert(kLaterFamilies.begin(), kLaterFamilies.end());
-    return all;
+std::string ReadFile(const char *path) {
+    std::ifstream in(path);
+    EXPECT_TRUE(in.good()) << path;
+    std::stringstream text;
+    text << in.rdbuf();
+    return text.str();
 }
 
-// Names the shared object defines in its dynamic symbol table.
-std::set<std::string> DynamicDefinitions() {
-    const pmdb::test::ToolRun r =
-        pmdb::test::RunTool("nm", {"-D", "--defined-only", PMDB_SHARED_OBJECT});
+// The names of the map's "global:" part.
+std::set<std::string> MapNames() {
+    const std::string all =
+        std::regex_replace(ReadFile(PMDB_EXPORT_MAP), std::regex(R"(/\*[\s\S]*?\*/)"), " ");
+    const size_t begin = all.find("global:");
+    const size_t end = all.find("local:");
+    EXPECT_TRUE(begin != std::string::npos && end != std::string::npos && begin < end);
+    std::set<std::string> names;
+    const std::string part = all.substr(begin + 7, end - begin - 7);
+    const std::regex entry(R"(([A-Za-z_][A-Za-z0-9_]*)\s*;)");
+    for (std::sregex_iterator it(part.begin(), part.end(), entry), last; it != last; ++it)
+        names.insert((*it)[1]);
+    return names;
+}
+
+// The names the public header declares with PMDB_EXPORT.
+std::set<std::string> HeaderNames() {
+    const std::string text = ReadFile(PMDB_PUBLIC_HEADER);
+    const std::regex decl(R"(\nPMDB_EXPORT[^;(]*?\b([A-Za-z_][A-Za-z0-9_]*)\s*[(;])");
+    std::set<std::string> names;
+    for (std::sregex_iterator it(text.begin(), text.end(), decl), last; it != last; ++it)
+        names.insert((*it)[1]);
+    return names;
+}
+
+// Global names that `file` defines (nm kinds in upper case), from its
+// dynamic symbol table when `dynamic`.
+std::set<std::string> Definitions(const char *file, bool dynamic) {
+    std::vector<std::string> args = {"--defined-only", file};
+    if (dynamic) args.insert(args.begin(), "-D");
+    const pmdb::test::ToolRun r = pmdb::test::RunTool("nm", args);
     EXPECT_EQ(r.status, 0) << r.err;
     std::set<std::string> names;
     std::istringstream lines(r.out);
     for (std::string line; std::getline(lines, line);) {
         std::istringstream in(line);
         std::string addr, kind, name;
-        if (in >> addr >> kind >> name) names.insert(name);
+        if (in >> addr >> kind >> name && kind.size() == 1 && isupper(kind[0])) names.insert(name);
     }
     return names;
 }
 
-TEST(FrameExportsTest, SharedObjectExportsOnlyExternalInterfaces) {
-    const std::set<std::string> exported = DynamicDefinitions();
-    ASSERT_FALSE(exported.empty());
-    const std::set<std::string> allowed = AllInterfaces();
-    for (const std::string &name : exported) {
-        EXPECT_TRUE(allowed.count(name)) << name << " is exported but is no external interface";
-    }
-    for (const std::string &name : kFrameAndLocks) {
-        EXPECT_TRUE(exported.count(name)) << name << " is not exported";
-    }
+TEST(FrameExportsTest, SharedObjectExportsTheMapsBuiltNamesAndNothingElse) {
+    const std::set<std::string> map = MapNames();
+    ASSERT_GT(map.size(), 30u) << "the map's global names were not read";
+    EXPECT_EQ(map, HeaderNames()) << "pmdb.map and the PMDB_EXPORT declarations of pmdb.h differ";
+    const std::set<std::string> exported = Definitions(PMDB_SHARED_OBJECT, true);
+    const std::set<std::string> defined = Definitions(PMDB_STATIC_ARCHIVE, false);
+    for (const std::string &name : exported)
+        EXPECT_TRUE(map.count(name)) << name << " is exported but not in pmdb.map";
+    for (const std::string &name : map)
+        if (defined.count(name)) {
+            EXPECT_TRUE(exported.count(name)) << name << " is not exported";
+        }
 }
 
 }  // namespace
