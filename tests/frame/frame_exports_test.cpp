@@ -4,10 +4,10 @@
 // The map names exactly what the public header declares exported.
 // Names of the map not built yet (the event entry and the whole-interface
 // paths, for now) are simply absent, and show up here once they are.
+#include <ctype.h>
 #include <gtest/gtest.h>
 
 #include <fstream>
-#include <regex>
 #include <set>
 #include <sstream>
 #include <string>
@@ -24,28 +24,39 @@ std::string ReadFile(const char *path) {
     return text.str();
 }
 
-// The names of the map's "global:" part.
+// The last identifier in `text`.
+std::string LastName(const std::string &text) {
+    size_t end = text.size();
+    while (end > 0 && !(isalnum(static_cast<unsigned char>(text[end - 1])) || text[end - 1] == '_'))
+        end--;
+    size_t begin = end;
+    while (begin > 0 && (isalnum(static_cast<unsigned char>(text[begin - 1])) || text[begin - 1] == '_'))
+        begin--;
+    return text.substr(begin, end - begin);
+}
+
+// The names of the map's "global:" part (comments dropped).
 std::set<std::string> MapNames() {
-    const std::string all =
-        std::regex_replace(ReadFile(PMDB_EXPORT_MAP), std::regex(R"(/\*[\s\S]*?\*/)"), " ");
+    std::string all = ReadFile(PMDB_EXPORT_MAP);
+    for (size_t open; (open = all.find("/*")) != std::string::npos;)
+        all.erase(open, all.find("*/", open) + 2 - open);
     const size_t begin = all.find("global:");
     const size_t end = all.find("local:");
     EXPECT_TRUE(begin != std::string::npos && end != std::string::npos && begin < end);
     std::set<std::string> names;
-    const std::string part = all.substr(begin + 7, end - begin - 7);
-    const std::regex entry(R"(([A-Za-z_][A-Za-z0-9_]*)\s*;)");
-    for (std::sregex_iterator it(part.begin(), part.end(), entry), last; it != last; ++it)
-        names.insert((*it)[1]);
+    std::istringstream words(all.substr(begin + 7, end - begin - 7));
+    for (std::string word; words >> word;)
+        if (word.back() == ';') names.insert(LastName(word));
     return names;
 }
 
-// The names the public header declares with PMDB_EXPORT.
+// The names the public header declares with PMDB_EXPORT (each declaration
+// names itself on its first line, before its '(' or ';').
 std::set<std::string> HeaderNames() {
-    const std::string text = ReadFile(PMDB_PUBLIC_HEADER);
-    const std::regex decl(R"(\nPMDB_EXPORT[^;(]*?\b([A-Za-z_][A-Za-z0-9_]*)\s*[(;])");
+    std::istringstream lines(ReadFile(PMDB_PUBLIC_HEADER));
     std::set<std::string> names;
-    for (std::sregex_iterator it(text.begin(), text.end(), decl), last; it != last; ++it)
-        names.insert((*it)[1]);
+    for (std::string line; std::getline(lines, line);)
+        if (line.rfind("PMDB_EXPORT ", 0) == 0) names.insert(LastName(line.substr(0, line.find_first_of("(;"))));
     return names;
 }
 
