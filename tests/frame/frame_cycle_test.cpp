@@ -9,6 +9,7 @@
 #include <atomic>
 #include <chrono>
 #include <thread>
+#include <tuple>
 #include <utility>
 #include <vector>
 
@@ -129,12 +130,12 @@ TEST_F(FrameCycleTest, FailedOpenIsReportedAndNeedsNoRelease) {
 // An operation's cycle started with its own trace points: the failing step
 // is named, traced with (key, status), and everything is released.
 TEST_F(FrameCycleTest, EachFailingStepIsNamedTracedAndTheCycleStillReleases) {
-    const pmdb_cycle_traces_t points = {.zero_key = 901,
-                                        .open_failed = 902,
-                                        .add_failed = 903,
-                                        .refreshed = 904,
-                                        .lookup_failed = 905,
-                                        .lock_failed = 906};
+    const pmdb_cycle_traces_t points = {.zero_key = pmdb_tp::oam_add_zero_key,
+                                        .open_failed = pmdb_tp::oam_add_open_failed,
+                                        .add_failed = pmdb_tp::oam_add_failed,
+                                        .refreshed = pmdb_tp::oam_add_refresh,
+                                        .lookup_failed = pmdb_tp::oam_add_lookup_failed,
+                                        .lock_failed = pmdb_tp::oam_add_lock_failed};
     struct Case {
         const char *call;
         cerrno fault;
@@ -143,9 +144,9 @@ TEST_F(FrameCycleTest, EachFailingStepIsNamedTracedAndTheCycleStillReleases) {
         cerrno status;
         u32 point;
     } cases[] = {
-        {"tabra_add_entry", TABRA_E_FULL, PMDB_CYCLE_CREATE, PMDB_STEP_ADD, TABRA_E_FULL, 903},
+        {"tabra_add_entry", TABRA_E_FULL, PMDB_CYCLE_CREATE, PMDB_STEP_ADD, TABRA_E_FULL, 156},
         {"tabra_get_entry_by_key", TABRA_E_CORRUPT, PMDB_CYCLE_FIND | PMDB_CYCLE_LOCK,
-         PMDB_STEP_LOOKUP, TABRA_E_CORRUPT, 905},
+         PMDB_STEP_LOOKUP, TABRA_E_CORRUPT, 158},
     };
     for (const Case &c : cases) {
         SCOPED_TRACE(c.call);
@@ -156,7 +157,7 @@ TEST_F(FrameCycleTest, EachFailingStepIsNamedTracedAndTheCycleStillReleases) {
         EXPECT_EQ(cyc.failed_step, c.step);
         EXPECT_EQ(cyc.failed_status, c.status);
         ExpectTrace(VESK_ERROR, c.point, {kKey, c.status});
-        EXPECT_EQ(CountTraces(VESK_DATABASE, 904), 0u);
+        EXPECT_EQ(CountTraces(VESK_DATABASE, 157), 0u);
         EXPECT_FALSE(cyc.locked);
         EXPECT_EQ(pmdb_frame_wr_refcnt(PMDB_TYPE_OAM), 0);
         EXPECT_EQ(cyc.hdl->prot_state, PMDB_PROT_READONLY);
@@ -172,29 +173,27 @@ TEST_F(FrameCycleTest, EachFailingStepIsNamedTracedAndTheCycleStillReleases) {
                                &points),
               0u);
     EXPECT_TRUE(cyc.created && cyc.locked);
-    EXPECT_EQ(CountTraces(VESK_DATABASE, 904), 1u);
+    EXPECT_EQ(CountTraces(VESK_DATABASE, 157), 1u);
     EXPECT_EQ(pmdb_cycle_release(&cyc, 0), 0u);
 
     MarkTraces();
     EXPECT_EQ(pmdb_cycle_begin(&cyc, PMDB_TYPE_OAM, 0, PMDB_CYCLE_FIND, &points), PMDB_EINVAL);
     EXPECT_EQ(cyc.failed_step, PMDB_STEP_KEY);
     EXPECT_EQ(cyc.hdl, nullptr);
-    ExpectTrace(VESK_ERROR, 901, {});
+    ExpectTrace(VESK_ERROR, 153, {});
 
     // A failed open, its point written with the arguments the operation asks for.
-    const std::pair<pmdb_open_trace_args_t, std::vector<uint64_t>> shapes[] = {
-        {PMDB_OPEN_TRACE_KEY_STATUS, {kKey, TABRA_E_PROT}},
-        {PMDB_OPEN_TRACE_KEY, {kKey}},
-        {PMDB_OPEN_TRACE_STATUS, {TABRA_E_PROT}}};
-    for (const auto &[args, want] : shapes) {
+    const std::tuple<pmdb_cycle_traces_t, u32, std::vector<uint64_t>> shapes[] = {
+        {{.open_failed = pmdb_tp::oam_add_open_failed}, 155, {kKey, TABRA_E_PROT}},
+        {{.open_failed_key = pmdb_tp::member_update_open_failed}, 235, {kKey}},
+        {{.open_failed_status = pmdb_tp::oor_update_open_failed}, 295, {TABRA_E_PROT}}};
+    for (const auto &[open_points, point, want] : shapes) {
         MarkTraces();
-        pmdb_cycle_traces_t open_points = points;
-        open_points.open_args = args;
         pm_fault_set("tabra_make_shm_writable", TABRA_E_PROT, 1);
         EXPECT_EQ(pmdb_cycle_begin(&cyc, PMDB_TYPE_OAM, kKey, PMDB_CYCLE_FIND, &open_points),
                   TABRA_E_PROT);
         EXPECT_EQ(cyc.hdl, nullptr);
-        EXPECT_TRUE(pmdb::test::TraceWritten(mark(), VESK_ERROR, 902, want));
+        EXPECT_TRUE(pmdb::test::TraceWritten(mark(), VESK_ERROR, point, want));
     }
 }
 
@@ -205,12 +204,12 @@ TEST_F(FrameCycleTest, LockFailureIsNamed) {
     ASSERT_EQ(pmdb_cycle_find_lock(&holder, kKey), 0u);
     // The same thread asks again for the lock it holds.
     pmdb_cycle_t again = pmdb_cycle_share(&holder);
-    const pmdb_cycle_traces_t points = {.lock_failed = 906};
+    const pmdb_cycle_traces_t points = {.lock_failed = pmdb_tp::oam_add_lock_failed};
     EXPECT_EQ(pmdb_cycle_enter(&again, kKey, PMDB_CYCLE_LOCK, &points),
               static_cast<cerrno>(EDEADLK));
     EXPECT_EQ(again.failed_step, PMDB_STEP_LOCK);
     EXPECT_FALSE(again.locked);
-    ExpectTrace(VESK_ERROR, 906, {kKey, EDEADLK});
+    ExpectTrace(VESK_ERROR, 160, {kKey, EDEADLK});
     EXPECT_EQ(pmdb_cycle_release(&again, EDEADLK), static_cast<cerrno>(EDEADLK));
     EXPECT_EQ(pmdb_frame_wr_refcnt(PMDB_TYPE_OAM), 1) << "a shared cycle drops no write access";
     EXPECT_TRUE(holder.locked);

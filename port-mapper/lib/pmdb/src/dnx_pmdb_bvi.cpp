@@ -52,7 +52,7 @@ constexpr int kFilterFull = static_cast<int>(PMDB_EFULL);
  * empty list nothing changes and *status keeps its value. */
 void bvi_rehome(pmdb_ifh_entry_t *e, u32 ifh, u32 *status) {
     if (pm_port_inv_take_head_node(&e->intf_info) == 0) return;
-    PMDB_TRACE_D(102, ifh, e->intf_info.egress_lif, e->intf_info.ingress_lif);
+    PMDB_TRACE(tp::bvi_entry_rehomed, ifh, e->intf_info.egress_lif, e->intf_info.ingress_lif);
     *status = PMDB_OK;
 }
 
@@ -68,7 +68,7 @@ cerrno bvi_rewrite_all(const dpa_pm_bvi_adj_ctx_t *ctx, u32 *status) {
 void bvi_rewrite_and_notify(const dpa_pm_bvi_adj_ctx_t *ctx) {
     dpa_pmdb_aib_update_cb_t cb = pmdb_aib_update_cb;
     if (ctx->count == 0) {
-        PMDB_TRACE_E(106, 0, cb, 0);
+        PMDB_TRACE(tp::bvi_callback_not_called, 0, cb, 0);
         return;
     }
     u32 *status = static_cast<u32 *>(calloc(ctx->count, sizeof(u32)));
@@ -77,7 +77,7 @@ void bvi_rewrite_and_notify(const dpa_pm_bvi_adj_ctx_t *ctx) {
     if (last == PMDB_OK && cb != nullptr)
         cb(ctx->handles, status, static_cast<u16>(ctx->count));
     else
-        PMDB_TRACE_E(106, ctx->count, cb, last);
+        PMDB_TRACE(tp::bvi_callback_not_called, ctx->count, cb, last);
     free(status);
 }
 
@@ -105,8 +105,10 @@ PMDB_EXPORT int dpa_pm_get_bvi_adj_cb(void * /*arg1*/, const pmdb_ifh_entry_t *e
 }
 
 PMDB_EXPORT cerrno dpa_bvi_upd_all_entries(u32 ifh, u32 *status) {
-    static const pmdb_cycle_traces_t kTraces = {
-        .zero_key = 99, .open_failed = 100, .lookup_failed = 101, .lock_failed = 103};
+    static const pmdb_cycle_traces_t kTraces = {.zero_key = tp::bvi_rewrite_zero_ifh,
+                                                .open_failed = tp::bvi_rewrite_open_failed,
+                                                .lookup_failed = tp::bvi_rewrite_lookup_failed,
+                                                .lock_failed = tp::bvi_rewrite_lock_failed};
     if (status == nullptr) return PMDB_EINVAL;
     pmdb_cycle_t cyc;
     const cerrno rc = pmdb_cycle_begin(&cyc, PMDB_TYPE_IFH, ifh, PMDB_CYCLE_LOCK, &kTraces);
@@ -124,12 +126,12 @@ void dpa_bvi_upd_node_entries(const pm_port_inv_entry_t *leaving) {
     ctx.node_id = leaving->node_id;
     ctx.handles = static_cast<u32 *>(calloc(PMDB_BVI_CTX_CAPACITY, sizeof(u32)));
     if (ctx.handles == nullptr) {
-        PMDB_TRACE_E(104, PMDB_BVI_CTX_CAPACITY, 0);
+        PMDB_TRACE(tp::bvi_handles_not_allocated, PMDB_BVI_CTX_CAPACITY, 0);
         return;
     }
     cerrno rc = dpa_pmdb_iterate(dpa_pm_get_bvi_adj_cb, &ctx, &ctx, 0);
     if (rc != PMDB_OK)
-        PMDB_TRACE_E(105, rc);
+        PMDB_TRACE(tp::bvi_iterate_failed, rc);
     else
         bvi_rewrite_and_notify(&ctx);
     free(ctx.handles);

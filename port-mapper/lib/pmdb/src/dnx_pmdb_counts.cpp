@@ -116,7 +116,7 @@ cerrno lock_within(pellin_mutex_type *lock, u32 wait_ms) {
         kemt_unset_mutex_block();
     }
     if (rc == EOWNERDEAD) {
-        PMDB_TRACE_D(69);
+        PMDB_TRACE(tp::lock_owner_dead);
         rc = pthread_mutex_consistent_np(lock);
         if (rc != 0) pthread_mutex_unlock(lock);
     }
@@ -142,8 +142,8 @@ cerrno recount_locked(const pmdb_cycle_t *cyc, bool store, dpa_pmdb_bundle_count
     b->member_count = c->members;
     dpa_pmdb_oor_set_counters(&b->intf_info, c->level_1, c->level_2, before, after);
     clock_gettime(CLOCK_REALTIME, &b->last_update);
-    PMDB_TRACE_D(340, cyc->key, c->member_count, c->members, c->oor_members_1, c->level_1,
-                 c->oor_members_2, c->level_2);
+    PMDB_TRACE(tp::bundle_counts_repaired, cyc->key, c->member_count, c->members, c->oor_members_1,
+               c->level_1, c->oor_members_2, c->level_2);
     return PMDB_OK;
 }
 

@@ -91,22 +91,18 @@ lock_try lock_found(pmdb_cycle_t *cyc, cerrno *rc) {
 
 /* The operation's point for a failed open, with the arguments it asks for. */
 void trace_open_failed(const pmdb_cycle_traces_t *tp, u32 key, cerrno rc) {
-    if (tp->open_failed == 0) return;
-    if (tp->open_args == PMDB_OPEN_TRACE_KEY)
-        PMDB_TRACE_E(tp->open_failed, key);
-    else if (tp->open_args == PMDB_OPEN_TRACE_STATUS)
-        PMDB_TRACE_E(tp->open_failed, rc);
-    else
-        PMDB_TRACE_E(tp->open_failed, key, rc);
+    if (tp->open_failed) PMDB_TRACE(tp->open_failed, key, rc);
+    if (tp->open_failed_key) PMDB_TRACE(tp->open_failed_key, key);
+    if (tp->open_failed_status) PMDB_TRACE(tp->open_failed_status, rc);
 }
 
 /* The operation's point for the step that failed, with (key, status). */
 void trace_failed_step(const pmdb_cycle_traces_t *tp, const pmdb_cycle_t *cyc, cerrno rc) {
-    u32 point = 0;
+    pmdb_cycle_point_e2_t point;
     if (cyc->failed_step == PMDB_STEP_ADD) point = tp->add_failed;
     if (cyc->failed_step == PMDB_STEP_LOOKUP) point = tp->lookup_failed;
     if (cyc->failed_step == PMDB_STEP_LOCK) point = tp->lock_failed;
-    if (point != 0) PMDB_TRACE_E(point, cyc->key, rc);
+    if (point) PMDB_TRACE(point, cyc->key, rc);
 }
 
 /* Retires a slot lock before its entry is removed: the wait for a holder,
@@ -116,8 +112,8 @@ void retire_lock(pellin_mutex_type *lock) {
 }
 
 void trace_refreshed(void *ctx, const pmdb_cycle_t *cyc) {
-    const u32 point = static_cast<const pmdb_cycle_traces_t *>(ctx)->refreshed;
-    if (point != 0) PMDB_TRACE_D(point, cyc->key);
+    const pmdb_cycle_point_d1_t point = static_cast<const pmdb_cycle_traces_t *>(ctx)->refreshed;
+    if (point) PMDB_TRACE(point, cyc->key);
 }
 
 }  // namespace
@@ -264,9 +260,9 @@ cerrno pmdb_cycle_enter(pmdb_cycle_t *cyc, u32 key, u32 how, const pmdb_cycle_tr
 
 cerrno pmdb_cycle_begin(pmdb_cycle_t *cyc, pmdb_type_t type, u32 key, u32 how,
                         const pmdb_cycle_traces_t *tp) {
-    if (key == 0 && tp->zero_key != 0) {
+    if (key == 0 && tp->zero_key) {
         *cyc = pmdb_cycle_on_handle(nullptr, type);
-        PMDB_TRACE_E(tp->zero_key);
+        PMDB_TRACE(tp->zero_key);
         return step_failed(cyc, PMDB_STEP_KEY, PMDB_EINVAL);
     }
     const cerrno rc = pmdb_cycle_open(cyc, type);
@@ -275,4 +271,16 @@ cerrno pmdb_cycle_begin(pmdb_cycle_t *cyc, pmdb_type_t type, u32 key, u32 how,
         return rc;
     }
     return pmdb_cycle_enter(cyc, key, how, tp);
+}
+
+cerrno pmdb_cycle_remove_key(pmdb_type_t type, u32 key, const pmdb_cycle_traces_t *tp,
+                             pmdb_cycle_hook_t before_remove, void *ctx) {
+    pmdb_cycle_t cyc;
+    cerrno rc = pmdb_cycle_begin(&cyc, type, key, PMDB_CYCLE_FIND, tp);
+    if (rc != 0) return rc;
+    rc = pmdb_cycle_remove_found(&cyc, before_remove, ctx);
+    if (rc != 0 && tp->remove_failed) PMDB_TRACE(tp->remove_failed, key, rc);
+    if (rc == 0 && tp->removed) PMDB_TRACE(tp->removed, key);
+    if (tp->remove_ended) PMDB_TRACE(tp->remove_ended, key);
+    return pmdb_cycle_release(&cyc, rc);
 }

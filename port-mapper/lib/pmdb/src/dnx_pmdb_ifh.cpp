@@ -115,7 +115,7 @@ void apply_intf(pmdb_ifh_entry_t *e, const pmdb_event_t *ev, dnx_db_hdl_t *hdl,
 void apply_punt(pmdb_ifh_entry_t *e, u32 ifh, const pmdb_event_t *ev, bool created,
                 dpa_pmdb_ifh_summary_t *summary) {
     const pmdb_punt_info_t *src = &ev->punt_info;
-    PMDB_TRACE_D(149, src->ifh, ifh, src->punt_data[0]);
+    PMDB_TRACE(tp::ifh_punt_info_stored, src->ifh, ifh, src->punt_data[0]);
     pmdb_fields::merge_punt_words(&e->punt_info, src);
     if (created) summary->sum_flags = static_cast<u8>(summary->sum_flags | PMDB_SUM_PUNT_ONLY_CREATED);
 }
@@ -145,17 +145,19 @@ void write_entry(pmdb_ifh_entry_t *e, u32 ifh, const pmdb_event_t *ev, bool crea
 
 /* Traces of a written entry, after its lock is released. */
 void trace_written(u32 ifh, u16 node, const dpa_pmdb_ifh_summary_t *s, const add_result *res) {
-    PMDB_TRACE_D(150, ifh, s->egress_lif, s->ingress_lif, s->sys_port, s->intf_data_44, s->port_lo,
-                 s->port_hi);
+    PMDB_TRACE(tp::ifh_entry_written, ifh, s->egress_lif, s->ingress_lif, s->sys_port,
+               s->intf_data_44, s->port_lo, s->port_hi);
     if (node != 0 && res->sub_ifh != 0 && res->bundle_ifh != 0)
-        PMDB_TRACE_D(151, ifh, s->egress_lif, s->ingress_lif, res->bundle_ifh, res->node_mask);
+        PMDB_TRACE(tp::ifh_node_recorded, ifh, s->egress_lif, s->ingress_lif, res->bundle_ifh,
+                   res->node_mask);
 }
 
 /* Step 14: tell the AIB update callback about a changed intf_data_64. */
 void notify_aib(u32 ifh, const pmdb_event_t *ev, const add_result *res) {
     dpa_pmdb_aib_update_cb_t cb = dpa_pmdb_aib_update_cb_get();
     if (!res->intf_data_changed || cb == nullptr) return;
-    PMDB_TRACE_E(152, ifh, ev->event_type, res->old_intf_data_64, ev->intf_info.intf_data_64);
+    PMDB_TRACE(tp::ifh_aib_update_callback, ifh, ev->event_type, res->old_intf_data_64,
+               ev->intf_info.intf_data_64);
     u32 handle = ifh;
     u32 status = PMDB_OK;
     cb(&handle, &status, 1);
@@ -181,15 +183,15 @@ void summarise_for_read(u32 ifh, const pmdb_intf_info_t *in, dpa_pmdb_ifh_summar
     for (u32 i = 0; i < pmdb_fields::kOamSlots; i++) {
         if (in->oam_slots[i] == 0) continue;
         s->oam_id = in->oam_slots[i];
-        PMDB_TRACE_E(265, ifh, i, s->oam_id);
+        PMDB_TRACE(tp::summary_oam_id_from_slot, ifh, i, s->oam_id);
         return;
     }
 }
 
 /* Trace 166: what the removed entry was, from its summary. */
 void trace_ifh_removed(u32 ifh, const dpa_pmdb_ifh_summary_t *s) {
-    PMDB_TRACE_D(166, ifh, s->egress_lif, s->ingress_lif, s->sys_port, s->port_lo, s->port_hi,
-                 s->bundle_ifh);
+    PMDB_TRACE(tp::ifh_removed, ifh, s->egress_lif, s->ingress_lif, s->sys_port, s->port_lo,
+               s->port_hi, s->bundle_ifh);
 }
 
 }  // namespace
@@ -200,7 +202,7 @@ cerrno dpa_pmdb_add_ifh_entry(u32 ifh, const pmdb_event_t *ev, i32 *slot,
                               dpa_pmdb_ifh_summary_t *summary, pmdb_punt_info_t *punt_out,
                               dpa_pmdb_ifh_summary_t *prev, u16 node) {
     if (has_flag(ev, PMDB_VF_PUNT) && has_flag(ev, PMDB_VF_NO_PUNT)) {
-        PMDB_TRACE_E(142);
+        PMDB_TRACE(tp::ifh_add_punt_bit5_refused);
         return PMDB_OK;
     }
     if (ev->event_type == PMDB_EV_INTF_ADD_NO_IFH || ev->event_type == PMDB_EV_INTF_PUNT_NO_IFH) {
@@ -210,12 +212,12 @@ cerrno dpa_pmdb_add_ifh_entry(u32 ifh, const pmdb_event_t *ev, i32 *slot,
         summary->sys_port = ev->intf_info.sys_port;
         return PMDB_OK;
     }
-    static const pmdb_cycle_traces_t kTraces = {.zero_key = 143,
-                                                .open_failed = 144,
-                                                .add_failed = 145,
-                                                .refreshed = 146,
-                                                .lookup_failed = 147,
-                                                .lock_failed = 148};
+    static const pmdb_cycle_traces_t kTraces = {.zero_key = tp::ifh_add_zero_key,
+                                                .open_failed = tp::ifh_add_open_failed,
+                                                .add_failed = tp::ifh_add_failed,
+                                                .refreshed = tp::ifh_add_refresh,
+                                                .lookup_failed = tp::ifh_add_lookup_failed,
+                                                .lock_failed = tp::ifh_add_lock_failed};
     pmdb_cycle_t cyc;
     cerrno rc = pmdb_cycle_begin(&cyc, PMDB_TYPE_IFH, ifh, PMDB_CYCLE_CREATE | PMDB_CYCLE_LOCK,
                                  &kTraces);
@@ -238,8 +240,10 @@ cerrno dpa_pmdb_add_ifh_entry(u32 ifh, const pmdb_event_t *ev, i32 *slot,
 }
 
 cerrno dpa_pmdb_update_sub_intf_count(u32 ifh, i32 increment, u32 event_id) {
-    static const pmdb_cycle_traces_t kTraces = {
-        .zero_key = 129, .open_failed = 130, .lookup_failed = 131, .lock_failed = 133};
+    static const pmdb_cycle_traces_t kTraces = {.zero_key = tp::sub_count_zero_key,
+                                                .open_failed = tp::sub_count_open_failed,
+                                                .lookup_failed = tp::sub_count_lookup_failed,
+                                                .lock_failed = tp::sub_count_lock_failed};
     pmdb_cycle_t cyc;
     const cerrno rc = pmdb_cycle_begin(&cyc, PMDB_TYPE_IFH, ifh, PMDB_CYCLE_LOCK, &kTraces);
     if (rc != PMDB_OK) return rc;
@@ -250,20 +254,21 @@ cerrno dpa_pmdb_update_sub_intf_count(u32 ifh, i32 increment, u32 event_id) {
                                                             : e->sub_intf_count - 1);
         pmdb_stamp(&e->event_id, &e->last_update, event_id);
     }
-    PMDB_TRACE_V(132, ifh, e->intf_info.egress_lif, e->intf_info.ingress_lif);
+    PMDB_TRACE(tp::sub_count_done, ifh, e->intf_info.egress_lif, e->intf_info.ingress_lif);
     return pmdb_cycle_release(&cyc, PMDB_OK);
 }
 
 /* ---- one IFH entry: removal and summary ------------------------------------ */
 
 cerrno dpa_pmdb_remove_ifh_entry(u32 ifh, dpa_pmdb_ifh_summary_t *summary, u32 event_id) {
-    static const pmdb_cycle_traces_t kTraces = {
-        .zero_key = 161, .open_failed = 162, .lookup_failed = 163};
+    static const pmdb_cycle_traces_t kTraces = {.zero_key = tp::ifh_remove_zero_ifh,
+                                                .open_failed = tp::ifh_remove_open_failed,
+                                                .lookup_failed = tp::ifh_remove_lookup_failed};
     pmdb_member_op_scope op;
     pmdb_cycle_t cyc;
     cerrno rc = pmdb_cycle_begin(&cyc, PMDB_TYPE_IFH, ifh, PMDB_CYCLE_FIND, &kTraces);
     if (rc != PMDB_OK) return rc;
-    PMDB_TRACE_V(164, ifh);
+    PMDB_TRACE(tp::ifh_remove_found, ifh);
     const dpa_pmdb_oor_cb_t cb = dpa_pmdb_oor_cb_get();
     if (cb != nullptr) cb(ifh, static_cast<u32>(cyc.slot), PMDB_OOR_NONE, 1);
     const bool member =
@@ -271,7 +276,7 @@ cerrno dpa_pmdb_remove_ifh_entry(u32 ifh, dpa_pmdb_ifh_summary_t *summary, u32 e
     const u32 bundle_ifh = summary->bundle_ifh;
     if (member) op.name(bundle_ifh, 0, ifh);
     rc = pmdb_cycle_remove_found(&cyc);
-    if (rc != PMDB_OK) PMDB_TRACE_E(165, ifh, rc);
+    if (rc != PMDB_OK) PMDB_TRACE(tp::ifh_remove_failed, ifh, rc);
     trace_ifh_removed(ifh, summary);
     rc = pmdb_cycle_release(&cyc, rc);
     /* Without write access dropped cleanly the bundle is left alone. */
@@ -281,7 +286,8 @@ cerrno dpa_pmdb_remove_ifh_entry(u32 ifh, dpa_pmdb_ifh_summary_t *summary, u32 e
 }
 
 cerrno dpa_pmdb_get_ifh_summary(u32 ifh, dpa_pmdb_ifh_summary_t *summary) {
-    static const pmdb_cycle_traces_t kTraces = {.open_failed = 263, .lookup_failed = 264};
+    static const pmdb_cycle_traces_t kTraces = {.open_failed = tp::summary_open_failed,
+                                                .lookup_failed = tp::summary_lookup_failed};
     if (ifh == 0) return PMDB_EINVAL; /* refused without a trace */
     pmdb_cycle_t cyc;
     const cerrno rc = pmdb_cycle_begin(&cyc, PMDB_TYPE_IFH, ifh, PMDB_CYCLE_FIND, &kTraces);
@@ -295,8 +301,9 @@ cerrno dpa_pmdb_get_ifh_summary(u32 ifh, dpa_pmdb_ifh_summary_t *summary) {
 
 cerrno dpa_pmdb_update_ifh_entry_nodelist(u32 ifh, i32 add, u32 event_id, u32 node,
                                           u16 *mask_out) {
-    static const pmdb_cycle_traces_t kTraces = {
-        .open_failed = 125, .lookup_failed = 126, .lock_failed = 128};
+    static const pmdb_cycle_traces_t kTraces = {.open_failed = tp::nodelist_open_failed,
+                                                .lookup_failed = tp::nodelist_lookup_failed,
+                                                .lock_failed = tp::nodelist_lock_failed};
     if (ifh == 0 || (node & kNodeLowMask) == 0) return PMDB_OK;
     pmdb_cycle_t cyc;
     const cerrno rc = pmdb_cycle_begin(&cyc, PMDB_TYPE_IFH, ifh, PMDB_CYCLE_LOCK, &kTraces);
@@ -311,7 +318,8 @@ cerrno dpa_pmdb_update_ifh_entry_nodelist(u32 ifh, i32 add, u32 event_id, u32 no
         e->node_mask = static_cast<u16>(mask);
         pmdb_stamp(&e->event_id, &e->last_update, event_id);
         if (mask_out != nullptr) *mask_out = e->node_mask;
-        PMDB_TRACE_V(127, ifh, in->egress_lif, in->ingress_lif, in->bundle_ifh, e->node_mask);
+        PMDB_TRACE(tp::nodelist_updated, ifh, in->egress_lif, in->ingress_lif, in->bundle_ifh,
+                   e->node_mask);
     }
     return pmdb_cycle_release(&cyc, PMDB_OK);
 }

@@ -115,7 +115,7 @@ u32 region_magic(const dnx_pmdb_shrd_ctx_t *ctx) {
 void max_entries_refresh(dnx_db_cfg_t *cfg) {
     u32 max = halvo_config_get_port_mapper_max_entries();
     if (max > PMDB_MAX_ENTRIES) {
-        PMDB_TRACE_E(73, max, PMDB_MAX_ENTRIES);
+        PMDB_TRACE(tp::max_entries_clamped, max, PMDB_MAX_ENTRIES);
         max = PMDB_MAX_ENTRIES;
     }
     __atomic_store_n(&cfg->max_entries, max, __ATOMIC_RELAXED);
@@ -147,14 +147,14 @@ u32 sem_wait_ms() {
 int shm_object_open(const dnx_db_cfg_t *cfg) {
     int fd = _shm_open(cfg->shm_name, O_CREAT | O_EXCL | O_RDWR, 0777);
     if (fd < 0) fd = _shm_open(cfg->shm_name, O_CREAT | O_RDWR, 0777);
-    if (fd < 0) PMDB_STRACE_E(58, cfg->shm_name, cfg->shm_size);
+    if (fd < 0) PMDB_TRACE(tp::shm_open_failed, cfg->shm_name, cfg->shm_size);
     return fd;
 }
 
 sem_t *sem_obtain(const dnx_db_cfg_t *cfg) {
     sem_t *sem = vorn_sem_open(PMDB_SHM_SEMAPHORE_NAME, O_CREAT | O_EXCL, 0777, 1);
     if (sem == SEM_FAILED) sem = vorn_sem_open(PMDB_SHM_SEMAPHORE_NAME, O_CREAT, 0777, 1);
-    if (sem == SEM_FAILED) PMDB_STRACE_E(61, cfg->shm_name, cfg->shm_size);
+    if (sem == SEM_FAILED) PMDB_TRACE(tp::shm_semaphore_failed, cfg->shm_name, cfg->shm_size);
     return sem;
 }
 
@@ -193,7 +193,7 @@ cerrno region_first_init(const dnx_db_cfg_t *cfg, dnx_pmdb_shrd_ctx_t *ctx) {
         /* Whoever holds it finished this region meanwhile: leave the
          * semaphore to them. */
         if (region_magic(ctx) == PMDB_SHRD_CTX_MAGIC) return PMDB_OK;
-        PMDB_STRACE_E(72, cfg->shm_name, ms);
+        PMDB_TRACE(tp::shm_semaphore_stale, cfg->shm_name, ms);
         vorn_sem_unlink(PMDB_SHM_SEMAPHORE_NAME);
     }
     return PMDB_ESHM;
@@ -242,30 +242,30 @@ cerrno table_open(dnx_db_hdl_t *hdl, pmdb_type_t type, int write_intent) {
         params_build(hdl->cfg, write_intent != 0 ? PMDB_TABRA_OPEN_WRITE : PMDB_TABRA_OPEN_READ);
     cerrno rc = tabra_init(hdl->event_mgr, &dnxpm_dbg_pmdb_types);
     if (rc != 0) {
-        PMDB_TRACE_E(53, rc);
+        PMDB_TRACE(tp::tabra_init_failed, rc);
         return rc;
     }
     tabra_hdl_t table = nullptr;
     rc = tabra_open(&params, &table);
     if (rc != 0 || table == nullptr) {
         /* Success without a table leaves tabra null; the open asserts. */
-        PMDB_TRACE_E(54, rc);
+        PMDB_TRACE(tp::tabra_open_failed, rc);
         return rc;
     }
     rc = tabra_set_add_hook(table, slot_lock_ready, hdl);
     if (rc != 0) {
-        PMDB_TRACE_E(54, rc);
+        PMDB_TRACE(tp::tabra_open_failed, rc);
         return rc;
     }
-    PMDB_TRACE_D(55, type);
+    PMDB_TRACE(tp::table_opened, type);
     usleep(kFirstProtectPauseUs);
     rc = dpa_pmdb_mprotect_tabra(table, hdl, type);
     if (rc != 0) {
-        PMDB_TRACE_E(56, rc);
+        PMDB_TRACE(tp::first_protect_failed, rc);
         return rc;
     }
     hdl->tabra = table;
-    PMDB_TRACE_D(57, type);
+    PMDB_TRACE(tp::table_protected, type);
     return 0;
 }
 
@@ -285,7 +285,7 @@ cerrno init_locked(event_mgr_p em, pmdb_type_t type, int write_intent) {
 cerrno dpa_pmdb_shrd_ctx_init(event_mgr_p em, pmdb_type_t type, dnx_db_hdl_t **out) {
     const int err = pmdb_mutex_take(&pmdb_init_mutex, "dpa_pmdb_shrd_ctx_init", 697);
     if (err != 0) {
-        PMDB_TRACE_E(65, type, err);
+        PMDB_TRACE(tp::shrd_ctx_open_failed, type, err);
         return static_cast<cerrno>(err);
     }
     dnx_db_hdl_t *hdl = hdl_obtain(em, type);
@@ -294,7 +294,7 @@ cerrno dpa_pmdb_shrd_ctx_init(event_mgr_p em, pmdb_type_t type, dnx_db_hdl_t **o
     if (hdl != nullptr && hdl->shrd_ctx == nullptr) rc = dpa_pmdb_shrd_ctx_map(hdl->cfg, hdl);
     pthread_mutex_unlock(&pmdb_init_mutex);
     if (rc != 0) {
-        PMDB_TRACE_E(65, type, rc);
+        PMDB_TRACE(tp::shrd_ctx_open_failed, type, rc);
         return rc;
     }
     *out = hdl;
@@ -337,14 +337,14 @@ cerrno dpa_pmdb_shrd_ctx_map(const dnx_db_cfg_t *cfg, dnx_db_hdl_t *hdl) {
     if (fd < 0) return PMDB_ESHM;
     const i64 len = pmdb_region_length(cfg->shm_size, sysconf(_SC_PAGESIZE));
     if (ftruncate(fd, len) != 0) {
-        PMDB_STRACE_E(59, cfg->shm_name, len);
+        PMDB_TRACE(tp::shm_size_failed, cfg->shm_name, len);
         vorn_close(fd);
         return PMDB_ESHM;
     }
     void *map = vornos_mmap(nullptr, static_cast<size_t>(len), PROT_READ | PROT_WRITE, MAP_SHARED,
                             fd, 0);
     if (map == MAP_FAILED) {
-        PMDB_STRACE_E(60, cfg->shm_name, len);
+        PMDB_TRACE(tp::shm_map_failed, cfg->shm_name, len);
         vorn_close(fd);
         return PMDB_ENOMEM;
     }
@@ -357,7 +357,7 @@ cerrno dpa_pmdb_shrd_ctx_map(const dnx_db_cfg_t *cfg, dnx_db_hdl_t *hdl) {
         return rc;
     }
     hdl->shrd_ctx = ctx;
-    PMDB_STRACE_D(62, cfg->shm_name, cfg->shm_size);
+    PMDB_TRACE(tp::shm_region_mapped, cfg->shm_name, cfg->shm_size);
     return 0;
 }
 
@@ -365,7 +365,7 @@ cerrno dpa_pmdb_munprotect_tabra(dnx_db_hdl_t *hdl, pmdb_type_t type) {
     const int err =
         pmdb_mutex_take(&pmdb_prot_mutex[type], "dpa_pmdb_munprotect_tabra", 265);
     if (err != 0) {
-        PMDB_TRACE_E(68, err);
+        PMDB_TRACE(tp::write_enable_failed, err);
         return static_cast<cerrno>(err);
     }
     /* The writer stays counted even if the table store refuses below: its
@@ -375,7 +375,7 @@ cerrno dpa_pmdb_munprotect_tabra(dnx_db_hdl_t *hdl, pmdb_type_t type) {
     if (hdl->prot_state != PMDB_PROT_WRITABLE && hdl->cfg != nullptr)
         rc = protection_change(hdl->tabra, hdl, PMDB_PROT_WRITABLE);
     pthread_mutex_unlock(&pmdb_prot_mutex[type]);
-    if (rc != 0) PMDB_TRACE_E(68, rc);
+    if (rc != 0) PMDB_TRACE(tp::write_enable_failed, rc);
     return rc;
 }
 
@@ -386,7 +386,7 @@ PMDB_EXPORT cerrno dpa_pmdb_mprotect_tabra(tabra_hdl_t table, dnx_db_hdl_t *hdl,
     if (!type_valid(type) || hdl == nullptr || table == nullptr) return PMDB_EINVAL;
     const int err = pmdb_mutex_take(&pmdb_prot_mutex[type], "dpa_pmdb_mprotect_tabra", 206);
     if (err != 0) {
-        PMDB_TRACE_E(52);
+        PMDB_TRACE(tp::mprotect_lock_failed);
         return static_cast<cerrno>(err);
     }
     cerrno rc = 0;
@@ -400,10 +400,10 @@ PMDB_EXPORT cerrno dpa_pmdb_mprotect_tabra(tabra_hdl_t table, dnx_db_hdl_t *hdl,
 
 PMDB_EXPORT cerrno dpa_pmdb_init(event_mgr_p em, pmdb_type_t type, int write_intent) {
     if (!type_valid(type)) return PMDB_EINVAL;
-    PMDB_TRACE_D(63, type);
+    PMDB_TRACE(tp::init_entered, type);
     const int err = pmdb_mutex_take(&pmdb_init_mutex, "dpa_pmdb_init", 568);
     if (err != 0) {
-        PMDB_TRACE_E(64, type, err);
+        PMDB_TRACE(tp::init_lock_failed, type, err);
         return static_cast<cerrno>(err);
     }
     const cerrno rc = type_inited(type) ? 0 : init_locked(em, type, write_intent);
@@ -418,7 +418,7 @@ PMDB_EXPORT cerrno dpa_chk_pmdb_open(event_mgr_p em, dnx_db_hdl_t **out, pmdb_ty
     if (!type_inited(type)) {
         const cerrno rc = dpa_pmdb_init(em, type, write_intent);
         if (rc != 0) {
-            PMDB_TRACE_E(67, rc, type);
+            PMDB_TRACE(tp::open_init_failed, rc, type);
             return rc;
         }
         line = kAssertLineInitialised;
@@ -444,7 +444,7 @@ PMDB_EXPORT cerrno dpa_chk_shrd_ctx_open(event_mgr_p em, dnx_db_hdl_t **out,
     const cerrno rc = dpa_pmdb_shrd_ctx_init(em, type, &hdl);
     if (rc != 0) return rc;
     if (region_magic(hdl->shrd_ctx) != PMDB_SHRD_CTX_MAGIC) {
-        PMDB_TRACE_D(66, type);
+        PMDB_TRACE(tp::shrd_ctx_no_magic, type);
         return PMDB_ENOTFOUND;
     }
     *out = hdl;
@@ -453,7 +453,7 @@ PMDB_EXPORT cerrno dpa_chk_shrd_ctx_open(event_mgr_p em, dnx_db_hdl_t **out,
 
 PMDB_EXPORT dnx_db_hdl_t *dpa_pmdb_hdl_get(pmdb_type_t type) {
     if (type_valid(type) && type_inited(type)) return pmdb_hdl[type];
-    PMDB_TRACE_E(51);
+    PMDB_TRACE(tp::hdl_get_uninitialised);
     return nullptr;
 }
 

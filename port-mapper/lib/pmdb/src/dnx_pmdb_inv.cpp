@@ -76,9 +76,9 @@ u32 hs_bit(i32 node_index) { return 1u << (static_cast<u32>(node_index) & 31u); 
 /* Write access to the IFH region's globals for one operation: the caller's
  * handle when given (its open covers us), else an open of our own; either
  * way the operation ends with pmdb_cycle_release. */
-cerrno glbls_open(pmdb_cycle_t *cyc, dnx_db_hdl_t *given, u32 open_failed_point) {
+cerrno glbls_open(pmdb_cycle_t *cyc, dnx_db_hdl_t *given, pmdb_cycle_point_e1_t open_failed) {
     const cerrno rc = pmdb_cycle_open_or_use(cyc, PMDB_TYPE_IFH, given);
-    if (rc != PMDB_OK) PMDB_TRACE_E(open_failed_point, rc);
+    if (rc != PMDB_OK) PMDB_TRACE(open_failed, rc);
     return rc;
 }
 
@@ -90,11 +90,11 @@ dnx_pmdb_glbls_t *glbls_of(const pmdb_cycle_t *cyc) { return &cyc->hdl->shrd_ctx
 cerrno hs_hand_over(dnx_pmdb_glbls_t *g) {
     u32 next = 0;
     if (pm_inventory_get_first_high_scale_nodeid(&next) != PMDB_OK) {
-        PMDB_TRACE_V(116);
+        PMDB_TRACE(tp::scale_no_high_scale_left);
         return PMDB_ENOTFOUND;
     }
     g->hs_node_id = next;
-    PMDB_TRACE_V(117, g->hs_node_id, g->hs_node_mask);
+    PMDB_TRACE(tp::scale_role_handed_over, g->hs_node_id, g->hs_node_mask);
     return PMDB_OK;
 }
 
@@ -103,26 +103,32 @@ cerrno hs_update(dnx_pmdb_glbls_t *g, u32 node_id, i32 node_index, int add) {
         /* The last high-scale node added is the current one. */
         g->hs_node_id = node_id;
         g->hs_node_mask |= hs_bit(node_index);
-        PMDB_TRACE_V(114, g->hs_node_id, g->hs_node_mask);
+        PMDB_TRACE(tp::scale_high_scale_added, g->hs_node_id, g->hs_node_mask);
         return PMDB_OK;
     }
     g->hs_node_mask &= ~hs_bit(node_index);
     if (g->hs_node_id != node_id) {
-        PMDB_TRACE_V(115);
+        PMDB_TRACE(tp::scale_not_current_node);
         return PMDB_OK;
     }
     return hs_hand_over(g);
 }
 
-/* Records the inventory node with the pair of traces of its path (119/120
- * for an added node, 123/124 for the remove form's replacement): the address
- * lets a debugger find the published MAC, the bytes show it. */
-void inv_node_record(dnx_pmdb_glbls_t *g, u32 node_id, const u8 *mac, u32 addr_point) {
+/* The pair of traces of a recorded inventory node: the address lets a
+ * debugger find the published MAC, the bytes show it. */
+struct inv_node_points {
+    pmdb_tpt::point<pmdb_tpt::V, 2, pmdb_tpt::N> addr;
+    pmdb_tpt::point<pmdb_tpt::V, 7, pmdb_tpt::N> bytes;
+};
+
+/* Records the inventory node, traced with the points of its path (an added
+ * node, or the remove form's replacement). */
+void inv_node_record(dnx_pmdb_glbls_t *g, u32 node_id, const u8 *mac, inv_node_points points) {
     g->inv_node_id = node_id;
     memcpy(g->inv_node_mac, mac, kMacLen);
     const u8 *m = g->inv_node_mac;
-    PMDB_TRACE_V(addr_point, g->inv_node_id, m);
-    PMDB_TRACE_V(addr_point + 1, g->inv_node_id, m[0], m[1], m[2], m[3], m[4], m[5]);
+    PMDB_TRACE(points.addr, g->inv_node_id, m);
+    PMDB_TRACE(points.bytes, g->inv_node_id, m[0], m[1], m[2], m[3], m[4], m[5]);
 }
 
 /* Remove form: acts only while no node is recorded.  It clears the MAC;
@@ -137,17 +143,17 @@ cerrno inv_node_remove(dnx_pmdb_glbls_t *g, u32 node_id) {
     if (g->inv_node_id != 0) return PMDB_OK;
     memset(g->inv_node_mac, 0, kMacLen);
     if (node_id != g->inv_node_id) {
-        PMDB_TRACE_V(121);
+        PMDB_TRACE(tp::inv_remove_other_node);
         return PMDB_OK;
     }
     u32 id = 0;
     u8 mac[kMacLen] = {};
     cerrno rc = pm_inventory_get_first_inv_nodeid(&id, mac);
     if (rc != PMDB_OK) {
-        PMDB_TRACE_V(122);
+        PMDB_TRACE(tp::inv_remove_none_left);
         return rc;
     }
-    inv_node_record(g, id, mac, 123);
+    inv_node_record(g, id, mac, {tp::inv_remove_recorded, tp::inv_remove_recorded_mac});
     return PMDB_OK;
 }
 
@@ -182,9 +188,9 @@ PMDB_EXPORT pm_port_inv_entry_t *pm_port_inv_entry_add(u32 node_id, i32 node_ind
     inv_fill_mac(e, npu_index);
     e->next = pm_port_inv_list;
     if (pm_port_inv_list == nullptr)
-        PMDB_TRACE_V(110, node_id, node_index, high_scale);
+        PMDB_TRACE(tp::inventory_first_node_added, node_id, node_index, high_scale);
     else
-        PMDB_TRACE_V(111, node_id, node_index, high_scale);
+        PMDB_TRACE(tp::inventory_node_added, node_id, node_index, high_scale);
     pm_port_inv_list = e;
     return e;
 }
@@ -205,7 +211,7 @@ PMDB_EXPORT cerrno pm_inventory_get_first_high_scale_nodeid(u32 *node_id) {
     while (e != nullptr && e->high_scale == 0) e = e->next;
     if (e == nullptr) return PMDB_ENOTFOUND;
     *node_id = e->node_id;
-    PMDB_TRACE_V(107, e->node_id);
+    PMDB_TRACE(tp::first_high_scale_node, e->node_id);
     return PMDB_OK;
 }
 
@@ -217,18 +223,18 @@ PMDB_EXPORT cerrno pm_inventory_get_first_inv_nodeid(u32 *node_id, u8 *mac) {
     *node_id = e->node_id;
     memcpy(mac, e->mac, kMacLen);
     const u8 *m = e->mac;
-    PMDB_TRACE_V(109, e->node_id, m[0], m[1], m[2], m[3], m[4], m[5]);
+    PMDB_TRACE(tp::first_inventory_node, e->node_id, m[0], m[1], m[2], m[3], m[4], m[5]);
     return PMDB_OK;
 }
 
 PMDB_EXPORT cerrno dpa_pmdb_update_scale_info(u32 node_id, i32 node_index, u8 high_scale, int add,
                                               dnx_db_hdl_t *hdl) {
     if (high_scale == 0 && add != 0) {
-        PMDB_TRACE_V(112);
+        PMDB_TRACE(tp::scale_not_high_scale);
         return PMDB_OK;
     }
     pmdb_cycle_t cyc;
-    cerrno rc = glbls_open(&cyc, hdl, 113);
+    cerrno rc = glbls_open(&cyc, hdl, tp::scale_open_failed);
     if (rc != PMDB_OK) return rc;
     /* A removal clears the node's bit whatever its scale flag says. */
     rc = hs_update(glbls_of(&cyc), node_id, node_index, add);
@@ -240,14 +246,14 @@ PMDB_EXPORT cerrno dpa_pmdb_update_glbls_inv_node_info(u32 node_id, const u8 *ma
     /* The remove form never reads the MAC; the add form may record it. */
     if (add != 0 && mac == nullptr) return PMDB_EINVAL;
     pmdb_cycle_t cyc;
-    cerrno rc = glbls_open(&cyc, hdl, 118);
+    cerrno rc = glbls_open(&cyc, hdl, tp::inv_node_open_failed);
     if (rc != PMDB_OK) return rc;
     dnx_pmdb_glbls_t *g = glbls_of(&cyc);
     if (add == 0)
         rc = inv_node_remove(g, node_id);
     else if (g->inv_node_id == 0)
         /* The first node ever added stays recorded for the life of the region. */
-        inv_node_record(g, node_id, mac, 119);
+        inv_node_record(g, node_id, mac, {tp::inv_node_recorded, tp::inv_node_recorded_mac});
     return pmdb_cycle_release(&cyc, rc);
 }
 

@@ -173,7 +173,7 @@ int lock_rebuild(pellin_mutex_type *lock, bool destroy_first) {
 int lock_classify(pellin_mutex_type *lock, int rc) {
     if (rc == ENOTRECOVERABLE) return lock_rebuild(lock, true);
     if (rc == EOWNERDEAD) {
-        PMDB_TRACE_D(69);
+        PMDB_TRACE(tp::lock_owner_dead);
         rc = pthread_mutex_consistent_np(lock);
         if (rc != 0) __assert_fail("rc==0", PMDB_LOCK_SRC_FILE, 113, kEntryLockFn);
         return 0;
@@ -256,7 +256,7 @@ PMDB_EXPORT cerrno pmdb_entry_unlock(pellin_mutex_type *lock) {
 PMDB_EXPORT cerrno pmdb_lock_destroy(pellin_mutex_type *lock) {
     if (lock == nullptr) return PMDB_EINVAL;
     const int rc = lock_retire(lock);
-    if (rc != 0) PMDB_TRACE_D(71);
+    if (rc != 0) PMDB_TRACE(tp::lock_destroy_failed);
     return static_cast<cerrno>(rc);
 }
 

@@ -132,7 +132,7 @@ void report_bundle(u32 bundle_ifh, const pmdb_ifh_entry_t *b, dpa_pmdb_ifh_summa
     if (punt_info != nullptr && b->punt_info.punt_data[0] != 0)
         memcpy(punt_info, &b->punt_info, sizeof *punt_info);
     else
-        PMDB_TRACE_D(231, bundle_ifh, egress_key ? 1u : 0u);
+        PMDB_TRACE(tp::bundle_update_no_punt_info, bundle_ifh, egress_key ? 1u : 0u);
 }
 
 }  // namespace
@@ -144,13 +144,12 @@ extern "C" {
 cerrno dpa_pmdb_update_ifh_entry_member(pmdb_event_t *event, dpa_pmdb_ifh_summary_t *summary,
                                         pmdb_punt_info_t *punt_info) {
     if (event == nullptr || event->intf_info.ifh == 0 || summary == nullptr) {
-        PMDB_TRACE_E(234);
+        PMDB_TRACE(tp::member_update_no_event);
         return PMDB_EINVAL;
     }
-    static const pmdb_cycle_traces_t kTraces = {.open_failed = 235,
-                                                .open_args = PMDB_OPEN_TRACE_KEY,
-                                                .lookup_failed = 236,
-                                                .lock_failed = 238};
+    static const pmdb_cycle_traces_t kTraces = {.open_failed_key = tp::member_update_open_failed,
+                                                .lookup_failed = tp::member_update_lookup_failed,
+                                                .lock_failed = tp::member_update_lock_failed};
     const u32 ifh = event->intf_info.ifh;
     pmdb_member_op_scope op;
     pmdb_cycle_t cyc;
@@ -163,8 +162,8 @@ cerrno dpa_pmdb_update_ifh_entry_member(pmdb_event_t *event, dpa_pmdb_ifh_summar
     const member_change mc = apply_membership(cyc.hdl, e, event, summary);
     const pmdb_intf_info_t *in = &e->intf_info;
     pmdb_fields::summarise_keys(in, summary);
-    PMDB_TRACE_D(237, ifh, summary->ingress_lif, summary->egress_lif, port_lo_of(in->member_port),
-                 port_hi_of(in->member_port));
+    PMDB_TRACE(tp::member_updated, ifh, summary->ingress_lif, summary->egress_lif,
+               port_lo_of(in->member_port), port_hi_of(in->member_port));
     pmdb_crash_point(PMDB_CRASH_MEMBER_CHANGED);
     rc = pmdb_cycle_release(&cyc, PMDB_OK);
     pmdb_crash_point(PMDB_CRASH_MEMBER_RELEASED);
@@ -176,10 +175,11 @@ cerrno dpa_pmdb_update_ifh_entry_member(pmdb_event_t *event, dpa_pmdb_ifh_summar
 cerrno dpa_pmdb_update_bundle_ifh_entry(u32 bundle_ifh, i32 count_in, i32 keep_count,
                                         dpa_pmdb_ifh_summary_t *summary,
                                         pmdb_punt_info_t *punt_info, u32 event_id) {
-    static const pmdb_cycle_traces_t kTraces = {
-        .open_failed = 229, .lookup_failed = 230, .lock_failed = 233};
+    static const pmdb_cycle_traces_t kTraces = {.open_failed = tp::bundle_update_open_failed,
+                                                .lookup_failed = tp::bundle_update_lookup_failed,
+                                                .lock_failed = tp::bundle_update_lock_failed};
     if (bundle_ifh == 0 || summary == nullptr) {
-        PMDB_TRACE_E(228);
+        PMDB_TRACE(tp::bundle_update_zero_ifh);
         return PMDB_EINVAL;
     }
     pmdb_cycle_t cyc;
@@ -191,8 +191,8 @@ cerrno dpa_pmdb_update_bundle_ifh_entry(u32 bundle_ifh, i32 count_in, i32 keep_c
     if (keep_count == 0 && count_member(b, count_in != 0))
         pmdb_stamp(&b->event_id, &b->last_update, event_id);
     report_bundle(bundle_ifh, b, summary, punt_info);
-    PMDB_TRACE_D(232, bundle_ifh, summary->bundle_egress_lif, summary->bundle_ingress_lif,
-                 b->member_count);
+    PMDB_TRACE(tp::bundle_updated, bundle_ifh, summary->bundle_egress_lif,
+               summary->bundle_ingress_lif, b->member_count);
     return pmdb_cycle_release(&cyc, PMDB_OK);
 }
 

@@ -68,7 +68,7 @@ thread_local int t_record = kNoRecord; /* index of this thread's record */
 thread_local bool t_in_op = false;     /* a scope of this thread records */
 
 cerrno log_fault_traced(u32 why) {
-    PMDB_STRACE_E(341, PMDB_MEMBER_OPS_NAME, why);
+    PMDB_TRACE(tp::member_ops_unusable, PMDB_MEMBER_OPS_NAME, why);
     return PMDB_ESHM;
 }
 

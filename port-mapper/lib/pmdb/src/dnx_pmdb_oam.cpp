@@ -51,18 +51,18 @@ extern "C" {
 
 cerrno dpa_pmdb_add_oam_entry(u32 key, const pmdb_event_t *event, int *slot) {
     if (key == 0) {
-        PMDB_TRACE_E(153);
+        PMDB_TRACE(tp::oam_add_zero_key);
         return PMDB_EINVAL;
     }
     if (event == nullptr) {
-        PMDB_TRACE_E(154, key, 0);
+        PMDB_TRACE(tp::oam_add_no_event, key, 0);
         return PMDB_EINVAL;
     }
-    static const pmdb_cycle_traces_t kTraces = {.open_failed = 155,
-                                                .add_failed = 156,
-                                                .refreshed = 157,
-                                                .lookup_failed = 158,
-                                                .lock_failed = 160};
+    static const pmdb_cycle_traces_t kTraces = {.open_failed = tp::oam_add_open_failed,
+                                                .add_failed = tp::oam_add_failed,
+                                                .refreshed = tp::oam_add_refresh,
+                                                .lookup_failed = tp::oam_add_lookup_failed,
+                                                .lock_failed = tp::oam_add_lock_failed};
     pmdb_cycle_t cyc;
     const cerrno rc =
         pmdb_cycle_begin(&cyc, PMDB_TYPE_OAM, key, PMDB_CYCLE_CREATE | PMDB_CYCLE_LOCK, &kTraces);
@@ -78,39 +78,34 @@ cerrno dpa_pmdb_add_oam_entry(u32 key, const pmdb_event_t *event, int *slot) {
     apply_event(e, event);
     const pmdb_oam_info_t written = e->oam_info;
     pmdb_cycle_unlock(&cyc);
-    PMDB_TRACE_D(159, key, written.oam_ifh, written.oam_byte_a, written.oam_byte_b,
-                 written.oam_word);
+    PMDB_TRACE(tp::oam_entry_written, key, written.oam_ifh, written.oam_byte_a, written.oam_byte_b,
+               written.oam_word);
     return pmdb_cycle_release(&cyc, PMDB_OK);
 }
 
 cerrno dpa_pmdb_remove_oam_entry(u32 key) {
-    static const pmdb_cycle_traces_t kTraces = {
-        .zero_key = 167, .open_failed = 168, .lookup_failed = 169};
-    pmdb_cycle_t cyc;
-    cerrno rc = pmdb_cycle_begin(&cyc, PMDB_TYPE_OAM, key, PMDB_CYCLE_FIND, &kTraces);
-    if (rc != PMDB_OK) return rc;
-    rc = pmdb_cycle_remove_found(&cyc);
-    if (rc != PMDB_OK)
-        PMDB_TRACE_E(170, key, rc);
-    else
-        PMDB_TRACE_D(171, key);
-    return pmdb_cycle_release(&cyc, rc);
+    static const pmdb_cycle_traces_t kTraces = {.zero_key = tp::oam_remove_zero_key,
+                                                .open_failed = tp::oam_remove_open_failed,
+                                                .lookup_failed = tp::oam_remove_not_found,
+                                                .remove_failed = tp::oam_remove_failed,
+                                                .removed = tp::oam_removed};
+    return pmdb_cycle_remove_key(PMDB_TYPE_OAM, key, &kTraces);
 }
 
 void dpa_pmdb_oam_oper(const pmdb_event_t *event) {
     if (event == nullptr) {
-        PMDB_TRACE_E(290);
+        PMDB_TRACE(tp::oam_event_null);
         return;
     }
     const u32 key = event->oam.oam_key;
     if (event->event_type == PMDB_EV_MEMBER_LEAVE || event->event_type == PMDB_EV_OAM_REMOVE) {
         const cerrno rc = dpa_pmdb_remove_oam_entry(key);
-        if (rc != PMDB_OK) PMDB_TRACE_E(292, key, rc);
+        if (rc != PMDB_OK) PMDB_TRACE(tp::oam_event_remove_failed, key, rc);
         return;
     }
     int slot = 0;
     const cerrno rc = dpa_pmdb_add_oam_entry(key, event, &slot);
-    if (rc != PMDB_OK) PMDB_TRACE_E(291, key, rc);
+    if (rc != PMDB_OK) PMDB_TRACE(tp::oam_event_add_failed, key, rc);
 }
 
 }  // extern "C"

@@ -100,22 +100,23 @@ struct bundle_report {
  * state when the derived state rises to a level. */
 void fold_into_bundle(pmdb_intf_info_t *b, i32 bundle_slot, u32 bundle_ifh, u32 old_state,
                       u32 state, u32 reason, const bundle_report *out) {
-    PMDB_TRACE_V(303, bundle_ifh, bundle_slot, b->oor_state, b->oor_members_1, b->oor_members_2);
+    PMDB_TRACE(tp::oor_update_bundle_locked, bundle_ifh, bundle_slot, b->oor_state,
+               b->oor_members_1, b->oor_members_2);
     pmdb_crash_point(PMDB_CRASH_OOR_BUNDLE_LOCKED);
     const u32 before = dpa_pmdb_oor_derived_state(b);
-    PMDB_TRACE_V(304, before, b->oor_members_1, b->oor_members_2);
+    PMDB_TRACE(tp::oor_counters_before, before, b->oor_members_1, b->oor_members_2);
     if (!count_level(b, old_state, false)) {
         if (old_state == PMDB_OOR_LEVEL2)
-            PMDB_TRACE_E(294, b->bundle_ifh, state, b->oor_state, b->oor_members_1,
-                         b->oor_members_2);
+            PMDB_TRACE(tp::oor_level2_counter_zero, b->bundle_ifh, state, b->oor_state,
+                       b->oor_members_1, b->oor_members_2);
         else
-            PMDB_TRACE_E(293, b->bundle_ifh, state, b->oor_state, b->oor_members_1,
-                         b->oor_members_2);
+            PMDB_TRACE(tp::oor_level1_counter_zero, b->bundle_ifh, state, b->oor_state,
+                       b->oor_members_1, b->oor_members_2);
     }
     pmdb_crash_point(PMDB_CRASH_OOR_COUNTED_OUT);
     count_level(b, state, true);
     const u32 after = dpa_pmdb_oor_derived_state(b);
-    PMDB_TRACE_V(305, after, b->oor_members_1, b->oor_members_2);
+    PMDB_TRACE(tp::oor_counters_after, after, b->oor_members_1, b->oor_members_2);
     if (after == before) {
         *out->changed = 0;
         return;
@@ -136,17 +137,18 @@ void fold_into_bundle(pmdb_intf_info_t *b, i32 bundle_slot, u32 bundle_ifh, u32 
  * before and after.  False when the bundle could not be found or locked. */
 bool account_member(pmdb_cycle_t *bundle, u32 bundle_ifh, u32 level, bool join, u32 *old_state,
                     u32 *new_state) {
-    static const pmdb_cycle_traces_t kTraces = {.lookup_failed = 313, .lock_failed = 314};
+    static const pmdb_cycle_traces_t kTraces = {.lookup_failed = tp::oor_members_lookup_failed,
+                                                .lock_failed = tp::oor_members_lock_failed};
     if (pmdb_cycle_enter(bundle, bundle_ifh, PMDB_CYCLE_LOCK, &kTraces) != PMDB_OK) return false;
     pmdb_crash_point(PMDB_CRASH_ACCOUNT_LOCKED);
     auto *b = &static_cast<pmdb_ifh_entry_t *>(bundle->entry)->intf_info;
-    PMDB_TRACE_V(315, bundle_ifh, bundle->slot, b->oor_state, b->oor_members_1,
-                 b->oor_members_2);
+    PMDB_TRACE(tp::oor_members_bundle_locked, bundle_ifh, bundle->slot, b->oor_state,
+               b->oor_members_1, b->oor_members_2);
     *old_state = dpa_pmdb_oor_derived_state(b);
-    PMDB_TRACE_V(316, *old_state, b->oor_members_1, b->oor_members_2);
+    PMDB_TRACE(tp::oor_members_old_state, *old_state, b->oor_members_1, b->oor_members_2);
     count_level(b, level, join);
     *new_state = dpa_pmdb_oor_derived_state(b);
-    PMDB_TRACE_V(317, *new_state, b->oor_members_1, b->oor_members_2);
+    PMDB_TRACE(tp::oor_members_new_state, *new_state, b->oor_members_1, b->oor_members_2);
     follow_derived_state(b, *old_state, *new_state);
     return true;
 }
@@ -174,17 +176,19 @@ dpa_pmdb_oor_cb_t dpa_pmdb_oor_cb_get(void) { return oor_cb.load(std::memory_ord
 
 void dpa_pmdb_set_oor_cb(dpa_pmdb_oor_cb_t cb) {
     oor_cb.store(cb, std::memory_order_release);
-    PMDB_TRACE_V(318, cb);
+    PMDB_TRACE(tp::oor_callback_registered, cb);
 }
 
 cerrno dpa_pmdb_update_bundle_oor_state(u32 ifh, u32 state, u32 reason, u32 *bundle_ifh_out,
                                         u32 *bundle_state_out, u32 *changed_out,
                                         u32 *bundle_slot_out) {
-    static const pmdb_cycle_traces_t kMemberTraces = {.open_failed = 295,
-                                                      .open_args = PMDB_OPEN_TRACE_STATUS,
-                                                      .lookup_failed = 296,
-                                                      .lock_failed = 297};
-    static const pmdb_cycle_traces_t kBundleTraces = {.lookup_failed = 301, .lock_failed = 302};
+    static const pmdb_cycle_traces_t kMemberTraces = {
+        .open_failed_status = tp::oor_update_open_failed,
+        .lookup_failed = tp::oor_update_member_lookup_failed,
+        .lock_failed = tp::oor_update_member_lock_failed};
+    static const pmdb_cycle_traces_t kBundleTraces = {
+        .lookup_failed = tp::oor_update_bundle_lookup_failed,
+        .lock_failed = tp::oor_update_bundle_lock_failed};
     const bundle_report out = {bundle_ifh_out, bundle_state_out, changed_out, bundle_slot_out};
     if (!out.complete()) return PMDB_EINVAL;
     pmdb_member_op_scope op;
@@ -193,14 +197,15 @@ cerrno dpa_pmdb_update_bundle_oor_state(u32 ifh, u32 state, u32 reason, u32 *bun
     if (rc != PMDB_OK) return rc;
     pmdb_cycle_t bundle = pmdb_cycle_share(&member);
     auto *m = &static_cast<pmdb_ifh_entry_t *>(member.entry)->intf_info;
-    PMDB_TRACE_V(298, ifh, m, member.slot, m->ifh, m->bundle_ifh, m->oor_state);
+    PMDB_TRACE(tp::oor_update_member_locked, ifh, m, member.slot, m->ifh, m->bundle_ifh,
+               m->oor_state);
     if (m->ifh == 0 && m->sub_ifh == 0) {
-        PMDB_TRACE_V(299, ifh);
+        PMDB_TRACE(tp::oor_update_not_interface, ifh);
         return finish(&member, &bundle, PMDB_OK);
     }
     const u32 old_state = m->oor_state;
     if (old_state == state) return finish(&member, &bundle, PMDB_OK);
-    PMDB_TRACE_V(300, ifh, old_state, state);
+    PMDB_TRACE(tp::oor_update_member_state, ifh, old_state, state);
     const u32 bundle_ifh = m->bundle_ifh;
     op.name(bundle_ifh, 0, ifh);
     record_state(m, state);
@@ -218,10 +223,9 @@ cerrno dpa_pmdb_update_bundle_oor_state(u32 ifh, u32 state, u32 reason, u32 *bun
 }
 
 cerrno dpa_pmdb_set_bundle_oor_state(u32 ifh, i32 state, u32 reason, u32 *slot_out) {
-    static const pmdb_cycle_traces_t kTraces = {.open_failed = 306,
-                                                .open_args = PMDB_OPEN_TRACE_STATUS,
-                                                .lookup_failed = 307,
-                                                .lock_failed = 308};
+    static const pmdb_cycle_traces_t kTraces = {.open_failed_status = tp::oor_set_open_failed,
+                                                .lookup_failed = tp::oor_set_lookup_failed,
+                                                .lock_failed = tp::oor_set_lock_failed};
     if (slot_out == nullptr) return PMDB_EINVAL;
     pmdb_cycle_t cyc;
     cerrno rc = pmdb_cycle_begin(&cyc, PMDB_TYPE_IFH, ifh, PMDB_CYCLE_LOCK, &kTraces);
@@ -230,13 +234,13 @@ cerrno dpa_pmdb_set_bundle_oor_state(u32 ifh, i32 state, u32 reason, u32 *slot_o
     /* Clearing is refused only while members at both levels are counted;
      * any other request is recorded, even one that repeats the state. */
     if (state == 0 && in->oor_members_1 != 0 && in->oor_members_2 != 0) {
-        PMDB_TRACE_E(309, ifh);
+        PMDB_TRACE(tp::oor_set_state_zero_refused, ifh);
         return pmdb_cycle_release(&cyc, PMDB_EINVAL);
     }
     record_state(in, static_cast<u32>(state));
     in->oor_reason = reason;
     *slot_out = static_cast<u32>(cyc.slot);
-    PMDB_TRACE_V(310, ifh, cyc.slot, in, state);
+    PMDB_TRACE(tp::oor_set_done, ifh, cyc.slot, in, state);
     return pmdb_cycle_release(&cyc, PMDB_OK);
 }
 
@@ -246,9 +250,9 @@ void dpa_pmdb_update_bundle_oor_members(dnx_db_hdl_t *hdl, pmdb_intf_info_t *mem
     const dpa_pmdb_oor_cb_t cb = dpa_pmdb_oor_cb_get();
     if (cb == nullptr) return;
     const u32 bundle_ifh = member_info->bundle_ifh;
-    PMDB_TRACE_V(311, join, member_info->ifh, member_info->oor_state, bundle_ifh);
+    PMDB_TRACE(tp::oor_members_begin, join, member_info->ifh, member_info->oor_state, bundle_ifh);
     if (bundle_ifh == 0) {
-        PMDB_TRACE_E(312, member_info->ifh);
+        PMDB_TRACE(tp::oor_members_no_bundle, member_info->ifh);
         return;
     }
     /* The caller's open covers this lookup. */

@@ -25,8 +25,8 @@ using pmdb_fields::has_flag;
 
 void trace_punt_before_remove(void *ctx, const pmdb_cycle_t *cyc) {
     const auto *e = static_cast<const pmdb_punt_entry_t *>(cyc->entry);
-    PMDB_TRACE_D(175, *static_cast<const u32 *>(ctx), e->intf_info.ifh, e->intf_info.sub_ifh,
-                 e->intf_info.bundle_ifh);
+    PMDB_TRACE(tp::punt_remove_begin, *static_cast<const u32 *>(ctx), e->intf_info.ifh,
+               e->intf_info.sub_ifh, e->intf_info.bundle_ifh);
 }
 
 /* The PUNT add's change of the locked entry: a new entry starts from
@@ -42,7 +42,7 @@ void write_punt_entry(pmdb_punt_entry_t *e, bool created, u32 key, const pmdb_ev
             memcpy(&e->punt_info, punt_info, sizeof e->punt_info);
     }
     if (has_flag(ev, PMDB_VF_PUNT)) {
-        PMDB_TRACE_D(140, ev->punt_info.ifh, key, ev->punt_info.punt_data[0]);
+        PMDB_TRACE(tp::punt_info_stored, ev->punt_info.ifh, key, ev->punt_info.punt_data[0]);
         pmdb_fields::merge_punt_words(&e->punt_info, &ev->punt_info);
     }
 }
@@ -67,16 +67,18 @@ u32 dpa_pmdb_bundle_member_punt_key(const dpa_pmdb_ifh_summary_t *summary) {
 cerrno dpa_pmdb_add_punt_entry(u32 key, const pmdb_event_t *event, i32 *slot,
                                const pmdb_punt_info_t *punt_info) {
     if (key == 0) {
-        PMDB_TRACE_E(134);
+        PMDB_TRACE(tp::punt_add_zero_key);
         return PMDB_EINVAL;
     }
     if (event == nullptr) {
-        PMDB_TRACE_E(135, key, 0);
+        PMDB_TRACE(tp::punt_add_no_event, key, 0);
         return PMDB_OK;
     }
     /* The lock failure's point also names the slot: that step is ours. */
-    static const pmdb_cycle_traces_t kTraces = {
-        .open_failed = 136, .add_failed = 137, .refreshed = 138, .lookup_failed = 139};
+    static const pmdb_cycle_traces_t kTraces = {.open_failed = tp::punt_add_open_failed,
+                                                .add_failed = tp::punt_add_failed,
+                                                .refreshed = tp::punt_add_refresh,
+                                                .lookup_failed = tp::punt_add_lookup_failed};
     pmdb_cycle_t cyc;
     cerrno rc = pmdb_cycle_begin(&cyc, PMDB_TYPE_PUNT, key, PMDB_CYCLE_CREATE, &kTraces);
     if (cyc.hdl == nullptr) return rc; /* the open failed */
@@ -84,7 +86,7 @@ cerrno dpa_pmdb_add_punt_entry(u32 key, const pmdb_event_t *event, i32 *slot,
     if (rc != PMDB_OK) return rc;
     rc = pmdb_cycle_lock(&cyc);
     if (rc != PMDB_OK) {
-        PMDB_TRACE_E(141, key, cyc.slot, rc);
+        PMDB_TRACE(tp::punt_add_lock_failed, key, cyc.slot, rc);
         return pmdb_cycle_release(&cyc, rc);
     }
     write_punt_entry(static_cast<pmdb_punt_entry_t *>(cyc.entry), cyc.created, key, event,
@@ -93,15 +95,12 @@ cerrno dpa_pmdb_add_punt_entry(u32 key, const pmdb_event_t *event, i32 *slot,
 }
 
 cerrno dpa_pmdb_remove_punt_entry(u32 key) {
-    static const pmdb_cycle_traces_t kTraces = {
-        .zero_key = 172, .open_failed = 173, .lookup_failed = 174};
-    pmdb_cycle_t cyc;
-    cerrno rc = pmdb_cycle_begin(&cyc, PMDB_TYPE_PUNT, key, PMDB_CYCLE_FIND, &kTraces);
-    if (rc != PMDB_OK) return rc;
-    rc = pmdb_cycle_remove_found(&cyc, trace_punt_before_remove, &key);
-    if (rc != PMDB_OK) PMDB_TRACE_E(176, key, rc);
-    PMDB_TRACE_D(177, key);
-    return pmdb_cycle_release(&cyc, rc);
+    static const pmdb_cycle_traces_t kTraces = {.zero_key = tp::punt_remove_zero_key,
+                                                .open_failed = tp::punt_remove_open_failed,
+                                                .lookup_failed = tp::punt_remove_lookup_failed,
+                                                .remove_failed = tp::punt_remove_failed,
+                                                .remove_ended = tp::punt_remove_done};
+    return pmdb_cycle_remove_key(PMDB_TYPE_PUNT, key, &kTraces, trace_punt_before_remove, &key);
 }
 
 }  // extern "C"

@@ -22,8 +22,9 @@
  * operation's own):
  *
  *     static const pmdb_cycle_traces_t kTraces = {
- *         .zero_key = 153, .open_failed = 155, .add_failed = 156,
- *         .refreshed = 157, .lookup_failed = 158, .lock_failed = 160};
+ *         .zero_key = tp::oam_add_zero_key, .open_failed = tp::oam_add_open_failed,
+ *         .add_failed = tp::oam_add_failed, .refreshed = tp::oam_add_refresh,
+ *         .lookup_failed = tp::oam_add_lookup_failed, .lock_failed = tp::oam_add_lock_failed};
  *     pmdb_cycle_t cyc;
  *     cerrno rc = pmdb_cycle_begin(&cyc, PMDB_TYPE_OAM, key,
  *                                  PMDB_CYCLE_CREATE | PMDB_CYCLE_LOCK, &kTraces);
@@ -33,11 +34,9 @@
  *     ... change e ...
  *     return pmdb_cycle_release(&cyc, 0);  // unlocks, then drops write access
  *
- *     // removal, with a trace of the entry just before it goes:
- *     rc = pmdb_cycle_begin(&cyc, PMDB_TYPE_PUNT, key, PMDB_CYCLE_FIND, &kTraces);
- *     if (rc != 0) return rc;
- *     rc = pmdb_cycle_remove_found(&cyc, trace_before_remove, &key);
- *     return pmdb_cycle_release(&cyc, rc);
+ *     // removal by key, start to end, with a trace of the entry just
+ *     // before it goes:
+ *     return pmdb_cycle_remove_key(PMDB_TYPE_PUNT, key, &kRemoveTraces, trace_before_remove);
  *
  * Two entries under one open (a member's lock before its bundle's):
  *
@@ -74,6 +73,7 @@
 #define PMDB_SRC_CYCLE_H
 
 #include "pmdb.h"
+#include "pmdb_trace_points.h"
 
 /* Which step of a cycle failed (for the operation's own trace point). */
 typedef enum pmdb_cycle_step {
@@ -127,27 +127,29 @@ cerrno pmdb_cycle_open_or_use(pmdb_cycle_t *cyc, pmdb_type_t type, dnx_db_hdl_t 
 #define PMDB_CYCLE_CREATE 1u /* created, or refreshed when the key is present */
 #define PMDB_CYCLE_LOCK 2u   /* then its slot lock is taken */
 
-/* The arguments of an operation's open failure point. */
-typedef enum pmdb_open_trace_args {
-    PMDB_OPEN_TRACE_KEY_STATUS = 0, /* (key, status) */
-    PMDB_OPEN_TRACE_KEY,            /* (key) */
-    PMDB_OPEN_TRACE_STATUS          /* (status) */
-} pmdb_open_trace_args_t;
+/* The shapes of the points a cycle writes for an operation. */
+typedef pmdb_tpt::point<pmdb_tpt::E, 0, pmdb_tpt::N> pmdb_cycle_point_e0_t; /* () */
+typedef pmdb_tpt::point<pmdb_tpt::E, 1, pmdb_tpt::N> pmdb_cycle_point_e1_t; /* (key) or (status) */
+typedef pmdb_tpt::point<pmdb_tpt::E, 2, pmdb_tpt::N> pmdb_cycle_point_e2_t; /* (key, status) */
+typedef pmdb_tpt::point<pmdb_tpt::D, 1, pmdb_tpt::N> pmdb_cycle_point_d1_t; /* (key) */
 
-/* An operation's own trace points for the steps of its cycle; 0 writes
- * none.  Failures go to the error buffer with (key, status) - the open's
- * as open_args says - and zero_key with no arguments; refreshed goes to the
- * database buffer with (key), before the present key is looked up.  An
- * operation whose point has another shape leaves it 0 and runs that step
- * itself. */
+/* An operation's own trace points for the steps of its cycle, as constants
+ * of the trace point table (tp::...); a point left out writes nothing.  A
+ * field accepts only points of the shape the cycle writes for it, so an
+ * operation whose point has another shape leaves it out and runs that step
+ * itself.  Set at most one of the three open points. */
 typedef struct pmdb_cycle_traces {
-    u32 zero_key = 0; /* nonzero: pmdb_cycle_begin refuses key 0 (PMDB_EINVAL) */
-    u32 open_failed = 0;
-    pmdb_open_trace_args_t open_args = PMDB_OPEN_TRACE_KEY_STATUS;
-    u32 add_failed = 0;
-    u32 refreshed = 0;
-    u32 lookup_failed = 0;
-    u32 lock_failed = 0;
+    pmdb_cycle_point_e0_t zero_key{};           /* set: key 0 is refused (PMDB_EINVAL) */
+    pmdb_cycle_point_e2_t open_failed{};        /* (key, status) */
+    pmdb_cycle_point_e1_t open_failed_key{};    /* (key) */
+    pmdb_cycle_point_e1_t open_failed_status{}; /* (status) */
+    pmdb_cycle_point_e2_t add_failed{};         /* (key, status) */
+    pmdb_cycle_point_d1_t refreshed{};          /* (key), before the present key is looked up */
+    pmdb_cycle_point_e2_t lookup_failed{};      /* (key, status) */
+    pmdb_cycle_point_e2_t lock_failed{};        /* (key, status) */
+    pmdb_cycle_point_e2_t remove_failed{};      /* (key, status), pmdb_cycle_remove_key */
+    pmdb_cycle_point_d1_t removed{};            /* (key) after a removal that succeeded */
+    pmdb_cycle_point_d1_t remove_ended{};       /* (key) after every removal, failed or not */
 } pmdb_cycle_traces_t;
 
 /* On an open, shared or on-handle cycle: finds (or, with PMDB_CYCLE_CREATE,
@@ -211,5 +213,14 @@ cerrno pmdb_cycle_remove_found(pmdb_cycle_t *cyc, pmdb_cycle_hook_t before_remov
 /* pmdb_cycle_find, then pmdb_cycle_remove_found. */
 cerrno pmdb_cycle_remove(pmdb_cycle_t *cyc, u32 key, pmdb_cycle_hook_t before_remove = nullptr,
                          void *ctx = nullptr);
+
+/* A removal by key as one operation: pmdb_cycle_begin with
+ * PMDB_CYCLE_FIND (tp's zero-key, open and lookup points), then
+ * pmdb_cycle_remove_found with before_remove; then tp->remove_failed
+ * (key, status) when the removal failed, tp->removed (key) when it
+ * succeeded, tp->remove_ended (key) either way; then the release.  The
+ * result is the first failure's status, or the release's. */
+cerrno pmdb_cycle_remove_key(pmdb_type_t type, u32 key, const pmdb_cycle_traces_t *tp,
+                             pmdb_cycle_hook_t before_remove = nullptr, void *ctx = nullptr);
 
 #endif

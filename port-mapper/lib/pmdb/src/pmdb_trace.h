@@ -1,21 +1,24 @@
 /*
  * pmdb_trace.h - how the library writes its trace records.
  *
- * Every call site names its trace point number and its arguments, and the
- * buffer by the macro's letter:
+ * Every point is a row of the trace point table (pmdb_trace_points.h), and a
+ * call site names the point's constant, so that the number and the name are
+ * read together:
  *
- *     PMDB_TRACE_E(64, type, rc);      error buffer, 2 arguments
- *     PMDB_TRACE_D(55, type);          database buffer, 1 argument
- *     PMDB_TRACE_V(277, ev_type, 0);   event buffer
- *     PMDB_STRACE_E(58, name, size);   string record (a string and one number)
+ *     PMDB_TRACE(tp::punt_add_zero_key);                      no arguments
+ *     PMDB_TRACE(tp::punt_remove_done, key);                  (key)
+ *     PMDB_TRACE(tp::shm_open_failed, cfg->shm_name, size);   a string record
+ *
+ * The constant's type carries the buffer and the argument count of its row:
+ * a point written with another count, a bare number or a name the table
+ * does not have is a compile error.  The entry change cycle takes its
+ * points the same way (pmdb_cycle_traces_t), typed by the shape it writes.
  *
  * The trace point id handed to the trace service carries the argument count
  * in its upper 32 bits and the point number in its lower 32 bits; string
- * records use the upper part 0x102.  The argument count is taken from the
- * call, so a point can never be written with a count that disagrees with
- * its arguments.  The buffer is fetched from its getter at every use: the
- * service may create it lazily, and a record must never be lost because a
- * getter was called too early.
+ * records use the upper part 0x102.  The buffer is fetched from its getter
+ * at every use: the service may create it lazily, and a record must never
+ * be lost because a getter was called too early.
  *
  * Arguments are converted to 64 bits: unsigned values are zero-extended,
  * signed values sign-extended, enumerations by their underlying type.
@@ -27,9 +30,14 @@
 
 #include <type_traits>
 
+#include "pmdb_trace_points.h"
 #include "vesk.h"
 
+/* The library's short name for the table's constants. */
+namespace tp = pmdb_tp;
+
 namespace pmdb_trace {
+namespace detail {
 
 template <typename T>
 constexpr uint64_t arg(T value) {
@@ -44,10 +52,20 @@ constexpr uint64_t arg(T value) {
     }
 }
 
+template <pmdb_tpt::buffer B>
+vesk_buf_t *buffer() {
+    if constexpr (B == pmdb_tpt::E) {
+        return dpa_port_mapper_get_error_vesk();
+    } else if constexpr (B == pmdb_tpt::D) {
+        return dpa_port_mapper_get_db_vesk();
+    } else {
+        return dpa_port_mapper_get_eve_vesk();
+    }
+}
+
 template <typename... A>
-inline void write(vesk_buf_t *buf, uint32_t point, A... a) {
+inline void numbers(vesk_buf_t *buf, uint32_t point, A... a) {
     constexpr uint64_t n = sizeof...(A);
-    static_assert(n <= 7, "a trace record carries at most 7 arguments");
     const uint64_t id = VESK_ID(n, point);
     if constexpr (n == 0) {
         _vesk(buf, id);
@@ -68,22 +86,25 @@ inline void write(vesk_buf_t *buf, uint32_t point, A... a) {
     }
 }
 
-template <typename T>
-inline void write_string(vesk_buf_t *buf, uint32_t point, const char *str, T number) {
-    _svesk(buf, VESK_SID(point), str, arg(number));
+}  // namespace detail
+
+/* A record of numbers. */
+template <pmdb_tpt::buffer B, unsigned NArgs, typename... A>
+inline void write(pmdb_tpt::point<B, NArgs, pmdb_tpt::N> point, A... a) {
+    static_assert(sizeof...(A) == NArgs,
+                  "a trace point is written with its table row's argument count");
+    detail::numbers(detail::buffer<B>(), point.number(), a...);
+}
+
+/* A string record: the string and one number. */
+template <pmdb_tpt::buffer B, typename... A>
+inline void write(pmdb_tpt::point<B, 2, pmdb_tpt::S> point, const char *str, A... number) {
+    static_assert(sizeof...(A) == 1, "a string record is written with a string and one number");
+    _svesk(detail::buffer<B>(), VESK_SID(point.number()), str, detail::arg(number)...);
 }
 
 }  // namespace pmdb_trace
 
-#define PMDB_TRACE_E(point, ...) \
-    pmdb_trace::write(dpa_port_mapper_get_error_vesk(), (point)__VA_OPT__(, ) __VA_ARGS__)
-#define PMDB_TRACE_D(point, ...) \
-    pmdb_trace::write(dpa_port_mapper_get_db_vesk(), (point)__VA_OPT__(, ) __VA_ARGS__)
-#define PMDB_TRACE_V(point, ...) \
-    pmdb_trace::write(dpa_port_mapper_get_eve_vesk(), (point)__VA_OPT__(, ) __VA_ARGS__)
-#define PMDB_STRACE_E(point, str, number) \
-    pmdb_trace::write_string(dpa_port_mapper_get_error_vesk(), (point), (str), (number))
-#define PMDB_STRACE_D(point, str, number) \
-    pmdb_trace::write_string(dpa_port_mapper_get_db_vesk(), (point), (str), (number))
+#define PMDB_TRACE(point, ...) ::pmdb_trace::write((point)__VA_OPT__(, ) __VA_ARGS__)
 
 #endif
