@@ -27,11 +27,12 @@
  * by a released library, keeps its meaning: operators and tests name
  * points by number and by name.
  *
- * Header-only C++, no state; depends on nothing but <stdint.h>.
+ * Header-only C++, no state; depends on nothing but the C library headers.
  */
 #ifndef PMDB_TRACE_POINTS_H
 #define PMDB_TRACE_POINTS_H
 
+#include <stddef.h>
 #include <stdint.h>
 
 /* Argument names of the six bytes of a MAC address. */
@@ -400,36 +401,38 @@ struct row {
     const char *args[kMaxArgs];
 };
 
+/* One X(...) of a list as a row. */
 // clang-format off
 #define PMDB_TP_ROW(number, buf, name, kind, ...) \
     {number, ::pmdb_tpt::buf, #name, ::pmdb_tpt::kind, ::pmdb_tpt::count(__VA_ARGS__), \
      {__VA_ARGS__}},
 // clang-format on
 inline constexpr row kRows[] = {PMDB_TRACE_POINTS(PMDB_TP_ROW)};
-#undef PMDB_TP_ROW
 
 /* Numbers strictly ascending: unique, and in the order a binary search
  * needs; none is 0, which means "no point". */
-constexpr bool rows_ascending() {
+template <size_t Rows>
+constexpr bool rows_ascending(const row (&rows)[Rows]) {
     uint32_t last = 0;
-    for (const row &r : kRows) {
+    for (const row &r : rows) {
         if (r.number <= last) return false;
         last = r.number;
     }
     return true;
 }
 
-constexpr bool rows_well_formed() {
-    for (const row &r : kRows) {
-        if (r.nargs > kMaxArgs) return false;
+/* A string record carries a string and one number (more than kMaxArgs
+ * argument names do not fit a row at all). */
+template <size_t Rows>
+constexpr bool rows_well_formed(const row (&rows)[Rows]) {
+    for (const row &r : rows) {
         if (r.kind == S && r.nargs != 2) return false;
     }
     return true;
 }
 
-static_assert(rows_ascending(), "trace point numbers are unique, nonzero and in ascending order");
-static_assert(rows_well_formed(),
-              "a record has at most 7 arguments; a string record has a string and a number");
+static_assert(rows_ascending(kRows), "trace point numbers are unique, nonzero and ascending");
+static_assert(rows_well_formed(kRows), "a string record has a string and one number");
 
 }  // namespace pmdb_tpt
 
