@@ -42,6 +42,7 @@
 #include "host/host_internal.h"
 #include "host/os_host.h"
 #include "host/pm_fault.h"
+#include "pmdb_trace_points.h"
 #include "vesk.h"
 #include "vorn_os.h"
 
@@ -228,7 +229,10 @@ pmdb_setting_source_t group_setting(int *on) {
 
 /* The object `name` exists and belongs to someone else: traced. */
 void refuse_owner(const char *name, uid_t owner) {
-    _svesk(dpa_port_mapper_get_error_vesk(), VESK_SID(VORN_TP_NOT_OWNER), name, owner);
+    constexpr auto point = pmdb_tp::host_object_not_ours;
+    static_assert(point.kForm == pmdb_tpt::S && point.number() == VORN_TP_NOT_OWNER,
+                  "the owner refusal is the table's string record that vorn_os.h names");
+    _svesk(dpa_port_mapper_get_error_vesk(), VESK_SID(point.number()), name, owner);
     errno = EPERM;
 }
 

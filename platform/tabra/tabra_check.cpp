@@ -86,7 +86,7 @@ void repair(tabra_table *t) {
     intent_end(t);
     crash_point(CRASH_REPAIR, 4);
     st_rlx(&hdr(t)->repairs, hdr(t)->repairs + 1);
-    fail(TABRA_TP_REPAIR, in.op, in.key, in.slot);
+    fail(pmdb_tp::tabra_dead_writer_repaired, in.op, in.key, in.slot);
 }
 
 /* ---------------------------------------------------------------------- */
@@ -237,7 +237,7 @@ cerrno run_check(tabra_table *t, char *report, size_t len, const timespec *deadl
     c.keys = static_cast<u32 *>(malloc(TABRA_SLOTS * sizeof(u32)));
     cerrno st = 0;
     if (c.seen == nullptr || c.keys == nullptr)
-        st = fail(TABRA_TP_NOMEM, TABRA_E_NOMEM, TABRA_SLOTS * 4, 0);
+        st = fail(pmdb_tp::tabra_no_memory, TABRA_E_NOMEM, TABRA_SLOTS * 4, 0);
     if (st == 0) {
         st = lock_writer_until(t, deadline, holder);
         if (st == 0) {
@@ -245,7 +245,8 @@ cerrno run_check(tabra_table *t, char *report, size_t len, const timespec *deadl
             unlock_writer(t);
         }
     }
-    if (st == 0 && c.code != 0) st = fail(TABRA_TP_CHECK, TABRA_E_CORRUPT, c.code, c.fault_slot);
+    if (st == 0 && c.code != 0)
+        st = fail(pmdb_tp::tabra_check_failed, TABRA_E_CORRUPT, c.code, c.fault_slot);
     if (c.code == 0 && report != nullptr && len > 0) report[0] = '\0';
     free(c.seen);
     free(c.keys);
@@ -265,9 +266,10 @@ extern "C" {
 cerrno tabra_walk(tabra_hdl_t t, tabra_walk_fn_t fn, void *ctx) {
     cerrno st = 0;
     if (injected("tabra_walk", 0, 0, 0, 0, &st)) return st;
-    if (t == nullptr || fn == nullptr) return fail(TABRA_TP_WALK_INVAL, TABRA_E_INVAL, 0, 0);
+    if (t == nullptr || fn == nullptr)
+        return fail(pmdb_tp::tabra_walk_bad_argument, TABRA_E_INVAL, 0, 0);
     u8 *buf = static_cast<u8 *>(malloc(t->stride));
-    if (buf == nullptr) return fail(TABRA_TP_NOMEM, TABRA_E_NOMEM, t->stride, 0);
+    if (buf == nullptr) return fail(pmdb_tp::tabra_no_memory, TABRA_E_NOMEM, t->stride, 0);
     for (u32 w = 0; w < TABRA_BITMAP_WORDS && st == 0; w++) {
         for (u64 bits = ld_acq(&bitmap(t)[w]); bits != 0 && st == 0; bits &= bits - 1) {
             const u32 x = w * 64 + static_cast<u32>(__builtin_ctzll(bits));
@@ -289,7 +291,8 @@ u32 tabra_count(tabra_hdl_t t) {
 cerrno tabra_get_info(tabra_hdl_t t, tabra_info_t *info) {
     cerrno st = 0;
     if (injected("tabra_get_info", 0, 0, 0, 0, &st)) return st;
-    if (t == nullptr || info == nullptr) return fail(TABRA_TP_WALK_INVAL, TABRA_E_INVAL, 0, 0);
+    if (t == nullptr || info == nullptr)
+        return fail(pmdb_tp::tabra_walk_bad_argument, TABRA_E_INVAL, 0, 0);
     const tabra_shm_hdr_t *h = hdr(t);
     memset(info, 0, sizeof *info);
     snprintf(info->name, sizeof info->name, "%s", t->name);
@@ -310,14 +313,14 @@ cerrno tabra_get_info(tabra_hdl_t t, tabra_info_t *info) {
 cerrno tabra_check(tabra_hdl_t t, char *report, size_t len) {
     cerrno st = 0;
     if (injected("tabra_check", 0, 0, 0, 0, &st)) return st;
-    if (t == nullptr) return fail(TABRA_TP_WALK_INVAL, TABRA_E_INVAL, 0, 0);
+    if (t == nullptr) return fail(pmdb_tp::tabra_walk_bad_argument, TABRA_E_INVAL, 0, 0);
     return run_check(t, report, len, nullptr, nullptr);
 }
 
 cerrno tabra_check_within(tabra_hdl_t t, char *report, size_t len, u32 wait_ms, i32 *holder_tid) {
     cerrno st = 0;
     if (injected("tabra_check_within", wait_ms, 0, 0, 0, &st)) return st;
-    if (t == nullptr) return fail(TABRA_TP_WALK_INVAL, TABRA_E_INVAL, 0, 0);
+    if (t == nullptr) return fail(pmdb_tp::tabra_walk_bad_argument, TABRA_E_INVAL, 0, 0);
     if (holder_tid != nullptr) *holder_tid = 0;
     timespec deadline{};
     clock_gettime(CLOCK_MONOTONIC, &deadline);

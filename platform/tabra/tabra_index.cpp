@@ -39,8 +39,30 @@ inline u64 make_word(u32 seq, u32 head) {
 /* Tracing and the host hooks                                             */
 /* ---------------------------------------------------------------------- */
 
-cerrno fail(u32 point, cerrno status, u64 a1, u64 a2) {
-    _vesk_3(dpa_port_mapper_get_error_vesk(), VESK_ID(3, point), status, a1, a2);
+/* The numbers tabra.h gives its users are the table's. */
+static_assert(pmdb_tp::tabra_open_bad_params.number() == TABRA_TP_OPEN_INVAL &&
+                  pmdb_tp::tabra_object_failed.number() == TABRA_TP_OPEN_SHM &&
+                  pmdb_tp::tabra_format_mismatch.number() == TABRA_TP_OPEN_MISMATCH &&
+                  pmdb_tp::tabra_no_table.number() == TABRA_TP_NO_TABLE &&
+                  pmdb_tp::tabra_add_bad_argument.number() == TABRA_TP_ADD_INVAL &&
+                  pmdb_tp::tabra_add_full.number() == TABRA_TP_ADD_FULL &&
+                  pmdb_tp::tabra_lookup_not_found.number() == TABRA_TP_GET_NOTFOUND &&
+                  pmdb_tp::tabra_lookup_bad_argument.number() == TABRA_TP_GET_INVAL &&
+                  pmdb_tp::tabra_remove_not_found.number() == TABRA_TP_RM_NOTFOUND &&
+                  pmdb_tp::tabra_remove_bad_argument.number() == TABRA_TP_RM_INVAL &&
+                  pmdb_tp::tabra_writer_lock_failed.number() == TABRA_TP_LOCK &&
+                  pmdb_tp::tabra_dead_writer_repaired.number() == TABRA_TP_REPAIR &&
+                  pmdb_tp::tabra_protection_failed.number() == TABRA_TP_PROT &&
+                  pmdb_tp::tabra_check_failed.number() == TABRA_TP_CHECK &&
+                  pmdb_tp::tabra_no_memory.number() == TABRA_TP_NOMEM &&
+                  pmdb_tp::tabra_walk_bad_argument.number() == TABRA_TP_WALK_INVAL &&
+                  pmdb_tp::tabra_damaged_table_refused.number() == TABRA_TP_DAMAGED &&
+                  pmdb_tp::tabra_object_not_ours.number() == TABRA_TP_OWNER,
+              "tabra.h numbers its trace points as the trace point table does");
+
+cerrno fail(tabra_point point, cerrno status, u64 a1, u64 a2) {
+    _vesk_3(dpa_port_mapper_get_error_vesk(), VESK_ID(tabra_point::kArgs, point.number()), status,
+            a1, a2);
     return status;
 }
 
@@ -306,13 +328,15 @@ cerrno lock_writer_until(tabra_table *t, const timespec *deadline, i32 *holder) 
     if (r == ETIMEDOUT) {
         const i32 tid = writer_holder(mu);
         if (holder != nullptr) *holder = tid;
-        return fail(TABRA_TP_LOCK, TABRA_E_TIMEDOUT, ETIMEDOUT, static_cast<u64>(tid));
+        return fail(pmdb_tp::tabra_writer_lock_failed, TABRA_E_TIMEDOUT, ETIMEDOUT,
+                    static_cast<u64>(tid));
     }
     if (r == EOWNERDEAD) {
         repair(t);
         r = pthread_mutex_consistent(mu);
     }
-    if (r != 0) return fail(TABRA_TP_LOCK, TABRA_E_LOCK, static_cast<u64>(r), 0);
+    if (r != 0)
+        return fail(pmdb_tp::tabra_writer_lock_failed, TABRA_E_LOCK, static_cast<u64>(r), 0);
     return 0;
 }
 
@@ -403,7 +427,7 @@ cerrno remove_locked(tabra_table *t, u32 key, u32 b) {
 
 /* The bucket of key for a writer: TABRA_E_INVAL when the handle has no hash
  * function or the hash is out of range. */
-cerrno bucket_of(tabra_table *t, u32 key, u32 *b, u32 point) {
+cerrno bucket_of(tabra_table *t, u32 key, u32 *b, tabra_point point) {
     const dpa_pmdb_hash_fn_t fn = ld_acq(&t->hash_fn);
     if (fn == nullptr) return fail(point, TABRA_E_INVAL, key, 0xFFFFFFFFu);
     const u32 v = fn(key);
@@ -474,7 +498,7 @@ __attribute__((noinline)) cerrno at_rest_general(tabra_table *t, u32 key, u8 *bu
     cerrno st = 0;
     if (injected("tabra_copy_entry_at_rest", key, off, len, flags, &st)) return st;
     if (!at_rest_args_ok(t, buf, off, len, flags))
-        return fail(TABRA_TP_GET_INVAL, TABRA_E_INVAL, key, 0);
+        return fail(pmdb_tp::tabra_lookup_bad_argument, TABRA_E_INVAL, key, 0);
     return at_rest_again(t, key, (flags & TABRA_COPY_KEYED) != 0, buf, off, len, copied::moved,
                          0);
 }
@@ -508,9 +532,9 @@ cerrno tabra_add_entry(tabra_hdl_t t, u32 key, void **entry, i32 *slot) {
     cerrno st = 0;
     if (injected("tabra_add_entry", key, 0, 0, 0, &st)) return st;
     if (t == nullptr || entry == nullptr || slot == nullptr)
-        return fail(TABRA_TP_ADD_INVAL, TABRA_E_INVAL, key, 0);
+        return fail(pmdb_tp::tabra_add_bad_argument, TABRA_E_INVAL, key, 0);
     u32 b = 0;
-    st = bucket_of(t, key, &b, TABRA_TP_ADD_INVAL);
+    st = bucket_of(t, key, &b, pmdb_tp::tabra_add_bad_argument);
     if (st != 0) return st;
     /* Again from the start when another process removed the key before this
      * one could open its write bracket on the slot. */
@@ -521,7 +545,7 @@ cerrno tabra_add_entry(tabra_hdl_t t, u32 key, void **entry, i32 *slot) {
         st = add_locked(t, key, b, &x);
         unlock_writer(t);
         if (st == TABRA_E_FULL)
-            return fail(TABRA_TP_ADD_FULL, st, key, ld_rlx(&hdr(t)->max_entries));
+            return fail(pmdb_tp::tabra_add_full, st, key, ld_rlx(&hdr(t)->max_entries));
         if (st != 0 && st != TABRA_E_EXISTS) return st;
         const cerrno pst = touch_entry(t, x, key, &moved);
         if (pst != 0) return pst;
@@ -535,12 +559,12 @@ cerrno tabra_get_entry_by_key(tabra_hdl_t t, u32 key, void **entry, i32 *slot) {
     cerrno st = 0;
     if (injected("tabra_get_entry_by_key", key, 0, 0, 0, &st)) return st;
     if (t == nullptr || entry == nullptr || slot == nullptr)
-        return fail(TABRA_TP_GET_INVAL, TABRA_E_INVAL, key, 0);
+        return fail(pmdb_tp::tabra_lookup_bad_argument, TABRA_E_INVAL, key, 0);
     for (bool moved = true; moved;) {
         u32 x = kNoSlot;
         st = lookup(t, key, &x);
         if (st != 0) return st;
-        if (x == kNoSlot) return fail(TABRA_TP_GET_NOTFOUND, TABRA_E_NOTFOUND, key, 0);
+        if (x == kNoSlot) return fail(pmdb_tp::tabra_lookup_not_found, TABRA_E_NOTFOUND, key, 0);
         st = touch_entry(t, x, key, &moved);
         if (st != 0) return st;
         *entry = entry_at(t, x);
@@ -553,15 +577,15 @@ cerrno tabra_remove_entry(tabra_hdl_t t, u32 flags, u32 key) {
     cerrno st = 0;
     if (injected("tabra_remove_entry", flags, key, 0, 0, &st)) return st;
     if (t == nullptr || flags != TABRA_REMOVE_BY_KEY)
-        return fail(TABRA_TP_RM_INVAL, TABRA_E_INVAL, key, flags);
+        return fail(pmdb_tp::tabra_remove_bad_argument, TABRA_E_INVAL, key, flags);
     u32 b = 0;
-    st = bucket_of(t, key, &b, TABRA_TP_RM_INVAL);
+    st = bucket_of(t, key, &b, pmdb_tp::tabra_remove_bad_argument);
     if (st != 0) return st;
     st = lock_writer(t);
     if (st != 0) return st;
     st = remove_locked(t, key, b);
     unlock_writer(t);
-    if (st == TABRA_E_NOTFOUND) return fail(TABRA_TP_RM_NOTFOUND, st, key, 0);
+    if (st == TABRA_E_NOTFOUND) return fail(pmdb_tp::tabra_remove_not_found, st, key, 0);
     return st;
 }
 
@@ -569,12 +593,12 @@ cerrno tabra_copy_entry_by_key(tabra_hdl_t t, u32 key, void *buf, u32 len, i32 *
     cerrno st = 0;
     if (injected("tabra_copy_entry_by_key", key, len, 0, 0, &st)) return st;
     if (t == nullptr || buf == nullptr || len > t->entry_size)
-        return fail(TABRA_TP_GET_INVAL, TABRA_E_INVAL, key, 0);
+        return fail(pmdb_tp::tabra_lookup_bad_argument, TABRA_E_INVAL, key, 0);
     for (;;) {
         u32 x = kNoSlot;
         st = lookup(t, key, &x);
         if (st != 0) return st;
-        if (x == kNoSlot) return fail(TABRA_TP_GET_NOTFOUND, TABRA_E_NOTFOUND, key, 0);
+        if (x == kNoSlot) return fail(pmdb_tp::tabra_lookup_not_found, TABRA_E_NOTFOUND, key, 0);
         u32 k = 0;
         if (copy_occupant(t, x, key, false, static_cast<u8 *>(buf), len, &k) != copied::ok)
             continue;
@@ -592,7 +616,7 @@ cerrno tabra_pin_slot(tabra_hdl_t t, u32 key, const void **entry, i32 *slot) {
     cerrno st = 0;
     if (injected("tabra_pin_slot", key, 0, 0, 0, &st)) return st;
     if (t == nullptr || entry == nullptr || slot == nullptr)
-        return fail(TABRA_TP_GET_INVAL, TABRA_E_INVAL, key, 0);
+        return fail(pmdb_tp::tabra_lookup_bad_argument, TABRA_E_INVAL, key, 0);
     for (u32 tries = 0; tries < kAtRestRetries; tries++) {
         u32 x = kNoSlot;
         st = lookup<false>(t, key, &x);

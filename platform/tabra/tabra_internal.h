@@ -37,6 +37,7 @@
 #include <time.h>
 
 #include "host/pm_fault.h"
+#include "pmdb_trace_points.h"
 #include "tabra.h"
 #include "tabra_layout.h"
 #include "tabra_rest.h"
@@ -146,8 +147,13 @@ inline u8 *entry_at(tabra_table *t, u32 slot) {
 /* Tracing and the host hooks (tabra_index.cpp)                           */
 /* ---------------------------------------------------------------------- */
 
+/* The table store's trace points are rows of the trace point table
+ * (pmdb_trace_points.h, pmdb_tp::tabra_*): error buffer, the status and two
+ * numbers.  tabra.h lists the same numbers as TABRA_TP_* for its users. */
+using tabra_point = pmdb_tpt::point<pmdb_tpt::E, 3, pmdb_tpt::N>;
+
 /* Writes `point` with status, a1 and a2 to the error buffer; returns status. */
-cerrno fail(u32 point, cerrno status, u64 a1, u64 a2);
+cerrno fail(tabra_point point, cerrno status, u64 a1, u64 a2);
 
 /* Notes the call in the host call log and answers whether a test armed it to
  * fail; *status then holds the armed result. */
@@ -218,7 +224,7 @@ inline __attribute__((always_inline)) cerrno lookup(tabra_table *t, u32 key, u32
     if (const dpa_pmdb_hash_fn_t fn = ld_acq(&t->hash_fn); fn != nullptr) {
         b = fn(key);
         if (__builtin_expect(b >= hdr(t)->buckets, 0))
-            return fail(TABRA_TP_GET_INVAL, TABRA_E_INVAL, key, b);
+            return fail(pmdb_tp::tabra_lookup_bad_argument, TABRA_E_INVAL, key, b);
     } else if (ld_acq(&hdr(t)->hash_is_mod)) {
         b = tabra_rest::mod_bucket(t->rest, key);
     } else {

@@ -43,7 +43,7 @@ size_t object_size_of(u32 stride) {
     return (end + kPage - 1) & ~(kPage - 1);
 }
 
-/* 0, or the reason code traced with TABRA_TP_OPEN_INVAL. */
+/* 0, or the reason code traced with pmdb_tp::tabra_open_bad_params. */
 u32 params_fault(const tabra_params_t *p) {
     if (p == nullptr) return 1;
     if (p->version != PMDB_TABRA_PARAMS_VERSION) return 2;
@@ -157,11 +157,11 @@ void copy_header(const tabra_shm_hdr_t *src, tabra_shm_hdr_t *h) {
 namespace {
 
 cerrno damaged(damage d) {
-    return fail(TABRA_TP_DAMAGED, TABRA_E_CORRUPT, d.code, d.value);
+    return fail(pmdb_tp::tabra_damaged_table_refused, TABRA_E_CORRUPT, d.code, d.value);
 }
 
 cerrno shm_fail(int err, u64 stage) {
-    return fail(TABRA_TP_OPEN_SHM, TABRA_E_SHM, static_cast<u64>(err), stage);
+    return fail(pmdb_tp::tabra_object_failed, TABRA_E_SHM, static_cast<u64>(err), stage);
 }
 
 cerrno map_index(int fd, u8 **index) {
@@ -191,7 +191,7 @@ cerrno make_unwritten(int fd, const open_req &rq, u64 *size, u8 **index) {
     const u64 at = *index != nullptr ? first_written(*index) : 0;
     if (*size != 0 && *index == nullptr) return damaged({TABRA_DAMAGE_SIZE, *size});
     if (at != 0) return damaged({TABRA_DAMAGE_NO_MAGIC, at});
-    if (!rq.create) return fail(TABRA_TP_NO_TABLE, TABRA_E_NOTFOUND, 0, 0);
+    if (!rq.create) return fail(pmdb_tp::tabra_no_table, TABRA_E_NOTFOUND, 0, 0);
     const off_t want = static_cast<off_t>(object_size_of(stride_of(rq.params->entry_size)));
     if (ftruncate(fd, 0) != 0 || ftruncate(fd, want) != 0) return shm_fail(errno, 2);
     *size = static_cast<u64>(want);
@@ -204,12 +204,13 @@ cerrno make_unwritten(int fd, const open_req &rq, u64 *size, u8 **index) {
  * against the caller's parameters. */
 cerrno check_header_copy(const tabra_shm_hdr_t &h, const open_req &rq, u64 size) {
     if (h.format != TABRA_SHM_FORMAT)
-        return fail(TABRA_TP_OPEN_MISMATCH, TABRA_E_MISMATCH, h.format, h.entry_size);
+        return fail(pmdb_tp::tabra_format_mismatch, TABRA_E_MISMATCH, h.format, h.entry_size);
     const damage d = header_fault(h, rq.name, size);
     if (d.code != 0) return damaged(d);
     if (rq.params &&
         (rq.params->entry_size != h.entry_size || rq.params->hash_buckets != h.buckets))
-        return fail(TABRA_TP_OPEN_MISMATCH, TABRA_E_MISMATCH, h.entry_size, rq.params->entry_size);
+        return fail(pmdb_tp::tabra_format_mismatch, TABRA_E_MISMATCH, h.entry_size,
+                    rq.params->entry_size);
     return 0;
 }
 
@@ -283,7 +284,8 @@ cerrno handle_for(int fd, const open_req &rq, tabra_table **out) {
     tabra_shm_hdr_t h;
     cerrno st = prepare_object(fd, rq, &index, &h);
     tabra_table *t = st == 0 ? new_handle(rq, index, h) : nullptr;
-    if (st == 0 && t == nullptr) st = fail(TABRA_TP_NOMEM, TABRA_E_NOMEM, sizeof(tabra_table), 0);
+    if (st == 0 && t == nullptr)
+        st = fail(pmdb_tp::tabra_no_memory, TABRA_E_NOMEM, sizeof(tabra_table), 0);
     if (st == 0) st = map_entries(fd, t, rq.params != nullptr, h.buckets);
     if (st != 0 && index != nullptr) munmap(index, TABRA_OFF_ENTRIES);
     if (st != 0 && t != nullptr) free_handle(t);
@@ -297,8 +299,9 @@ cerrno map_table(const open_req &rq, tabra_table **out) {
     /* The OS layer gives a new object the host's mode, whatever is passed. */
     const int fd = _shm_open(obj, O_RDWR | (rq.create ? O_CREAT : 0), 0600);
     if (fd < 0 && errno == ENOENT && !rq.create)
-        return fail(TABRA_TP_NO_TABLE, TABRA_E_NOTFOUND, 0, 0);
-    if (fd < 0 && errno == EPERM) return fail(TABRA_TP_OWNER, TABRA_E_OWNER, EPERM, 0);
+        return fail(pmdb_tp::tabra_no_table, TABRA_E_NOTFOUND, 0, 0);
+    if (fd < 0 && errno == EPERM)
+        return fail(pmdb_tp::tabra_object_not_ours, TABRA_E_OWNER, EPERM, 0);
     if (fd < 0) return shm_fail(errno, 0);
     cerrno st = 0;
     if (flock(fd, LOCK_EX) != 0) st = shm_fail(errno, 6);
@@ -335,7 +338,8 @@ cerrno get_handle(open_req rq, dpa_pmdb_hash_fn_t hash_fn, tabra_table **out) {
     tabra_table *t = registry_find(object);
     if (t != nullptr && rq.params != nullptr &&
         (rq.params->entry_size != t->entry_size || rq.params->hash_buckets != hdr(t)->buckets))
-        st = fail(TABRA_TP_OPEN_MISMATCH, TABRA_E_MISMATCH, t->entry_size, rq.params->entry_size);
+        st = fail(pmdb_tp::tabra_format_mismatch, TABRA_E_MISMATCH, t->entry_size,
+                  rq.params->entry_size);
     if (t == nullptr && st == 0) {
         st = map_table(rq, &t);
         if (st == 0) {
@@ -400,7 +404,8 @@ cerrno tabra_open(const tabra_params_t *params, tabra_hdl_t *out) {
     const u64 nb = params ? params->hash_buckets : 0;
     if (injected("tabra_open", flags, max, esz, nb, &st)) return st;
     const u32 why = params_fault(params);
-    if (why != 0 || out == nullptr) return fail(TABRA_TP_OPEN_INVAL, TABRA_E_INVAL, why, esz);
+    if (why != 0 || out == nullptr)
+        return fail(pmdb_tp::tabra_open_bad_params, TABRA_E_INVAL, why, esz);
     const open_req rq{params->table_name, nullptr, params, (params->open_flags & O_CREAT) != 0};
     tabra_table *t = nullptr;
     st = get_handle(rq, params->hash_fn, &t);
@@ -414,7 +419,7 @@ cerrno tabra_attach_hashed(const char *table_name, dpa_pmdb_hash_fn_t hash_fn, t
     cerrno st = 0;
     if (injected("tabra_attach", 0, 0, 0, 0, &st)) return st;
     if (!name_ok(table_name) || out == nullptr)
-        return fail(TABRA_TP_OPEN_INVAL, TABRA_E_INVAL, 3, 0);
+        return fail(pmdb_tp::tabra_open_bad_params, TABRA_E_INVAL, 3, 0);
     const open_req rq{table_name, nullptr, nullptr, false};
     tabra_table *t = nullptr;
     st = get_handle(rq, hash_fn, &t);

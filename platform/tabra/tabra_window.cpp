@@ -51,7 +51,7 @@ void forget_pages(tabra_table *t) {
 
 cerrno prot_range(tabra_table *t, size_t first_page, size_t npages, int prot, u32 what) {
     if (mprotect(t->entries + first_page * kPage, npages * kPage, prot) == 0) return 0;
-    return fail(TABRA_TP_PROT, TABRA_E_PROT, static_cast<u64>(errno), what);
+    return fail(pmdb_tp::tabra_protection_failed, TABRA_E_PROT, static_cast<u64>(errno), what);
 }
 
 /* Caller holds prot_lock, window open, mapping not whole-writable. */
@@ -89,7 +89,8 @@ cerrno open_bracket(tabra_table *t, u32 x, u32 key, bool *moved) {
          * the occupant the bracket is tied to. */
         *moved = gen % 2 == 0 || ld_acq(&s->key) != key;
         if (*moved || t->bracket_gen[x] == gen) return 0;
-        if (occ_brackets(w) == kMaxBrackets) return fail(TABRA_TP_PROT, TABRA_E_PROT, 0, 4);
+        if (occ_brackets(w) == kMaxBrackets)
+            return fail(pmdb_tp::tabra_protection_failed, TABRA_E_PROT, 0, 4);
         if (occ_cas(&s->occ, &w, w + TABRA_OCC_BRACKET_ONE)) {
             if (t->bracket_gen[x] == 0) t->bracket_slot[t->nbracket++] = x;
             st_rlx(&t->bracket_gen[x], gen); /* also read without the lock: a hint */
@@ -164,7 +165,7 @@ bool prot_call_refused(const char *call, tabra_table *t, const tabra_params_t *p
     const u64 max = p ? p->max_entries : 0;
     if (injected(call, flags, max, 0, 0, st)) return true;
     if (t == nullptr || (p != nullptr && p->version != PMDB_TABRA_PARAMS_VERSION)) {
-        *st = fail(TABRA_TP_OPEN_INVAL, TABRA_E_INVAL, 2, 0);
+        *st = fail(pmdb_tp::tabra_open_bad_params, TABRA_E_INVAL, 2, 0);
         return true;
     }
     refresh_max_entries(t, p);

@@ -86,6 +86,7 @@
 #include "host/os_host.h"
 #include "host/pm_fault.h"
 #include "host/vesk_reader.h"
+#include "pmdb_trace_points.h"
 #include "vesk.h"
 
 namespace {
@@ -320,12 +321,21 @@ uint32_t map_buffer(const char *ns, vesk_kind_t kind, vesk_buf **out, uint64_t *
  * a failure that repeats at every write or read is traced once. */
 std::atomic<uint32_t> g_noted[2][VESK_KINDS];
 
+/* The service's own points (pmdb_trace_points.h): error buffer, the status
+ * and two numbers.  vesk_reader.h lists the same numbers for its users. */
+using service_point = pmdb_tpt::point<pmdb_tpt::E, 3, pmdb_tpt::N>;
+static_assert(pmdb_tp::trace_buffer_unusable.number() == VESK_TP_OPEN &&
+                  pmdb_tp::trace_buffer_damaged.number() == VESK_TP_DAMAGED,
+              "vesk_reader.h numbers the service's points as the trace point table does");
+
 /* Traces a failure of buffer `kind` to the error buffer, unless it is that
  * buffer's own failure (nowhere to write it) or the same as last time. */
-void note(uint32_t point, vesk_kind_t kind, uint32_t status, uint64_t detail) {
-    const uint32_t before = g_noted[point - VESK_TP_OPEN][kind].exchange(status);
+
+void note(service_point point, vesk_kind_t kind, uint32_t status, uint64_t detail) {
+    const uint32_t before = g_noted[point.number() - VESK_TP_OPEN][kind].exchange(status);
     if (status == 0 || status == before || kind == VESK_ERROR) return;
-    _vesk_3(dpa_port_mapper_get_error_vesk(), VESK_ID(3, point), status, (uint64_t)kind, detail);
+    _vesk_3(dpa_port_mapper_get_error_vesk(), VESK_ID(service_point::kArgs, point.number()), status,
+            (uint64_t)kind, detail);
 }
 
 vesk_buf *buffer_of(vesk_kind_t kind, uint32_t *status) {
@@ -351,7 +361,8 @@ vesk_buf *buffer_of(vesk_kind_t kind, uint32_t *status) {
     }
     if (found != nullptr) g_current[kind].store(found, std::memory_order_release);
     pthread_mutex_unlock(&g_map_lock);
-    note(VESK_TP_OPEN, kind, *status, detail); /* may map the error buffer: not under the lock */
+    note(pmdb_tp::trace_buffer_unusable, kind, *status,
+         detail); /* may map the error buffer: not under the lock */
     return found;
 }
 
@@ -645,7 +656,8 @@ uint32_t vesk_read_checked(const vesk_buf_t *buf, uint64_t since, vesk_rec_t *ou
         s = since;
         missed = 0;
     }
-    if (buf != nullptr && status != VESK_E_INVAL) note(VESK_TP_DAMAGED, buf->kind, status, head);
+    if (buf != nullptr && status != VESK_E_INVAL)
+        note(pmdb_tp::trace_buffer_damaged, buf->kind, status, head);
     if (count != nullptr) *count = n;
     if (next != nullptr) *next = s;
     if (lost != nullptr) *lost = missed;
