@@ -14,9 +14,10 @@
  * Each step returns its status and records in the cycle which step failed,
  * so that the operation writes its own trace point with its own arguments.
  * The single steps trace nothing themselves (the lock and frame calls
- * underneath write theirs: 69, 71, 68, ...); pmdb_cycle_begin and
- * pmdb_cycle_enter write the operation's points from its
- * pmdb_cycle_traces_t.
+ * underneath write theirs: 69, 71, 68, ...); pmdb_cycle_begin,
+ * pmdb_cycle_enter and pmdb_cycle_remove_key write the operation's points
+ * from its pmdb_cycle_traces_t, whose fields take only points of the trace
+ * point table with the shape written for that step.
  *
  * Usage (an add that zero-fills new entries; the trace points are the
  * operation's own):
