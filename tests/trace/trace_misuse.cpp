@@ -21,7 +21,7 @@ void write_points(u32 key, cerrno rc, const char *name) {
 #endif
 }
 
-const pmdb_cycle_traces_t kTraces = {
+[[maybe_unused]] const pmdb_cycle_traces_t kTraces = {
     .zero_key = tp::oam_remove_zero_key,
     .open_failed = tp::oam_remove_open_failed,
     .lookup_failed = tp::oam_remove_not_found,
