@@ -708,13 +708,75 @@ PMDB_EXPORT void dpa_pmdb_oper(pmdb_event_t *event, u32 node);
  * IFH entries (key: interface handle) and PUNT entries (key: punt key).
  * Every change runs the entry change cycle on the IFH or PUNT table. */
 
-/* Adds every entry of an interface.  Not built yet: declared here, but
- * libpmdb.so does not define it, so a program that calls it does not link. */
+/* Adds or refreshes every entry of interface `ifh` from an add or refresh
+ * event, each in its own entry change cycle, nothing held between them:
+ *   1. its IFH entry (error trace 178 and that status on failure, nothing
+ *      else touched; database trace 179 after it).  An entry that a punt
+ *      event created bare gets nothing more: result 0.
+ *   2. with interface information: a newly created sub-interface counts
+ *      itself in its parent's sub_intf_count (status recorded); a bundle
+ *      sub-interface adds, for event types 4 and 11 with the LIF that its
+ *      egress keying selects nonzero, its punt key with node_id 999 (traces
+ *      180/181) and, with LCVM redundancy on and a nonzero egress LIF, one
+ *      OAM entry (v << 16) | (i << 10) | 24 per nonzero OAM slot v at
+ *      index i (182/183).
+ *   3. a bundle (is_bundle nonzero) or a bundle sub-interface: for punt
+ *      events, refreshes the member punt keys that the reader library lists
+ *      (7 per member of a bundle, 1 for a sub-interface; 184 to 186); adds
+ *      the interface's own OAM entry (oam_id << 16) | 28 (266 to 269, not
+ *      recorded); a bundle then adds its punt key with node_id 999
+ *      (187/188) and its redundancy OAM entries (189/190).
+ *   4. anything else (a port or a port sub-interface): when the egress
+ *      keying changed on a refresh, removes the entries under the old main,
+ *      extension and (old keying clear) egress LIF keys first (not
+ *      recorded); then adds the main key (191/192, when the selected LIF is
+ *      nonzero), the extension key (not for sub-interfaces; 193/194), the
+ *      plain extension key (not for event types 3, 4, 11, 19, 20 nor
+ *      interface types 37, 78; 195/196), the egress LIF key (197/198) and,
+ *      when the platform wants it, the egress punt key (199/200); then,
+ *      with OAM enabled and a nonzero egress LIF, OAM keys A and B per OAM
+ *      slot in use (201 to 209): added for egress-keyed interfaces, removed
+ *      under the previous keys when event type 1 clears the keying, moved
+ *      for the changed slots of event type 11.
+ * The event's intf_info.node_id is set to 999 for the two node-999 adds and
+ * restored after each.  `node`'s low 16 bits go to the IFH entry's node
+ * mask.
+ * Results: 0; 22 a null event (nothing done); the IFH step's failure;
+ * otherwise the status of the last step that records one, whatever failed
+ * before it - the key-change removals, the OAM key A operations and the
+ * interface OAM entry never give the result.  Nothing is rolled back.
+ * Waits: each entry's lock, one at a time, without bound. */
 PMDB_EXPORT cerrno dpa_pmdb_add_all_entries(u32 ifh, pmdb_event_t *event, u32 is_bundle,
                                             i32 node);
 
-/* Removes every entry of an interface.  Not built yet: declared here, but
- * libpmdb.so does not define it, so a program that calls it does not link. */
+/* Removes every entry of interface `ifh`, in this order, each in its own
+ * cycle, nothing held between them:
+ *   1. a bundle (bundle nonzero): the IFH and main PUNT entries of every
+ *      sub-interface the reader library lists, and the bundle's own OAM
+ *      entry (oam_id << 16) | 28;
+ *   2. the IFH entry, whose summary gives every later key - except for
+ *      event type 21, and event type 12 with ingress_lif inside the in-LIF
+ *      pool bank (both bounds inclusive), which have none: only ingress_lif
+ *      is known then.  Its failure: error trace 210, that status returned,
+ *      nothing further removed;
+ *   3. a sub-interface: one off its parent's sub_intf_count; a bundle
+ *      sub-interface stops here (error trace 211) with that update's status;
+ *   4. a bundle: its punt key (event trace 212) and, with LCVM redundancy,
+ *      its redundancy OAM entries (213, 214); result 0 even when every one
+ *      of these removals failed;
+ *   5. any other interface: an active member's bundle-member key (bit 30
+ *      from its bundle's egress keying) and port key (215, 216); the
+ *      ingress LIF key (217/218), the egress LIF key (219), the egress punt
+ *      key (220), and, for a non-sub-interface, the system port keys plain
+ *      and with the egress bit (221 to 223); with OAM enabled and a nonzero
+ *      egress LIF, two OAM keys per OAM slot in use (224 to 227).  The
+ *      result is the status of the last removal that sets it: ingress LIF,
+ *      egress LIF, egress punt, a failed plain system port, the flagged
+ *      system port (for event type 21 that key is 0: 22), each slot's
+ *      second OAM key.
+ * Results: 22 for ifh 0 (nothing done, no trace); else as above.  Waits
+ * for each removed entry's lock holder without bound (never call it while
+ * holding one of them). */
 PMDB_EXPORT cerrno dpa_pmdb_remove_all_entries(u32 ifh, u32 event_type, u32 ingress_lif,
                                                u32 bundle, u32 event_id);
 

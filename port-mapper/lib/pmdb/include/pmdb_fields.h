@@ -171,6 +171,37 @@ inline u32 bundle_member_punt_key(const dpa_pmdb_ifh_summary_t *summary) {
     return PMDB_PUNT_KEY_MEMBER | ((port & kExtMask) << 16);
 }
 
+/* The egress LIF key of an interface: the low half of egress_lif with bit
+ * 30 and, on a node that is not a route processor with data path,
+ * slot_id & 63 in bits 16..21 - also for slot_id PMDB_NO_SLOT (unlike
+ * punt_key), so the add and the removal of this key agree on every slot. */
+inline u32 egress_lif_punt_key(u32 egress_lif, u8 slot_id) {
+    u32 key = (egress_lif & kPortFieldMask) | PMDB_PUNT_KEY_EGRESS;
+    if (platform_am_i_rp_plus_datapath() == 0) key |= (slot_id & kSlotIdMask) << 16;
+    return key;
+}
+
+/* The extension key of a system port: port field 0, sys_port & 0x3FFF in
+ * bits 16..29, bit 30 = egress_key. */
+inline u32 extension_key(u32 egress_key, u16 sys_port) {
+    return ((sys_port & kExtMask) << 16) | (egress_key != 0 ? PMDB_PUNT_KEY_EGRESS : 0);
+}
+
+/* ---- OAM keys ------------------------------------------------------------- */
+
+/* Low bits of the OAM keys of an interface (bits 5..9 carry its slot). */
+constexpr u32 kOamKeyPort = 8u;        /* key A: the OAM port's session of a slot */
+constexpr u32 kOamKeySession = 24u;    /* key B / redundancy: a slot's own session */
+constexpr u32 kOamKeyInterface = 28u;  /* the interface's own entry */
+constexpr u32 kOamSlotShift = 5;
+
+/* An OAM key: an identifier in bits 16..31 (a 32-bit shift keeps its low
+ * half), the OAM slot index in bits 10..14, and `low`. */
+inline u32 oam_key(u32 id, u32 index, u32 low) { return (id << 16) | (index << 10) | low; }
+
+/* The key of an interface's own OAM entry. */
+inline u32 interface_oam_key(u32 oam_id) { return oam_key(oam_id, 0, kOamKeyInterface); }
+
 }  // namespace pmdb_fields
 
 #endif

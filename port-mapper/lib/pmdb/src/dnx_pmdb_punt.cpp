@@ -1,7 +1,7 @@
 /*
  * dnx_pmdb_punt.cpp - one PUNT entry: adding or refreshing it from an
- * event, removing it by key, and the C names of the punt key rules
- * (pmdb_fields.h holds the rules themselves).
+ * event, removing it by key, changing its bundle-membership fields, and the
+ * C names of the punt key rules (pmdb_fields.h holds the rules themselves).
  *
  * Concurrency contract:
  *  - Every field change is made inside one entry change cycle
@@ -45,6 +45,34 @@ void write_punt_entry(pmdb_punt_entry_t *e, bool created, u32 key, const pmdb_ev
         PMDB_TRACE(tp::punt_info_stored, ev->punt_info.ifh, key, ev->punt_info.punt_data[0]);
         pmdb_fields::merge_punt_words(&e->punt_info, &ev->punt_info);
     }
+}
+
+/* The membership change of a member event in a PUNT entry: a leave (7)
+ * clears the bundle fields and puts back the member's own punt words; a
+ * join or modify (5, 6) takes the event's bundle fields.  Bits 2..7 of
+ * member_port_shift are carried; other event types change nothing. */
+void apply_member_fields(pmdb_punt_entry_t *e, const pmdb_event_t *ev,
+                         const dpa_pmdb_ifh_summary_t *summary) {
+    pmdb_intf_info_t *in = &e->intf_info;
+    const u8 carried = static_cast<u8>(in->member_port_shift & ~pmdb_fields::kMemberShiftMask);
+    switch (ev->event_type) {
+    case PMDB_EV_MEMBER_LEAVE:
+        in->bundle_ifh = 0;
+        in->member_port = 0;
+        in->member_port_shift = carried;
+        memcpy(e->punt_info.punt_data, summary->punt_data, sizeof e->punt_info.punt_data);
+        break;
+    case PMDB_EV_MEMBER_JOIN:
+    case PMDB_EV_MEMBER_MODIFY:
+        in->bundle_ifh = ev->intf_info.bundle_ifh;
+        in->member_port = ev->intf_info.member_port;
+        in->member_port_shift = static_cast<u8>(
+            carried | (ev->intf_info.member_port_shift & pmdb_fields::kMemberShiftMask));
+        break;
+    default:
+        return;
+    }
+    pmdb_stamp(&e->event_id, &e->last_update, ev->event_id);
 }
 
 }  // namespace
@@ -101,6 +129,33 @@ cerrno dpa_pmdb_remove_punt_entry(u32 key) {
                                                 .remove_failed = tp::punt_remove_failed,
                                                 .remove_ended = tp::punt_remove_done};
     return pmdb_cycle_remove_key(PMDB_TYPE_PUNT, key, &kTraces, trace_punt_before_remove, &key);
+}
+
+cerrno dpa_pmdb_update_punt_entry_member(pmdb_event_t *event, const u32 *key,
+                                         const dpa_pmdb_ifh_summary_t *summary) {
+    if (key == nullptr || *key == 0) {
+        PMDB_TRACE_E(239);
+        return PMDB_EINVAL;
+    }
+    if (event == nullptr || summary == nullptr) return PMDB_EINVAL;
+    pmdb_cycle_t cyc;
+    cerrno rc = pmdb_cycle_open(&cyc, PMDB_TYPE_PUNT);
+    if (rc != PMDB_OK) {
+        PMDB_TRACE_E(240, rc);
+        return rc;
+    }
+    const u32 bundle_ifh = event->intf_info.bundle_ifh;
+    rc = pmdb_cycle_find_lock(&cyc, *key);
+    if (rc != PMDB_OK) {
+        if (cyc.failed_step == PMDB_STEP_LOCK)
+            PMDB_TRACE_E(243, bundle_ifh, summary->ingress_lif, event->event_type, rc);
+        else
+            PMDB_TRACE_E(241, event->intf_info.ifh, *key, rc);
+        return pmdb_cycle_release(&cyc, rc);
+    }
+    apply_member_fields(static_cast<pmdb_punt_entry_t *>(cyc.entry), event, summary);
+    PMDB_TRACE_D(242, bundle_ifh, summary->ingress_lif, event->event_type);
+    return pmdb_cycle_release(&cyc, PMDB_OK);
 }
 
 }  // extern "C"

@@ -19,8 +19,9 @@
  *      (or in pmdb.h when exported):
  *        dnx_pmdb_ifh.cpp         IFH entry: add or refresh, sub-interface
  *                                 count, removal, summary, node list
- *        dnx_pmdb_punt.cpp        PUNT entry: add or refresh, removal, the
- *                                 punt key rules' C names
+ *        dnx_pmdb_punt.cpp        PUNT entry: add or refresh, removal,
+ *                                 membership fields, the punt key rules'
+ *                                 C names
  *        dnx_pmdb_oam.cpp         OAM entry: add, removal, OAM event entry
  *        dnx_pmdb_member.cpp      member and bundle updates of membership
  *        dnx_pmdb_oor.cpp         out-of-resource state and callback
@@ -30,8 +31,12 @@
  *                                 (pmdb_member_ops.h)
  *        dnx_pmdb_inv.cpp         node inventory and scale values
  *        dnx_pmdb_bvi.cpp         BVI refresh and the AIB update callback
- *   4. whole-interface paths (add and remove all entries of an interface,
- *      the bundle member path): call only layer 3, never the cycle directly.
+ *   4. whole-interface paths: call only layer 3, never the cycle directly.
+ *        dnx_pmdb_add_all.cpp     every entry of an interface (pmdb.h)
+ *        dnx_pmdb_remove_all.cpp  removal of them all (pmdb.h)
+ *        dnx_pmdb_bundle_subs.cpp a bundle's sub-interface walk, an
+ *                                 interface's own OAM entry removal
+ *        dnx_pmdb_member_path.cpp the bundle member event path
  *   5. event dispatcher (dpa_pmdb_oper): sends each event to a layer-4 path
  *      or a layer-3 operation; like layer 4, it never runs the cycle itself.
  *
@@ -109,6 +114,17 @@ u32 dpa_pmdb_punt_key(u32 egress_key, u32 egress_lif, u16 ingress_lif, u16 sys_p
  * (pmdb_fields::bundle_member_punt_key). */
 u32 dpa_pmdb_bundle_member_punt_key(const dpa_pmdb_ifh_summary_t *summary);
 
+/* Applies a member event (5 join, 6 modify: the event's bundle_ifh,
+ * member_port and member_port_shift bits 0..1; 7 leave: those cleared and
+ * summary->punt_data put back as the punt words) to the PUNT entry *key,
+ * stamping it; other event types change nothing.  Traces: error 239 (null
+ * key or key 0, result 22), 240 (open, with the status), 241 (lookup:
+ * event ifh, key, status), 243 (lock: event bundle_ifh, summary ingress_lif,
+ * event_type, status); database 242 when handled.  A null event or summary:
+ * 22, nothing done.  Waits for the entry's lock without bound. */
+cerrno dpa_pmdb_update_punt_entry_member(pmdb_event_t *event, const u32 *key,
+                                         const dpa_pmdb_ifh_summary_t *summary);
+
 /* ---- counts kept in IFH entries ----------------------------------------- */
 
 /* Adds one to (increment != 0) or takes one from (never below 0) the
@@ -163,6 +179,50 @@ dpa_pmdb_oor_cb_t dpa_pmdb_oor_cb_get(void);
 
 /* The registered AIB update callback, or null. */
 dpa_pmdb_aib_update_cb_t dpa_pmdb_aib_update_cb_get(void);
+
+/* ---- whole-interface paths (layer 4) ------------------------------------ */
+/* (Adding and removing all entries of an interface: pmdb.h.) */
+
+/* Walks the sub-interfaces of `bundle_ifh` that the reader library lists,
+ * at most as many as the sysctl key PMDB_SYSCTL_MAX_BUNDLE_L3_VLAN says
+ * (its low 32 bits; when 0, halvo_intf_get_max_subintf_vlob()), skipping
+ * zero handles.  Event type 7 removes each one's IFH entry and main PUNT
+ * entry (event traces 252, 253); type 22 writes `mac` (6 bytes) into each
+ * one's IFH entry; other types, and any type with `member` nonzero, change
+ * nothing.  `ifh` is traced only.  Event traces 254 before and 255 after the
+ * walk (not written when the list is empty or its array cannot be
+ * allocated). */
+void dpa_pmdb_bundle_sub_intf_oper(u8 event_type, u32 ifh, u32 bundle_ifh, i32 member,
+                                   const u8 *mac, u32 event_id);
+
+/* Removes the interface's own OAM entry, (oam_id << 16) | 28, with the
+ * oam_id of its IFH summary (first nonzero OAM slot when 0).  Traces: error
+ * 270 (ifh 0), 271 (no summary), 273 (removal failed); database 272 before
+ * the removal, 274 after it. */
+void dpa_pmdb_remove_intf_oam_entry(u32 ifh);
+
+/* Adds (member_modify nonzero, or event type 6) or removes (event type 7,
+ * only when is_member) the bundle-member PUNT entry *key; the add takes
+ * its punt words from punt_info when the first is nonzero.  `handle` is
+ * traced only.  Event traces 244 first, then 246 (removed) or 247
+ * (written); error traces 245 (a leave of an inactive member) and 248
+ * (neither a modify nor type 6) when nothing is done. */
+void dpa_pmdb_bundle_member_punt_oper(pmdb_event_t *event, u32 handle, const u32 *key,
+                                      const pmdb_punt_info_t *punt_info, i32 member_modify,
+                                      u32 is_member);
+
+/* The bundle member event path for event types 5, 6 and 7 of member
+ * `handle` (event->intf_info.ifh): zeroes *summary, updates the member's
+ * and the bundle's IFH entries (stopping when that fails), marks the
+ * member's ingress and egress PUNT entries, and for 6 writes the
+ * bundle-member and port PUNT entries, for 7 removes the bundle-member
+ * entry of an active member, unmarks the port entry and, when the bundle
+ * has no member left, removes the bundle's entries
+ * (dpa_pmdb_remove_all_entries with the bundle flag).  An event without a
+ * bundle_ifh changes nothing after event trace 282.  *summary is left as
+ * the member update filled it. */
+void dpa_pmdb_bundle_member_oper(pmdb_event_t *event, u32 handle,
+                                 dpa_pmdb_ifh_summary_t *summary);
 
 #ifdef __cplusplus
 }
