@@ -53,6 +53,11 @@ struct add_ctx {
     u32 e;                    /* egress keying of the event (0 or 1) */
 };
 
+/* Shapes of the points the recorded steps write. */
+using err2_point = pmdb_tpt::point<pmdb_tpt::E, 2, pmdb_tpt::N>; /* (key, status) */
+using db1_point = pmdb_tpt::point<pmdb_tpt::D, 1, pmdb_tpt::N>;  /* (key) */
+using db5_point = pmdb_tpt::point<pmdb_tpt::D, 5, pmdb_tpt::N>;  /* (i, lif, v, port, key) */
+
 bool p_flag(const add_ctx *c, u8 bit) { return (c->p.sum_flags & bit) != 0; }
 
 /* The LIF that egress keying selects. */
@@ -65,17 +70,18 @@ cerrno add_punt(add_ctx *c, u32 key, bool with_punt) {
 
 /* A recorded PUNT add traced (key, status) on the error buffer when it
  * fails and (key) on the database buffer when it succeeds. */
-void record_punt(add_ctx *c, u32 key, bool with_punt, u32 failed_point, u32 done_point) {
+void record_punt(add_ctx *c, u32 key, bool with_punt, err2_point failed_point,
+                 db1_point done_point) {
     c->s = add_punt(c, key, with_punt);
     if (c->s != PMDB_OK)
-        PMDB_TRACE_E(failed_point, key, c->s);
+        PMDB_TRACE(failed_point, key, c->s);
     else
-        PMDB_TRACE_D(done_point, key);
+        PMDB_TRACE(done_point, key);
 }
 
 /* The bundle punt key, written with node_id 999; the event's node_id is
  * restored afterwards. */
-void record_bundle_punt(add_ctx *c, u32 failed_point, u32 done_point) {
+void record_bundle_punt(add_ctx *c, err2_point failed_point, db1_point done_point) {
     const u32 key = dpa_pmdb_punt_key(c->e, c->p.egress_lif, c->p.ingress_lif, 0, PMDB_NO_SLOT);
     const u32 node_id = c->ev->intf_info.node_id;
     c->ev->intf_info.node_id = kBundlePuntNode;
@@ -85,15 +91,15 @@ void record_bundle_punt(add_ctx *c, u32 failed_point, u32 done_point) {
 
 /* Redundancy OAM entries, one per nonzero OAM slot, when LCVM redundancy
  * is on; they do not depend on the OAM switch. */
-void record_redundancy_oam(add_ctx *c, u32 entry_point, u32 failed_point) {
+void record_redundancy_oam(add_ctx *c, db5_point entry_point, err2_point failed_point) {
     if (halvo_config_get_lcvm_redundancy_on() == 0 || c->p.egress_lif == 0) return;
     for (u32 i = 0; i < kOamSlots; i++) {
         const u32 v = c->p.oam_slots[i];
         if (v == 0) continue;
         const u32 key = oam_key(v, i, kOamKeySession);
-        PMDB_TRACE_D(entry_point, i, c->p.egress_lif, v, c->p.sys_port, key);
+        PMDB_TRACE(entry_point, i, c->p.egress_lif, v, c->p.sys_port, key);
         c->s = dpa_pmdb_add_oam_entry(key, c->ev, &c->slot);
-        if (c->s != PMDB_OK) PMDB_TRACE_E(failed_point, key, c->s);
+        if (c->s != PMDB_OK) PMDB_TRACE(failed_point, key, c->s);
     }
 }
 
@@ -106,7 +112,7 @@ void refresh_member_punts(add_ctx *c, bool bundle_sub) {
     u8 count = 0;
     const u32 handle = bundle_sub ? c->p.parent_ifh : c->ifh;
     (void)dpa_pmdb_get_num_members(&count, handle);
-    PMDB_TRACE_D(184, handle, count, bundle_sub ? 1u : 0u);
+    PMDB_TRACE(tp::add_member_count_read, handle, count, bundle_sub ? 1u : 0u);
     if (count == 0) return;
     const u32 capacity = bundle_sub ? 1u : kMemberKeysPerMember * count;
     u32 *keys = static_cast<u32 *>(calloc(capacity, sizeof(u32)));
@@ -120,9 +126,9 @@ void refresh_member_punts(add_ctx *c, bool bundle_sub) {
         if (keys[k] == 0) continue;
         c->s = add_punt(c, keys[k], false);
         if (c->s != PMDB_OK)
-            PMDB_TRACE_E(185, c->ifh, keys[k], c->s);
+            PMDB_TRACE(tp::add_member_punt_failed, c->ifh, keys[k], c->s);
         else
-            PMDB_TRACE_V(186, c->ifh, keys[k]);
+            PMDB_TRACE(tp::add_member_punt_done, c->ifh, keys[k]);
     }
     free(keys);
 }
@@ -131,28 +137,28 @@ void refresh_member_punts(add_ctx *c, bool bundle_sub) {
  * first nonzero OAM slot); its status is not recorded. */
 void add_interface_oam(add_ctx *c) {
     if (c->ifh == 0) {
-        PMDB_TRACE_E(266, 0);
+        PMDB_TRACE(tp::intf_oam_no_handle, 0);
         return;
     }
     dpa_pmdb_ifh_summary_t r = {};
     if (dpa_pmdb_get_ifh_summary(c->ifh, &r) != PMDB_OK) {
-        PMDB_TRACE_E(267, c->ifh);
+        PMDB_TRACE(tp::intf_oam_summary_failed, c->ifh);
         return;
     }
     const u32 key = pmdb_fields::interface_oam_key(r.oam_id);
     const cerrno rc = dpa_pmdb_add_oam_entry(key, c->ev, &c->slot);
     if (rc != PMDB_OK)
-        PMDB_TRACE_E(268, key, r.slot_id, r.npu_index, rc);
+        PMDB_TRACE(tp::intf_oam_add_failed, key, r.slot_id, r.npu_index, rc);
     else
-        PMDB_TRACE_D(269, key, r.slot_id, r.npu_index);
+        PMDB_TRACE(tp::intf_oam_added, key, r.slot_id, r.npu_index);
 }
 
 cerrno bundle_path(add_ctx *c, bool bundle_sub) {
     if (has_flag(c->ev, PMDB_VF_PUNT)) refresh_member_punts(c, bundle_sub);
     add_interface_oam(c);
     if (bundle_sub) return c->s;
-    record_bundle_punt(c, 187, 188);
-    record_redundancy_oam(c, 189, 190);
+    record_bundle_punt(c, tp::add_bundle_punt_failed, tp::add_bundle_punt_done);
+    record_redundancy_oam(c, tp::add_bundle_redundancy_oam, tp::add_bundle_redundancy_oam_failed);
     return c->s;
 }
 
@@ -200,24 +206,25 @@ void main_punts(add_ctx *c) {
     if (selected_lif(c) != 0) {
         remove_old_keys(c);
         k = dpa_pmdb_punt_key(c->e, p->egress_lif, p->ingress_lif, p->sys_port, p->slot_id);
-        record_punt(c, k, true, 191, 192);
+        record_punt(c, k, true, tp::add_main_punt_failed, tp::add_main_punt_done);
     }
     if (!p_flag(c, PMDB_SUM_IS_SUB_INTF)) {
         k = dpa_pmdb_punt_key(c->e, 0, 0, p->sys_port, PMDB_NO_SLOT);
-        record_punt(c, k, true, 193, 194);
+        record_punt(c, k, true, tp::add_ext_punt_failed, tp::add_ext_punt_done);
     }
     if (wants_plain_extension(c->ev))
-        record_punt(c, pmdb_fields::plain_extension_key(k), true, 196, 195);
+        record_punt(c, pmdb_fields::plain_extension_key(k), true, tp::add_plain_ext_punt_failed,
+                    tp::add_plain_ext_punt_done);
     if (p->egress_lif != 0) {
         k = pmdb_fields::egress_lif_punt_key(p->egress_lif, p->slot_id);
         c->s = add_punt(c, k, false);
         if (c->s != PMDB_OK)
-            PMDB_TRACE_E(197, k, c->s);
+            PMDB_TRACE(tp::add_egress_lif_punt_failed, k, c->s);
         else
-            PMDB_TRACE_D(198, k, c->e);
+            PMDB_TRACE(tp::add_egress_lif_punt_done, k, c->e);
     }
     if (halvo_config_get_need_egress_punt_pm_entry() != 0 && p->ingress_lif != 0)
-        record_punt(c, p->ingress_lif, false, 199, 200);
+        record_punt(c, p->ingress_lif, false, tp::add_egress_punt_failed, tp::add_egress_punt_done);
 }
 
 /* ---- OAM entries of the main path --------------------------------------- */
@@ -256,39 +263,39 @@ bool oam_mode(const add_ctx *c, oam_walk *w) {
 /* Key A of slot i: not recorded. */
 void oam_key_a(add_ctx *c, const oam_walk *w, u32 i, bool remove, bool re_add) {
     const u32 key = oam_key(w->port, i, w->g | kOamKeyPort);
-    PMDB_TRACE_D(201, i, w->g >> pmdb_fields::kOamSlotShift, w->port, key, remove ? 1u : 0u);
+    PMDB_TRACE(tp::add_oam_key_a, i, w->g >> pmdb_fields::kOamSlotShift, w->port, key, remove ? 1u : 0u);
     if (!remove) {
         const cerrno rc = dpa_pmdb_add_oam_entry(key, c->ev, &c->slot);
-        if (rc != PMDB_OK) PMDB_TRACE_E(202, key, rc);
+        if (rc != PMDB_OK) PMDB_TRACE(tp::add_oam_key_a_add_failed, key, rc);
         return;
     }
     cerrno rc = dpa_pmdb_remove_oam_entry(key);
-    if (rc != PMDB_OK) PMDB_TRACE_E(203, key, rc);
+    if (rc != PMDB_OK) PMDB_TRACE(tp::add_oam_key_a_remove_failed, key, rc);
     if (!re_add) return;
     const u32 new_key = oam_key(c->p.egress_lif, i, w->g | kOamKeyPort);
     rc = dpa_pmdb_add_oam_entry(new_key, c->ev, &c->slot);
-    if (rc != PMDB_OK) PMDB_TRACE_E(204, new_key, rc);
+    if (rc != PMDB_OK) PMDB_TRACE(tp::add_oam_key_a_readd_failed, new_key, rc);
 }
 
 /* Key B of slot i (and key D for a changed slot): recorded. */
 void oam_key_b(add_ctx *c, const oam_walk *w, u32 i, u32 v, bool remove, bool re_add) {
     const u32 key = oam_key(v, i, w->g | kOamKeySession);
-    PMDB_TRACE_D(205, i, w->port, v, c->p.sys_port, key, remove ? 1u : 0u);
+    PMDB_TRACE(tp::add_oam_key_b, i, w->port, v, c->p.sys_port, key, remove ? 1u : 0u);
     if (!remove) {
         c->s = dpa_pmdb_add_oam_entry(key, c->ev, &c->slot);
-        if (c->s != PMDB_OK) PMDB_TRACE_E(206, key, c->s);
+        if (c->s != PMDB_OK) PMDB_TRACE(tp::add_oam_key_b_add_failed, key, c->s);
         return;
     }
     c->s = dpa_pmdb_remove_oam_entry(key);
-    if (c->s != PMDB_OK) PMDB_TRACE_E(207, key, c->s);
+    if (c->s != PMDB_OK) PMDB_TRACE(tp::add_oam_key_b_remove_failed, key, c->s);
     if (!re_add) return;
     const u32 now = c->p.oam_slots[i];
     const u32 key_d = oam_key(now, i, w->g | kOamKeySession);
     c->s = dpa_pmdb_add_oam_entry(key_d, c->ev, &c->slot);
     if (c->s != PMDB_OK)
-        PMDB_TRACE_E(208, key_d, c->s);
+        PMDB_TRACE(tp::add_oam_key_d_add_failed, key_d, c->s);
     else
-        PMDB_TRACE_D(209, i, w->port, now, c->p.sys_port, key_d);
+        PMDB_TRACE(tp::add_oam_key_d_done, i, w->port, now, c->p.sys_port, key_d);
 }
 
 /* Step 8: OAM keys A and B of every OAM slot in use. */
@@ -327,8 +334,8 @@ void sub_interface_steps(add_ctx *c) {
     if (!p_flag(c, PMDB_SUM_IS_BUNDLE_SUB_INTF)) return;
     const u8 type = c->ev->event_type;
     if ((type == PMDB_EV_SUB_ADD || type == PMDB_EV_SUB_PUNT) && selected_lif(c) != 0)
-        record_bundle_punt(c, 180, 181);
-    record_redundancy_oam(c, 182, 183);
+        record_bundle_punt(c, tp::add_bsub_punt_failed, tp::add_bsub_punt_done);
+    record_redundancy_oam(c, tp::add_bsub_redundancy_oam, tp::add_bsub_redundancy_oam_failed);
 }
 
 }  // namespace
@@ -344,10 +351,10 @@ cerrno dpa_pmdb_add_all_entries(u32 ifh, pmdb_event_t *event, u32 is_bundle, i32
     const cerrno rc = dpa_pmdb_add_ifh_entry(ifh, event, &c.slot, &c.p, &c.punt, &c.q,
                                              static_cast<u16>(node));
     if (rc != PMDB_OK) {
-        PMDB_TRACE_E(178, ifh, event->event_type, event->valid_flags, rc);
+        PMDB_TRACE(tp::add_ifh_step_failed, ifh, event->event_type, event->valid_flags, rc);
         return rc;
     }
-    PMDB_TRACE_D(179, ifh, event->event_type, event->valid_flags, 0);
+    PMDB_TRACE(tp::add_ifh_step_done, ifh, event->event_type, event->valid_flags, 0);
     if (p_flag(&c, PMDB_SUM_PUNT_ONLY_CREATED)) return PMDB_OK;
     sub_interface_steps(&c);
     const bool bundle_sub = p_flag(&c, PMDB_SUM_IS_BUNDLE_SUB_INTF);

@@ -50,10 +50,10 @@ u32 sub_punt_key(const dpa_pmdb_ifh_summary_t *s) {
 void remove_sub(u32 h, u32 event_id) {
     dpa_pmdb_ifh_summary_t s = {};
     const cerrno rc = dpa_pmdb_remove_ifh_entry(h, &s, event_id);
-    PMDB_TRACE_V(252, 7, h, rc);
+    PMDB_TRACE(tp::bsub_ifh_removal, 7, h, rc);
     const u32 key = sub_punt_key(&s);
     const cerrno prc = dpa_pmdb_remove_punt_entry(key);
-    PMDB_TRACE_V(253, h, key, prc, prc);
+    PMDB_TRACE(tp::bsub_punt_removal, h, key, prc, prc);
 }
 
 /* Event type 22: only the MAC reaches the sub-interface's entry. */
@@ -82,7 +82,7 @@ extern "C" {
 void dpa_pmdb_bundle_sub_intf_oper(u8 event_type, u32 ifh, u32 bundle_ifh, i32 member,
                                    const u8 *mac, u32 event_id) {
     const u32 count = walk_count();
-    PMDB_TRACE_V(254, event_type, bundle_ifh, ifh, count, member);
+    PMDB_TRACE(tp::bsub_walk_start, event_type, bundle_ifh, ifh, count, member);
     if (count == 0) return;
     u32 *handles = static_cast<u32 *>(calloc(count, sizeof(u32)));
     if (handles == nullptr) return;
@@ -94,27 +94,27 @@ void dpa_pmdb_bundle_sub_intf_oper(u8 event_type, u32 ifh, u32 bundle_ifh, i32 m
     for (u32 i = 0; i < count && member == 0; i++)
         if (handles[i] != 0) act_on_sub(event_type, handles[i], mac, event_id);
     free(handles);
-    PMDB_TRACE_V(255, event_type, bundle_ifh, ifh, count, member);
+    PMDB_TRACE(tp::bsub_walk_end, event_type, bundle_ifh, ifh, count, member);
 }
 
 void dpa_pmdb_remove_intf_oam_entry(u32 ifh) {
     if (ifh == 0) {
-        PMDB_TRACE_E(270, 0);
+        PMDB_TRACE(tp::intf_oam_remove_zero_ifh, 0);
         return;
     }
     dpa_pmdb_ifh_summary_t s = {};
     if (dpa_pmdb_get_ifh_summary(ifh, &s) != PMDB_OK) {
-        PMDB_TRACE_E(271, ifh);
+        PMDB_TRACE(tp::intf_oam_remove_summary_failed, ifh);
         return;
     }
     const u32 egress_key = (s.sum_flags & PMDB_SUM_EGRESS_KEY) != 0 ? 1u : 0u;
-    PMDB_TRACE_D(272, ifh, s.ingress_lif, s.oam_id, egress_key);
+    PMDB_TRACE(tp::intf_oam_remove_begin, ifh, s.ingress_lif, s.oam_id, egress_key);
     const u32 key = pmdb_fields::interface_oam_key(s.oam_id);
     const cerrno rc = dpa_pmdb_remove_oam_entry(key);
     if (rc != PMDB_OK)
-        PMDB_TRACE_E(273, key, rc);
+        PMDB_TRACE(tp::intf_oam_remove_failed, key, rc);
     else
-        PMDB_TRACE_D(274, key);
+        PMDB_TRACE(tp::intf_oam_removed, key);
 }
 
 }  // extern "C"

@@ -47,7 +47,7 @@ member_keys keys_of(const dpa_pmdb_ifh_summary_t *s) {
 void leave_steps(pmdb_event_t *event, u32 handle, const member_keys *k,
                  const dpa_pmdb_ifh_summary_t *s) {
     const cerrno rc = dpa_pmdb_update_punt_entry_member(event, &k->port, s);
-    if (rc != PMDB_OK) PMDB_TRACE_E(288, k->port, handle, event->event_id, rc);
+    if (rc != PMDB_OK) PMDB_TRACE(tp::member_port_key_failed, k->port, handle, event->event_id, rc);
     const u32 bundle_ifh = event->intf_info.bundle_ifh;
     u8 members = 0;
     (void)dpa_pmdb_get_num_members(&members, bundle_ifh);
@@ -65,23 +65,23 @@ void dpa_pmdb_bundle_member_punt_oper(pmdb_event_t *event, u32 handle, const u32
                                       u32 is_member) {
     if (event == nullptr || key == nullptr) return;
     const u8 type = event->event_type;
-    PMDB_TRACE_V(244, type, handle, *key & pmdb_fields::kPortFieldMask);
+    PMDB_TRACE(tp::member_punt_op_begin, type, handle, *key & pmdb_fields::kPortFieldMask);
     if (type == PMDB_EV_MEMBER_LEAVE) {
         if (is_member == 0) {
-            PMDB_TRACE_E(245, type, type, member_modify, handle, *key);
+            PMDB_TRACE(tp::member_leave_not_active, type, type, member_modify, handle, *key);
             return;
         }
         const cerrno rc = dpa_pmdb_remove_punt_entry(*key);
-        PMDB_TRACE_V(246, type, handle, *key, rc);
+        PMDB_TRACE(tp::member_punt_removed, type, handle, *key, rc);
         return;
     }
     if (member_modify == 0 && type != PMDB_EV_MEMBER_MODIFY) {
-        PMDB_TRACE_E(248, type, type, 0, handle, *key);
+        PMDB_TRACE(tp::member_punt_not_join_or_modify, type, type, 0, handle, *key);
         return;
     }
     i32 slot = 0;
     const cerrno rc = dpa_pmdb_add_punt_entry(*key, event, &slot, punt_info);
-    PMDB_TRACE_V(247, type, handle, *key, rc);
+    PMDB_TRACE(tp::member_punt_written, type, handle, *key, rc);
 }
 
 void dpa_pmdb_bundle_member_oper(pmdb_event_t *event, u32 handle,
@@ -91,14 +91,14 @@ void dpa_pmdb_bundle_member_oper(pmdb_event_t *event, u32 handle,
     pmdb_punt_info_t punt = {};
     const pmdb_intf_info_t *in = &event->intf_info;
     const u8 type = event->event_type;
-    PMDB_TRACE_V(282, type, handle, in->bundle_ifh, pmdb_fields::port_lo_of(in->member_port),
+    PMDB_TRACE(tp::member_path_begin, type, handle, in->bundle_ifh, pmdb_fields::port_lo_of(in->member_port),
                  pmdb_fields::port_hi_of(in->member_port), event->event_id);
     if (in->bundle_ifh == 0) return;
     if (dpa_pmdb_update_ifh_entry_member(event, summary, &punt) != PMDB_OK) return;
     const member_keys k = keys_of(summary);
     (void)dpa_pmdb_update_punt_entry_member(event, &k.ingress, summary);
     const cerrno rc = dpa_pmdb_update_punt_entry_member(event, &k.egress, summary);
-    if (rc != PMDB_OK) PMDB_TRACE_E(283, k.egress, event->event_id, rc);
+    if (rc != PMDB_OK) PMDB_TRACE(tp::member_egress_key_failed, k.egress, event->event_id, rc);
     if (type == PMDB_EV_MEMBER_JOIN) return;
     dpa_pmdb_bundle_sub_intf_oper(type, in->ifh, in->bundle_ifh, 1, nullptr, event->event_id);
     const i32 modify = type == PMDB_EV_MEMBER_MODIFY ? 1 : 0;

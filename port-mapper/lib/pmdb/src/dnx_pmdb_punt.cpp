@@ -134,27 +134,27 @@ cerrno dpa_pmdb_remove_punt_entry(u32 key) {
 cerrno dpa_pmdb_update_punt_entry_member(pmdb_event_t *event, const u32 *key,
                                          const dpa_pmdb_ifh_summary_t *summary) {
     if (key == nullptr || *key == 0) {
-        PMDB_TRACE_E(239);
+        PMDB_TRACE(tp::member_punt_no_key);
         return PMDB_EINVAL;
     }
     if (event == nullptr || summary == nullptr) return PMDB_EINVAL;
     pmdb_cycle_t cyc;
     cerrno rc = pmdb_cycle_open(&cyc, PMDB_TYPE_PUNT);
     if (rc != PMDB_OK) {
-        PMDB_TRACE_E(240, rc);
+        PMDB_TRACE(tp::member_punt_open_failed, rc);
         return rc;
     }
     const u32 bundle_ifh = event->intf_info.bundle_ifh;
     rc = pmdb_cycle_find_lock(&cyc, *key);
     if (rc != PMDB_OK) {
         if (cyc.failed_step == PMDB_STEP_LOCK)
-            PMDB_TRACE_E(243, bundle_ifh, summary->ingress_lif, event->event_type, rc);
+            PMDB_TRACE(tp::member_punt_lock_failed, bundle_ifh, summary->ingress_lif, event->event_type, rc);
         else
-            PMDB_TRACE_E(241, event->intf_info.ifh, *key, rc);
+            PMDB_TRACE(tp::member_punt_not_found, event->intf_info.ifh, *key, rc);
         return pmdb_cycle_release(&cyc, rc);
     }
     apply_member_fields(static_cast<pmdb_punt_entry_t *>(cyc.entry), event, summary);
-    PMDB_TRACE_D(242, bundle_ifh, summary->ingress_lif, event->event_type);
+    PMDB_TRACE(tp::member_punt_fields_done, bundle_ifh, summary->ingress_lif, event->event_type);
     return pmdb_cycle_release(&cyc, PMDB_OK);
 }
 

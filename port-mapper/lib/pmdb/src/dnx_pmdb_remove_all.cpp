@@ -54,15 +54,15 @@ cerrno bundle_path(u32 ifh, const dpa_pmdb_ifh_summary_t *s) {
     const u32 e = egress_key_of(s);
     const u32 key = e != 0 ? ((s->egress_lif & kLifMask) | PMDB_PUNT_KEY_EGRESS) : s->ingress_lif;
     const cerrno rc = dpa_pmdb_remove_punt_entry(key);
-    PMDB_TRACE_V(212, ifh, key, rc, rc);
+    PMDB_TRACE(tp::remove_bundle_punt, ifh, key, rc, rc);
     if (halvo_config_get_lcvm_redundancy_on() == 0 || s->egress_lif == 0) return PMDB_OK;
     for (u32 i = 0; i < kOamSlots; i++) {
         const u32 v = s->oam_slots[i];
         if (v == 0) continue;
         const u32 okey = oam_key(v, i, kOamKeySession);
-        PMDB_TRACE_D(213, i, s->egress_lif, v, i, okey);
+        PMDB_TRACE(tp::remove_bundle_oam, i, s->egress_lif, v, i, okey);
         const cerrno orc = dpa_pmdb_remove_oam_entry(okey);
-        if (orc != PMDB_OK) PMDB_TRACE_E(214, okey, orc);
+        if (orc != PMDB_OK) PMDB_TRACE(tp::remove_bundle_oam_failed, okey, orc);
     }
     return PMDB_OK;
 }
@@ -75,43 +75,43 @@ void remove_member_keys(u32 ifh, const dpa_pmdb_ifh_summary_t *s, u32 event_id) 
     const u32 member_key = pmdb_fields::bundle_member_punt_key(s) |
                            (egress_key_of(s) != 0 ? PMDB_PUNT_KEY_EGRESS : 0u);
     cerrno rc = dpa_pmdb_remove_punt_entry(member_key);
-    PMDB_TRACE_V(215, ifh, member_key, rc, rc);
+    PMDB_TRACE(tp::remove_member_punt, ifh, member_key, rc, rc);
     const u32 port_key = pmdb_fields::extension_key(0, s->sys_port);
     rc = dpa_pmdb_remove_punt_entry(port_key);
-    PMDB_TRACE_V(216, ifh, port_key, rc, rc);
+    PMDB_TRACE(tp::remove_member_sys_port_punt, ifh, port_key, rc, rc);
 }
 
 /* The PUNT entries of the interface path, in order; returns the result. */
 cerrno remove_intf_punts(u32 ifh, const dpa_pmdb_ifh_summary_t *s) {
     cerrno result = dpa_pmdb_remove_punt_entry(s->ingress_lif);
     if (result != PMDB_OK)
-        PMDB_TRACE_E(217, s->bundle_egress_lif, result);
+        PMDB_TRACE(tp::remove_ingress_lif_punt_failed, s->bundle_egress_lif, result);
     else
-        PMDB_TRACE_V(218, ifh, s->ingress_lif, 0, 0);
+        PMDB_TRACE(tp::remove_ingress_lif_punt_done, ifh, s->ingress_lif, 0, 0);
     if (s->egress_lif != 0) {
         const u32 key = pmdb_fields::egress_lif_punt_key(s->egress_lif, s->slot_id);
         result = dpa_pmdb_remove_punt_entry(key);
-        if (result != PMDB_OK) PMDB_TRACE_E(219, key, result);
+        if (result != PMDB_OK) PMDB_TRACE(tp::remove_egress_lif_punt_failed, key, result);
     }
     if (halvo_config_get_need_egress_punt_pm_entry() != 0 && s->ingress_lif != 0) {
         result = dpa_pmdb_remove_punt_entry(s->ingress_lif);
-        if (result != PMDB_OK) PMDB_TRACE_E(220, s->ingress_lif, result);
+        if (result != PMDB_OK) PMDB_TRACE(tp::remove_egress_punt_failed, s->ingress_lif, result);
     }
     if (has(s, PMDB_SUM_IS_SUB_INTF)) return result;
     const u32 plain = pmdb_fields::extension_key(0, s->sys_port);
     if (plain != 0) {
         const cerrno rc = dpa_pmdb_remove_punt_entry(plain);
         if (rc != PMDB_OK) {
-            PMDB_TRACE_E(221, s->bundle_egress_lif, rc);
+            PMDB_TRACE(tp::remove_sys_port_punt_failed, s->bundle_egress_lif, rc);
             result = rc;
         }
     }
     const u32 flagged = pmdb_fields::extension_key(egress_key_of(s), s->sys_port);
     result = dpa_pmdb_remove_punt_entry(flagged);
     if (result != PMDB_OK)
-        PMDB_TRACE_E(222, flagged, result);
+        PMDB_TRACE(tp::remove_flagged_sys_port_punt_failed, flagged, result);
     else
-        PMDB_TRACE_D(223, flagged);
+        PMDB_TRACE(tp::remove_flagged_sys_port_punt_done, flagged);
     return result;
 }
 
@@ -127,13 +127,13 @@ cerrno remove_intf_oam(const dpa_pmdb_ifh_summary_t *s, cerrno result) {
         const u32 v = s->oam_slots[i];
         if (v == 0) continue;
         const u32 first = oam_key(s->egress_lif, i, low);
-        PMDB_TRACE_D(224, i, s->egress_lif, slot, first);
+        PMDB_TRACE(tp::remove_oam_first, i, s->egress_lif, slot, first);
         const cerrno rc = dpa_pmdb_remove_oam_entry(first);
-        if (rc != PMDB_OK) PMDB_TRACE_E(225, first, rc);
+        if (rc != PMDB_OK) PMDB_TRACE(tp::remove_oam_first_failed, first, rc);
         const u32 second = oam_key(v, i, low | kOamKeySession);
-        PMDB_TRACE_D(226, i, s->egress_lif, v, i, second);
+        PMDB_TRACE(tp::remove_oam_second, i, s->egress_lif, v, i, second);
         result = dpa_pmdb_remove_oam_entry(second);
-        if (result != PMDB_OK) PMDB_TRACE_E(227, second, result);
+        if (result != PMDB_OK) PMDB_TRACE(tp::remove_oam_second_failed, second, result);
     }
     return result;
 }
@@ -155,14 +155,14 @@ cerrno dpa_pmdb_remove_all_entries(u32 ifh, u32 event_type, u32 ingress_lif, u32
     } else {
         const cerrno rc = dpa_pmdb_remove_ifh_entry(ifh, &s, event_id);
         if (rc != PMDB_OK) {
-            PMDB_TRACE_E(210, ifh, rc);
+            PMDB_TRACE(tp::remove_ifh_failed, ifh, rc);
             return rc;
         }
     }
     if (has(&s, PMDB_SUM_IS_SUB_INTF)) {
         const cerrno rc = dpa_pmdb_update_sub_intf_count(s.parent_ifh, 0, event_id);
         if (has(&s, PMDB_SUM_IS_BUNDLE_SUB_INTF)) {
-            PMDB_TRACE_E(211, ifh);
+            PMDB_TRACE(tp::remove_bsub_stop, ifh);
             return rc;
         }
     }
