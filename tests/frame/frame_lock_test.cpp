@@ -17,6 +17,7 @@
 #include "host/kemt_host.h"
 #include "host/pm_fault.h"
 #include "pmdb.h"
+#include "card.h"
 #include "pmdb_test.h"
 
 namespace {
@@ -49,17 +50,6 @@ protected:
         ASSERT_TRUE(child->WaitReady());
         child->Kill(SIGKILL);
         ASSERT_TRUE(child->Wait().KilledBy(SIGKILL));
-    }
-
-    // A child that takes lock_, reports ready, and on release exits with
-    // its unlock's result.
-    std::unique_ptr<ChildProcess> HoldInChild() {
-        return std::make_unique<ChildProcess>([this](ChildLink &link) {
-            if (pmdb_entry_lock(lock_) != 0) return 1;
-            link.Ready();
-            link.WaitRelease();
-            return static_cast<int>(pmdb_entry_unlock(lock_));
-        });
     }
 
     pellin_mutex_type *lock_ = nullptr;
@@ -138,7 +128,7 @@ TEST_F(FrameLockTest, HolderGetsEdeadlkWithoutWaiting) {
 }
 
 TEST_F(FrameLockTest, WaitForABusyLockIsRegisteredAtItsLine) {
-    auto holder = HoldInChild();
+    auto holder = card::HoldInChild(lock_);
     ASSERT_TRUE(holder->WaitReady());
     std::thread releaser([&] {
         while (kemt_host_location_waits("pmdb_entry_lock", 101) == 0) std::this_thread::sleep_for(1ms);
@@ -157,7 +147,7 @@ TEST_F(FrameLockTest, WaitForABusyLockIsRegisteredAtItsLine) {
 }
 
 TEST_F(FrameLockTest, DestroyRefusesALockHeldInAnotherProcess) {
-    auto holder = HoldInChild();
+    auto holder = card::HoldInChild(lock_);
     ASSERT_TRUE(holder->WaitReady());
     EXPECT_EQ(pmdb_lock_destroy(lock_), PMDB_EBUSY);
     EXPECT_EQ(pmdb_lock_destroy(lock_), PMDB_EBUSY);
@@ -190,6 +180,20 @@ TEST_F(FrameLockTest, DestroyRefusesALockHeldByAThreadOrTheCaller) {
     EXPECT_EQ(pmdb_entry_unlock(lock_), 0u) << "the refused destroy released the caller's hold";
     EXPECT_EQ(CountTraces(VESK_DATABASE, 71), 2u);
     EXPECT_EQ(pmdb_lock_destroy(lock_), 0u);
+}
+
+// A locker that read the lock's kind (robust) before the lock was retired
+// and acquires its futex word afterwards goes by the kind it read: the
+// retirement's owner marker must make it answer ENOTRECOVERABLE rather than
+// hand over the retired lock; pmdb_entry_lock then rebuilds and takes it.
+TEST_F(FrameLockTest, LockerThatReadTheKindBeforeRetirementFindsItNotRecoverable) {
+    const int kind = lock_->__data.__kind;
+    ASSERT_EQ(pmdb_lock_destroy(lock_), 0u);
+    lock_->__data.__kind = kind; /* what that locker still goes by */
+    EXPECT_EQ(pthread_mutex_lock(lock_), ENOTRECOVERABLE);
+    EXPECT_EQ(pmdb_entry_lock(lock_), 0u);
+    EXPECT_EQ(pmdb_entry_lock(lock_), static_cast<cerrno>(EDEADLK)) << "rebuilt error-checking";
+    EXPECT_EQ(pmdb_entry_unlock(lock_), 0u);
 }
 
 TEST_F(FrameLockTest, DeadHoldersLockCanBeRetired) {

@@ -15,6 +15,7 @@
 #include <string>
 
 #include "pmdb.h"
+#include "card.h"
 #include "pmdb_test.h"
 #include "vorn_os.h"
 
@@ -102,7 +103,7 @@ struct RegionDamage {
 void PrintTo(const RegionDamage &d, std::ostream *os) { *os << d.what; }
 
 std::unique_ptr<ChildProcess> Hold(pellin_mutex_type *lock) {
-    auto child = pmdb::test::StartHeldChild([lock] { pmdb_entry_lock(lock); });
+    auto child = card::HoldInChild(lock);
     EXPECT_TRUE(child->WaitReady());
     return child;
 }

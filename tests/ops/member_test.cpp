@@ -9,45 +9,31 @@
 #include <cstring>
 #include <random>
 
-#include "ops_support.h"
+#include "card.h"
 #include "pmdb_member_ops.h"
 #include "pmdb_ops.h"
 #include "tabra.h"
 
 namespace {
 
-using namespace ops_test;
-using pmdb::test::ChildLink;
-using pmdb::test::ChildProcess;
+using namespace card;
 
 constexpr u32 kBundle = 0xB300, kMember = 0x1300;
 constexpr u16 kMemberPort = (3 << 10) | 5;  // port_hi 3, port_lo 5
 
-class MemberUpdate : public OpsTest {
+class MemberUpdate : public CardTest {
 protected:
-    // A port with carried bits in member_port_shift and its own punt words.
-    void PutMember(u32 ifh, u32 oor_state = 0) {
-        PutPort(ifh, oor_state);
-        PutIfh(ifh, [](pmdb_ifh_entry_t &e) {
-            e.intf_info.member_port_shift = 0xFC;
-            e.punt_info.punt_data[0] = 0xAA;
-            e.punt_info.punt_data[4] = 0xEE;
-        });
-    }
     cerrno Event(u8 type, u32 event_id, dpa_pmdb_ifh_summary_t *s, pmdb_punt_info_t *punt,
                  u32 ifh = kMember, u16 port = kMemberPort) {
-        pmdb_event_t ev = IntfEvent(type, event_id, ifh, kBundle, port, 2);
+        pmdb_event_t ev = MemberEvent(type, event_id, ifh, kBundle, port, 2);
         memset(s, 0, sizeof *s);
         return dpa_pmdb_update_ifh_entry_member(&ev, s, punt);
-    }
-    pellin_mutex_type *SlotLock(u32 key) {
-        return &dpa_pmdb_hdl_get(PMDB_TYPE_IFH)->shrd_ctx->entry_lock[SlotOf(PMDB_TYPE_IFH, key)];
     }
 };
 
 TEST_F(MemberUpdate, JoinModifyLeaveOfOneMember) {
     PutBundle(kBundle);
-    PutMember(kMember);
+    PutMember(kMember, 0);
     dpa_pmdb_ifh_summary_t s;
     pmdb_punt_info_t punt = {};
     const timespec before = Now();
@@ -112,23 +98,17 @@ TEST_F(MemberUpdate, JoinModifyLeaveOfOneMember) {
     EXPECT_EQ(Ifh(kMember).event_id, 14u);
 }
 
-TEST_F(MemberUpdate, CountWrapsAndBadArgumentsAreRefused) {
+TEST_F(MemberUpdate, CountWrapsAt255) {
     PutBundle(kBundle);
     PutIfh(kBundle, [](pmdb_ifh_entry_t &e) { e.member_count = 255; });
     dpa_pmdb_ifh_summary_t s = {};
     ASSERT_EQ(dpa_pmdb_update_bundle_ifh_entry(kBundle, 1, 0, &s, nullptr, 1), PMDB_OK);
     EXPECT_EQ(Ifh(kBundle).member_count, 0);
-    EXPECT_EQ(dpa_pmdb_update_bundle_ifh_entry(0, 1, 0, &s, nullptr, 1), PMDB_EINVAL);
-    ExpectTrace(VESK_ERROR, 228, {});
-    EXPECT_EQ(Event(PMDB_EV_MEMBER_JOIN, 1, &s, nullptr, 0x999), TABRA_E_NOTFOUND);
-    ExpectTrace(VESK_ERROR, 236, {0x999, TABRA_E_NOTFOUND});
-    EXPECT_EQ(dpa_pmdb_update_bundle_ifh_entry(0x998, 1, 0, &s, nullptr, 1), TABRA_E_NOTFOUND);
-    ExpectTrace(VESK_ERROR, 230, {0x998, TABRA_E_NOTFOUND});
 }
 
 TEST_F(MemberUpdate, OutOfResourceMemberJoinsAndLeaves) {
     PutBundle(kBundle);
-    PutMember(kMember, 2);
+    PutMember(kMember, 0, 2);
     const u32 slot = static_cast<u32>(SlotOf(PMDB_TYPE_IFH, kBundle));
     dpa_pmdb_ifh_summary_t s;
     // No callback registered: the counters never move.
@@ -140,8 +120,8 @@ TEST_F(MemberUpdate, OutOfResourceMemberJoinsAndLeaves) {
     // The callback runs with the bundle's lock free and the member's held.
     static cerrno bundle_lock_rc, member_lock_rc;
     static pellin_mutex_type *bundle_lock, *member_lock;
-    bundle_lock = SlotLock(kBundle);
-    member_lock = SlotLock(kMember);
+    bundle_lock = SlotLock(PMDB_TYPE_IFH, kBundle);
+    member_lock = SlotLock(PMDB_TYPE_IFH, kMember);
     const dpa_pmdb_oor_cb_t cb = [](u32 ifh, u32 slot, u32 state, u32 removed) {
         OorCalls().push_back({ifh, slot, state, removed});
         bundle_lock_rc = pmdb_entry_lock(bundle_lock);
@@ -171,11 +151,7 @@ TEST_F(MemberUpdate, OutOfResourceMemberJoinsAndLeaves) {
     EXPECT_EQ(OorCalls().back(), (OorCall{kBundle, slot, 0, 0}));
 
     // A level-1 member leaving while no level-1 member is counted.
-    PutMember(kMember + 1, 1);
-    PutIfh(kMember + 1, [](pmdb_ifh_entry_t &e) {
-        e.ifh_flags = PMDB_IFH_MEMBER_ACTIVE;
-        e.intf_info.bundle_ifh = kBundle;
-    });
+    PutMember(kMember + 1, kBundle, 1);
     OorCalls().clear();
     ASSERT_EQ(Event(PMDB_EV_MEMBER_LEAVE, 5, &s, nullptr, kMember + 1), PMDB_OK);
     EXPECT_EQ(Ifh(kBundle).intf_info.oor_members_1, 0);
@@ -204,7 +180,7 @@ int Churn(int first, unsigned seed, u32 bundle_slot) {
         cerrno rc;
         if (rng() % 3 == 0) {
             const int i = static_cast<int>(rng() % (kMembers / 2));
-            pmdb_event_t ev = IntfEvent(joined[i] ? 7 : 5, n, MemberIfh(first + i), kBundle,
+            pmdb_event_t ev = MemberEvent(joined[i] ? 7 : 5, n, MemberIfh(first + i), kBundle,
                                         kMemberPort, 1);
             dpa_pmdb_ifh_summary_t s = {};
             rc = dpa_pmdb_update_ifh_entry_member(&ev, &s, nullptr);
@@ -347,12 +323,8 @@ TEST_P(MemberCrash, CountersAreRecountedAfterTheWriterDies) {
     const CrashCase &c = GetParam();
     PutBundle(kBundle, 1, 0);
     PutIfh(kBundle, [](pmdb_ifh_entry_t &e) { e.member_count = 1; });
-    PutMember(kMember, 1);
-    PutIfh(kMember, [](pmdb_ifh_entry_t &e) {
-        e.ifh_flags = PMDB_IFH_MEMBER_ACTIVE;
-        e.intf_info.bundle_ifh = kBundle;
-    });
-    PutMember(kJoiner, 2);
+    PutMember(kMember, kBundle, 1);
+    PutMember(kJoiner, 0, 2);
     PutPort(kOther);
     const auto r = pmdb::test::RunInChild([&] {
         setenv(PMDB_CRASH_ENV, c.point, 1);
@@ -388,7 +360,7 @@ TEST_P(MemberCrash, CountersAreRecountedAfterTheWriterDies) {
 // go the writer's own bundle step makes the counters right.
 TEST_F(MemberCrash, ALiveWriterBetweenMemberAndBundleIsNotRecounted) {
     PutBundle(kBundle);
-    PutMember(kJoiner);
+    PutMember(kJoiner, 0);
     ChildProcess writer([this](ChildLink &) {
         setenv(PMDB_CRASH_ENV, "stop:member_released", 1);
         return static_cast<int>(Run(Op::kJoin));

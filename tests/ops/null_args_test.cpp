@@ -10,15 +10,13 @@
 #include <vector>
 
 #include "host/pm_fault.h"
-#include "ops_support.h"
+#include "card.h"
 #include "pmdb_internal.h"
 #include "pmdb_lock_view.h"
 
 namespace {
 
-using namespace ops_test;
-using pmdb::test::RunInChild;
-using pmdb::test::TraceMark;
+using namespace card;
 
 constexpr u32 kBundle = 0xB300, kMember = 0x1400, kBvi = 0x4400, kNode = 9, kOamKey = 0x0042001C;
 constexpr u32 kUnset = 0xEEEEEEEE;
@@ -29,7 +27,7 @@ struct Args {
     u32 outs[4] = {kUnset, kUnset, kUnset, kUnset};
     int slot = -1;
     u8 mac[6] = {1, 2, 3, 4, 5, 6};
-    pmdb_event_t event = IntfEvent(PMDB_EV_MEMBER_JOIN, 3, kMember, kBundle);
+    pmdb_event_t event = MemberEvent(PMDB_EV_MEMBER_JOIN, 3, kMember, kBundle);
     dpa_pmdb_ifh_summary_t summary = {};
     pmdb_ifh_entry_t bvi = {}; /* an entry the BVI filter collects */
     u32 handles[PMDB_BVI_CTX_CAPACITY] = {};
@@ -57,19 +55,6 @@ struct Row {
     std::vector<uint64_t> args = {};
 };
 
-using Bytes = std::vector<unsigned char>;
-
-Bytes BytesOf(const void *p, size_t n) {
-    const auto *b = static_cast<const unsigned char *>(p);
-    return Bytes(b, b + n);
-}
-
-Bytes IfhBytes(u32 key) {
-    Bytes e(sizeof(pmdb_ifh_entry_t));
-    EXPECT_TRUE(pmdb::test::CopyEntry(PMDB_TYPE_IFH, key, e.data(), u32(e.size())));
-    return e;
-}
-
 /* Everything a refused call must leave as it was, byte for byte. */
 struct Card {
     Bytes member, bundle, glbls, args;
@@ -77,7 +62,7 @@ struct Card {
 };
 
 Card Snapshot(const dnx_db_hdl_t *h, const Args &a) {
-    return {IfhBytes(kMember), IfhBytes(kBundle),
+    return {EntryBytes(PMDB_TYPE_IFH, kMember), EntryBytes(PMDB_TYPE_IFH, kBundle),
             BytesOf(&h->shrd_ctx->glbls, sizeof h->shrd_ctx->glbls), BytesOf(&a, sizeof a),
             pmdb_frame_wr_refcnt(PMDB_TYPE_IFH)};
 }
@@ -89,9 +74,9 @@ size_t TraceCount(const TraceMark &mark) {
     return n;
 }
 
-bool SlotLockHeld(const dnx_db_hdl_t *h, u32 key) {
+bool SlotLockHeld(u32 key) {
     pmdb_lock_view_t view;
-    pmdb_lock_inspect(&h->shrd_ctx->entry_lock[SlotOf(PMDB_TYPE_IFH, key)], &view);
+    pmdb_lock_inspect(SlotLock(PMDB_TYPE_IFH, key), &view);
     return view.held != 0;
 }
 
@@ -117,8 +102,8 @@ void ExpectRefused(const Row &row, const dnx_db_hdl_t *h, const Args &a) {
     EXPECT_TRUE(after.glbls == before.glbls) << "the IFH globals changed";
     EXPECT_TRUE(after.args == before.args) << "the caller's objects changed";
     EXPECT_EQ(after.writers, before.writers);
-    EXPECT_FALSE(SlotLockHeld(h, kMember));
-    EXPECT_FALSE(SlotLockHeld(h, kBundle));
+    EXPECT_FALSE(SlotLockHeld(kMember));
+    EXPECT_FALSE(SlotLockHeld(kBundle));
 }
 
 /* A bundle and its member at level 0: the entries every row starts from (a
@@ -129,7 +114,7 @@ void PutCard() {
     PutIfh(kMember, [](pmdb_ifh_entry_t &e) { e.intf_info.bundle_ifh = kBundle; });
 }
 
-class NullArguments : public OpsTest {};
+class NullArguments : public CardTest {};
 
 TEST_F(NullArguments, EveryExportedCallRefusesItsNullPointersAndChangesNothing) {
     PutCard();

@@ -6,14 +6,14 @@
 #include <cstring>
 
 #include "pmdb.h"
-#include "writer_support.h"
+#include "card.h"
 
 namespace {
 
-using namespace writer_test;
+using namespace card;
 using ::testing::ElementsAre;
 
-class InventoryTest : public WriterTest {};
+class InventoryTest : public CardTest {};
 
 TEST_F(InventoryTest, NewestNodeIsAtTheHeadAndOnlyTheFirstAddTraces110) {
     ASSERT_NE(pm_port_inv_entry_add(5, 1, 0, 0), nullptr);

@@ -8,15 +8,15 @@
 
 #include "host/pm_fault.h"
 #include "pmdb.h"
-#include "writer_support.h"
+#include "card.h"
 
 namespace {
 
-using namespace writer_test;
+using namespace card;
 using pmdb::test::CallNames;
 using pmdb::test::RunInChild;
 
-class ScaleTest : public WriterTest {};
+class ScaleTest : public CardTest {};
 
 TEST_F(ScaleTest, AddingANodeThatIsNotHighScaleOpensNothing) {
     pm_calllog_enable(1);

@@ -8,14 +8,14 @@
 #include <string>
 
 #include "pmdb.h"
-#include "writer_support.h"
+#include "card.h"
 
 namespace {
 
-using namespace writer_test;
+using namespace card;
 using ::testing::HasSubstr;
 
-class GlobalsCmdTest : public WriterTest {
+class GlobalsCmdTest : public CardTest {
 protected:
     struct Output {
         int status = -1;

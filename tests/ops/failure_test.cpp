@@ -1,0 +1,270 @@
+// Every single-entry operation against every failing step of its entry
+// change cycle.  Rows are the operations (with the entry each fault hits),
+// columns the faults: the open with write intent, the table store's add, its
+// lookup of the row's key, the slot lock held by the caller's own thread,
+// the table store's removal, and the release of write access.  A cell
+// expects the fault's status (EDEADLK for the lock), the operation's own
+// trace point with its arguments, write access given back, and every entry
+// of the card byte-identical - except, when the release fails, the change
+// already made, while what follows the release (a bundle's count) must not
+// happen.  Each cell runs in a child of its own on a freshly written card.
+#include <gtest/gtest.h>
+
+#include <cerrno>
+#include <functional>
+#include <map>
+#include <set>
+#include <vector>
+
+#include "card.h"
+#include "host/pm_fault.h"
+#include "pmdb_internal.h"
+#include "pmdb_ops.h"
+#include "tabra.h"
+
+namespace {
+
+using namespace card;
+
+constexpr u32 kPort = 0x1100, kSub = 0x5100, kBvi = 0x4400;
+constexpr u32 kBundle = 0xB100, kMember = 0x1200, kJoiner = 0x1300;
+constexpr u32 kPuntKey = 0x40000123, kOamKey = 0xABCD001C;
+constexpr cerrno kFault = TABRA_E_CORRUPT;
+
+enum Column { kOpen, kAdd, kLookup, kLock, kRemove, kRelease, kColumns };
+const char *const kColumnNames[] = {"open", "add", "lookup", "lock", "remove", "release"};
+
+/* The arguments of a failure point besides its own step's status. */
+enum Args { KeyStatus, KeyOnly, StatusOnly, KeySlotStatus };
+
+struct Row {
+    const char *op;
+    pmdb_type_t type; /* the entry the faults hit */
+    u32 key;
+    std::function<cerrno()> run;
+    u32 point[kColumns - 1]; /* open, add, lookup, lock, remove; 0: no such step */
+    Args open_args = KeyStatus;
+    Args lock_args = KeyStatus;
+    std::set<u32> changed_first = {}; /* IFH entries changed before the failing step */
+    std::set<u32> after_release = {}; /* IFH entries only changed after the release */
+    bool release = true;              /* the release column applies */
+};
+
+/* The card every cell starts from: a port, a bundle with one counted member
+ * at level 1, a port at level 2 about to join, a bundle sub-interface, a
+ * BVI, a PUNT and an OAM entry. */
+void PutCard() {
+    PutPort(kPort);
+    PutBundle(kBundle, 1, 0);
+    PutIfh(kBundle, [](pmdb_ifh_entry_t &e) { e.member_count = 1; });
+    PutMember(kMember, kBundle, 1);
+    PutMember(kJoiner, 0, 2);
+    PutIfh(kSub, [](pmdb_ifh_entry_t &e) {
+        e.intf_info.sub_ifh = kSub;
+        e.intf_info.bundle_ifh = kBundle;
+    });
+    const pmdb_event_t bvi = BviEvent(kBvi, 9);
+    PutIfh(kBvi, [&](pmdb_ifh_entry_t &e) { e.intf_info = bvi.intf_info; });
+    pmdb_punt_entry_t punt = {};
+    punt.key = kPuntKey;
+    punt.punt_info = {0x100, 0, 0, {1, 2, 3, 4, 5}};
+    PutRecord(PMDB_TYPE_PUNT, kPuntKey, &punt);
+    pmdb_oam_entry_t oam = {};
+    oam.key = kOamKey;
+    oam.oam_info.oam_ifh = kPort;
+    PutRecord(PMDB_TYPE_OAM, kOamKey, &oam);
+}
+
+using Card = std::map<u32, Bytes>;
+
+Card Snapshot() {
+    Card c;
+    for (u32 key : {kPort, kBundle, kMember, kJoiner, kSub, kBvi})
+        c[key] = EntryBytes(PMDB_TYPE_IFH, key);
+    c[kPuntKey] = EntryBytes(PMDB_TYPE_PUNT, kPuntKey);
+    c[kOamKey] = EntryBytes(PMDB_TYPE_OAM, kOamKey);
+    return c;
+}
+
+std::vector<uint64_t> TraceArgs(Args shape, const Row &row, cerrno status) {
+    if (shape == KeyOnly) return {row.key};
+    if (shape == StatusOnly) return {status};
+    if (shape == KeySlotStatus) return {row.key, u32(SlotOf(row.type, row.key)), status};
+    return {row.key, status};
+}
+
+/* In the cell's child: the fault, the operation, the checks. */
+void RunCell(const Row &row, Column col) {
+    const Card before = Snapshot();
+    pellin_mutex_type *lock = SlotLock(row.type, row.key);
+    const std::vector<uint64_t> lock_trace = TraceArgs(row.lock_args, row, EDEADLK);
+    const TraceMark mark = TraceMark::Now();
+    const char *const faulted[] = {"tabra_make_shm_writable", "tabra_add_entry", nullptr, nullptr,
+                                   "tabra_remove_entry", "tabra_make_shm_readonly_protected"};
+    if (faulted[col] != nullptr) pm_fault_set(faulted[col], kFault, 1);
+    if (col == kLookup) FailLookupOf(row.key, kFault);
+    if (col == kLock) {
+        ASSERT_EQ(pmdb_entry_lock(lock), 0u);
+    }
+    const cerrno rc = row.run();
+    if (col == kLock) {
+        ASSERT_EQ(pmdb_entry_unlock(lock), 0u);
+    }
+    FailLookupOf(0, 0);
+    pm_fault_clear();
+
+    EXPECT_EQ(rc, col == kLock ? static_cast<cerrno>(EDEADLK) : kFault);
+    if (col == kOpen) {
+        EXPECT_TRUE(TraceWritten(mark, VESK_ERROR, row.point[col],
+                                 TraceArgs(row.open_args, row, kFault)));
+    } else if (col == kLock) {
+        EXPECT_TRUE(TraceWritten(mark, VESK_ERROR, row.point[col], lock_trace));
+    } else if (col != kRelease) {
+        EXPECT_TRUE(TraceWritten(mark, VESK_ERROR, row.point[col], {row.key, kFault}));
+    }
+    /* A failed open counts its writer still (the frame's rule) and a failed
+     * release leaves the table writable; every other cell gives write
+     * access back. */
+    EXPECT_EQ(pmdb_frame_wr_refcnt(row.type), col == kOpen ? 1 : 0);
+    EXPECT_EQ(dpa_pmdb_hdl_get(row.type)->prot_state,
+              col == kRelease ? PMDB_PROT_WRITABLE : PMDB_PROT_READONLY);
+    const Card after = Snapshot();
+    for (const auto &[key, bytes] : before) {
+        const bool must_stay = col == kRelease ? row.after_release.count(key) != 0
+                                               : row.changed_first.count(key) == 0;
+        EXPECT_TRUE(!must_stay || after.at(key) == bytes) << "entry " << std::hex << key;
+    }
+}
+
+class CycleFailureTable : public CardTest {};
+
+TEST_F(CycleFailureTable, EveryOperationAtEveryFailingStep) {
+    dpa_pmdb_ifh_summary_t s = {}, prev = {};
+    pmdb_punt_info_t punt = {};
+    i32 slot = 0;
+    u32 out[4] = {};
+    const pmdb_event_t refresh = PortEvent(PMDB_EV_INTF_REFRESH, kPort);
+    const pmdb_event_t port_punt = MemberEvent(1, 7, kPort);
+    pmdb_event_t join = MemberEvent(PMDB_EV_MEMBER_JOIN, 8, kJoiner, kBundle, 0x0C05, 1);
+    const auto oor = [&](u32 ifh) {
+        return dpa_pmdb_update_bundle_oor_state(ifh, 2, 7, &out[0], &out[1], &out[2], &out[3]);
+    };
+    const std::vector<Row> rows = {
+        {"IFH add", PMDB_TYPE_IFH, kPort,
+         [&] { return dpa_pmdb_add_ifh_entry(kPort, &refresh, &slot, &s, &punt, &prev, 3); },
+         {144, 145, 147, 148, 0}},
+        {"sub-interface count", PMDB_TYPE_IFH, kPort,
+         [] { return dpa_pmdb_update_sub_intf_count(kPort, 1, 9); }, {130, 0, 131, 133, 0}},
+        {"IFH removal", PMDB_TYPE_IFH, kPort,
+         [&] { return dpa_pmdb_remove_ifh_entry(kPort, &s, 9); }, {162, 0, 163, 0, 165}},
+        {"IFH removal of a member", PMDB_TYPE_IFH, kMember,
+         [&] { return dpa_pmdb_remove_ifh_entry(kMember, &s, 9); }, {162, 0, 163, 0, 0},
+         KeyStatus, KeyStatus, {}, {kBundle}},
+        {"IFH summary", PMDB_TYPE_IFH, kPort, [&] { return dpa_pmdb_get_ifh_summary(kPort, &s); },
+         {263, 0, 264, 0, 0}},
+        {"node list", PMDB_TYPE_IFH, kSub,
+         [] { return dpa_pmdb_update_ifh_entry_nodelist(kSub, 1, 9, 3, nullptr); },
+         {125, 0, 126, 128, 0}},
+        {"PUNT add", PMDB_TYPE_PUNT, kPuntKey,
+         [&] { return dpa_pmdb_add_punt_entry(kPuntKey, &port_punt, &slot, nullptr); },
+         {136, 137, 139, 141, 0}, KeyStatus, KeySlotStatus},
+        {"PUNT removal", PMDB_TYPE_PUNT, kPuntKey, [] { return dpa_pmdb_remove_punt_entry(kPuntKey); },
+         {173, 0, 174, 0, 176}},
+        {"OAM add", PMDB_TYPE_OAM, kOamKey,
+         [&] { return dpa_pmdb_add_oam_entry(kOamKey, &port_punt, &slot); },
+         {155, 156, 158, 160, 0}},
+        {"OAM removal", PMDB_TYPE_OAM, kOamKey, [] { return dpa_pmdb_remove_oam_entry(kOamKey); },
+         {168, 0, 169, 0, 170}},
+        {"member join", PMDB_TYPE_IFH, kJoiner,
+         [&] { return dpa_pmdb_update_ifh_entry_member(&join, &s, nullptr); },
+         {235, 0, 236, 238, 0}, KeyOnly, KeyStatus, {}, {kBundle}},
+        {"member join, bundle accounting", PMDB_TYPE_IFH, kBundle,
+         [&] {
+             RecordOorCalls();
+             return dpa_pmdb_update_ifh_entry_member(&join, &s, nullptr);
+         },
+         {0, 0, 313, 314, 0}, KeyStatus, KeyStatus, {kJoiner}, {}, false},
+        {"bundle count", PMDB_TYPE_IFH, kBundle,
+         [&] { return dpa_pmdb_update_bundle_ifh_entry(kBundle, 1, 0, &s, nullptr, 9); },
+         {229, 0, 230, 233, 0}},
+        {"member out-of-resource state", PMDB_TYPE_IFH, kMember, [&] { return oor(kMember); },
+         {295, 0, 296, 297, 0}, StatusOnly},
+        {"member out-of-resource state, bundle side", PMDB_TYPE_IFH, kBundle,
+         [&] { return oor(kMember); }, {0, 0, 301, 302, 0}, KeyStatus, KeyStatus, {kMember}, {},
+         false},
+        {"bundle out-of-resource state", PMDB_TYPE_IFH, kBundle,
+         [&] { return dpa_pmdb_set_bundle_oor_state(kBundle, 1, 7, &out[0]); },
+         {306, 0, 307, 308, 0}, StatusOnly},
+        {"BVI rewrite", PMDB_TYPE_IFH, kBvi, [&] { return dpa_bvi_upd_all_entries(kBvi, &out[0]); },
+         {100, 0, 101, 103, 0}},
+    };
+    /* Every cell runs before any is judged: a child inherits the failures
+     * its parent has recorded so far, and would report them as its own. */
+    struct Cell {
+        const Row *row;
+        Column col;
+        ChildResult result;
+    };
+    std::vector<Cell> cells;
+    for (const Row &row : rows) {
+        for (int c = kOpen; c < kColumns; c++) {
+            const Column col = static_cast<Column>(c);
+            if (col == kRelease ? !row.release : row.point[col] == 0) continue;
+            PutCard();
+            cells.push_back({&row, col, RunInChild([&] { RunCell(row, col); })});
+        }
+    }
+    for (const Cell &c : cells)
+        EXPECT_TRUE(c.result.ExitedWith(0))
+            << c.row->op << ", failing " << kColumnNames[c.col] << ": " << c.result.Describe();
+}
+
+// Key 0 is refused before anything is opened: the operation's status and
+// its trace point without arguments (the summary has none), no call of the
+// table store.
+TEST_F(CycleFailureTable, KeyZeroIsRefusedBeforeAnythingIsOpened) {
+    pmdb_event_t ev = MemberEvent(1, 7, 0x100), oam = OamEvent(1, 7, 0, 0x11);
+    dpa_pmdb_ifh_summary_t s = {};
+    pmdb_punt_info_t punt = {};
+    i32 slot = -1;
+    u32 status = 0;
+    const struct {
+        const char *op;
+        std::function<cerrno()> run;
+        cerrno status;
+        u32 point;
+        std::vector<uint64_t> args = {};
+    } rows[] = {
+        {"IFH add", [&] { return dpa_pmdb_add_ifh_entry(0, &ev, &slot, &s, &punt, &s, 0); },
+         PMDB_EINVAL, 143},
+        {"sub-interface count", [] { return dpa_pmdb_update_sub_intf_count(0, 1, 1); }, PMDB_EINVAL,
+         129},
+        {"IFH removal", [&] { return dpa_pmdb_remove_ifh_entry(0, &s, 1); }, PMDB_EINVAL, 161},
+        {"IFH summary", [&] { return dpa_pmdb_get_ifh_summary(0, &s); }, PMDB_EINVAL, 0},
+        {"PUNT add", [&] { return dpa_pmdb_add_punt_entry(0, &ev, &slot, nullptr); }, PMDB_EINVAL,
+         134},
+        {"PUNT add without an event",
+         [&] { return dpa_pmdb_add_punt_entry(kPuntKey, nullptr, &slot, nullptr); }, PMDB_OK, 135,
+         {kPuntKey, 0}},
+        {"PUNT removal", [] { return dpa_pmdb_remove_punt_entry(0); }, PMDB_EINVAL, 172},
+        {"OAM add", [&] { return dpa_pmdb_add_oam_entry(0, &ev, &slot); }, PMDB_EINVAL, 153},
+        {"OAM event", [&] { return dpa_pmdb_oam_oper(&oam), PMDB_EINVAL; }, PMDB_EINVAL, 291,
+         {0, PMDB_EINVAL}},
+        {"OAM removal", [] { return dpa_pmdb_remove_oam_entry(0); }, PMDB_EINVAL, 167},
+        {"bundle count", [&] { return dpa_pmdb_update_bundle_ifh_entry(0, 1, 0, &s, nullptr, 1); },
+         PMDB_EINVAL, 228},
+        {"BVI rewrite", [&] { return dpa_bvi_upd_all_entries(0, &status); }, PMDB_EINVAL, 99},
+    };
+    pm_calllog_enable(1);
+    for (const auto &row : rows) {
+        SCOPED_TRACE(row.op);
+        MarkTraces();
+        pm_calllog_clear();
+        EXPECT_EQ(row.run(), row.status);
+        EXPECT_TRUE(row.point == 0 ? Traces(VESK_ERROR).empty()
+                                   : TraceWritten(mark(), VESK_ERROR, row.point, row.args));
+        EXPECT_EQ(CallNames("tabra_"), std::vector<std::string>{});
+    }
+}
+
+}  // namespace
