@@ -9,9 +9,9 @@
 #include <nlohmann/json.hpp>
 #include <string>
 
-#include "tabra_test_util.h"
+#include "host_tabra.h"
 
-using namespace tabra_test;
+using namespace host_test;
 using pmdb::test::PmdbTest;
 
 namespace {
