@@ -15,6 +15,7 @@
 
 #include <array>
 #include <chrono>
+#include <functional>
 #include <set>
 #include <thread>
 #include <vector>
@@ -99,16 +100,27 @@ std::unique_ptr<ChildProcess> StartRewriter(pmdb_type_t type, u32 key) {
     });
 }
 
-/* A child that holds `key` of `type` open for writing under its slot lock,
- * with the second half of the blocks rewritten to `value` (the handles in
- * the first half stay), then waits to be released or killed.  Released, it
+/* How a holder child holds its entry. */
+enum class Hold {
+    locked,    /* found, under its slot lock */
+    open_only, /* found (open for writing), its slot lock left alone */
+    created,   /* created under its slot lock, its key not written yet */
+};
+
+/* A child that holds `key` of `type` open for writing as `how` says, with
+ * the second half of the blocks rewritten to `value` (the handles in the
+ * first half stay), then waits to be released or killed.  Released, it
  * writes `value` into the first half too when `complete` is set, and lets
  * the entry go. */
 std::unique_ptr<ChildProcess> StartHolder(pmdb_type_t type, u32 key, u32 value,
-                                          bool complete = false) {
-    return std::make_unique<ChildProcess>([type, key, value, complete](ChildLink &link) {
+                                          bool complete = false, Hold how = Hold::locked) {
+    return std::make_unique<ChildProcess>([=](ChildLink &link) {
         pmdb_cycle_t cyc;
-        if (pmdb_cycle_open(&cyc, type) != 0 || pmdb_cycle_find_lock(&cyc, key) != 0) return 1;
+        if (pmdb_cycle_open(&cyc, type) != 0) return 1;
+        const cerrno rc = how == Hold::locked    ? pmdb_cycle_find_lock(&cyc, key)
+                          : how == Hold::created ? pmdb_cycle_find_or_create(&cyc, key)
+                                                 : pmdb_cycle_find(&cyc, key);
+        if (rc != 0 || (how == Hold::created && pmdb_cycle_lock(&cyc) != 0)) return 2;
         u32 *w = Blocks(type, cyc.entry);
         for (size_t i = kWords / 2; i < kWords; i++) w[i] = value;
         link.Ready();
@@ -154,6 +166,27 @@ void ExpectNoTornCopyOfRewrites(pmdb_type_t type, u32 key) {
     EXPECT_TRUE(lock_free);
 }
 
+/* Runs `read` in a thread of this process while `holder` holds the entry,
+ * and releases the holder once the read is on the locked path (which a read
+ * of an entry open for writing in another process must take).  The read's
+ * result. */
+cerrno ReadPastHolder(ChildProcess *holder, const std::function<cerrno()> &read) {
+    dpa_pmdb_reader_set_lock_wait_ms(kHangMs);
+    const u64 locked_before = Stats().locked_copies;
+    cerrno rc = PMDB_EINVAL;
+    std::thread reader([&] { rc = read(); });
+    bool locked_path = false;
+    for (const auto hang = Clock::now() + kHang; !locked_path && Clock::now() < hang;) {
+        locked_path = Stats().locked_copies > locked_before;
+        if (!locked_path) std::this_thread::sleep_for(1ms);
+    }
+    holder->Release();
+    reader.join();
+    EXPECT_TRUE(locked_path);
+    EXPECT_TRUE(holder->Wait().ExitedWith(0));
+    return rc;
+}
+
 /* A copy that meets `key` half rewritten and held open for writing under its
  * slot lock: the reader takes the locked path and waits, the holder finishes
  * its pattern only once the reader has been seen on that path, and the copy
@@ -173,22 +206,9 @@ void ExpectLockedCopyWaitsForTheWriter(pmdb_type_t type, u32 key) {
     memcpy(c.data(), Blocks(type, raw.data()), PMDB_READER_INFO_COPY_SIZE);
     EXPECT_FALSE(Uniform(c));
 
-    dpa_pmdb_reader_set_lock_wait_ms(kHangMs);
-    const u64 locked_before = Stats().locked_copies;
-    cerrno rc = PMDB_EINVAL;
-    std::thread reader([&] { rc = ReadBlocks(type, key, &c); });
-    bool locked_path = false;
-    for (const auto hang = Clock::now() + kHang; !locked_path && Clock::now() < hang;) {
-        locked_path = Stats().locked_copies > locked_before;
-        if (!locked_path) std::this_thread::sleep_for(1ms);
-    }
-    holder->Release();
-    reader.join();
-    EXPECT_TRUE(locked_path);
-    ASSERT_EQ(rc, PMDB_OK);
+    ASSERT_EQ(ReadPastHolder(holder.get(), [&] { return ReadBlocks(type, key, &c); }), PMDB_OK);
     EXPECT_TRUE(Uniform(c));
     EXPECT_EQ(c[0], kHeld);
-    EXPECT_TRUE(holder->Wait().ExitedWith(0));
 }
 
 void ExpectNoTornCopies(pmdb_type_t type) {
@@ -223,12 +243,84 @@ TEST_F(ReaderConsistencyTest, WriterKilledHoldingTheLockDoesNotBlockReaders) {
     /* The copy shows what the dead writer left: the old half, then its half. */
     EXPECT_EQ(c[0], 1u);
     EXPECT_EQ(c[kWords - 1], 9u);
+    /* The reader made the lock consistent: a second read, with no writer in
+     * between (the dead writer's window still refuses lock-free copies),
+     * takes it at once, without another recovery. */
+    dpa_pmdb_reader_set_lock_wait_ms(1000);
+    ASSERT_EQ(ReadBlocks(PMDB_TYPE_IFH, P1, &c), PMDB_OK);
+    EXPECT_EQ(Stats().owner_dead, dead_before + 1);
+    EXPECT_EQ(c[kWords - 1], 9u);
 
     /* The lock is usable again for writers and readers. */
     ASSERT_EQ(PutPattern(PMDB_TYPE_IFH, P1, 3), PMDB_OK);
     ASSERT_EQ(ReadBlocks(PMDB_TYPE_IFH, P1, &c), PMDB_OK);
     EXPECT_TRUE(Uniform(c));
     EXPECT_EQ(c[0], 3u);
+}
+
+/* A copy of 1 to 3 bytes on the locked path still checks the record's key
+ * (its first four bytes), and hands over only the bytes asked for. */
+TEST_F(ReaderConsistencyTest, ShortCopiesOfAHeldEntryCheckTheWholeKey) {
+    constexpr u32 kKey = 0x71727374;
+    ASSERT_EQ(PutPattern(PMDB_TYPE_IFH, kKey, 1), PMDB_OK);
+    for (u32 len = 1; len <= 3; len++) {
+        auto holder = StartHolder(PMDB_TYPE_IFH, kKey, 2, true);
+        ASSERT_TRUE(holder->WaitReady());
+        std::array<u8, 4> buf{0xEE, 0xEE, 0xEE, 0xEE};
+        EXPECT_EQ(ReadPastHolder(holder.get(), [&] {
+                      return dpa_pmdb_copy_entry(PMDB_TYPE_IFH, kKey, buf.data(), len);
+                  }),
+                  PMDB_OK) << len;
+        std::array<u8, 4> want{0x74, 0x73, 0x72, 0xEE};
+        for (u32 i = len; i < 3; i++) want[i] = 0xEE;
+        EXPECT_EQ(buf, want) << len;
+    }
+}
+
+/* The locked path meets a slot lock that is not one: zeroed (a plain mutex
+ * that keeps no writer out) or retired.  The reader neither takes nor
+ * changes it, and answers busy after its bound while the entry is there. */
+TEST_F(ReaderConsistencyTest, ZeroedOrRetiredSlotLockIsNeverTaken) {
+    dnx_db_hdl_t *hdl = nullptr;
+    for (const int kind : {0, -1}) {
+        SCOPED_TRACE(kind);
+        const u32 key = 0x4300 + static_cast<u32>(-kind);
+        ASSERT_EQ(PutPattern(PMDB_TYPE_IFH, key, 5), PMDB_OK);
+        ASSERT_EQ(dpa_chk_shrd_ctx_open(nullptr, &hdl, PMDB_TYPE_IFH), 0u);
+        pellin_mutex_type *lock = &hdl->shrd_ctx->entry_lock[SlotOf(PMDB_TYPE_IFH, key)];
+        auto holder = StartHolder(PMDB_TYPE_IFH, key, 6, false, Hold::open_only);
+        ASSERT_TRUE(holder->WaitReady());
+        memset(lock, 0, sizeof *lock);
+        lock->__data.__kind = kind;
+        const pellin_mutex_type before = *lock;
+        dpa_pmdb_reader_set_lock_wait_ms(100);
+        Copy c;
+        c.fill(7);
+        EXPECT_EQ(ReadBlocks(PMDB_TYPE_IFH, key, &c), PMDB_EBUSY);
+        EXPECT_EQ(c[0], 7u);
+        EXPECT_EQ(memcmp(&before, lock, sizeof before), 0) << "the reader changed the lock";
+        holder->Release();
+        EXPECT_TRUE(holder->Wait().ExitedWith(0));
+    }
+}
+
+/* A new entry whose key its writer has not written yet, held under its slot
+ * lock past the reader's wait bound: the locked path finds the record
+ * without its key twice and answers missing, not busy. */
+TEST_F(ReaderConsistencyTest, HeldNewEntryWithoutItsKeyIsMissingNotBusy) {
+    ASSERT_EQ(PutPattern(PMDB_TYPE_IFH, P1, 1), PMDB_OK); /* the table exists */
+    auto holder = StartHolder(PMDB_TYPE_IFH, P2, 9, false, Hold::created);
+    ASSERT_TRUE(holder->WaitReady());
+    dpa_pmdb_reader_set_lock_wait_ms(100);
+    const u64 locked_before = Stats().locked_copies;
+    Copy c;
+    c.fill(7);
+    EXPECT_EQ(ReadBlocks(PMDB_TYPE_IFH, P2, &c), PMDB_ENOTFOUND);
+    EXPECT_EQ(dpa_pmdb_copy_entry(PMDB_TYPE_IFH, P2, c.data(), 8), PMDB_ENOTFOUND);
+    EXPECT_GT(Stats().locked_copies, locked_before) << "the locked path was not taken";
+    EXPECT_EQ(c[0], 7u);
+    holder->Release();
+    EXPECT_TRUE(holder->Wait().ExitedWith(0));
 }
 
 TEST_F(ReaderConsistencyTest, StuckWriterGivesBusyAfterTheBoundAndLeavesTheBuffer) {

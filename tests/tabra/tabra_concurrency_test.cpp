@@ -14,9 +14,9 @@
 #include <thread>
 #include <vector>
 
-#include "tabra_test_util.h"
+#include "host_tabra.h"
 
-using namespace tabra_test;
+using namespace host_test;
 using pmdb::test::PmdbTest;
 
 namespace {

@@ -24,9 +24,9 @@
 #include <thread>
 #include <vector>
 
-#include "tabra_test_util.h"
+#include "host_tabra.h"
 
-using namespace tabra_test;
+using namespace host_test;
 using pmdb::test::PmdbTest;
 using pmdb::test::RunInChild;
 
@@ -42,36 +42,29 @@ struct Scenario {
     std::vector<u32> removes; /* then removed */
     Op op;
     u32 key;
+    const char *name() const { return op == Op::kAdd ? "add" : "remove"; }
+    int points() const { return op == Op::kAdd ? TABRA_CRASH_ADD_POINTS : TABRA_CRASH_REMOVE_POINTS; }
+    cerrno Run(tabra_hdl_t h) const {
+        void *e = nullptr;
+        i32 slot = -1;
+        return op == Op::kAdd ? tabra_add_entry(h, key, &e, &slot) : tabra_remove_entry(h, TABRA_REMOVE_BY_KEY, key);
+    }
 };
-
-const char *OpName(Op op) {
-    return op == Op::kAdd ? "add" : "remove";
-}
-int OpPoints(Op op) {
-    return op == Op::kAdd ? TABRA_CRASH_ADD_POINTS : TABRA_CRASH_REMOVE_POINTS;
-}
 
 /* A writer dies in the middle of the operation at crash point `point` of
  * `what` ("add", "remove" or "repair"). */
-pmdb::test::ChildResult RunOpDyingAt(tabra_hdl_t h, const Scenario &sc, const char *what,
-                                     int point) {
+pmdb::test::ChildResult RunOpDyingAt(tabra_hdl_t h, const Scenario &sc, const char *what, int point) {
     return RunInChild([&] {
-        const std::string at = std::string(what) + ":" + std::to_string(point);
-        setenv(TABRA_CRASH_ENV, at.c_str(), 1);
-        void *e = nullptr;
-        i32 slot = -1;
-        const cerrno st = sc.op == Op::kAdd ? tabra_add_entry(h, sc.key, &e, &slot)
-                                            : tabra_remove_entry(h, TABRA_REMOVE_BY_KEY, sc.key);
-        return st == 0 ? 0 : 3;
+        setenv(TABRA_CRASH_ENV, (std::string(what) + ":" + std::to_string(point)).c_str(), 1);
+        return sc.Run(h) == 0 ? 0 : 3;
     });
 }
 
-/* Sets up a fresh table for one run; returns its handle and the state
- * before and after the operation. */
+/* A fresh table for one run, and the keys before and after the operation. */
 struct Prepared {
     tabra_hdl_t h = nullptr;
     std::map<u32, i32> before;
-    std::set<u32> after_keys;
+    std::set<u32> before_keys, after_keys;
 };
 
 Prepared Prepare(const std::string &name, const Scenario &sc) {
@@ -81,79 +74,62 @@ Prepared Prepare(const std::string &name, const Scenario &sc) {
     for (u32 k : sc.adds) memset(AddOrDie(p.h, k), static_cast<int>(k & 0xFF), 80);
     for (u32 k : sc.removes) EXPECT_EQ(tabra_remove_entry(p.h, TABRA_REMOVE_BY_KEY, k), 0u);
     p.before = Contents(p.h);
-    for (const auto &[k, s] : p.before) p.after_keys.insert(k);
-    if (sc.op == Op::kAdd)
-        p.after_keys.insert(sc.key);
-    else
-        p.after_keys.erase(sc.key);
+    for (const auto &[k, s] : p.before) p.before_keys.insert(k);
+    p.after_keys = p.before_keys;
+    if (sc.op == Op::kAdd) p.after_keys.insert(sc.key);
+    if (sc.op == Op::kRemove) p.after_keys.erase(sc.key);
     return p;
 }
 
 /* After a death: the check passes (repairing on the way), the table is the
- * state before or after the operation, and entries other than the one
- * operated on kept their slot and bytes.  Returns true for "after". */
-bool ExpectBeforeOrAfter(const Prepared &p, const Scenario &sc) {
+ * state before or after the operation, entries other than the one operated
+ * on kept their slot and bytes, and an added entry is zeroed.  Then the table
+ * works on: the operation (or its undo) gives the expected result.  Returns
+ * true for "after". */
+bool ExpectBeforeOrAfterAndUsable(const Prepared &p, const Scenario &sc) {
     EXPECT_EQ(CheckReport(p.h), "");
     const std::map<u32, i32> now = Contents(p.h);
     std::set<u32> keys;
     for (const auto &[k, s] : now) keys.insert(k);
-    std::set<u32> before_keys;
-    for (const auto &[k, s] : p.before) before_keys.insert(k);
     const bool after = keys == p.after_keys;
-    EXPECT_TRUE(after || keys == before_keys) << "neither before nor after";
-    for (const auto &[k, s] : p.before) {
-        if (k == sc.key || now.count(k) == 0) continue;
-        EXPECT_EQ(now.at(k), s) << "key " << k << " moved";
-        u8 b[80];
-        i32 slot = -1;
-        EXPECT_EQ(tabra_copy_entry_by_key(p.h, k, b, sizeof b, &slot), 0u);
-        EXPECT_EQ(b[79], static_cast<u8>(k & 0xFF)) << "key " << k << " entry changed";
-    }
+    EXPECT_TRUE(after || keys == p.before_keys) << "neither before nor after";
     EXPECT_EQ(tabra_count(p.h), now.size());
-    if (after && sc.op == Op::kAdd) {
-        u8 b[80];
-        i32 slot = -1;
-        EXPECT_EQ(tabra_copy_entry_by_key(p.h, sc.key, b, sizeof b, &slot), 0u);
-        EXPECT_TRUE(std::all_of(b, b + 80, [](u8 v) { return v == 0; }))
-            << "added entry not zeroed";
-    }
-    return after;
-}
-
-/* The table works on after the repair: the operation (or its undo) can be
- * made again with the expected result, and the check still passes. */
-void ExpectUsable(const Prepared &p, const Scenario &sc, bool after) {
-    void *e = nullptr;
+    u8 b[80];
     i32 slot = -1;
-    if (sc.op == Op::kAdd) {
-        EXPECT_EQ(tabra_add_entry(p.h, sc.key, &e, &slot), after ? TABRA_E_EXISTS : 0u);
-        EXPECT_EQ(tabra_remove_entry(p.h, TABRA_REMOVE_BY_KEY, sc.key), 0u);
-    } else {
-        EXPECT_EQ(tabra_remove_entry(p.h, TABRA_REMOVE_BY_KEY, sc.key),
-                  after ? TABRA_E_NOTFOUND : 0u);
-        EXPECT_EQ(tabra_add_entry(p.h, sc.key, &e, &slot), 0u);
+    for (const auto &[k, s] : now) {
+        EXPECT_EQ(tabra_copy_entry_by_key(p.h, k, b, sizeof b, &slot), 0u);
+        if (k == sc.key) {
+            EXPECT_TRUE(sc.op != Op::kAdd || std::all_of(b, b + 80, [](u8 v) { return v == 0; })) << "added entry not zeroed";
+        } else {
+            EXPECT_EQ(s, p.before.at(k)) << "key " << k << " moved";
+            EXPECT_EQ(b[79], static_cast<u8>(k & 0xFF)) << "key " << k << " entry changed";
+        }
     }
+    void *e = nullptr;
+    const cerrno again = sc.op == Op::kAdd ? TABRA_E_EXISTS : TABRA_E_NOTFOUND;
+    EXPECT_EQ(sc.Run(p.h), after ? again : 0u);
+    EXPECT_EQ(sc.op == Op::kAdd ? tabra_remove_entry(p.h, TABRA_REMOVE_BY_KEY, sc.key) : tabra_add_entry(p.h, sc.key, &e, &slot), 0u);
     EXPECT_EQ(CheckReport(p.h), "");
+    return after;
 }
 
 /* Kills the operation at each of its points in turn; the run past the last
  * point completes.  Once the state is "after", later points stay "after". */
 void CrashSeries(const std::string &tag, const Scenario &sc) {
     bool seen_after = false;
-    const int points = OpPoints(sc.op);
+    const int points = sc.points();
     for (int k = 1; k <= points + 1; k++) {
-        SCOPED_TRACE(tag + " " + OpName(sc.op) + ":" + std::to_string(k));
+        SCOPED_TRACE(tag + " " + sc.name() + ":" + std::to_string(k));
         const Prepared p = Prepare(tag + std::to_string(k), sc);
-        const auto r = RunOpDyingAt(p.h, sc, OpName(sc.op), k);
+        const auto r = RunOpDyingAt(p.h, sc, sc.name(), k);
         if (k == points + 1) {
             EXPECT_TRUE(r.ExitedWith(0)) << "the operation has more points: " << r.Describe();
         } else {
             ASSERT_TRUE(r.KilledBy(SIGKILL)) << "point not reached: " << r.Describe();
         }
-        const bool after = ExpectBeforeOrAfter(p, sc);
+        const bool after = ExpectBeforeOrAfterAndUsable(p, sc);
         EXPECT_FALSE(seen_after && !after) << "an earlier point already left the state after";
         seen_after = seen_after || after;
-        ExpectUsable(p, sc, after);
     }
     EXPECT_TRUE(seen_after);
 }
@@ -183,22 +159,21 @@ TEST_F(TabraCrash, SlotReuseKilledAtEveryPoint) {
 /* A writer dies in an operation; the next writer dies at each point of its
  * repair; the one after that must still converge. */
 void RepairSeries(const std::string &tag, const Scenario &sc) {
-    for (int k = 2; k <= OpPoints(sc.op) - 1; k++) {
+    for (int k = 2; k <= sc.points() - 1; k++) {
         for (int j = 1; j <= TABRA_CRASH_REPAIR_POINTS; j++) {
-            SCOPED_TRACE(tag + " " + OpName(sc.op) + ":" + std::to_string(k) +
+            SCOPED_TRACE(tag + " " + sc.name() + ":" + std::to_string(k) +
                          " repair:" + std::to_string(j));
             const Prepared p = Prepare(tag + std::to_string(k) + "_" + std::to_string(j), sc);
-            ASSERT_TRUE(RunOpDyingAt(p.h, sc, OpName(sc.op), k).KilledBy(SIGKILL));
+            ASSERT_TRUE(RunOpDyingAt(p.h, sc, sc.name(), k).KilledBy(SIGKILL));
             /* The second writer repairs on its way into any operation. */
             const Scenario other{{}, {}, Op::kAdd, 1000 + static_cast<u32>(j)};
             const auto r = RunOpDyingAt(p.h, other, "repair", j);
             ASSERT_TRUE(r.KilledBy(SIGKILL)) << "repair point not reached: " << r.Describe();
-            const bool after = ExpectBeforeOrAfter(p, sc);
+            ExpectBeforeOrAfterAndUsable(p, sc);
             tabra_info_t later{};
             tabra_get_info(p.h, &later);
             EXPECT_GE(later.repairs, 1u);
             EXPECT_EQ(later.intent_op, 0u);
-            ExpectUsable(p, sc, after);
         }
     }
 }

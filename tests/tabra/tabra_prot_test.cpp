@@ -13,9 +13,9 @@
 #include <vector>
 
 #include "tabra_rest.h"
-#include "tabra_test_util.h"
+#include "host_tabra.h"
 
-using namespace tabra_test;
+using namespace host_test;
 using pmdb::test::ChildLink;
 using pmdb::test::ChildProcess;
 using pmdb::test::PmdbTest;
@@ -33,143 +33,153 @@ class TabraProtection : public PmdbTest {
         PmdbTest::SetUp();
         signal(SIGSEGV, SIG_DFL);
     }
-
     /* Steps the child completed, visible after it died. */
     Shared<int> progress;
     void Step() { (*progress)++; }
+};
 
-    /* In a child: closes the write window and writes to `entry`, which must
-     * fault; the progress then reads 2. */
-    int CloseWindowAndWrite(tabra_hdl_t h, const tabra_params_t &p, void *entry) {
-        Step();
-        if (tabra_make_shm_readonly_protected(h, &p) != 0) return 1;
-        Step();
-        static_cast<volatile u8 *>(entry)[0] = 0xEE;
-        Step();
-        return 0;
-    }
-    void ExpectFaultAfterClosing(const pmdb::test::ChildResult &r) {
+void Write(void *entry, u8 v) { static_cast<volatile u8 *>(entry)[0] = v; }
+
+void *Find(tabra_hdl_t h, u32 key) {
+    void *e = nullptr;
+    i32 slot = -1;
+    return tabra_get_entry_by_key(h, key, &e, &slot) == 0 ? e : nullptr;
+}
+
+/* Each row writes inside a window in a child and returns an entry (or a byte
+ * of one) it wrote there, null when a step failed; the child then closes the
+ * window and writes there again, which must fault, and nothing before it. */
+struct WindowCase {
+    const char *what;
+    u32 entry_size;
+    void *(*write_inside)(tabra_hdl_t h, const tabra_params_t &p);
+};
+
+void *Reopen(tabra_hdl_t h, const tabra_params_t &p) {
+    tabra_make_shm_readonly_protected(h, &p);
+    return tabra_make_shm_writable(h, &p) == 0 ? h : nullptr;
+}
+
+const WindowCase kWindows[] = {
+    {"before the first protection the table is writable", 328,
+     [](tabra_hdl_t h, const tabra_params_t &) {
+         void *e = AddOrDie(h, 1);
+         Write(e, 1);
+         return e;
+     }},
+    {"entries handed out by add, lookup and add of a present key", 328,
+     [](tabra_hdl_t h, const tabra_params_t &p) -> void * {
+         if (Reopen(h, p) == nullptr) return nullptr;
+         Write(AddOrDie(h, 1), 1);
+         AddOrDie(h, 0x50000); /* slot 1, same page */
+         void *found = Find(h, 0x50000), *again = nullptr;
+         i32 slot = -1;
+         if (found == nullptr || tabra_add_entry(h, 1, &again, &slot) != TABRA_E_EXISTS) return nullptr;
+         Write(found, 2);
+         Write(again, 3);
+         return found;
+     }},
+    {"an entry across a page boundary, its second page", 328,
+     [](tabra_hdl_t h, const tabra_params_t &p) -> void * {
+         /* 328-byte entries: slot 12 spans bytes 3936..4263, two pages. */
+         for (u32 k = 1; k <= 13; k++) AddOrDie(h, k);
+         auto *e = static_cast<u8 *>(Reopen(h, p) ? Find(h, 13) : nullptr);
+         if (e == nullptr) return nullptr;
+         memset(e, 0x77, 328);
+         return e + 327;
+     }},
+    {"a window over many pages", 328,
+     [](tabra_hdl_t h, const tabra_params_t &p) -> void * {
+         for (u32 k = 0; k < 3000; k++) AddOrDie(h, k + 1);
+         if (Reopen(h, p) == nullptr) return nullptr;
+         /* Every 12th entry: about one per page, well past 64 pages. */
+         for (u32 k = 12; k < 3000; k += 12) Write(Find(h, k + 1), 9);
+         void *first = Find(h, 1);
+         Write(first, 9);
+         return first;
+     }},
+    {"windows of many threads share the process state", 80,
+     [](tabra_hdl_t h, const tabra_params_t &p) -> void * {
+         if (Reopen(h, p) == nullptr) return nullptr;
+         std::vector<std::thread> threads;
+         for (u32 t = 0; t < 4; t++)
+             threads.emplace_back([h, t] {
+                 for (u32 k = 0; k < 500; k++) memset(AddOrDie(h, t * 1000 + k + 1), static_cast<int>(t + 1), 80);
+             });
+         for (auto &t : threads) t.join();
+         auto *e = static_cast<u8 *>(Find(h, 3001));
+         return tabra_count(h) == 2000 && e != nullptr && e[79] == 4 ? e : nullptr;
+     }},
+};
+
+TEST_F(TabraProtection, WritesInsideAWindowPassAndAfterItFault) {
+    int n = 0;
+    for (const WindowCase &c : kWindows) {
+        SCOPED_TRACE(c.what);
+        const std::string name = "P" + std::to_string(n++);
+        const tabra_params_t p = Params(name.c_str(), c.entry_size);
+        *progress = 0;
+        auto r = RunInChild([&] {
+            tabra_hdl_t h = OpenOrDie(p);
+            void *e = c.write_inside(h, p);
+            if (e == nullptr) return 1;
+            Step();
+            if (tabra_make_shm_readonly_protected(h, &p) != 0) return 2;
+            Step();
+            Write(e, 0xEE);
+            Step();
+            return 0;
+        });
         EXPECT_TRUE(r.KilledBy(SIGSEGV)) << r.Describe();
         EXPECT_EQ(*progress, 2);
     }
-};
-
-void Write(void *entry, u8 v) {
-    static_cast<volatile u8 *>(entry)[0] = v;
-}
-
-TEST_F(TabraProtection, WriteOutsideAWindowFaults) {
-    tabra_params_t p = Params("P");
-    auto r = RunInChild([&] {
-        tabra_hdl_t h = OpenOrDie(p);
-        void *e = AddOrDie(h, 1);
-        Write(e, 1); /* before the first protection the table is writable */
-        return CloseWindowAndWrite(h, p, e);
-    });
-    ExpectFaultAfterClosing(r);
-}
-
-TEST_F(TabraProtection, EntriesHandedOutInAWindowAreWritableUntilItCloses) {
-    tabra_params_t p = Params("P");
-    auto r = RunInChild([&] {
-        tabra_hdl_t h = OpenOrDie(p);
-        tabra_make_shm_readonly_protected(h, &p);
-        if (tabra_make_shm_writable(h, &p) != 0) return 1;
-        void *added = AddOrDie(h, 1);
-        Write(added, 1);
-        void *found = nullptr;
-        i32 slot = -1;
-        AddOrDie(h, 0x50000); /* slot 1, same page */
-        if (tabra_get_entry_by_key(h, 0x50000, &found, &slot) != 0) return 2;
-        Write(found, 2);
-        void *again = nullptr;
-        if (tabra_add_entry(h, 1, &again, &slot) != TABRA_E_EXISTS) return 3;
-        Write(again, 3);
-        return CloseWindowAndWrite(h, p, found);
-    });
-    ExpectFaultAfterClosing(r);
-    /* What the child wrote inside its window is in the table. */
+    /* What the second row's child wrote inside its window is in the table. */
     tabra_hdl_t h = nullptr;
-    ASSERT_EQ(tabra_attach_hashed("P", Low16, &h), 0u);
-    u8 b = 0;
+    ASSERT_EQ(tabra_attach_hashed("P1", Low16, &h), 0u);
+    u8 b[2] = {};
     i32 slot = -1;
-    ASSERT_EQ(tabra_copy_entry_by_key(h, 1, &b, 1, &slot), 0u);
-    EXPECT_EQ(b, 3);
-    ASSERT_EQ(tabra_copy_entry_by_key(h, 0x50000, &b, 1, &slot), 0u);
-    EXPECT_EQ(b, 2);
+    ASSERT_EQ(tabra_copy_entry_by_key(h, 1, &b[0], 1, &slot), 0u);
+    ASSERT_EQ(tabra_copy_entry_by_key(h, 0x50000, &b[1], 1, &slot), 0u);
+    EXPECT_EQ(b[0], 3);
+    EXPECT_EQ(b[1], 2);
 }
 
-TEST_F(TabraProtection, APointerFromBeforeTheWindowMustBeLookedUpAgain) {
-    tabra_params_t p = Params("P");
-    auto lookup_first = RunInChild([&] {
-        tabra_hdl_t h = OpenOrDie(p);
-        void *e = AddOrDie(h, 7);
-        tabra_make_shm_readonly_protected(h, &p);
-        tabra_make_shm_writable(h, &p);
-        void *again = nullptr;
-        i32 slot = -1;
-        if (tabra_get_entry_by_key(h, 7, &again, &slot) != 0 || again != e) return 1;
-        Write(e, 1);
-        return 0;
-    });
-    EXPECT_TRUE(lookup_first.ExitedWith(0)) << lookup_first.Describe();
-    auto stale = RunInChild([&] {
-        tabra_hdl_t h = OpenOrDie(p);
-        void *e = nullptr;
-        i32 slot = -1;
-        if (tabra_get_entry_by_key(h, 7, &e, &slot) != 0) return 1;
-        tabra_make_shm_readonly_protected(h, &p);
-        tabra_make_shm_writable(h, &p);
-        Write(e, 1);
-        return 0;
-    });
+/* Writes that must fault although no window closed after them: through a
+ * pointer from before the window (looked up again it is writable), and
+ * through an attached handle, which starts read-only. */
+TEST_F(TabraProtection, StalePointersAndAttachedHandlesCannotWrite) {
+    const tabra_params_t p = Params("P");
+    const auto in_new_window = [&](bool look_up_again) {
+        return RunInChild([&] {
+            tabra_hdl_t h = OpenOrDie(p);
+            void *e = Find(h, 7) ? Find(h, 7) : AddOrDie(h, 7);
+            Reopen(h, p);
+            if (look_up_again && Find(h, 7) != e) return 1;
+            Write(e, 1);
+            return 0;
+        });
+    };
+    const auto fresh = in_new_window(true);
+    EXPECT_TRUE(fresh.ExitedWith(0)) << fresh.Describe();
+    const auto stale = in_new_window(false);
     EXPECT_TRUE(stale.KilledBy(SIGSEGV)) << stale.Describe();
-}
-
-TEST_F(TabraProtection, EntriesAcrossAPageBoundaryAreWritableWhole) {
-    /* 328-byte entries: slot 12 spans bytes 3936..4263, two pages. */
-    tabra_params_t p = Params("P");
     auto r = RunInChild([&] {
-        tabra_hdl_t h = OpenOrDie(p);
-        for (u32 k = 1; k <= 13; k++) AddOrDie(h, k);
-        tabra_make_shm_readonly_protected(h, &p);
-        tabra_make_shm_writable(h, &p);
-        void *e = nullptr;
-        i32 slot = -1;
-        if (tabra_get_entry_by_key(h, 13, &e, &slot) != 0 || slot != 12) return 1;
-        memset(e, 0x77, 328);
-        /* The entry's second page is protected again. */
-        return CloseWindowAndWrite(h, p, static_cast<u8 *>(e) + 327);
+        tabra_hdl_t h = nullptr;
+        void *e = tabra_attach("P", &h) == 0 ? Find(h, 7) : nullptr;
+        if (e == nullptr) return 1;
+        Step();
+        Write(e, 1);
+        Step();
+        return 0;
     });
-    ExpectFaultAfterClosing(r);
-}
-
-TEST_F(TabraProtection, AWindowOverManyPagesCoversThemAllAndProtectsThemAll) {
-    tabra_params_t p = Params("P");
-    auto r = RunInChild([&] {
-        tabra_hdl_t h = OpenOrDie(p);
-        for (u32 k = 0; k < 3000; k++) AddOrDie(h, k + 1);
-        tabra_make_shm_readonly_protected(h, &p);
-        tabra_make_shm_writable(h, &p);
-        void *first = nullptr;
-        i32 slot = -1;
-        /* Every 12th entry: about one per page, well past 64 pages. */
-        for (u32 k = 0; k < 3000; k += 12) {
-            void *e = nullptr;
-            if (tabra_get_entry_by_key(h, k + 1, &e, &slot) != 0) return 1;
-            Write(e, 9);
-            if (first == nullptr) first = e;
-        }
-        return CloseWindowAndWrite(h, p, first);
-    });
-    ExpectFaultAfterClosing(r);
+    EXPECT_TRUE(r.KilledBy(SIGSEGV)) << r.Describe();
+    EXPECT_EQ(*progress, 1);
 }
 
 TEST_F(TabraProtection, ProtectionBelongsToEachProcess) {
     tabra_params_t p = Params("P");
     tabra_hdl_t h = OpenOrDie(p);
-    tabra_make_shm_readonly_protected(h, &p);
-    tabra_make_shm_writable(h, &p);
+    Reopen(h, p);
     void *mine = AddOrDie(h, 5);
     /* This process holds its window open while another writes outside its
      * own: only the other one faults. */
@@ -178,7 +188,6 @@ TEST_F(TabraProtection, ProtectionBelongsToEachProcess) {
         Step();
         Write(mine, 1);
         Step();
-        return 0;
     });
     EXPECT_TRUE(r.KilledBy(SIGSEGV)) << r.Describe();
     EXPECT_EQ(*progress, 1);
@@ -188,58 +197,12 @@ TEST_F(TabraProtection, ProtectionBelongsToEachProcess) {
     ASSERT_EQ(tabra_make_shm_readonly_protected(h, &p), 0u);
     auto w = RunInChild([&] {
         tabra_make_shm_writable(h, &p);
-        void *e = nullptr;
-        i32 slot = -1;
-        if (tabra_get_entry_by_key(h, 5, &e, &slot) != 0) return 1;
-        Write(e, 3);
-        return 0;
+        void *e = Find(h, 5);
+        if (e != nullptr) Write(e, 3);
+        return e != nullptr ? 0 : 1;
     });
     EXPECT_TRUE(w.ExitedWith(0)) << w.Describe();
     EXPECT_EQ(static_cast<u8 *>(mine)[0], 3);
-}
-
-TEST_F(TabraProtection, AttachedHandlesStartReadOnly) {
-    auto fill = RunInChild([] { return AddOrDie(OpenOrDie(Params("P")), 4) ? 0 : 1; });
-    ASSERT_TRUE(fill.ExitedWith(0)) << fill.Describe();
-    auto r = RunInChild([&] {
-        tabra_hdl_t h = nullptr;
-        if (tabra_attach("P", &h) != 0) return 1;
-        void *e = nullptr;
-        i32 slot = -1;
-        if (tabra_get_entry_by_key(h, 4, &e, &slot) != 0) return 2;
-        Step();
-        Write(e, 1);
-        Step();
-        return 0;
-    });
-    EXPECT_TRUE(r.KilledBy(SIGSEGV)) << r.Describe();
-    EXPECT_EQ(*progress, 1);
-}
-
-TEST_F(TabraProtection, WindowsOfManyThreadsShareTheProcessState) {
-    tabra_params_t p = Params("P", 80);
-    auto r = RunInChild([&] {
-        tabra_hdl_t h = OpenOrDie(p);
-        tabra_make_shm_readonly_protected(h, &p);
-        tabra_make_shm_writable(h, &p);
-        std::vector<std::thread> threads;
-        for (u32 t = 0; t < 4; t++) {
-            threads.emplace_back([h, t] {
-                for (u32 k = 0; k < 500; k++) {
-                    void *e = AddOrDie(h, t * 1000 + k + 1);
-                    if (e != nullptr) memset(e, static_cast<int>(t + 1), 80);
-                }
-            });
-        }
-        for (auto &t : threads) t.join();
-        if (tabra_count(h) != 2000) return 1;
-        void *e = nullptr;
-        i32 slot = -1;
-        tabra_get_entry_by_key(h, 3001, &e, &slot);
-        if (static_cast<u8 *>(e)[79] != 4) return 2;
-        return CloseWindowAndWrite(h, p, e);
-    });
-    ExpectFaultAfterClosing(r);
 }
 
 /* Copies at rest: the store refuses them exactly for the entries some

@@ -9,9 +9,9 @@
 #include <nlohmann/json.hpp>
 #include <string>
 
-#include "tabra_test_util.h"
+#include "host_tabra.h"
 
-using namespace tabra_test;
+using namespace host_test;
 using pmdb::test::PmdbTest;
 
 namespace {
@@ -48,6 +48,7 @@ TEST_F(TabraTool, TablesListsEachTableWithItsFigures) {
     EXPECT_EQ(j[1]["entry_size"], 80);
     EXPECT_EQ(j[1]["entries"], 3);
     EXPECT_EQ(j[1]["max_entries"], 1000);
+    EXPECT_NEAR(j[1]["occupancy_percent"].get<double>(), 300.0 / 65536, 1e-6) << "of the capacity";
     EXPECT_EQ(j[1]["hash_buckets"], 7);
 
     const Output text = Pmdbctl("tables");
