@@ -27,10 +27,13 @@ int pm_fault_hooks = 0; /* declared extern "C" in pm_fault.h */
 
 namespace {
 
+/* An armed call fails with `result`; a step (fn set) runs fn instead. */
 struct armed_call {
     char call[48];
     int64_t result;
     int count; /* > 0 remaining hits, < 0 every hit, 0 free slot */
+    pm_fault_step_fn fn;
+    void *ctx;
 };
 
 pthread_mutex_t g_fault_lock = PTHREAD_MUTEX_INITIALIZER;
@@ -79,7 +82,9 @@ uint64_t mono_now_ns() {
 
 extern "C" {
 
-void pm_fault_set(const char *call, int64_t result, int count) {
+namespace {
+
+void arm(const char *call, int64_t result, pm_fault_step_fn fn, void *ctx, int count) {
     if (call == nullptr) return;
     pthread_mutex_lock(&g_fault_lock);
     armed_call *slot = find_slot(call);
@@ -89,9 +94,43 @@ void pm_fault_set(const char *call, int64_t result, int count) {
         slot->call[sizeof slot->call - 1] = '\0';
         slot->result = result;
         slot->count = count;
+        slot->fn = fn;
+        slot->ctx = ctx;
     }
     recount_armed();
     pthread_mutex_unlock(&g_fault_lock);
+}
+
+/* Consumes one pass of `call`: nonzero when armed, with its entry copied. */
+int take(const char *call, armed_call *out) {
+    if (g_armed.load(std::memory_order_relaxed) == 0 || call == nullptr) return 0;
+    int hit = 0;
+    pthread_mutex_lock(&g_fault_lock);
+    armed_call *slot = find_slot(call);
+    if (slot != nullptr) {
+        hit = 1;
+        *out = *slot;
+        if (slot->count > 0) slot->count--;
+        recount_armed();
+    }
+    pthread_mutex_unlock(&g_fault_lock);
+    return hit;
+}
+
+}  // namespace
+
+void pm_fault_set(const char *call, int64_t result, int count) {
+    arm(call, result, nullptr, nullptr, count);
+}
+
+void pm_fault_on_step(const char *step, pm_fault_step_fn fn, void *ctx, int count) {
+    arm(step, 0, fn, ctx, fn != nullptr ? count : 0);
+}
+
+void pm_fault_step(const char *step, uint64_t a0, uint64_t a1) {
+    armed_call a{};
+    /* Run outside the lock: the step's code may itself make platform calls. */
+    if (take(step, &a) != 0 && a.fn != nullptr) a.fn(a.ctx, a0, a1);
 }
 
 void pm_fault_clear(void) {
@@ -102,18 +141,10 @@ void pm_fault_clear(void) {
 }
 
 int pm_fault_hit(const char *call, int64_t *result) {
-    if (g_armed.load(std::memory_order_relaxed) == 0 || call == nullptr) return 0;
-    int hit = 0;
-    pthread_mutex_lock(&g_fault_lock);
-    armed_call *slot = find_slot(call);
-    if (slot != nullptr) {
-        hit = 1;
-        if (result != nullptr) *result = slot->result;
-        if (slot->count > 0) slot->count--;
-        recount_armed();
-    }
-    pthread_mutex_unlock(&g_fault_lock);
-    return hit;
+    armed_call a{};
+    if (take(call, &a) == 0) return 0;
+    if (result != nullptr) *result = a.result;
+    return 1;
 }
 
 void pm_calllog_enable(int on) {

@@ -622,6 +622,8 @@ cerrno tabra_pin_slot(tabra_hdl_t t, u32 key, const void **entry, i32 *slot) {
         st = lookup<false>(t, key, &x);
         if (st != 0) return st;
         if (x == kNoSlot) break;
+        /* Test step: the slot may pass to another key from here on. */
+        if (pm_fault_hooks_on()) pm_fault_step("tabra_pin_slot:found", key, x);
         tabra_slot_meta_t *s = &slots(t)[x];
         const u32 gen = occ_gen(ld_acq(&s->occ));
         /* seq_cst increment, then seq_cst check: either the check sees the

@@ -264,3 +264,53 @@ TEST_F(TabraConcurrency, ThreadsOfOneProcessAddFindAndRemove) {
 }
 
 }  // namespace
+
+// A slot that passes to another key between a pin's lookup and the pin
+// itself is never pinned for the old key: the pin looks again and finds
+// the key where it is now, or nowhere, and the other key's slot stays free
+// of pins.  The table store's step point runs the change in that window.
+TEST_F(TabraConcurrency, SlotReusedBetweenLookupAndPinIsNeverPinnedForTheOldKey) {
+    struct Ctx {
+        tabra_hdl_t h;
+        bool key_returns; /* the old key is added again, into another slot */
+        i32 other_slot, moved_slot;
+    };
+    for (const bool key_returns : {false, true}) {
+        SCOPED_TRACE(key_returns ? "the key is added again elsewhere" : "the key is gone");
+        tabra_hdl_t h = OpenOrDie(Params(key_returns ? "PINB" : "PING", 16, Mod7, 7));
+        ASSERT_NE(h, nullptr);
+        i32 first_slot = -1;
+        AddOrDie(h, 100, &first_slot);
+        Ctx ctx{h, key_returns, -1, -1};
+        pm_fault_on_step(
+            "tabra_pin_slot:found",
+            [](void *p, uint64_t, uint64_t) {
+                auto *c = static_cast<Ctx *>(p);
+                EXPECT_EQ(tabra_remove_entry(c->h, TABRA_REMOVE_BY_KEY, 100), 0u);
+                AddOrDie(c->h, 200, &c->other_slot);
+                if (c->key_returns) AddOrDie(c->h, 100, &c->moved_slot);
+            },
+            &ctx, 1);
+        const void *entry = nullptr;
+        i32 slot = -1;
+        const cerrno st = tabra_pin_slot(h, 100, &entry, &slot);
+        pm_fault_clear();
+        ASSERT_EQ(ctx.other_slot, first_slot) << "the window did not hand the slot over";
+        if (key_returns) {
+            ASSERT_EQ(st, 0u);
+            void *stored = nullptr;
+            i32 stored_slot = -1;
+            ASSERT_EQ(tabra_get_entry_by_key(h, 100, &stored, &stored_slot), 0u);
+            EXPECT_EQ(std::make_pair(entry, slot),
+                      std::make_pair(const_cast<const void *>(stored), ctx.moved_slot));
+            tabra_unpin_slot(h, slot);
+        } else {
+            EXPECT_EQ(st, TABRA_E_NOTFOUND);
+        }
+        /* No pin was left on the other key's slot: freed, it is reused. */
+        ASSERT_EQ(tabra_remove_entry(h, TABRA_REMOVE_BY_KEY, 200), 0u);
+        i32 next = -1;
+        AddOrDie(h, 300, &next);
+        EXPECT_EQ(next, first_slot);
+    }
+}

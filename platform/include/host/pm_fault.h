@@ -14,6 +14,14 @@
  * the order and timing of calls (for example open, then protect >= 100 ms
  * later).
  *
+ * Steps: a platform call may also name a point inside its work (for example
+ * "tabra_pin_slot:found", between a lookup and what the lookup decided), so
+ * that a test can run its own code there, on the caller's thread: another
+ * process's or thread's change that lands exactly in that window.  A test
+ * registers a function for a step with pm_fault_on_step(step, fn, ctx, n);
+ * the next n passes through the step call it (negative n: every pass).
+ * Steps share the armed table and its limit with armed calls.
+ *
  * Arming: a count of 0 disarms the call; a negative count arms it for every
  * call until pm_fault_clear().  Up to PM_FAULT_MAX_ARMED distinct calls may be
  * armed at once; arming more is ignored.  The call log keeps the first
@@ -37,6 +45,14 @@ void pm_fault_set(const char *call, int64_t result, int count);
 void pm_fault_clear(void);
 /* Nonzero when `call` is armed; consumes one count and stores the result. */
 int pm_fault_hit(const char *call, int64_t *result);
+
+/* A test's code run at a step, with the step's two arguments. */
+typedef void (*pm_fault_step_fn)(void *ctx, uint64_t a0, uint64_t a1);
+void pm_fault_on_step(const char *step, pm_fault_step_fn fn, void *ctx, int count);
+/* Step point of a platform call: runs the registered function, if any,
+ * outside every lock of this service.  Callers skip it while
+ * pm_fault_hooks_on() is 0. */
+void pm_fault_step(const char *step, uint64_t a0, uint64_t a1);
 
 typedef struct pm_call_rec {
     char call[48];
