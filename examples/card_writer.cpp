@@ -1,6 +1,7 @@
 // card_writer: puts a small line card into the port mapper database the way
-// the interface add path does, one event record at a time, through the
-// library's single-entry operations, and prints one line per step.  Other
+// a port mapper does, handing one event record at a time to the library's
+// event entry point (dpa_pmdb_oper; out-of-resource levels and node
+// departures through their own entry points), and prints one line per step.  Other
 // processes (pmdbctl) then read the card from shared memory.
 //
 //   card_writer build              builds the whole card (below)
@@ -36,7 +37,6 @@
 #include <string>
 #include <vector>
 
-#include "halvo.h"
 #include "platform_id.h"
 #include "pmdb.h"
 #include "pmdb_fields.h"
@@ -52,10 +52,6 @@ namespace {
 // an ordinary interface.
 constexpr u16 kTypePort = 1;
 constexpr u16 kTypeBundle = 2;
-
-// Node the add path writes into the stored interface information of a
-// bundle's own punt entry.
-constexpr u32 kBundlePuntNode = 999;
 
 struct Intf {
     const char *what;
@@ -188,83 +184,48 @@ pmdb_event_t MemberEvent(u8 type, const Intf &m, const Intf &b, u16 member_port)
     return ev;
 }
 
-// ---- the add path, step by step ---------------------------------------------
+// ---- events handed to the library ---------------------------------------------
 
-// The IFH step of the add path: creates the interface's IFH entry (for a
-// port also registering its node in the inventory and the node values).
-dpa_pmdb_ifh_summary_t AddIfh(const Intf &i, const pmdb_event_t &ev, pmdb_punt_info_t *punt) {
-    dpa_pmdb_ifh_summary_t summary{}, prev{};
-    i32 slot = 0;
-    Expect(
-        dpa_pmdb_add_ifh_entry(i.ifh, &ev, &slot, &summary, punt, &prev, static_cast<u16>(i.node)),
-        PMDB_OK, std::string(i.what) + " " + Hex(i.ifh) + " IFH entry");
-    return summary;
-}
+// Hands one event to the library as the port mapper does; the node is the
+// one that reports it.  The library answers nothing: what it did shows in
+// the tables, which the steps below read back.
+void Dispatch(pmdb_event_t ev, u32 node) { dpa_pmdb_oper(&ev, node); }
 
-void AddPunt(u32 key, const pmdb_event_t &ev, const pmdb_punt_info_t *punt, const char *what) {
-    i32 slot = 0;
-    Expect(dpa_pmdb_add_punt_entry(key, &ev, &slot, punt), PMDB_OK,
-           std::string(what) + " punt entry " + Hex(key));
+// Ends the program (exit 1) when table `type` has no entry under `key`.
+void ExpectEntry(pmdb_type_t type, u32 key, const std::string &what) {
+    u8 buf[PMDB_IFH_ENTRY_SIZE];
+    Expect(dpa_pmdb_copy_entry(type, key, buf, pmdb_fields::kEntrySize[type]), PMDB_OK, what);
 }
 
 struct PortKeys {
     u32 main, extension, egress_lif;
 };
 
-// A port (or BVI) added from an event of type 1: its IFH entry, then its
-// punt entries under the keys of the main path (egress_key clear).
-PortKeys AddPort(const Intf &p) {
-    const pmdb_event_t ev = IntfEvent(PMDB_EV_INTF_ADD, p);
-    pmdb_punt_info_t punt{};
-    const dpa_pmdb_ifh_summary_t s = AddIfh(p, ev, &punt);
-
-    PortKeys k{};
-    k.main = dpa_pmdb_punt_key(0, s.egress_lif, s.ingress_lif, s.sys_port, s.slot_id);
-    AddPunt(k.main, ev, &punt, "main");
-    k.extension = dpa_pmdb_punt_key(0, 0, 0, s.sys_port, PMDB_NO_SLOT);
-    AddPunt(k.extension, ev, &punt, "extension");
-    // The plain extension key: the extension key without port field and
-    // egress bit (the same key here, so a refresh); not for BVIs or
-    // node-local interfaces.
-    if (p.intf_type != PMDB_INTF_TYPE_BVI && p.intf_type != PMDB_INTF_TYPE_NODE_LOCAL)
-        AddPunt(pmdb_fields::plain_extension_key(k.extension), ev, &punt, "plain extension");
-    // The egress LIF key, with the slot in bits 16..21 unless this node is a
-    // route processor with a data path.
-    k.egress_lif = dpa_pmdb_punt_key(1, s.egress_lif, 0, 0, s.slot_id);
-    AddPunt(k.egress_lif, ev, nullptr, "egress LIF");
-    if (halvo_config_get_need_egress_punt_pm_entry() != 0 && s.ingress_lif != 0)
-        AddPunt(s.ingress_lif, ev, nullptr, "egress punt");
-    return k;
-}
-
+// A port (or BVI) added by an event of type 1: the library makes its IFH
+// entry and its punt entries (egress_key clear: main key by ingress LIF).
 void StepPort(const Intf &p) {
-    const PortKeys k = AddPort(p);
+    Dispatch(IntfEvent(PMDB_EV_INTF_ADD, p), p.node);
+    PortKeys k{};
+    k.main = dpa_pmdb_punt_key(0, p.egress_lif, p.ingress_lif, p.sys_port, p.slot_id);
+    k.extension = dpa_pmdb_punt_key(0, 0, 0, p.sys_port, PMDB_NO_SLOT);
+    k.egress_lif = pmdb_fields::egress_lif_punt_key(p.egress_lif, p.slot_id);
+    ExpectEntry(PMDB_TYPE_IFH, p.ifh, std::string(p.what) + " " + Hex(p.ifh) + " IFH entry");
+    for (u32 key : {k.main, k.extension, k.egress_lif})
+        ExpectEntry(PMDB_TYPE_PUNT, key, std::string(p.what) + " punt entry " + Hex(key));
     Report(Format("%s %s on node %u: IFH entry, punt keys main %s extension %s egress LIF %s",
                   p.what, Hex(p.ifh).c_str(), p.node, Hex(k.main).c_str(), Hex(k.extension).c_str(),
                   Hex(k.egress_lif).c_str()));
 }
 
-// A bundle added from an event of type 2: its IFH entry, its interface OAM
-// entry, and its own punt entry (stored with node 999).  The event carries
-// no punt information, so no member punt entries are made.
+// A bundle added by an event of type 2: its IFH entry, its interface OAM
+// entry and its own punt entry (stored with node 999).
 void StepBundle(const Intf &b) {
-    pmdb_event_t ev = IntfEvent(PMDB_EV_BUNDLE_ADD, b);
-    pmdb_punt_info_t punt{};
-    const dpa_pmdb_ifh_summary_t s = AddIfh(b, ev, &punt);
-
-    dpa_pmdb_ifh_summary_t r{};
-    Expect(dpa_pmdb_get_ifh_summary(b.ifh, &r), PMDB_OK, "bundle summary");
-    const u32 oam_key = (r.oam_id << 16) | 28u;
-    int oam_slot = 0;
-    Expect(dpa_pmdb_add_oam_entry(oam_key, &ev, &oam_slot), PMDB_OK,
-           "bundle OAM entry " + Hex(oam_key));
-
-    const u32 saved_node = ev.intf_info.node_id;
-    ev.intf_info.node_id = kBundlePuntNode;
-    const u32 punt_key = dpa_pmdb_punt_key(0, s.egress_lif, s.ingress_lif, 0, PMDB_NO_SLOT);
-    AddPunt(punt_key, ev, &punt, "bundle");
-    ev.intf_info.node_id = saved_node;
-
+    Dispatch(IntfEvent(PMDB_EV_BUNDLE_ADD, b), b.node);
+    const u32 oam_key = pmdb_fields::interface_oam_key(b.oam_id);
+    const u32 punt_key = dpa_pmdb_punt_key(0, b.egress_lif, b.ingress_lif, 0, PMDB_NO_SLOT);
+    ExpectEntry(PMDB_TYPE_IFH, b.ifh, "bundle " + Hex(b.ifh) + " IFH entry");
+    ExpectEntry(PMDB_TYPE_OAM, oam_key, "bundle OAM entry " + Hex(oam_key));
+    ExpectEntry(PMDB_TYPE_PUNT, punt_key, "bundle punt entry " + Hex(punt_key));
     Report(Format("bundle %s: IFH entry, OAM key %s, punt key %s", Hex(b.ifh).c_str(),
                   Hex(oam_key).c_str(), Hex(punt_key).c_str()));
 }
@@ -275,17 +236,14 @@ u8 MemberCount(const Intf &b) {
     return n;
 }
 
-// A member event (5 join, 7 leave) applied to the member's and the bundle's
-// IFH entries; the bundle's member count must end at `members`.
+// A member event (5 join, 7 leave) of port `m`; the bundle's member count
+// must end at `members`.
 void StepMember(u8 type, const Intf &m, const Intf &b, u16 member_port, u8 members) {
-    pmdb_event_t ev = MemberEvent(type, m, b, member_port);
-    dpa_pmdb_ifh_summary_t summary{};
-    pmdb_punt_info_t punt{};
+    Dispatch(MemberEvent(type, m, b, member_port), m.node);
     const char *verb = type == PMDB_EV_MEMBER_JOIN ? "joins" : "leaves";
-    Expect(dpa_pmdb_update_ifh_entry_member(&ev, &summary, &punt), PMDB_OK,
-           "member " + Hex(m.ifh) + " " + verb);
     const u8 n = MemberCount(b);
-    ExpectEq(n, members, "member count of bundle " + Hex(b.ifh));
+    ExpectEq(n, members, "member count of bundle " + Hex(b.ifh) + " after " + Hex(m.ifh) + " " +
+                             verb);
     Report(Format("member %s %s bundle %s (member port %u): bundle has %u member(s)",
                   Hex(m.ifh).c_str(), verb, Hex(b.ifh).c_str(), member_port, n));
 }

@@ -700,8 +700,59 @@ PMDB_EXPORT cerrno pmdb_lock_destroy(pellin_mutex_type *lock);
 
 /* ---- Events ---------------------------------------------------------------- */
 
-/* The event entry point.  Not built yet: declared here, but libpmdb.so does
- * not define it, so a program that calls it does not link. */
+/* The event entry point: the port mapper hands every interface event here.
+ * No result: the outcome shows in the tables and the trace buffers only.
+ * `node` is the reporting node; its low 16 bits reach the add path (the
+ * bit of the IFH entry's node_mask) and the node-list removal; an event
+ * with a punt image (PMDB_VF_PUNT) uses 0 instead.
+ *
+ * Refused, with nothing changed: a null event (error trace 284); event
+ * types 0, 16, 17, 18 and above 22 (error trace 277: event_type, 0); an
+ * event without the body reading its type is read by (error trace 285:
+ * event_type, valid_flags) - types 8, 9, 10, 11 and 20 accept any flags
+ * (without either reading 8, 9 and 11 reach the add path with handle 0,
+ * which it refuses: trace 289), 1, 3 and 19 need PMDB_VF_INTF or
+ * PMDB_VF_PUNT, every other type PMDB_VF_INTF.  Dropped without any
+ * trace: types 4 and 15, and 11 with only the interface reading, whose
+ * sub_flags lack PMDB_SUB_VALID.
+ *
+ * The subject handle: ifh (1, 3, 5-7, 12, 14, 19, 21), bundle_ifh (2, 13,
+ * 22), sub_ifh (4, 15); for 8 and 20 the punt image's ifh, else ifh with
+ * the interface reading, else 0 (9: bundle_ifh, 11: sub_ifh likewise); for
+ * 10 bundle_ifh with the interface reading, else 0.  Event traces 278
+ * (event_type, handle, event_id) and 279 (add, bundle, member path, member
+ * modify as 0/1), then 280 (five punt words) for a punt image, else 281
+ * (intf_data_64, node_id, ifh, sub_ifh, bundle_ifh, ingress_lif,
+ * egress_lif).  Then one path:
+ *   5, 6, 7   the bundle member path;
+ *   10        re-key of bundle_ifh (database trace 258; nothing with no
+ *             member): its bundle-member keys with the other egress keying
+ *             are removed (event trace 261) and one key per member on the
+ *             event's node_id is written from the member's stored block,
+ *             event_id 0 (251; 249/250 when a member or the bundle cannot
+ *             be read);
+ *   22        MAC change of bundle_ifh (258, 259; nothing with no member):
+ *             its sub-interfaces are walked once per member place (260)
+ *             and take mac_addr, then the bundle's own entry does;
+ *   1-4, 8, 9, 11, 19, 20  dpa_pmdb_add_all_entries(handle, event, bundle
+ *             flag, node) - error trace 289 with its failure.  Before it,
+ *             8 and 20 with a punt image of interface type 37 rewrite the
+ *             punt words of up to three PUNT entries of the interface
+ *             (275, 276 on failure);
+ *   12-15, 21 removal: nothing while the event's bundle_ifh has members;
+ *             else dpa_pmdb_remove_all_entries (bundle flag: 13 always,
+ *             12 and 21 when bundle_ifh is nonzero).  Type 15 of a bundle
+ *             sub-interface instead clears this node's bit (database trace
+ *             256; nothing while the bundle has no member) and removes the
+ *             sub-interface's OAM, main PUNT and IFH entries once no node
+ *             holds it (257 while one does).
+ * The event is the caller's; it is changed only for types 1 and 19 of
+ * interface type 37 with the interface reading: node_id := pmdb_node_id.
+ * Threads: any thread, but a process hands events over one at a time (the
+ * add path uses the unlocked inventory list); processes may dispatch at
+ * once.  The steps of one event are separate entry change cycles: another
+ * writer may act between them and nothing is rolled back.  Waits for each
+ * entry's lock without bound. */
 PMDB_EXPORT void dpa_pmdb_oper(pmdb_event_t *event, u32 node);
 
 /* ---- Interface and punt entries ------------------------------------------

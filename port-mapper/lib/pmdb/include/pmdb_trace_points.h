@@ -277,6 +277,9 @@
     X(282, V, member_path_begin, N, "event_type", "handle", "bundle_ifh", "port_lo", "port_hi", \
         "event_id") \
     X(283, E, member_egress_key_failed, N, "key", "event_id", "result") \
+    /* Event dispatcher: records it refuses before looking further. */ \
+    X(284, E, event_null, N) \
+    X(285, E, event_reading_missing, N, "event_type", "valid_flags") \
     X(288, E, member_port_key_failed, N, "key", "handle", "event_id", "result") \
     /* Event dispatcher. */ \
     X(289, E, add_path_failed, N, "handle", "event_id", "result") \

@@ -37,8 +37,9 @@
  *        dnx_pmdb_bundle_subs.cpp a bundle's sub-interface walk, an
  *                                 interface's own OAM entry removal
  *        dnx_pmdb_member_path.cpp the bundle member event path
- *   5. event dispatcher (dpa_pmdb_oper): sends each event to a layer-4 path
- *      or a layer-3 operation; like layer 4, it never runs the cycle itself.
+ *   5. event dispatcher (dpa_pmdb_oper, dnx_pmdb_oper.cpp): sends each
+ *      event to a layer-4 path or a layer-3 operation; like layer 4, it
+ *      never runs the cycle itself.
  *
  * Every operation that changes an entry runs one entry change cycle: write
  * access to the table store is held from its open to its release and the
