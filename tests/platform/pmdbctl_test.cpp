@@ -10,6 +10,7 @@
 #include <set>
 #include <string>
 #include <thread>
+#include <utility>
 #include <vector>
 
 #include "host/os_host.h"
@@ -76,30 +77,6 @@ TEST_F(PmdbctlTest, TraceJsonDecodesNamesAndArguments) {
     EXPECT_EQ(j["lost"]["event"], 0);
 }
 
-TEST_F(PmdbctlTest, TraceTextOneBufferAndSince) {
-    WriteSampleInChild();
-    ToolRun r = Pmdbctl({"trace", "--buffer", "error"});
-    ASSERT_EQ(r.status, 0) << r.err;
-    EXPECT_EQ(Lines(r.out), 2u) << r.out;
-    EXPECT_NE(r.out.find(" error 277 invalid_event_type "), std::string::npos) << r.out;
-    EXPECT_NE(r.out.find("event_type=23 zero=0"), std::string::npos) << r.out;
-    EXPECT_EQ(r.out.find("database"), std::string::npos);
-
-    r = Pmdbctl({"--ns", ns(), "trace", "--buffer", "error", "--since", "1"});
-    ASSERT_EQ(r.status, 0) << r.err;
-    EXPECT_EQ(Lines(r.out), 1u) << r.out;
-    EXPECT_NE(r.out.find(" 9999 unknown "), std::string::npos) << r.out;
-}
-
-TEST_F(PmdbctlTest, NamespaceOptionSelectsOtherNamespace) {
-    WriteSampleInChild();
-    const std::string other = pmdb::test::UniqueNamespace();
-    const ToolRun r = Pmdbctl({"--ns", other, "trace", "--json"});
-    ASSERT_EQ(r.status, 0) << r.err;
-    EXPECT_TRUE(json::parse(r.out)["records"].empty());
-    vorn_host_remove_namespace(other.c_str());
-}
-
 TEST_F(PmdbctlTest, LostRecordsOfFullRingAreReported) {
     const std::string other = pmdb::test::UniqueNamespace();
     const auto w = RunInChild([&other] {
@@ -117,6 +94,7 @@ TEST_F(PmdbctlTest, LostRecordsOfFullRingAreReported) {
     EXPECT_EQ(json::parse(r.out)["lost"]["event"], 4);
     vorn_host_remove_namespace(other.c_str());
 }
+
 
 TEST_F(PmdbctlTest, FollowPrintsNewRecordsUntilInterrupted) {
     pmdb::test::Tool tool(PMDBCTL_PATH, {"trace", "--follow", "--json"});
@@ -136,43 +114,62 @@ TEST_F(PmdbctlTest, FollowPrintsNewRecordsUntilInterrupted) {
     EXPECT_EQ(rec["pid"], getpid());
 }
 
-TEST_F(PmdbctlTest, BadUsageIsOneLineOnStderrAndNonZero) {
-    struct Usage {
+/* Commands as a user types them, on the sample records: {ns} is this test's
+ * namespace, {other} an empty one.  A failing command (status -1: any but 0)
+ * says so in one line on standard error and prints nothing else. */
+TEST_F(PmdbctlTest, CommandsPrintWhatTheyWereAskedOrOneLineOfError) {
+    WriteSampleInChild();
+    setenv("PMDB_OAM_ENABLE", "0", 1);
+    const std::string other = pmdb::test::UniqueNamespace();
+    const struct {
         const char *pmdb_ns; /* PMDB_NS, when not the test's namespace */
-        std::vector<std::string> args;
+        const char *args;
+        int status;
+        size_t lines;     /* of standard output; SIZE_MAX: any */
+        const char *says; /* in standard output */
+    } rows[] = {
+        {nullptr, "trace --buffer error", 0, 2, " error 277 invalid_event_type "},
+        {nullptr, "trace --buffer error", 0, 2, "event_type=23 zero=0"},
+        {nullptr, "--ns {ns} trace --buffer error --since 1", 0, 1, " 9999 unknown "},
+        {nullptr, "--ns {other} trace", 0, 0, ""},
+        {nullptr, "settings", 0, SIZE_MAX, "halvo.max_entries"},
+        {nullptr, "settings", 0, SIZE_MAX, "{ns}"},
+        {nullptr, "settings --json", 0, SIZE_MAX, R"("name": "halvo.oam_enable",)"},
+        {nullptr, "settings --json", 0, SIZE_MAX, R"("source": "environment",)"},
+        {nullptr, "trace --buffer errors", -1, 0, ""},
+        {nullptr, "trace --since x", -1, 0, ""},
+        {nullptr, "trace --bogus", -1, 0, ""},
+        {nullptr, "nosuch", -1, 0, ""},
+        {nullptr, "--ns bad/ns settings", -1, 0, ""},
+        {nullptr, "--ns sem settings", -1, 0, ""},
+        {"", "settings", -1, 0, ""},
+        {"bad/ns", "tables", -1, 0, ""},
+        {nullptr, "", -1, 0, ""},
     };
-    for (const Usage &u :
-         {Usage{nullptr, {"trace", "--buffer", "errors"}}, Usage{nullptr, {"trace", "--since", "x"}},
-          Usage{nullptr, {"trace", "--bogus"}}, Usage{nullptr, {"nosuch"}},
-          Usage{nullptr, {"--ns", "bad/ns", "settings"}}, Usage{nullptr, {"--ns", "", "settings"}},
-          Usage{nullptr, {"--ns", "sem", "settings"}}, Usage{"", {"settings"}},
-          Usage{"bad/ns", {"tables"}}, Usage{nullptr, {}}}) {
-        setenv(VORN_NS_ENV, u.pmdb_ns != nullptr ? u.pmdb_ns : ns().c_str(), 1);
-        const ToolRun r = Pmdbctl(u.args);
-        EXPECT_NE(r.status, 0);
-        EXPECT_EQ(Lines(r.err), 1u) << r.err;
-        EXPECT_EQ(r.err.rfind("pmdbctl: ", 0), 0u) << r.err;
-        EXPECT_TRUE(r.out.empty()) << r.out;
-    }
-}
-
-TEST_F(PmdbctlTest, SettingsShowValueAndOrigin) {
-    const auto r = RunInChild([] {
-        setenv("PMDB_OAM_ENABLE", "0", 1);
-        const ToolRun t = Pmdbctl({"settings", "--json"});
-        if (t.status != 0) return 1;
-        for (const json &s : json::parse(t.out)) {
-            if (s["name"] == "halvo.oam_enable") {
-                return s["value"] == "0" && s["source"] == "environment" ? 0 : 2;
-            }
+    for (const auto &row : rows) {
+        std::string args = row.args;
+        for (const auto &[from, to] : {std::pair{std::string("{ns}"), ns()}, {"{other}", other}})
+            if (const size_t at = args.find(from); at != std::string::npos) args.replace(at, from.size(), to);
+        std::string says = row.says;
+        if (says == "{ns}") says = ns();
+        SCOPED_TRACE(std::string(row.pmdb_ns ? row.pmdb_ns : "") + " | " + args);
+        setenv(VORN_NS_ENV, row.pmdb_ns != nullptr ? row.pmdb_ns : ns().c_str(), 1);
+        const ToolRun r = Pmdbctl(pmdb::test::Words(args));
+        if (row.status < 0) {
+            EXPECT_NE(r.status, 0);
+            EXPECT_EQ(Lines(r.err), 1u) << r.err;
+            EXPECT_EQ(r.err.rfind("pmdbctl: ", 0), 0u) << r.err;
+        } else {
+            EXPECT_EQ(r.status, row.status) << r.err;
         }
-        return 3;
-    });
-    EXPECT_TRUE(r.ExitedWith(0)) << r.Describe();
-    const ToolRun t = Pmdbctl({"settings"});
-    ASSERT_EQ(t.status, 0);
-    EXPECT_NE(t.out.find("halvo.max_entries"), std::string::npos);
-    EXPECT_NE(t.out.find(ns()), std::string::npos);
+        EXPECT_TRUE(row.lines == SIZE_MAX || Lines(r.out) == row.lines) << r.out;
+        EXPECT_NE(r.out.find(says), std::string::npos) << r.out;
+    }
+    /* An empty --ns is refused, not taken for the current namespace. */
+    const ToolRun empty = Pmdbctl({"--ns", "", "settings"});
+    EXPECT_NE(empty.status, 0);
+    EXPECT_TRUE(empty.out.empty()) << empty.out;
+    vorn_host_remove_namespace(other.c_str());
 }
 
 /* Bytes that are not text where the tool prints text: a trace string, a
@@ -260,25 +257,6 @@ TEST(TracePoints, RowsAreWellFormed) {
     }
     EXPECT_EQ(FindTracePoint(70), nullptr);
     EXPECT_EQ(FindTracePoint(0), nullptr);
-}
-
-TEST(TracePoints, BuffersAndArgumentCountsOfSamplePoints) {
-    struct Want {
-        uint32_t point;
-        vesk_kind_t buffer;
-        size_t nargs;
-    };
-    for (const Want &w : {Want{58, VESK_ERROR, 2}, Want{62, VESK_DATABASE, 2},
-                          Want{69, VESK_DATABASE, 0}, Want{109, VESK_EVENT, 7},
-                          Want{127, VESK_EVENT, 5}, Want{166, VESK_DATABASE, 7},
-                          Want{235, VESK_ERROR, 1}, Want{277, VESK_ERROR, 2},
-                          Want{281, VESK_EVENT, 7}, Want{318, VESK_EVENT, 1}}) {
-        const TracePoint *tp = FindTracePoint(w.point);
-        ASSERT_NE(tp, nullptr) << w.point;
-        EXPECT_EQ(tp->buffer, w.buffer) << w.point;
-        EXPECT_EQ(tp->nargs(), w.nargs) << w.point;
-    }
-    for (uint32_t p = 58; p <= 62; p++) EXPECT_TRUE(FindTracePoint(p)->is_string) << p;
 }
 
 }  // namespace

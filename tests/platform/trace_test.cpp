@@ -299,16 +299,4 @@ TEST_F(TraceTest, GetterFaultDropsRecordsWithoutFailingCaller) {
     ExpectNoTrace(VESK_ERROR, 53);
 }
 
-TEST_F(TraceTest, BuffersAreObjectsOfTheNamespace) {
-    std::vector<std::string> names;
-    vorn_host_list_objects(
-        ns().c_str(),
-        [](void *ctx, const char *name) {
-            static_cast<std::vector<std::string> *>(ctx)->push_back(name);
-        },
-        &names);
-    std::sort(names.begin(), names.end());
-    EXPECT_EQ(names, (std::vector<std::string>{"vesk.database", "vesk.error", "vesk.event"}));
-}
-
 }  // namespace

@@ -211,19 +211,14 @@ void ExpectLockedCopyWaitsForTheWriter(pmdb_type_t type, u32 key) {
     EXPECT_EQ(c[0], kHeld);
 }
 
-void ExpectNoTornCopies(pmdb_type_t type) {
+TEST_F(ReaderConsistencyTest, NoTornCopyWhileAnotherProcessRewrites) {
     constexpr u32 kKey = 0x4242;
-    ASSERT_EQ(PutPattern(type, kKey, 0), PMDB_OK);
-    ExpectNoTornCopyOfRewrites(type, kKey);
-    ExpectLockedCopyWaitsForTheWriter(type, kKey);
-}
-
-TEST_F(ReaderConsistencyTest, NoTornIfhCopyWhileAnotherProcessRewrites) {
-    ExpectNoTornCopies(PMDB_TYPE_IFH);
-}
-
-TEST_F(ReaderConsistencyTest, NoTornPuntCopyWhileAnotherProcessRewrites) {
-    ExpectNoTornCopies(PMDB_TYPE_PUNT);
+    for (const pmdb_type_t type : {PMDB_TYPE_IFH, PMDB_TYPE_PUNT}) {
+        SCOPED_TRACE(type);
+        ASSERT_EQ(PutPattern(type, kKey, 0), PMDB_OK);
+        ExpectNoTornCopyOfRewrites(type, kKey);
+        ExpectLockedCopyWaitsForTheWriter(type, kKey);
+    }
 }
 
 TEST_F(ReaderConsistencyTest, WriterKilledHoldingTheLockDoesNotBlockReaders) {

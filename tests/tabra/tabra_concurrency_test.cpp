@@ -234,35 +234,6 @@ TEST_F(TabraConcurrency, LookupsNeverMissAStableKeyWhileItsBucketsChurn) {
     }
 }
 
-TEST_F(TabraConcurrency, ThreadsOfOneProcessAddFindAndRemove) {
-    tabra_hdl_t h = OpenOrDie(Params(
-        "THR", 16, [](u32 k) { return k % 32; }, 32));
-    std::atomic<u32> errors{0};
-    std::vector<std::thread> threads;
-    for (u32 t = 0; t < 4; t++) {
-        threads.emplace_back([&, t] {
-            for (u32 round = 0; round < 20; round++) {
-                for (u32 i = 0; i < 200; i++) {
-                    void *e = nullptr;
-                    i32 slot = -1;
-                    const u32 key = t * 100000 + i + 1;
-                    if (tabra_add_entry(h, key, &e, &slot) != 0) errors++;
-                    if (tabra_get_entry_by_key(h, key, &e, &slot) != 0) errors++;
-                }
-                for (u32 i = 0; i < 200; i++) {
-                    if (round == 19 && i % 2 == 1) continue;
-                    if (tabra_remove_entry(h, TABRA_REMOVE_BY_KEY, t * 100000 + i + 1) != 0)
-                        errors++;
-                }
-            }
-        });
-    }
-    for (auto &t : threads) t.join();
-    EXPECT_EQ(errors.load(), 0u);
-    EXPECT_EQ(tabra_count(h), 400u);
-    EXPECT_EQ(CheckReport(h), "");
-}
-
 }  // namespace
 
 // A slot that passes to another key between a pin's lookup and the pin
