@@ -707,12 +707,12 @@ PMDB_EXPORT cerrno pmdb_lock_destroy(pellin_mutex_type *lock);
  * with a punt image (PMDB_VF_PUNT) uses 0 instead.
  *
  * Refused, with nothing changed: a null event (error trace 284); event
- * types 0, 16, 17, 18 and above 22 (error trace 277: event_type, 0); an
- * event without the body reading its type is read by (error trace 285:
- * event_type, valid_flags) - types 8, 9, 10, 11 and 20 accept any flags
- * (without either reading 8, 9 and 11 reach the add path with handle 0,
- * which it refuses: trace 289), 1, 3 and 19 need PMDB_VF_INTF or
- * PMDB_VF_PUNT, every other type PMDB_VF_INTF.  Dropped without any
+ * types 0, 16, 17, 18 and above 22 (error trace 277: event_type, 0).
+ * valid_flags choose how the body is read, never whether the event is
+ * taken: an event without the reading its path uses goes on, and the
+ * operations below apply only the readings it flags (8, 9 and 11 without
+ * either reading reach the add path with handle 0, which it refuses:
+ * trace 289).  Dropped without any
  * trace: types 4 and 15, and 11 with only the interface reading, whose
  * sub_flags lack PMDB_SUB_VALID.
  *

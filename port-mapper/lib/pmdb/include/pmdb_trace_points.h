@@ -279,7 +279,6 @@
     X(283, E, member_egress_key_failed, N, "key", "event_id", "result") \
     /* Event dispatcher: records it refuses before looking further. */ \
     X(284, E, event_null, N) \
-    X(285, E, event_reading_missing, N, "event_type", "valid_flags") \
     X(288, E, member_port_key_failed, N, "key", "handle", "event_id", "result") \
     /* Event dispatcher. */ \
     X(289, E, add_path_failed, N, "handle", "event_id", "result") \

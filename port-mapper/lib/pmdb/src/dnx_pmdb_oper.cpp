@@ -54,28 +54,6 @@ bool type_refused(u8 t) {
     return t == 0 || t > PMDB_EV_BUNDLE_MAC || (t >= 16 && t <= PMDB_EV_OAM_REMOVE);
 }
 
-/* The body readings a type needs.  Types 8 to 11 and 20 choose their
- * handle by the flags they carry (no flag: handle 0, which the add path
- * refuses); 1, 3 and 19 take the handle from the first word, which both
- * readings share, and their add path applies whichever reading is flagged;
- * every other type reads interface fields beyond the punt image. */
-bool reading_present(const pmdb_event_t *ev) {
-    switch (ev->event_type) {
-    case PMDB_EV_INTF_PUNT:
-    case PMDB_EV_BUNDLE_PUNT:
-    case PMDB_EV_BUNDLE_REKEY:
-    case PMDB_EV_SUB_PUNT:
-    case PMDB_EV_INTF_PUNT_NO_IFH:
-        return true;
-    case PMDB_EV_INTF_ADD:
-    case PMDB_EV_INTF_REFRESH:
-    case PMDB_EV_INTF_ADD_NO_IFH:
-        return has_flag(ev, PMDB_VF_INTF | PMDB_VF_PUNT);
-    default:
-        return has_flag(ev, PMDB_VF_INTF);
-    }
-}
-
 bool sub_valid(const pmdb_event_t *ev) {
     return (ev->intf_info.sub_flags & PMDB_SUB_VALID) != 0;
 }
@@ -412,10 +390,6 @@ void dpa_pmdb_oper(pmdb_event_t *event, u32 node) {
     }
     if (type_refused(event->event_type)) {
         PMDB_TRACE(tp::invalid_event_type, event->event_type, 0);
-        return;
-    }
-    if (!reading_present(event)) {
-        PMDB_TRACE(tp::event_reading_missing, event->event_type, event->valid_flags);
         return;
     }
     const selection s = select_path(event);
