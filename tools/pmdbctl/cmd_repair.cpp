@@ -25,6 +25,7 @@
 #include "command.h"
 #include "format.h"
 #include "pmdb.h"
+#include "pmdb_counts.h"
 
 namespace pmdbctl {
 namespace {

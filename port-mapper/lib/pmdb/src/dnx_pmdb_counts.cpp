@@ -33,6 +33,7 @@
 
 #include "kemt.h"
 #include "pmdb.h"
+#include "pmdb_counts.h"
 #include "pmdb_cycle.h"
 #include "pmdb_internal.h"
 #include "pmdb_member_ops.h"
@@ -299,12 +300,12 @@ cerrno pmdb_bundle_recount(u32 bundle_ifh, u32 wait_ms, bool store, dpa_pmdb_bun
 
 extern "C" {
 
-PMDB_EXPORT cerrno dpa_pmdb_check_bundle_counts(u32 wait_ms, dpa_pmdb_bundle_counts_fn_t fn,
+cerrno dpa_pmdb_check_bundle_counts(u32 wait_ms, dpa_pmdb_bundle_counts_fn_t fn,
                                                 void *ctx) {
     return examine_all(wait_ms, false, fn, ctx);
 }
 
-PMDB_EXPORT cerrno dpa_pmdb_repair_bundle_counts(u32 wait_ms, dpa_pmdb_bundle_counts_fn_t fn,
+cerrno dpa_pmdb_repair_bundle_counts(u32 wait_ms, dpa_pmdb_bundle_counts_fn_t fn,
                                                  void *ctx) {
     return examine_all(wait_ms, true, fn, ctx);
 }

@@ -36,6 +36,7 @@
 #define PMDB_SRC_MEMBER_OPS_H
 
 #include "pmdb.h"
+#include "pmdb_counts.h"
 
 /* The calling thread's member operation, from construction to destruction.
  * Without a usable log (traced, error 341) the operation runs unrecorded. */
