@@ -176,6 +176,14 @@ TEST_F(FrameCycleTest, RemovalRetiresTheLockAndRemovesTheEntry) {
     EXPECT_EQ(rc, TABRA_E_NOTFOUND);
     // The slot can be used again: its new lock works.
     ASSERT_EQ(AddOam(kKey, 2), 0u);
+
+    // A failing table removal names its step (the lookup's own failures:
+    // tests/ops/failure_test.cpp).
+    pm_fault_set("tabra_remove_entry", TABRA_E_CORRUPT, 1);
+    ASSERT_EQ(pmdb_cycle_open(&cyc, PMDB_TYPE_OAM), 0u);
+    EXPECT_EQ(pmdb_cycle_remove(&cyc, kKey), TABRA_E_CORRUPT);
+    EXPECT_EQ(cyc.failed_step, PMDB_STEP_REMOVE);
+    EXPECT_EQ(pmdb_cycle_release(&cyc, TABRA_E_CORRUPT), TABRA_E_CORRUPT);
 }
 
 TEST_F(FrameCycleTest, RemovalOfAnEntryThisCycleHoldsDoesNotWaitForItself) {
