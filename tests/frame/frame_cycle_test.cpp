@@ -135,6 +135,13 @@ TEST_F(FrameCycleTest, FailingReleaseReplacesTheResult) {
     EXPECT_EQ(pmdb_cycle_release(&cyc, TABRA_E_FULL), TABRA_E_PROT);
     ASSERT_EQ(pmdb_cycle_open(&cyc, PMDB_TYPE_OAM), 0u);
     EXPECT_EQ(pmdb_cycle_release(&cyc, TABRA_E_FULL), TABRA_E_FULL);
+
+    // A failed open needs no release: releasing it anyway calls nothing.
+    pm_fault_set("tabra_make_shm_writable", TABRA_E_PROT, 1);
+    EXPECT_EQ(pmdb_cycle_open(&cyc, PMDB_TYPE_OAM), TABRA_E_PROT);
+    pm_calllog_enable(1);
+    EXPECT_EQ(pmdb_cycle_release(&cyc, TABRA_E_PROT), TABRA_E_PROT);
+    EXPECT_TRUE(pmdb::test::CallNames("tabra_").empty());
 }
 
 TEST_F(FrameCycleTest, TwoEntriesUnderOneOpen) {
