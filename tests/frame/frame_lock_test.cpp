@@ -105,14 +105,6 @@ TEST_F(FrameLockTest, UnrecoverableLockIsRebuilt) {
     EXPECT_TRUE(again.ExitedWith(0)) << again.Describe();
 }
 
-TEST_F(FrameLockTest, DestroyedLockIsRebuilt) {
-    ASSERT_EQ(pmdb_lock_destroy(lock_), 0u);
-    ASSERT_EQ(pthread_mutex_trylock(lock_), EINVAL);
-    EXPECT_EQ(pmdb_entry_lock(lock_), 0u);
-    EXPECT_EQ(pmdb_entry_lock(lock_), static_cast<cerrno>(EDEADLK)) << "rebuilt error-checking";
-    EXPECT_EQ(pmdb_entry_unlock(lock_), 0u);
-}
-
 TEST_F(FrameLockTest, HolderGetsEdeadlkWithoutWaiting) {
     auto r = RunInChild(
         [this] {

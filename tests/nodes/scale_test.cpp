@@ -18,7 +18,7 @@ using pmdb::test::RunInChild;
 
 class ScaleTest : public CardTest {};
 
-TEST_F(ScaleTest, AddingANodeThatIsNotHighScaleOpensNothing) {
+TEST_F(ScaleTest, AddingANodeThatIsNotHighScaleOpensNothingAndIndicesWrap) {
     pm_calllog_enable(1);
     EXPECT_EQ(dpa_pmdb_update_scale_info(5, 1, 0, 1, nullptr), 0u);
     EXPECT_EQ(CallNames("tabra_").size(), 0u);
@@ -30,13 +30,11 @@ TEST_F(ScaleTest, AddingANodeThatIsNotHighScaleOpensNothing) {
     const dnx_pmdb_glbls_t g = Globals();
     EXPECT_EQ(g.hs_node_mask, 0u);
     EXPECT_EQ(g.hs_node_id, 0u);
-}
 
-TEST_F(ScaleTest, NodeIndicesWrapModulo32) {
+    /* Node indices wrap modulo 32. */
     EXPECT_EQ(dpa_pmdb_update_scale_info(12, 35, 1, 1, nullptr), 0u);
     EXPECT_EQ(Globals().hs_node_mask, 1u << 3);
     ExpectTrace(VESK_EVENT, 114, {12, 8});
-
     EXPECT_EQ(dpa_pmdb_update_scale_info(13, 31, 1, 1, nullptr), 0u);
     EXPECT_EQ(Globals().hs_node_mask, (1u << 3) | (1u << 31));
 }
@@ -142,14 +140,10 @@ TEST_F(ScaleTest, WithTheCallersHandleNoOpenOrReleaseIsMade) {
     EXPECT_EQ(dpa_pmdb_update_scale_info(9, 2, 1, 1, nullptr), 0u);
     EXPECT_EQ(CallNames("tabra_make_shm_writable").size(), 1u);
     EXPECT_EQ(CallNames("tabra_make_shm_readonly_protected").size(), 1u);
-}
 
-TEST_F(ScaleTest, FailedReleaseReplacesTheResult) {
-    dnx_db_hdl_t *h = nullptr;
-    ASSERT_EQ(dpa_chk_pmdb_open(nullptr, &h, PMDB_TYPE_IFH, 0), 0u);
+    /* A failed release replaces the result; the value was written before. */
     pm_fault_set("tabra_make_shm_readonly_protected", 0xA6F01407, 1);
     EXPECT_EQ(dpa_pmdb_update_scale_info(5, 1, 1, 1, nullptr), 0xA6F01407u);
-    /* The value was written before the release failed. */
     EXPECT_EQ(Globals().hs_node_id, 5u);
 }
 
@@ -172,13 +166,12 @@ TEST_F(ScaleTest, RemoveFormRecordsTheFirstListedNodeWhenNoneIsRecorded) {
     ExpectNoTrace(VESK_EVENT, 119);
 }
 
-TEST_F(ScaleTest, RemoveFormWithoutAListedNodeReturns2) {
+TEST_F(ScaleTest, RemoveFormNamingANodeOnlyClearsTheUnrecordedMac) {
+    /* Without a listed node: 2, nothing recorded. */
     EXPECT_EQ(dpa_pmdb_update_glbls_inv_node_info(0, nullptr, 0, nullptr), 2u);
     ExpectTrace(VESK_EVENT, 122, {});
     EXPECT_EQ(Globals().inv_node_id, 0u);
-}
 
-TEST_F(ScaleTest, RemoveFormNamingANodeOnlyClearsTheUnrecordedMac) {
     /* A MAC without a node: left by a writer that did not finish. */
     dnx_db_hdl_t *h = nullptr;
     ASSERT_EQ(dpa_chk_shrd_ctx_open(nullptr, &h, PMDB_TYPE_IFH), 0u);

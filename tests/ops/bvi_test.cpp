@@ -118,12 +118,17 @@ TEST_F(BviTest, FilterTakesExactly100AndNeverWritesPastTheArray) {
 // ---- one rewrite ----------------------------------------------------------------
 
 TEST_F(BviTest, RewriteMovesTheEntryToTheHeadNodeWithoutRestampingIt) {
-    AddNodes5And6();
     AddOk(0x70, BviEvent(0x70, 9));
     const pmdb_ifh_entry_t before = Ifh(0x70);
-    MarkTraces();
-
     u32 status = 77;
+    /* An empty inventory: nothing changes. */
+    EXPECT_EQ(dpa_bvi_upd_all_entries(0x70, &status), 0u);
+    EXPECT_EQ(status, 77u);
+    EXPECT_TRUE(EntryBytes(PMDB_TYPE_IFH, 0x70) == BytesOf(&before, sizeof before));
+    ExpectNoTrace(VESK_DATABASE, 102);
+
+    AddNodes5And6();
+    MarkTraces();
     EXPECT_EQ(dpa_bvi_upd_all_entries(0x70, &status), 0u);
 
     EXPECT_EQ(status, 0u);
@@ -135,16 +140,6 @@ TEST_F(BviTest, RewriteMovesTheEntryToTheHeadNodeWithoutRestampingIt) {
     EXPECT_EQ(memcmp(&before, &after, sizeof before), 0); /* event_id, time too */
     ExpectTrace(VESK_DATABASE, 102,
                 {0x70, before.intf_info.egress_lif, before.intf_info.ingress_lif});
-}
-
-TEST_F(BviTest, RewriteWithAnEmptyInventoryChangesNothing) {
-    AddOk(0x70, BviEvent(0x70, 9));
-    const Bytes before = EntryBytes(PMDB_TYPE_IFH, 0x70);
-    u32 status = 77;
-    EXPECT_EQ(dpa_bvi_upd_all_entries(0x70, &status), 0u);
-    EXPECT_EQ(status, 77u);
-    EXPECT_TRUE(EntryBytes(PMDB_TYPE_IFH, 0x70) == before);
-    ExpectNoTrace(VESK_DATABASE, 102);
 }
 
 // ---- the refresh when a node leaves ------------------------------------------------

@@ -48,6 +48,7 @@ struct Row {
     std::set<u32> changed_first = {}; /* IFH entries changed before the failing step */
     std::set<u32> after_release = {}; /* IFH entries only changed after the release */
     bool release = true;              /* the release column applies */
+    u32 ended = 0; /* database point of a removal that found its entry, failed or not */
 };
 
 /* The card every cell starts from: a port, a bundle with one counted member
@@ -122,6 +123,11 @@ void RunCell(const Row &row, Column col) {
     } else if (col != kRelease) {
         EXPECT_TRUE(TraceWritten(mark, VESK_ERROR, row.point[col], {row.key, kFault}));
     }
+    if (row.ended != 0 && col != kRemove && col != kRelease) {
+        EXPECT_TRUE(TraceNotWritten(mark, VESK_DATABASE, row.ended));
+    } else if (row.ended != 0) {
+        EXPECT_TRUE(TraceWritten(mark, VESK_DATABASE, row.ended, {row.key}));
+    }
     /* A failed open counts its writer still (the frame's rule) and a failed
      * release leaves the table writable; every other cell gives write
      * access back. */
@@ -169,7 +175,7 @@ TEST_F(CycleFailureTable, EveryOperationAtEveryFailingStep) {
          [&] { return dpa_pmdb_add_punt_entry(kPuntKey, &port_punt, &slot, nullptr); },
          {136, 137, 139, 141, 0}, KeyStatus, KeySlotStatus},
         {"PUNT removal", PMDB_TYPE_PUNT, kPuntKey, [] { return dpa_pmdb_remove_punt_entry(kPuntKey); },
-         {173, 0, 174, 0, 176}},
+         {173, 0, 174, 0, 176}, KeyStatus, KeyStatus, {}, {}, true, 177},
         {"OAM add", PMDB_TYPE_OAM, kOamKey,
          [&] { return dpa_pmdb_add_oam_entry(kOamKey, &port_punt, &slot); },
          {155, 156, 158, 160, 0}},

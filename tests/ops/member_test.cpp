@@ -31,22 +31,31 @@ protected:
     }
 };
 
+// The entry `key` is `want` stamped with `id` (at any time), or unstamped
+// when `id` is 0.
+void ExpectEntry(u32 key, pmdb_ifh_entry_t want, u32 id = 0) {
+    const pmdb_ifh_entry_t e = Ifh(key);
+    if (id != 0) want.event_id = id, want.last_update = e.last_update;
+    EXPECT_TRUE(BytesOf(&e, sizeof e) == BytesOf(&want, sizeof want)) << std::hex << key;
+}
+
 TEST_F(MemberUpdate, JoinModifyLeaveOfOneMember) {
     PutBundle(kBundle);
     PutMember(kMember, 0);
+    pmdb_ifh_entry_t m = Ifh(kMember), b = Ifh(kBundle);
+    const pmdb_ifh_entry_t left = m;
     dpa_pmdb_ifh_summary_t s;
     pmdb_punt_info_t punt = {};
     const timespec before = Now();
     ASSERT_EQ(Event(PMDB_EV_MEMBER_JOIN, 10, &s, &punt), PMDB_OK);
-    pmdb_ifh_entry_t m = Ifh(kMember), b = Ifh(kBundle);
-    EXPECT_EQ(m.ifh_flags, PMDB_IFH_MEMBER_ACTIVE);
-    EXPECT_EQ(m.intf_info.bundle_ifh, kBundle);
-    EXPECT_EQ(m.intf_info.member_port, kMemberPort);
-    EXPECT_EQ(m.intf_info.member_port_shift, 0xFE);  // bits 2..7 carried
-    EXPECT_EQ(m.event_id, 10u);
-    EXPECT_TRUE(Within(m.last_update, before, Now()));
-    EXPECT_EQ(b.member_count, 1);
-    EXPECT_EQ(b.event_id, 10u);
+    EXPECT_TRUE(Within(Ifh(kMember).last_update, before, Now()));
+    m.ifh_flags = PMDB_IFH_MEMBER_ACTIVE;
+    m.intf_info.bundle_ifh = kBundle;
+    m.intf_info.member_port = kMemberPort;
+    m.intf_info.member_port_shift = 0xFE;  // bits 2..7 carried
+    ExpectEntry(kMember, m, 10);
+    b.member_count = 1;
+    ExpectEntry(kBundle, b, 10);
     EXPECT_EQ(s.sum_flags, PMDB_SUM_IS_MEMBER);
     EXPECT_EQ(s.egress_lif, m.intf_info.egress_lif);
     EXPECT_EQ(s.ingress_lif, m.intf_info.ingress_lif);
@@ -59,43 +68,37 @@ TEST_F(MemberUpdate, JoinModifyLeaveOfOneMember) {
 
     // Joining again refreshes the member but does not count it twice.
     ASSERT_EQ(Event(PMDB_EV_MEMBER_JOIN, 11, &s, &punt), PMDB_OK);
-    EXPECT_EQ(Ifh(kBundle).member_count, 1);
     EXPECT_EQ(s.sum_flags & PMDB_SUM_IS_MEMBER, 0);
+    EXPECT_EQ(Ifh(kBundle).member_count, 1);
 
     // Modify: count kept (bundle not stamped), bundle punt block handed back.
     PutIfh(kBundle, [](pmdb_ifh_entry_t &e) { e.punt_info = {kBundle, 0, 0, {7, 6, 5, 4, 3}}; });
-    ASSERT_EQ(Event(PMDB_EV_MEMBER_MODIFY, 12, &s, &punt, kMember, 0x0401), PMDB_OK);
     b = Ifh(kBundle);
-    EXPECT_EQ(b.member_count, 1);
-    EXPECT_EQ(b.event_id, 10u);
+    ASSERT_EQ(Event(PMDB_EV_MEMBER_MODIFY, 12, &s, &punt, kMember, 0x0401), PMDB_OK);
+    ExpectEntry(kBundle, b);
     EXPECT_EQ(s.sum_flags & PMDB_SUM_IS_MEMBER, PMDB_SUM_IS_MEMBER);
     EXPECT_EQ(memcmp(&punt, &b.punt_info, sizeof punt), 0);
-    EXPECT_EQ(Ifh(kMember).intf_info.member_port, 0x0401);
+    m.intf_info.member_port = 0x0401;
+    ExpectEntry(kMember, m, 12);
 
-    // Leave: fields cleared, the summary keeps what they held.
+    // Leave: the member is as before it joined, the summary keeps what its
+    // fields held.
     ASSERT_EQ(Event(PMDB_EV_MEMBER_LEAVE, 13, &s, nullptr, kMember, 0), PMDB_OK);
-    m = Ifh(kMember);
-    EXPECT_EQ(m.ifh_flags, 0);
-    EXPECT_EQ(m.intf_info.bundle_ifh, 0u);
-    EXPECT_EQ(m.intf_info.member_port, 0);
-    EXPECT_EQ(m.intf_info.member_port_shift, 0xFC);
-    EXPECT_EQ(m.event_id, 13u);
+    ExpectEntry(kMember, left, 13);
     EXPECT_EQ(s.port_lo, 1);
     EXPECT_EQ(s.port_hi, 1);
     EXPECT_EQ(s.member_port_shift, 2);
     EXPECT_EQ(s.punt_data[0], 0xAAu);
     EXPECT_EQ(s.punt_data[4], 0xEEu);
-    b = Ifh(kBundle);
-    EXPECT_EQ(b.member_count, 0);
-    EXPECT_EQ(b.event_id, 13u);
+    b.member_count = 0;
+    ExpectEntry(kBundle, b, 13);
 
     // Leaving again, or counting out at 0: the count stays 0, unstamped.
+    b = Ifh(kBundle);
     ASSERT_EQ(Event(PMDB_EV_MEMBER_LEAVE, 14, &s, nullptr), PMDB_OK);
     ASSERT_EQ(dpa_pmdb_update_bundle_ifh_entry(kBundle, 0, 0, &s, nullptr, 15), PMDB_OK);
-    b = Ifh(kBundle);
-    EXPECT_EQ(b.member_count, 0);
-    EXPECT_EQ(b.event_id, 13u);
-    EXPECT_EQ(Ifh(kMember).event_id, 14u);
+    ExpectEntry(kBundle, b);
+    ExpectEntry(kMember, left, 14);
 }
 
 TEST_F(MemberUpdate, CountWrapsAt255) {
