@@ -16,8 +16,6 @@
 namespace {
 
 using namespace paths_test;
-using pmdb::test::ChildLink;
-using pmdb::test::ChildProcess;
 using Keys3 = std::vector<std::set<u32>>;  // IFH, PUNT, OAM
 
 // One card; `b` shifts every handle and interface number, so that cards
@@ -182,22 +180,8 @@ class Card2 : public pmdb::test::PmdbTest {};
 
 // Runs `act` on cards 0 and 1 in two processes at once.
 void AtOnce(void (Card::*act)() const) {
-    std::unique_ptr<ChildProcess> child[2];
-    for (u32 b = 0; b < 2; b++) {
-        child[b] = std::make_unique<ChildProcess>([b, act](ChildLink &link) {
-            Configure();
-            link.Ready();
-            if (!link.WaitRelease()) return 1;
-            (Card{b}.*act)();
-            return ::testing::Test::HasFailure() ? 1 : 0;
-        });
-    }
-    for (auto &c : child) ASSERT_TRUE(c->WaitReady());
-    for (auto &c : child) c->Release();
-    for (auto &c : child) {
-        const pmdb::test::ChildResult r = c->Wait();
-        EXPECT_TRUE(r.ExitedWith(0)) << r.Describe();
-    }
+    pmdb::test::RunAtOnce(
+        2, [] { Configure(); }, [act](size_t b) { (Card{static_cast<u32>(b)}.*act)(); });
 }
 
 std::string Slurp(const std::string &path) {

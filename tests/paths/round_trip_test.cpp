@@ -12,8 +12,6 @@
 namespace {
 
 using namespace paths_test;
-using pmdb::test::ChildLink;
-using pmdb::test::ChildProcess;
 
 enum Kind { kPort, kPortSub, kBundle, kMember, kBundleSub };
 const char *const kKindName[] = {"Port", "PortSub", "Bundle", "Member", "BundleSub"};
@@ -161,27 +159,15 @@ TEST_F(TwoProcessRoundTrip, DisjointInterfacesEndInTheSameTables) {
     for (const auto &list : mine)
         for (const Scenario &s : list) s.Setup();
     const Tables before = Snapshot();
-    std::unique_ptr<ChildProcess> child[2];
-    for (int p = 0; p < 2; p++) {
-        const std::vector<Scenario> &list = mine[p];
-        child[p] = std::make_unique<ChildProcess>([&list](ChildLink &link) {
-            Configure(true);
-            link.Ready();
-            if (!link.WaitRelease()) return 1;
+    pmdb::test::RunAtOnce(
+        2, [] { Configure(true); },
+        [&mine](size_t p) {
             for (int round = 0; round < 3; round++)
-                for (const Scenario &s : list) {
+                for (const Scenario &s : mine[p]) {
                     s.Add();
                     s.Remove();
                 }
-            return ::testing::Test::HasFailure() ? 1 : 0;
         });
-    }
-    for (auto &c : child) ASSERT_TRUE(c->WaitReady());
-    for (auto &c : child) c->Release();
-    for (auto &c : child) {
-        const pmdb::test::ChildResult r = c->Wait();
-        EXPECT_TRUE(r.ExitedWith(0)) << r.Describe();
-    }
     std::vector<Scenario> all = mine[0];
     all.insert(all.end(), mine[1].begin(), mine[1].end());
     EXPECT_TRUE(LeavesOnlyWhatIsLeftBehind(before, Snapshot(), all));

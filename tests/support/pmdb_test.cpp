@@ -15,6 +15,7 @@
 #include <cstdio>
 #include <fstream>
 #include <memory>
+#include <vector>
 #include <mutex>
 #include <sstream>
 #include <thread>
@@ -272,6 +273,26 @@ std::unique_ptr<ChildProcess> StartHeldChild(std::function<void()> before,
         if (after) after();
         return 0;
     });
+}
+
+void RunAtOnce(size_t n, const std::function<void()> &setup,
+               const std::function<void(size_t)> &work) {
+    std::vector<std::unique_ptr<ChildProcess>> child;
+    for (size_t i = 0; i < n; i++) {
+        child.push_back(std::make_unique<ChildProcess>([i, &setup, &work](ChildLink &link) {
+            if (setup) setup();
+            link.Ready();
+            if (!link.WaitRelease()) return 1;
+            work(i);
+            return ::testing::Test::HasFailure() ? 1 : 0;
+        }));
+    }
+    for (auto &c : child) ASSERT_TRUE(c->WaitReady());
+    for (auto &c : child) c->Release();
+    for (auto &c : child) {
+        const ChildResult r = c->Wait();
+        EXPECT_TRUE(r.ExitedWith(0)) << r.Describe();
+    }
 }
 
 /* ---- programs ------------------------------------------------------------ */

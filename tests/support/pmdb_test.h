@@ -147,6 +147,12 @@ private:
 std::unique_ptr<ChildProcess> StartHeldChild(std::function<void()> before,
                                              std::function<void()> after = {});
 
+/* Runs work(0) .. work(n - 1) in n children released together, after each
+ * ran `setup`; a child fails when its work adds a gtest failure, and every
+ * child must exit 0. */
+void RunAtOnce(size_t n, const std::function<void()> &setup,
+               const std::function<void(size_t)> &work);
+
 /* ---- programs ------------------------------------------------------------ */
 
 /* What a program run by a test did. */
