@@ -307,6 +307,12 @@ cerrno tabra_get_info(tabra_hdl_t t, tabra_info_t *info) {
     info->max_lock_wait_ns = ld_rlx(&h->max_lock_wait_ns);
     info->adds = ld_rlx(&h->adds);
     info->removes = ld_rlx(&h->removes);
+    /* A sample without the writer lock: each slot's state and pins are read
+     * once, relaxed; the count is for an operator, not a decision. */
+    for (u32 x = 0; x < h->capacity; x++) {
+        const tabra_slot_meta_t *s = &slots(t)[x];
+        if (ld_rlx(&s->state) == TABRA_SLOT_FREE && ld_rlx(&s->pins) != 0) info->pinned_free++;
+    }
     return 0;
 }
 

@@ -214,8 +214,13 @@ TEST_F(Tabra, APinnedSlotIsNotReusedUntilItsPinIsUndone) {
     ASSERT_EQ(tabra_remove_entry(h, TABRA_REMOVE_BY_KEY, 100), 0u);
     AddOrDie(h, 300, &slot);
     EXPECT_EQ(slot, 2) << "the pinned slot 0 was handed out";
+    tabra_info_t info{};
+    ASSERT_EQ(tabra_get_info(h, &info), 0u);
+    EXPECT_EQ(info.pinned_free, 1u) << "the free slot 0 is kept out of use";
     reader->Release();
     ASSERT_TRUE(reader->Wait().ExitedWith(0));
+    ASSERT_EQ(tabra_get_info(h, &info), 0u);
+    EXPECT_EQ(info.pinned_free, 0u);
     AddOrDie(h, 400, &slot);
     EXPECT_EQ(slot, 0) << "unpinned, the lowest free slot again";
 

@@ -3,7 +3,8 @@
 //   pmdbctl tables [--json]                one line per table: entry size,
 //                                          entries, capacity, max_entries,
 //                                          occupancy, repairs, longest wait
-//                                          for the writer lock
+//                                          for the writer lock, free slots
+//                                          that pins keep out of use
 //
 // Reads each table's header without its writer lock.  A table that cannot
 // be attached is one line on stderr and exit status 1.  (`check` is in
@@ -54,7 +55,8 @@ json InfoJson(const tabra_info_t &info) {
                 {"adds", info.adds},
                 {"removes", info.removes},
                 {"repairs", info.repairs},
-                {"max_lock_wait_ns", info.max_lock_wait_ns}};
+                {"max_lock_wait_ns", info.max_lock_wait_ns},
+                {"pinned_free", info.pinned_free}};
 }
 
 struct TablesOptions {
@@ -65,8 +67,8 @@ int Tables(const TablesOptions &o) {
     json all = json::array();
     int status = 0;
     if (!o.json)
-        printf("%-32s %6s %8s %8s %8s %9s %7s %12s\n", "TABLE", "ENTRY", "ENTRIES", "CAPACITY",
-               "MAX", "OCCUPANCY", "REPAIRS", "MAX_WAIT_US");
+        printf("%-32s %6s %8s %8s %8s %9s %7s %12s %6s\n", "TABLE", "ENTRY", "ENTRIES", "CAPACITY",
+               "MAX", "OCCUPANCY", "REPAIRS", "MAX_WAIT_US", "PINNED");
     for (const std::string &name : TableNames()) {
         tabra_hdl_t h = Attach(name);
         tabra_info_t info{};
@@ -78,9 +80,10 @@ int Tables(const TablesOptions &o) {
             all.push_back(InfoJson(info));
             continue;
         }
-        printf("%-32s %6u %8u %8u %8u %8.1f%% %7llu %12.1f\n", info.name, info.entry_size,
+        printf("%-32s %6u %8u %8u %8u %8.1f%% %7llu %12.1f %6u\n", info.name, info.entry_size,
                info.count, info.capacity, info.max_entries, Occupancy(info),
-               static_cast<unsigned long long>(info.repairs), info.max_lock_wait_ns / 1000.0);
+               static_cast<unsigned long long>(info.repairs), info.max_lock_wait_ns / 1000.0,
+               info.pinned_free);
     }
     if (o.json) std::cout << JsonText(all) << std::endl;
     return status;

@@ -255,13 +255,20 @@ typedef struct tabra_info {
     u64 max_lock_wait_ns;  /* longest wait for the writer lock so far */
     u64 adds;
     u64 removes;
+    /* Free slots that a pin keeps out of use.  A live pinner holds its pin
+     * for one copy or one entry change; a process killed while it held a
+     * pin leaves that slot out of use for good, so a count that stays
+     * above 0 across samples names slots lost to dead pinners. */
+    u32 pinned_free;
+    u32 reserved;
 } tabra_info_t;
-PMDB_CHECK_SIZE(tabra_info_t, 128);
+PMDB_CHECK_SIZE(tabra_info_t, 136);
 PMDB_CHECK_OFF(tabra_info_t, entry_size, 64);
 PMDB_CHECK_OFF(tabra_info_t, object_size, 80);
 PMDB_CHECK_OFF(tabra_info_t, hash_buckets, 88);
 PMDB_CHECK_OFF(tabra_info_t, repairs, 96);
 PMDB_CHECK_OFF(tabra_info_t, removes, 120);
+PMDB_CHECK_OFF(tabra_info_t, pinned_free, 128);
 cerrno tabra_get_info(tabra_hdl_t table, tabra_info_t *info);
 /* Checks index, free slots and counts under the table's writer lock; 0 when
  * consistent, else TABRA_E_CORRUPT with a one-line description of the first
