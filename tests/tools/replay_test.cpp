@@ -92,6 +92,8 @@ TEST_F(ReplayTest, RefusedLineIsNamedAndAppliesNothing) {
         {"bad MAC", PortLine(0x3000, R"(,"node_mac":"02:00:00:00:12")") + "\n",
          "intf.node_mac: not a MAC address"},
         {"truncated", PortLine(0x3000).substr(0, 60), "malformed JSON: "},
+        {"name holding an end of line", R"({"type":"intf_add","co\nlour":1})" "\n",
+         "unknown field \"co\\x0alour\" for op \"event\""},
     };
     for (const Case &c : cases) {
         SCOPED_TRACE(c.what);

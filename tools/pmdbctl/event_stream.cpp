@@ -12,6 +12,8 @@
 #include <cstdlib>
 #include <vector>
 
+#include "format.h"
+
 namespace pmdbctl {
 namespace {
 
@@ -156,7 +158,7 @@ public:
         const char *allowed = hex ? "0123456789abcdefABCDEF" : "0123456789";
         if (digits.empty() || digits.size() > 16 ||
             digits.find_first_not_of(allowed) != std::string::npos)
-            return Fail(what + ": \"" + s + "\" is not a number (decimal or 0x hex)");
+            return Fail(what + ": \"" + Printable(s) + "\" is not a number (decimal or 0x hex)");
         return Range(std::strtoull(digits.c_str(), nullptr, hex ? 16 : 10), what, max, out);
     }
 
@@ -178,7 +180,7 @@ public:
         if (!v.is_object()) return Fail(std::string(block.name) + ": not an object");
         for (const auto &[key, value] : v.items()) {
             const Field *f = FindField(block, key);
-            if (f == nullptr) return Fail("unknown field \"" + std::string(block.name) + "." + key + "\"");
+            if (f == nullptr) return Fail("unknown field \"" + std::string(block.name) + "." + Printable(key) + "\"");
             if (!ReadField(*f, std::string(block.name) + "." + key, value, rec + f->offset))
                 return false;
         }
@@ -270,7 +272,7 @@ bool EventType(Reader &r, const json &j, u8 *out) {
         for (const EventName &n : kEventNames)
             if (s == n.name) return *out = static_cast<u8>(n.type), true;
         if (s.empty() || !isdigit(static_cast<unsigned char>(s[0])))
-            return r.Fail("type: unknown event name \"" + s + "\"");
+            return r.Fail("type: unknown event name \"" + Printable(s) + "\"");
     }
     return Get(r, j, "type", 0, kU8, out);
 }
@@ -407,11 +409,11 @@ std::string ParseStreamLine(const std::string &text, StreamLine *out) {
                            : j.contains("op")                      ? "?"
                                                                    : "event";
     const OpSpec *spec = FindOp(op);
-    if (spec == nullptr) return "op: unknown operation \"" + op + "\"";
+    if (spec == nullptr) return "op: unknown operation \"" + Printable(op) + "\"";
     out->op = spec->op;
     for (const auto &item : j.items())
         if (!Takes(*spec, item.key()))
-            return "unknown field \"" + item.key() + "\" for op \"" + op + "\"";
+            return "unknown field \"" + Printable(item.key()) + "\" for op \"" + op + "\"";
     ReadOp(r, j, out);
     return r.error();
 }
