@@ -183,7 +183,7 @@ void PrintSummary(const Summary &s, bool as_json) {
         std::cout << JsonText(SummaryJson(s)) << std::endl;
         return;
     }
-    printf("applied %u line(s), skipped %u, refused by the library %u\n", s.lines, s.skipped,
+    printf("applied %u line(s), malformed %u, refused by the library %u\n", s.lines, s.skipped,
            s.failed);
     for (const auto &[name, n] : s.applied) printf("  %-20s %u\n", name.c_str(), n);
     for (int t = 0; t < PMDB_NUM_TYPES; t++)
