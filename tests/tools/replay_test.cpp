@@ -1,0 +1,179 @@
+// pmdbctl replay and gen as a user runs them: refused lines, a generated
+// card against the same card built by calling the library, and its teardown.
+#include <gtest/gtest.h>
+#include <unistd.h>
+
+#include <fstream>
+#include <nlohmann/json.hpp>
+#include <sstream>
+#include <string>
+#include <vector>
+
+#include "event_stream.h"
+#include "host/os_host.h"
+#include "pmdb.h"
+#include "pmdb_test.h"
+
+namespace {
+
+using json = nlohmann::json;
+using pmdb::test::ToolRun;
+
+ToolRun Pmdbctl(const std::vector<std::string> &args) {
+    return pmdb::test::RunTool(PMDBCTL_PATH, args);
+}
+
+class ReplayTest : public pmdb::test::PmdbTest {
+protected:
+    void TearDown() override {
+        for (const std::string &f : files_) unlink(f.c_str());
+        for (const std::string &ns : others_) vorn_host_remove_namespace(ns.c_str());
+        PmdbTest::TearDown();
+    }
+    // A file of the test holding `text`.
+    std::string File(const std::string &text) {
+        files_.push_back("/tmp/" + ns() + "_" + std::to_string(files_.size()) + ".jsonl");
+        std::ofstream(files_.back()) << text;
+        return files_.back();
+    }
+    // A namespace besides the test's, removed with it.
+    std::string OtherNs() {
+        others_.push_back(pmdb::test::UniqueNamespace());
+        return others_.back();
+    }
+
+private:
+    std::vector<std::string> files_, others_;
+};
+
+// Every table as `pmdbctl dump --json` prints it in namespace `ns` (a table
+// not made yet: its error line).
+json Tables(const std::string &ns, bool keep_stamps) {
+    json all;
+    for (const char *t : {"ifh", "punt", "oam"}) {
+        const ToolRun r = Pmdbctl({"--ns", ns, "dump", t, "--json"});
+        json j = r.status == 0 ? json::parse(r.out, nullptr, false) : json(r.err);
+        // The times of an entry's last change and of its out-of-resource
+        // state differ from one build to the next.
+        if (!keep_stamps && j.is_array())
+            for (json &e : j) {
+                e.erase("last_update");
+                if (e.contains("intf_info")) e["intf_info"].erase("oor_time");
+            }
+        all[t] = j;
+    }
+    return all;
+}
+
+// The stream line of a port's add event, `intf_extra` appended to its
+// interface block.
+std::string PortLine(u32 ifh, const std::string &intf_extra = "") {
+    return R"({"type":"intf_add","event_id":7,"node":1,"intf":{"ifh":")" + std::to_string(ifh) +
+           R"(","egress_lif":"0x12000","ingress_lif":"0x1200","sys_port":"0x120","node_id":1,)" +
+           R"("slot_id":1,"intf_type":1,"mac_addr":"02:00:00:00:12:00")" + intf_extra + "}}";
+}
+
+TEST_F(ReplayTest, RefusedLineIsNamedAndAppliesNothing) {
+    ASSERT_EQ(Pmdbctl({"replay", File(PortLine(0x1000) + "\n")}).status, 0);
+    const json before = Tables(ns(), true);
+    const std::string good = PortLine(0x2000);
+    struct Case {
+        const char *what;
+        std::string line;
+        const char *reason;
+    };
+    const Case cases[] = {
+        {"malformed", R"({"type":"intf_add",,"node":1})" "\n", "malformed JSON: "},
+        {"unknown field", PortLine(0x3000, R"(,"colour":1)") + "\n", "unknown field \"intf.colour\""},
+        {"out of range", PortLine(0x3000, R"(,"member_port_shift":4)") + "\n",
+         "intf.member_port_shift: 4 is out of range (largest 3)"},
+        {"unknown name", R"({"type":"intf_addd","node":1,"intf":{"ifh":"0x3000"}})" "\n",
+         "type: unknown event name \"intf_addd\""},
+        {"bad MAC", PortLine(0x3000, R"(,"node_mac":"02:00:00:00:12")") + "\n",
+         "intf.node_mac: not a MAC address"},
+        {"truncated", PortLine(0x3000).substr(0, 60), "malformed JSON: "},
+        {"name holding an end of line", R"({"type":"intf_add","co\nlour":1})" "\n",
+         "unknown field \"co\\x0alour\" for op \"event\""},
+    };
+    for (const Case &c : cases) {
+        SCOPED_TRACE(c.what);
+        // Line 1 blank: lines are counted as the file has them.
+        const std::string file = File("\n" + c.line);
+        const ToolRun r = Pmdbctl({"replay", file});
+        EXPECT_EQ(r.status, 1);
+        EXPECT_EQ(r.err.rfind(file + ":2: " + c.reason, 0), 0u) << r.err;
+        EXPECT_EQ(std::count(r.err.begin(), r.err.end(), '\n'), 1) << r.err;
+        EXPECT_EQ(Tables(ns(), true), before);
+    }
+    // --keep-going skips the refused line, counts it and applies the next.
+    const ToolRun r = Pmdbctl({"replay", "--keep-going", "--json",
+                               File(cases[1].line + good + "\n")});
+    ASSERT_EQ(r.status, 0) << r.err;
+    const json s = json::parse(r.out);
+    EXPECT_EQ(s["skipped"], 1);
+    EXPECT_EQ(s["applied"], 1);
+    EXPECT_EQ(s["tables"]["ifh"]["after"], before["ifh"].size() + 1);
+}
+
+// The entry point of a generated line, called from this process.
+void CallDirectly(pmdbctl::StreamLine &l) {
+    u32 bundle = 0, state = 0, changed = 0, slot = 0;
+    switch (l.op) {
+        case pmdbctl::StreamOp::kEvent:
+            return dpa_pmdb_oper(&l.event, l.node);
+        case pmdbctl::StreamOp::kOor:
+            EXPECT_EQ(dpa_pmdb_update_bundle_oor_state(l.ifh, l.state, l.reason, &bundle, &state,
+                                                       &changed, &slot),
+                      0);
+            return;
+        case pmdbctl::StreamOp::kInventoryAdd:
+            EXPECT_NE(pm_port_inv_entry_add(l.node_id, l.node_index, l.npu_index, l.high_scale),
+                      nullptr);
+            return;
+        case pmdbctl::StreamOp::kInventoryRemove:
+            EXPECT_EQ(pm_port_inv_entry_remove(l.node_id), 0);
+            return;
+        default:
+            ADD_FAILURE() << "gen wrote an operation this test does not call";
+    }
+}
+
+const std::vector<std::string> kCard = {"gen", "--seed", "7", "--nodes", "2", "--ports", "3",
+                                        "--subs", "2", "--bundles", "2", "--members", "2",
+                                        "--bundle-subs", "2", "--bvis", "2", "--churn", "9"};
+
+TEST_F(ReplayTest, GeneratedCardReplaysAsTheLibraryCalledDirectly) {
+    const ToolRun gen = Pmdbctl(kCard);
+    ASSERT_EQ(gen.status, 0) << gen.err;
+    EXPECT_EQ(Pmdbctl(kCard).out, gen.out);  // the same seed, the same stream
+    std::istringstream lines(gen.out);
+    for (std::string text; std::getline(lines, text);) {
+        pmdbctl::StreamLine l;
+        ASSERT_EQ(pmdbctl::ParseStreamLine(text, &l), "") << text;
+        CallDirectly(l);
+    }
+    const json direct = Tables(ns(), false);
+    ASSERT_GT(direct["punt"].size(), 20u);
+    const std::string file = File(gen.out);
+    for (const char *mode : {"--keep-going", "--batch"}) {
+        SCOPED_TRACE(mode);
+        const std::string other = OtherNs();
+        const ToolRun r = Pmdbctl({"--ns", other, "replay", mode, file});
+        ASSERT_EQ(r.status, 0) << r.err;
+        EXPECT_EQ(json::diff(direct, Tables(other, false)), json::array());
+    }
+}
+
+TEST_F(ReplayTest, TeardownLeavesNothing) {
+    std::vector<std::string> args = kCard;
+    args.push_back("--teardown");
+    const ToolRun gen = Pmdbctl(args);
+    ASSERT_EQ(gen.status, 0) << gen.err;
+    const ToolRun r = Pmdbctl({"replay", "--json", File(gen.out)});
+    ASSERT_EQ(r.status, 0) << r.err;
+    const json s = json::parse(r.out);
+    EXPECT_EQ(s["failed"], 0);
+    for (const char *t : {"ifh", "punt", "oam"}) EXPECT_EQ(s["tables"][t]["after"], 0) << t;
+}
+
+}  // namespace
