@@ -6,6 +6,7 @@
 #include <cstring>
 #include <sstream>
 
+#include "card.h"
 #include "host/settings.h"
 #include "pmdb_db_test.h"
 #include "pmdb_reader.h"
@@ -31,21 +32,13 @@ pmdb_intf_info_t Info(u32 n, bool egress_key) {
 }
 
 pmdb_event_t Event(u8 type, const pmdb_intf_info_t &in, u32 event_id) {
-    pmdb_event_t ev;
-    memset(&ev, 0, sizeof ev);
-    ev.event_type = type;
-    ev.valid_flags = PMDB_VF_INTF;
-    ev.event_id = event_id;
+    pmdb_event_t ev = card::BlankEvent(type, PMDB_VF_INTF, event_id);
     ev.intf_info = in;
     return ev;
 }
 
 pmdb_event_t PuntEvent(u8 type, u32 ifh, u32 event_id) {
-    pmdb_event_t ev;
-    memset(&ev, 0, sizeof ev);
-    ev.event_type = type;
-    ev.valid_flags = PMDB_VF_PUNT;
-    ev.event_id = event_id;
+    pmdb_event_t ev = card::BlankEvent(type, PMDB_VF_PUNT, event_id);
     ev.punt_info = {ifh, 1, 0, {0x51, 0x52, 0x53, 0x54, 0x55}};
     return ev;
 }

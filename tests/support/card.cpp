@@ -16,15 +16,6 @@ namespace {
 
 std::vector<AibCall> g_aib_calls;
 
-pmdb_event_t Event(u8 type, u8 flags, u32 event_id) {
-    pmdb_event_t ev;
-    memset(&ev, 0, sizeof ev);
-    ev.event_type = type;
-    ev.valid_flags = flags;
-    ev.event_id = event_id;
-    return ev;
-}
-
 template <typename E>
 E ReadOrFail(pmdb_type_t type, u32 key) {
     E e;
@@ -52,8 +43,17 @@ void ClearCallbacks() {
 
 }  // namespace
 
+pmdb_event_t BlankEvent(u8 type, u8 flags, u32 event_id) {
+    pmdb_event_t ev;
+    memset(&ev, 0, sizeof ev);
+    ev.event_type = type;
+    ev.valid_flags = flags;
+    ev.event_id = event_id;
+    return ev;
+}
+
 pmdb_event_t PortEvent(u8 type, u32 ifh, u32 node_id) {
-    pmdb_event_t ev = Event(type, PMDB_VF_INTF, 1000 + type);
+    pmdb_event_t ev = BlankEvent(type, PMDB_VF_INTF, 1000 + type);
     pmdb_intf_info_t &in = ev.intf_info;
     in.ifh = ifh;
     in.node_id = node_id;
@@ -72,7 +72,7 @@ pmdb_event_t PortEvent(u8 type, u32 ifh, u32 node_id) {
 
 pmdb_event_t MemberEvent(u8 type, u32 event_id, u32 ifh, u32 bundle_ifh, u16 member_port,
                          u8 member_port_shift) {
-    pmdb_event_t ev = Event(type, PMDB_VF_INTF, event_id);
+    pmdb_event_t ev = BlankEvent(type, PMDB_VF_INTF, event_id);
     ev.intf_info.ifh = ifh;
     ev.intf_info.bundle_ifh = bundle_ifh;
     ev.intf_info.member_port = member_port;
@@ -81,7 +81,7 @@ pmdb_event_t MemberEvent(u8 type, u32 event_id, u32 ifh, u32 bundle_ifh, u16 mem
 }
 
 pmdb_event_t PuntEvent(u8 type, u32 punt_ifh, std::array<u32, 5> words) {
-    pmdb_event_t ev = Event(type, PMDB_VF_PUNT, 2000 + type);
+    pmdb_event_t ev = BlankEvent(type, PMDB_VF_PUNT, 2000 + type);
     ev.punt_info.ifh = punt_ifh;
     ev.punt_info.intf_type = 1;
     for (size_t i = 0; i < words.size(); i++) ev.punt_info.punt_data[i] = words[i];
@@ -89,7 +89,7 @@ pmdb_event_t PuntEvent(u8 type, u32 punt_ifh, std::array<u32, 5> words) {
 }
 
 pmdb_event_t OamEvent(u8 type, u32 event_id, u32 key, u8 fill) {
-    pmdb_event_t ev = Event(type, PMDB_VF_OAM, event_id);
+    pmdb_event_t ev = BlankEvent(type, PMDB_VF_OAM, event_id);
     ev.oam.oam_key = key;
     memset(&ev.oam.oam_info, fill, sizeof ev.oam.oam_info);
     return ev;

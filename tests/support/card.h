@@ -35,6 +35,10 @@ using Bytes = std::vector<unsigned char>;
 
 /* ---- events -------------------------------------------------------------- */
 
+/* An all-zero event record with its type, valid_flags and event_id set:
+ * every builder below starts from it. */
+pmdb_event_t BlankEvent(u8 type, u8 valid_flags, u32 event_id);
+
 /* An event of `type` with the interface reading (valid_flags bit 0) of port
  * `ifh` on `node_id`, with distinctive LIFs, port and slot values; event_id
  * 1000 + type. */

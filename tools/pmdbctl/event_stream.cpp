@@ -116,12 +116,12 @@ const EventName kEventNames[] = {
     {PMDB_EV_BUNDLE_MAC, "bundle_mac"},
 };
 
-struct OpSpec {
+struct OpForm {
     StreamOp op;
     const char *name;
     std::vector<const char *> fields;  // the top-level fields it takes
 };
-const OpSpec kOps[] = {
+const OpForm kOps[] = {
     {StreamOp::kEvent, "event",
      {"op", "type", "valid_flags", "event_id", "node", "intf", "punt", "oam"}},
     {StreamOp::kOamEvent, "oam_event", {"op", "type", "valid_flags", "event_id", "oam"}},
@@ -236,20 +236,20 @@ private:
     }
 };
 
-const OpSpec *FindOp(const std::string &name) {
-    for (const OpSpec &o : kOps)
+const OpForm *FindOp(const std::string &name) {
+    for (const OpForm &o : kOps)
         if (name == o.name) return &o;
     return nullptr;
 }
 
-const OpSpec &SpecOf(StreamOp op) {
-    for (const OpSpec &o : kOps)
+const OpForm &FormOf(StreamOp op) {
+    for (const OpForm &o : kOps)
         if (o.op == op) return o;
     return kOps[0];
 }
 
-bool Takes(const OpSpec &spec, const std::string &field) {
-    return std::any_of(spec.fields.begin(), spec.fields.end(),
+bool Takes(const OpForm &form, const std::string &field) {
+    return std::any_of(form.fields.begin(), form.fields.end(),
                        [&](const char *f) { return field == f; });
 }
 
@@ -393,7 +393,7 @@ const char *EventTypeName(unsigned type) {
     return "";
 }
 
-const char *StreamOpName(StreamOp op) { return SpecOf(op).name; }
+const char *StreamOpName(StreamOp op) { return FormOf(op).name; }
 
 std::string ParseStreamLine(const std::string &text, StreamLine *out) {
     json j;
@@ -408,11 +408,11 @@ std::string ParseStreamLine(const std::string &text, StreamLine *out) {
     const std::string op = j.contains("op") && j["op"].is_string() ? j["op"].get<std::string>()
                            : j.contains("op")                      ? "?"
                                                                    : "event";
-    const OpSpec *spec = FindOp(op);
-    if (spec == nullptr) return "op: unknown operation \"" + Printable(op) + "\"";
-    out->op = spec->op;
+    const OpForm *form = FindOp(op);
+    if (form == nullptr) return "op: unknown operation \"" + Printable(op) + "\"";
+    out->op = form->op;
     for (const auto &item : j.items())
-        if (!Takes(*spec, item.key()))
+        if (!Takes(*form, item.key()))
             return "unknown field \"" + Printable(item.key()) + "\" for op \"" + op + "\"";
     ReadOp(r, j, out);
     return r.error();
