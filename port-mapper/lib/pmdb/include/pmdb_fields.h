@@ -49,6 +49,12 @@ inline u32 key_hash(u32 key) { return key & 0xFFFFu; }
 /* Whether an event carries the body or marker `flag` (PMDB_VF_*). */
 inline bool has_flag(const pmdb_event_t *ev, u32 flag) { return (ev->valid_flags & flag) != 0; }
 
+/* Egress keying of an interface block: 1 when its punt keys are built from
+ * the egress LIF, else 0 (the form the punt and extension key rules take). */
+inline u32 egress_key(const pmdb_intf_info_t *in) {
+    return (in->intf_flags & PMDB_INTF_EGRESS_KEY) != 0 ? 1u : 0u;
+}
+
 /* Sets or clears `bit` of an 8-bit flag word. */
 inline void set_flag(u8 *flags, u8 bit, bool on) {
     *flags = static_cast<u8>(on ? (*flags | bit) : (*flags & ~bit));

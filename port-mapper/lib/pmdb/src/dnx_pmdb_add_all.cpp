@@ -347,7 +347,7 @@ cerrno dpa_pmdb_add_all_entries(u32 ifh, pmdb_event_t *event, u32 is_bundle, i32
     add_ctx c = {};
     c.ifh = ifh;
     c.ev = event;
-    c.e = (event->intf_info.intf_flags & PMDB_INTF_EGRESS_KEY) != 0 ? 1u : 0u;
+    c.e = pmdb_fields::egress_key(&event->intf_info);
     const cerrno rc = dpa_pmdb_add_ifh_entry(ifh, event, &c.slot, &c.p, &c.punt, &c.q,
                                              static_cast<u16>(node));
     if (rc != PMDB_OK) {

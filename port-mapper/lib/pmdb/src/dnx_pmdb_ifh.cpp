@@ -69,7 +69,7 @@ u16 node_bit(u16 node) {
 /* The entry's previous keys, before this event changes them. */
 void fill_prev(const pmdb_ifh_entry_t *e, dpa_pmdb_ifh_summary_t *prev) {
     const pmdb_intf_info_t *in = &e->intf_info;
-    set_flag(&prev->sum_flags, PMDB_SUM_EGRESS_KEY, (in->intf_flags & PMDB_INTF_EGRESS_KEY) != 0);
+    set_flag(&prev->sum_flags, PMDB_SUM_EGRESS_KEY, pmdb_fields::egress_key(in) != 0);
     prev->egress_lif = in->egress_lif;
     prev->ingress_lif = in->ingress_lif;
     prev->slot_id = in->slot_id;

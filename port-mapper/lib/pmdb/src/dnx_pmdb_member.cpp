@@ -124,7 +124,7 @@ bool count_member(pmdb_ifh_entry_t *b, bool count_in) {
  * later steps, and its punt block when it holds one. */
 void report_bundle(u32 bundle_ifh, const pmdb_ifh_entry_t *b, dpa_pmdb_ifh_summary_t *s,
                    pmdb_punt_info_t *punt_info) {
-    const bool egress_key = (b->intf_info.intf_flags & PMDB_INTF_EGRESS_KEY) != 0;
+    const bool egress_key = pmdb_fields::egress_key(&b->intf_info) != 0;
     s->bundle_egress_lif = b->intf_info.egress_lif;
     s->bundle_ingress_lif = b->intf_info.ingress_lif;
     set_flag(&s->sum_flags, PMDB_SUM_EGRESS_KEY, egress_key);

@@ -58,10 +58,6 @@ bool sub_valid(const pmdb_event_t *ev) {
     return (ev->intf_info.sub_flags & PMDB_SUB_VALID) != 0;
 }
 
-u32 egress_key_of(const pmdb_intf_info_t *in) {
-    return (in->intf_flags & PMDB_INTF_EGRESS_KEY) != 0 ? 1u : 0u;
-}
-
 /* Handle of a punt-information event: the punt image's with bit 1, else
  * `intf_handle` with bit 0, else 0. */
 u32 punt_event_handle(const pmdb_event_t *ev, u32 intf_handle) {
@@ -172,7 +168,7 @@ void refresh_punt_words(pmdb_event_t *ev, u32 handle) {
     u32 *keys = zeroed_words(kRefreshKeys);
     if (keys == nullptr) return;
     (void)dpa_pmdb_get_port_punt_entries(handle, keys, kRefreshKeys);
-    const u32 e = egress_key_of(&ev->intf_info);
+    const u32 e = pmdb_fields::egress_key(&ev->intf_info);
     for (u32 i = 0; i < kRefreshKeys; i++) {
         if (keys[i] == 0) continue;
         u8 buf[kLookupBuf] = {};
@@ -238,7 +234,7 @@ void remove_from_node(const pmdb_event_t *ev, u32 node) {
         return;
     }
     dpa_pmdb_remove_intf_oam_entry(in->sub_ifh);
-    (void)dpa_pmdb_remove_punt_entry(main_punt_key(egress_key_of(in), in));
+    (void)dpa_pmdb_remove_punt_entry(main_punt_key(pmdb_fields::egress_key(in), in));
     dpa_pmdb_ifh_summary_t gone = {};
     (void)dpa_pmdb_remove_ifh_entry(in->sub_ifh, &gone, ev->event_id);
 }
@@ -288,7 +284,7 @@ void remove_old_member_keys(const pmdb_event_t *ev, u8 count) {
     u32 *keys = zeroed_words(capacity);
     if (keys == nullptr) return;
     (void)dpa_pmdb_get_bundle_punt_entries(bundle_ifh, keys, capacity);
-    const u32 e = egress_key_of(&ev->intf_info);
+    const u32 e = pmdb_fields::egress_key(&ev->intf_info);
     for (u32 i = 0; i < capacity; i++) {
         const u32 key = keys[i];
         if ((key & kPortFieldMask) == 0 || !pmdb_fields::is_member_punt_key(key)) continue;
@@ -302,7 +298,7 @@ void remove_old_member_keys(const pmdb_event_t *ev, u8 count) {
 /* The re-keyed bundle-member key of one member: the event's LIFs and
  * egress keying; the member's system port when the event has no LIF. */
 u32 rekeyed_member_key(const pmdb_intf_info_t *ev_in, const pmdb_intf_info_t *member) {
-    const u32 e = egress_key_of(ev_in);
+    const u32 e = pmdb_fields::egress_key(ev_in);
     const u32 low = e != 0 ? (ev_in->egress_lif & kPortFieldMask) : ev_in->ingress_lif;
     u32 ext = 0;
     if ((ev_in->egress_lif & kPortFieldMask) == 0 && ev_in->ingress_lif == 0) {
@@ -355,7 +351,7 @@ void rekey_bundle(const pmdb_event_t *ev, u8 count) {
 void bundle_path(pmdb_event_t *ev, const selection *s) {
     const pmdb_intf_info_t *in = &ev->intf_info;
     const u8 count = member_count(in->bundle_ifh);
-    PMDB_TRACE(tp::bundle_path_begin, in->bundle_ifh, count, egress_key_of(in));
+    PMDB_TRACE(tp::bundle_path_begin, in->bundle_ifh, count, pmdb_fields::egress_key(in));
     if (count == 0) return;
     if (s->mac)
         change_bundle_mac(ev, count);
