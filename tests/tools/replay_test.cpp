@@ -1,6 +1,9 @@
-// pmdbctl replay and gen as a user runs them: refused lines, a generated
-// card against the same card built by calling the library, and its teardown.
+// pmdbctl replay, gen, graph and check as a user runs them: refused lines, a
+// generated card against the same card built by calling the library, its
+// teardown, its drawing, and the check of it damaged the way faults do.
 #include <gtest/gtest.h>
+#include <signal.h>
+#include <stdlib.h>
 #include <unistd.h>
 
 #include <fstream>
@@ -12,6 +15,7 @@
 #include "event_stream.h"
 #include "host/os_host.h"
 #include "pmdb.h"
+#include "pmdb_db_test.h"
 #include "pmdb_test.h"
 
 namespace {
@@ -175,5 +179,138 @@ TEST_F(ReplayTest, TeardownLeavesNothing) {
     EXPECT_EQ(s["failed"], 0);
     for (const char *t : {"ifh", "punt", "oam"}) EXPECT_EQ(s["tables"][t]["after"], 0) << t;
 }
+
+// A small card: ports 0x11000 0x11001 0x21000 0x21001, each with one
+// sub-interface (0xn2001, 0xn2011); bundle 0xb00100 with two members and
+// sub-interface 0xb00101; BVI 0xe00001 on node 1.
+const std::vector<std::string> kSmallCard = {"gen", "--nodes", "2", "--ports", "2", "--members",
+                                             "2", "--bundle-subs", "1", "--bvis", "1"};
+
+class CardToolTest : public ReplayTest {
+protected:
+    void SetUp() override {
+        ReplayTest::SetUp();
+        const ToolRun gen = Pmdbctl(kSmallCard);
+        ASSERT_EQ(gen.status, 0) << gen.err;
+        const ToolRun r = Pmdbctl({"replay", File(gen.out)});
+        ASSERT_EQ(r.status, 0) << r.err;
+    }
+};
+
+// The lines of `text` that start with `name` and contain `says`.
+size_t LinesSaying(const std::string &text, const std::string &name, const std::string &says) {
+    std::istringstream in(text);
+    size_t n = 0;
+    for (std::string line; std::getline(in, line);)
+        n += line.rfind(name, 0) == 0 && line.find(says) != std::string::npos;
+    return n;
+}
+
+TEST_F(CardToolTest, GraphNamesTheCardsInterfacesAndRendersToSvg) {
+    const ToolRun dot = Pmdbctl({"graph"});
+    ASSERT_EQ(dot.status, 0) << dot.err;
+    const json members = json::parse(Pmdbctl({"show", "0xb00100", "--json"}).out)["members"];
+    ASSERT_EQ(members.size(), 2u);
+    std::vector<std::string> want = {
+        R"(subgraph "cluster_node_1")",
+        R"(subgraph "cluster_node_2")",
+        R"("0x00021001" [shape=box, fillcolor="white", label="port 0x00021001\npunt 3  oam 0"])",
+        R"("0x00e00001" [shape=diamond)",
+        R"(label="bundle 0x00b00100\nmembers 2  subs 1\npunt 1  oam 1")",
+        R"("0x00011000" -> "0x00012001")",
+        R"("0x00021001" -> "0x00022011")",
+        R"("0x00b00100" -> "0x00b00101")",
+    };
+    for (const json &m : members) want.push_back("\"" + m.get<std::string>() + "\" -> \"0x00b00100\"");
+    for (const std::string &w : want) EXPECT_NE(dot.out.find(w), std::string::npos) << w << "\n" << dot.out;
+
+    const std::string svg = File("");
+    if (system("command -v dot >/dev/null") == 0) {  // graphviz is installed
+        const ToolRun r = Pmdbctl({"graph", "--svg", svg});
+        ASSERT_EQ(r.status, 0) << r.err;
+        EXPECT_EQ(r.out, "");
+        std::ifstream in(svg);
+        const std::string text((std::istreambuf_iterator<char>(in)), std::istreambuf_iterator<char>());
+        EXPECT_NE(text.find("<svg"), std::string::npos);
+        EXPECT_NE(text.find("bundle 0x00b00100"), std::string::npos);
+    }
+    // Without dot: one line, and a non-zero exit.
+    const std::string path = getenv("PATH");
+    setenv("PATH", "/nonexistent", 1);
+    const ToolRun none = Pmdbctl({"graph", "--svg", svg});
+    setenv("PATH", path.c_str(), 1);
+    EXPECT_EQ(none.status, 1);
+    EXPECT_EQ(none.err.rfind("pmdbctl: cannot run dot", 0), 0u) << none.err;
+    EXPECT_EQ(std::count(none.err.begin(), none.err.end(), '\n'), 1) << none.err;
+}
+
+struct Damage {
+    const char *what;
+    std::function<void()> apply;
+    const char *kind;  // of the JSON item
+    std::string name, says;  // its text lines
+    size_t lines = 1;
+};
+
+void PrintTo(const Damage &d, std::ostream *os) { *os << d.what; }
+
+void Change(u32 key, const std::function<void(pmdb_ifh_entry_t &)> &change) {
+    ASSERT_EQ(pmdb::test::WriteEntry(PMDB_TYPE_IFH, key,
+                                     [&](void *e) { change(*static_cast<pmdb_ifh_entry_t *>(e)); }),
+              0u);
+}
+
+// The lock of IFH entry `key` taken by a process killed while it holds it.
+void KillHolderOf(u32 key) {
+    dnx_db_hdl_t *hdl = nullptr;
+    ASSERT_EQ(dpa_chk_shrd_ctx_open(nullptr, &hdl, PMDB_TYPE_IFH), 0u);
+    pellin_mutex_type *lock = &hdl->shrd_ctx->entry_lock[pmdb::test::SlotOf(PMDB_TYPE_IFH, key)];
+    auto child = pmdb::test::StartHeldChild([lock] { pmdb_entry_lock(lock); });
+    ASSERT_TRUE(child->WaitReady());
+    child->Kill(SIGKILL);
+    ASSERT_TRUE(child->Wait().KilledBy(SIGKILL));
+}
+
+const Damage kDamages[] = {
+    {"bundle member count", [] { Change(0xb00100, [](auto &e) { e.member_count = 3; }); },
+     "bundle", "bundle 0xb00100", "member_count 3 (members 2)"},
+    {"bundle out-of-resource counter",
+     [] { Change(0xb00100, [](auto &e) { e.intf_info.oor_members_2 = 1; }); }, "bundle",
+     "bundle 0xb00100", "oor_members_2 1 (0)"},
+    {"sub-interface count", [] { Change(0x11000, [](auto &e) { e.sub_intf_count = 2; }); },
+     "sub_intf_count", "ifh 0x00011000",
+     "sub_intf_count 2, but 1 sub-interface(s) name it: 0x00012001"},
+    {"PUNT entry of a lost interface",
+     [] { ASSERT_EQ(pmdb::test::RemoveEntry(PMDB_TYPE_IFH, 0xe00001), 0u); }, "orphan", "punt 0x",
+     "belongs to 0x00e00001, which has no IFH entry", 3},
+    {"OAM entry of a lost bundle",
+     [] { ASSERT_EQ(pmdb::test::RemoveEntry(PMDB_TYPE_IFH, 0xb00100), 0u); }, "orphan", "oam 0x",
+     "belongs to 0x00b00100, which has no IFH entry"},
+    {"lock left by a killed writer", [] { KillHolderOf(0x11001); }, "entry_lock",
+     "dnx_pmdb_ifh_shrd slot ", "(ifh 0x00011001) left by a dead owner"},
+};
+
+class CheckDamage : public CardToolTest, public ::testing::WithParamInterface<Damage> {};
+
+TEST_P(CheckDamage, CheckNamesTheDamageOnOneLine) {
+    ASSERT_EQ(Pmdbctl({"check"}).status, 0) << Pmdbctl({"check"}).out;  // the card is sound
+    const Damage &d = GetParam();
+    d.apply();
+    const ToolRun r = Pmdbctl({"check"});
+    EXPECT_EQ(r.status, 1);
+    EXPECT_EQ(LinesSaying(r.out, d.name, d.says), d.lines) << r.out;
+    const ToolRun j = Pmdbctl({"check", "--json"});
+    EXPECT_EQ(j.status, 1);
+    size_t found = 0;
+    for (const json &item : json::parse(j.out))
+        found += item["kind"] == d.kind && !item["ok"].get<bool>();
+    EXPECT_GE(found, 1u) << j.out;
+}
+
+INSTANTIATE_TEST_SUITE_P(Rows, CheckDamage, ::testing::ValuesIn(kDamages), [](const auto &info) {
+    std::string n = info.param.what;
+    for (char &c : n) c = isalnum(static_cast<unsigned char>(c)) ? c : '_';
+    return n;
+});
 
 }  // namespace

@@ -68,9 +68,10 @@ int Keep(void *ctx, u32 key, const void *entry) {
 }
 
 template <class Entry>
-cerrno Walk(pmdb_type_t type, std::vector<Entry> *out, bool *busy) {
+cerrno Walk(pmdb_type_t type, std::vector<Entry> *out, CardView *card) {
     const cerrno rc = dpa_pmdb_walk(type, Keep<Entry>, out);
-    if (rc == PMDB_EBUSY) *busy = true;
+    if (rc == PMDB_EBUSY) card->busy = true;
+    if (rc != PMDB_ENOTFOUND) card->tables++;
     return rc == PMDB_ENOTFOUND || rc == PMDB_EBUSY ? PMDB_OK : rc;
 }
 
@@ -78,9 +79,9 @@ cerrno Walk(pmdb_type_t type, std::vector<Entry> *out, bool *busy) {
 
 cerrno ReadCard(CardView *card) {
     std::vector<pmdb_ifh_entry_t> ifh;
-    cerrno rc = Walk(PMDB_TYPE_IFH, &ifh, &card->busy);
-    if (rc == PMDB_OK) rc = Walk(PMDB_TYPE_PUNT, &card->punt, &card->busy);
-    if (rc == PMDB_OK) rc = Walk(PMDB_TYPE_OAM, &card->oam, &card->busy);
+    cerrno rc = Walk(PMDB_TYPE_IFH, &ifh, card);
+    if (rc == PMDB_OK) rc = Walk(PMDB_TYPE_PUNT, &card->punt, card);
+    if (rc == PMDB_OK) rc = Walk(PMDB_TYPE_OAM, &card->oam, card);
     for (const pmdb_ifh_entry_t &e : ifh) card->ifh[e.key] = e;
     return rc;
 }

@@ -39,6 +39,7 @@ struct CardView {
     std::vector<pmdb_punt_entry_t> punt;
     std::vector<pmdb_oam_entry_t> oam;
     bool busy = false;  // some entries stayed locked by a writer and are missing
+    unsigned tables = 0;  // of the three, those that exist
     // Entries of each table that belong to each interface.
     std::map<u32, unsigned> PuntCounts() const;
     std::map<u32, unsigned> OamCounts() const;

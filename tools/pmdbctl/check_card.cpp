@@ -118,7 +118,8 @@ void Orphans(const CardView &card, std::vector<Finding> *out) {
     }
 }
 
-// The findings of one reading; false when the tables could not be read.
+// The findings of one reading; false when the tables could not be read or
+// none of them exists.
 bool Findings(std::vector<Finding> *out, CheckReport &report) {
     CardView card;
     const cerrno rc = ReadCard(&card);
@@ -126,6 +127,7 @@ bool Findings(std::vector<Finding> *out, CheckReport &report) {
         report.Problem("card", "card invariants", "the tables cannot be read: status " + Hex(rc, 0));
         return false;
     }
+    if (card.tables == 0) return false;
     if (card.busy)
         out->push_back({"card", "card invariants",
                         "some entries stayed locked by a writer and were not looked at", {}});
