@@ -229,6 +229,8 @@ TEST_F(CardWriterTest, WriterWaitingOnAKilledHolderRecoversTheLock) {
 TEST(DemoTest, RunsUnattendedShowsTheCardAndLeavesNothingBehind) {
     const auto start = std::chrono::steady_clock::now();
     ASSERT_EQ(setenv("PMDB_BUILD_DIR", DEMO_BUILD_DIR, 1), 0);
+    const std::string svg = std::string(DEMO_BUILD_DIR) + "/demo-card.svg";
+    std::filesystem::remove(svg);  // the demo draws it anew
     const ToolRun r = RunTool("/bin/bash", {DEMO_SCRIPT});
     const auto took = std::chrono::steady_clock::now() - start;
     ASSERT_EQ(r.status, 0) << r.out << r.err;
@@ -236,7 +238,6 @@ TEST(DemoTest, RunsUnattendedShowsTheCardAndLeavesNothingBehind) {
 
     const std::string &out = r.out;
     // The generated card replayed, looked at, drawn, checked and taken apart.
-    const std::string svg = std::string(DEMO_BUILD_DIR) + "/demo-card.svg";
     for (const std::string &line : std::vector<std::string>
          {"applied 134 line(s), malformed 0, refused by the library 0\n",
           "  table ifh   0 -> 110 entries\n", "  member_count                    4\n",
