@@ -107,11 +107,11 @@ holder=$!
 # Disowned: the shell then never prints its own "Killed" line for it.
 disown "$holder"
 for _ in $(seq 100); do
-    grep -q 'holds the entry lock' "$work/hold" && break
+    grep -qs 'holds the entry lock' "$work/hold" && break  # -s: the file may not be made yet
     sleep 0.1
 done
 cat "$work/hold"
-grep -q 'holds the entry lock' "$work/hold" || { echo "demo: the holder never took the lock" >&2; exit 1; }
+grep -qs 'holds the entry lock' "$work/hold" || { echo "demo: the holder never took the lock" >&2; exit 1; }
 "$PMDBCTL" regions | grep -A 3 '^ifh'
 
 say "kill -9 $holder"
