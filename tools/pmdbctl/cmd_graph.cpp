@@ -17,8 +17,8 @@
 // rendered by the `dot` program found in PATH into FILE, and stdout stays
 // empty: dot gets the DOT in a file of its own (so that no pipe can stall
 // either side) and is waited for at most --timeout-ms (default 20000), then
-// killed.  A missing dot, its failure or its timeout is one line on stderr
-// and exit status 1.
+// killed.  A namespace without the card's tables, a missing dot, its failure
+// or its timeout is one line on stderr and exit status 1.
 #ifdef PMDBCTL_HAVE_PMDB_READER
 
 #include <fcntl.h>
@@ -223,6 +223,7 @@ int Graph(const GraphOptions &o) {
     CardView card;
     const cerrno rc = ReadCard(&card);
     if (rc != PMDB_OK) return Fail("reading the tables failed with status " + Hex(rc, 0));
+    if (card.tables == 0) return Fail("no table of the card in this namespace");
     if (card.busy) std::cerr << "pmdbctl: some entries stayed locked by a writer and are not drawn\n";
     const std::string dot = DotWriter(card).Text();
     if (o.svg.empty()) {
