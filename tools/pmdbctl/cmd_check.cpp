@@ -159,33 +159,38 @@ std::map<u32, u32> SlotKeys(const char *table) {
     return keys;
 }
 
-// "dnx_pmdb_ifh_shrd slot 5 (ifh 0x00001002)": the lock and the entry it
-// guards, when the slot holds one.
-std::string LockName(size_t type, const std::string &region, u32 slot) {
-    std::string name = region + " slot " + std::to_string(slot);
-    const std::map<u32, u32> keys = SlotKeys(pmdb_fields::kTableName[type]);
-    const auto k = keys.find(slot);
-    if (k != keys.end()) name += std::string(" (") + kRegions[type].type + " " + Hex(k->second) + ")";
-    return name;
-}
+// Names locks as "dnx_pmdb_ifh_shrd slot 5 (ifh 0x00001002)": the lock and
+// the entry it guards, when its slot holds one.  Each table is walked once,
+// the first time one of its locks is named.
+class LockNamer {
+public:
+    std::string operator()(const std::string &region, u32 slot) {
+        size_t t = 0;
+        while (t + 1 < std::size(kRegions) && region != kRegions[t].object) t++;
+        if (!walked_[t]) keys_[t] = SlotKeys(pmdb_fields::kTableName[t]);
+        walked_[t] = true;
+        std::string name = region + " slot " + std::to_string(slot);
+        const auto k = keys_[t].find(slot);
+        if (k == keys_[t].end()) return name;
+        return name + " (" + kRegions[t].type + " " + Hex(k->second) + ")";
+    }
 
-size_t TypeOf(const std::string &region) {
-    size_t t = 0;
-    while (t + 1 < std::size(kRegions) && region != kRegions[t].object) t++;
-    return t;
-}
+private:
+    std::map<u32, u32> keys_[std::size(kRegions)];
+    bool walked_[std::size(kRegions)] = {};
+};
 
-void ReportHeld(const HeldLock &h, CheckReport &report) {
+void ReportHeld(const HeldLock &h, LockNamer &name, CheckReport &report) {
     const std::string who = HolderText(h.tid, h.thread);
-    report.Problem("entry_lock", LockName(TypeOf(h.region), h.region, h.slot),
+    report.Problem("entry_lock", name(h.region, h.slot),
                    h.thread.alive ? "held by " + who + " at every sample over " +
                                         std::to_string(h.held_ms) + " ms"
                                   : "names " + who + ": its writers wait for ever",
                    LockDetails(h));
 }
 
-void ReportLeft(const LeftLock &l, CheckReport &report) {
-    report.Problem("entry_lock", LockName(TypeOf(l.region), l.region, l.slot),
+void ReportLeft(const LeftLock &l, LockNamer &name, CheckReport &report) {
+    report.Problem("entry_lock", name(l.region, l.slot),
                    l.not_recoverable
                        ? "not recoverable: a holder let it go without making it consistent, "
                          "its entry can no longer be changed"
@@ -212,9 +217,10 @@ void CheckEntryLocks(const CheckOptions &o, CheckReport &report) {
         const WaitingFor waiting(std::to_string(live) + " held entry lock(s) to be let go");
         WatchLocks(held, std::chrono::milliseconds(o.wait_ms));
     }
+    LockNamer name;
     for (const HeldLock &h : held)
-        if (h.still_held) ReportHeld(h, report);
-    for (const LeftLock &l : left) ReportLeft(l, report);
+        if (h.still_held) ReportHeld(h, name, report);
+    for (const LeftLock &l : left) ReportLeft(l, name, report);
 }
 
 // Independent of each other; each adds its own items.
