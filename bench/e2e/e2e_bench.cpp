@@ -1,7 +1,11 @@
 // e2e_bench: the library end to end, side by side with LMDB and a raw limit,
 // in one run.
 //
-//   e2e_bench [--rounds N] [--changes N]
+//   e2e_bench [--rounds N] [--changes N] [--only card|scale]
+//
+// E2E_RATIOS_FILE, when set, also gets the table of ratios.
+// --only runs one part (for a profile: `perf record -g e2e_bench --only
+// scale`); the ratios then print only what was measured.
 //
 // 1. A generated card (a `pmdbctl gen` stream of about 4,000 interfaces) is
 //    applied through the exported entry points: bring-up, churn (flaps of
@@ -42,8 +46,10 @@
 #include <unistd.h>
 
 #include <algorithm>
+#include <cmath>
 #include <array>
 #include <dlfcn.h>
+#include <memory>
 #include <random>
 #include <string>
 #include <unordered_map>
@@ -259,13 +265,20 @@ struct PhaseFig {
     double total_ns = 0, p50_ns = 0, p99_ns = 0;
     unsigned count = 0;
 };
+/* Time by what a line calls: event type 0..31, or 32 + the operation. */
+constexpr int kKinds = 40;
+int kind_of(const StreamLine &l) {
+    return l.op == StreamOp::kEvent ? l.event.event_type % 32 : 32 + static_cast<int>(l.op);
+}
 struct CardFig {
     PhaseFig phase[kPhases];
+    double kind_ns[kPhases][kKinds];
+    unsigned kind_n[kPhases][kKinds];
 };
 
 CardFig run_card(Stream s, bool batched) {
     open_tables(PMDB_NUM_TYPES);
-    CardFig f;
+    CardFig f{};
     size_t at = 0;
     for (int p = 0; p < kPhases; p++) {
         std::vector<double> each;
@@ -276,6 +289,8 @@ CardFig run_card(Stream s, bool batched) {
                 const double e0 = now_ns();
                 apply(s.lines[at]);
                 each.push_back(now_ns() - e0);
+                f.kind_ns[p][kind_of(s.lines[at])] += each.back();
+                f.kind_n[p][kind_of(s.lines[at])]++;
             }
         }
         f.phase[p] = {now_ns() - t0, quantile(each, 0.5), quantile(each, 0.99),
@@ -464,7 +479,7 @@ CardFig replay_changes(const Recording &r, Make make) {
 /* ---- scaling: node-list changes, lookups ------------------------------- */
 
 struct ScaleFig {
-    double strict_ns, mprotect_ns, batched_ns, lookup_ns, lookup_churn_ns;
+    double strict_ns, mprotect_ns, mprotect_write_ns, batched_ns, lookup_ns, lookup_churn_ns;
 };
 struct LmdbScaleFig {
     double wm_ns, ro_ns, raw_ns, read_ns, read_churn_ns;
@@ -538,23 +553,29 @@ ScaleFig run_scale(u32 n, size_t changes) {
     const std::vector<u32> keys = random_keys(n, changes, n);
     size_t len = 0;
     u8 *ref = reference_mapping(vorn_host_namespace(), n, &len);
-    std::vector<double> strict, pair;
+    /* Each change is followed by the pair on the reference page of its
+     * entry, and every other one also writes the entry's first byte there
+     * in between, as the change writes its entry. */
+    std::vector<double> strict, pair, pair_write;
     u32 id = 1;
     for (const u32 key : keys) {
         const double t0 = now_ns();
         if (dpa_pmdb_update_ifh_entry_nodelist(key, id & 1, id, 1 + id % 4, nullptr) != 0)
             die("node-list change failed");
         const double t1 = now_ns();
-        u8 *page = ref + (size_t{key - kKeyBase} * PMDB_IFH_ENTRY_SIZE) / 4096 * 4096;
+        u8 *at = ref + size_t{key - kKeyBase} * PMDB_IFH_ENTRY_SIZE;
+        u8 *page = at - reinterpret_cast<uintptr_t>(at) % 4096;
         mprotect(page, 4096, PROT_READ | PROT_WRITE);
+        if (id % 2 == 0) *at = static_cast<u8>(id);
         mprotect(page, 4096, PROT_READ);
-        pair.push_back(now_ns() - t1);
+        (id % 2 == 0 ? pair_write : pair).push_back(now_ns() - t1);
         strict.push_back(t1 - t0);
         id++;
     }
     munmap(ref, len);
     f.strict_ns = median(strict);
     f.mprotect_ns = median(pair);
+    f.mprotect_write_ns = median(pair_write);
     {
         WriteAccess hold(1);
         std::vector<double> each;
@@ -697,6 +718,19 @@ void print_card(const std::vector<Round> &rs, const Recording &rec) {
         }
     }
     printf("(p50/p99: per event for pmdb, per entry change for lmdb and raw)\n");
+    printf("\nWhere batched time goes (median us per call and share of the phase):\n");
+    for (int p = 0; p < kPhases; p++) {
+        const double total = med(rs, [&](const Round &r) { return r.batched.phase[p].total_ns; });
+        for (int k = 0; k < kKinds; k++) {
+            const unsigned n = rs[0].batched.kind_n[p][k];
+            if (n == 0) continue;
+            const double ns = med(rs, [&](const Round &r) { return r.batched.kind_ns[p][k]; });
+            const char *name = k < 32 ? pmdbctl::EventTypeName(static_cast<unsigned>(k))
+                                      : pmdbctl::StreamOpName(static_cast<StreamOp>(k - 32));
+            printf("  %-9s %-18s %6u calls %9.2f us %5.1f %%\n", kPhaseNames[p], name, n,
+                   ns / n / 1e3, 100 * ns / total);
+        }
+    }
 }
 
 void print_scale(const std::vector<Round> &rs) {
@@ -708,6 +742,7 @@ void print_scale(const std::vector<Round> &rs) {
     } rows[] = {
         {"strict node-list change", [](const Round &r, int i) { return r.scale[i].strict_ns; }},
         {"RO/RW mprotect pair, one entry page", [](const Round &r, int i) { return r.scale[i].mprotect_ns; }},
+        {"the pair with a write to the page between", [](const Round &r, int i) { return r.scale[i].mprotect_write_ns; }},
         {"node-list change, write access held", [](const Round &r, int i) { return r.scale[i].batched_ns; }},
         {"lmdb write txn, writable map", [](const Round &r, int i) { return r.lscale[i].wm_ns; }},
         {"lmdb write txn, default map", [](const Round &r, int i) { return r.lscale[i].ro_ns; }},
@@ -722,7 +757,7 @@ void print_scale(const std::vector<Round> &rs) {
                med(rs, [&](const Round &r) { return row.get(r, 1); }) / 1e3);
 }
 
-void print_ratios(const std::vector<Round> &rs) {
+void print_ratios(FILE *out, const std::vector<Round> &rs) {
     auto phase_ratio = [&](int p) {
         return med(rs, [p](const Round &r) { return r.lmdb_wm.phase[p].total_ns / r.batched.phase[p].total_ns; });
     };
@@ -752,14 +787,15 @@ void print_ratios(const std::vector<Round> &rs) {
         {"raw limit / pmdb batched, bring-up, per change",
          med(rs, [](const Round &r) { return r.raw.phase[0].total_ns / r.batched.phase[0].total_ns; }), "-", true},
     };
-    printf("\nRatios (median of %zu per-round ratios, both sides measured in the same round):\n", rs.size());
-    printf("%-58s %9s %8s %6s\n", "figure", "ratio", "goal", "met");
+    fprintf(out, "\nRatios (median of %zu per-round ratios, both sides measured in the same round):\n", rs.size());
+    fprintf(out, "%-58s %9s %8s %6s\n", "figure", "ratio", "goal", "met");
     for (const auto &row : rows) {
         const char *g = row.goal;
+        if (!std::isfinite(row.value) || row.value == 0) continue;  // not measured (--only)
         const bool met = g[0] == '-' ? true
                          : g[0] == '>' ? row.value >= atof(g + 3)
                                        : row.value <= atof(g + 3);
-        printf("%-58s %9.2f %8s %6s\n", row.what, row.value, g, g[0] == '-' ? "" : met ? "yes" : "NO");
+        fprintf(out, "%-58s %9.2f %8s %6s\n", row.what, row.value, g, g[0] == '-' ? "" : met ? "yes" : "NO");
     }
 }
 
@@ -769,34 +805,43 @@ int main(int argc, char **argv) {
     if (argc > 1 && strcmp(argv[1], "--record-replay") == 0) return record_replay();
     int rounds = 9;
     size_t changes = 4000;
+    std::string only;
     for (int i = 1; i + 1 < argc; i += 2) {
         if (strcmp(argv[i], "--rounds") == 0) rounds = std::max(1, atoi(argv[i + 1]));
         if (strcmp(argv[i], "--changes") == 0) changes = std::max(100, atoi(argv[i + 1]));
+        if (strcmp(argv[i], "--only") == 0) only = argv[i + 1];
     }
+    const bool card = only != "scale", scale = only != "card";
     const char *ns = getenv(VORN_NS_ENV);
     g_ns_base = ns != nullptr ? std::string(ns).substr(0, 30) : "e2e" + std::to_string(getpid());
-    const Stream stream = card_stream();
-    const Recording rec = record(argv[0]);
+    const Stream stream = card ? card_stream() : Stream{};
+    const Recording rec = card ? record(argv[0]) : Recording{};
     printf("e2e_bench: %d rounds; every library run in a process of its own\n", rounds);
     std::vector<Round> rs;
     for (int i = 0; i < rounds; i++) {
-        Round r;
+        Round r{};
+        for (int s = 0; s < kNumSizes && scale; s++) {
+            r.scale[s] = in_child<ScaleFig>(fresh_namespace(), [&] { return run_scale(kSizes[s], changes); });
+            r.lscale[s] = run_lmdb_scale(kSizes[s], changes);
+        }
+        rs.push_back(r);
+        fprintf(stderr, "round %d done\n", i + 1);
+        if (!card) continue;
         r.strict = in_child<CardFig>(fresh_namespace(), [&] { return run_card(stream, false); });
         r.batched = in_child<CardFig>(fresh_namespace(), [&] { return run_card(stream, true); });
         const std::string dir = "/dev/shm/" + g_ns_base + "_lmdb";
         r.lmdb_wm = replay_changes(rec, [&] { return std::make_unique<Lmdb>(dir, true); });
         r.lmdb_ro = replay_changes(rec, [&] { return std::make_unique<Lmdb>(dir, false); });
         r.raw = replay_changes(rec, [] { return std::make_unique<Raw>(); });
-        for (int s = 0; s < kNumSizes; s++) {
-            r.scale[s] = in_child<ScaleFig>(fresh_namespace(), [&] { return run_scale(kSizes[s], changes); });
-            r.lscale[s] = run_lmdb_scale(kSizes[s], changes);
-        }
-        rs.push_back(r);
-        fprintf(stderr, "round %d done\n", i + 1);
+        rs.back() = r;
     }
     for (const std::string &n : g_namespaces) vorn_host_remove_namespace(n.c_str());
-    print_card(rs, rec);
-    print_scale(rs);
-    print_ratios(rs);
+    if (card) print_card(rs, rec);
+    if (scale) print_scale(rs);
+    print_ratios(stdout, rs);
+    /* bench/run.sh prints the ratios again after every program's output. */
+    const char *ratios = getenv("E2E_RATIOS_FILE");
+    FILE *f = ratios != nullptr ? fopen(ratios, "w") : nullptr;
+    if (f != nullptr) print_ratios(f, rs), fclose(f);
     return 0;
 }
