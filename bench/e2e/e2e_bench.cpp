@@ -124,6 +124,7 @@ T in_child(const std::string &ns, Fn fn) {
     if (pid == 0) {
         close(fd[0]);
         setenv(VORN_NS_ENV, ns.c_str(), 1);
+        vorn_host_set_namespace(nullptr);  // PMDB_NS is read again
         const T out = fn();
         const ssize_t n = write(fd[1], &out, sizeof out);
         _exit(n == static_cast<ssize_t>(sizeof out) ? 0 : 1);
@@ -479,7 +480,8 @@ CardFig replay_changes(const Recording &r, Make make) {
 /* ---- scaling: node-list changes, lookups ------------------------------- */
 
 struct ScaleFig {
-    double strict_ns, mprotect_ns, mprotect_write_ns, batched_ns, lookup_ns, lookup_churn_ns;
+    double strict_ns, mprotect_ns, mprotect_write_ns, mprotect_table_ns, bracket_ns, batched_ns, lookup_ns,
+        lookup_churn_ns;
 };
 struct LmdbScaleFig {
     double wm_ns, ro_ns, raw_ns, read_ns, read_churn_ns;
@@ -553,29 +555,48 @@ ScaleFig run_scale(u32 n, size_t changes) {
     const std::vector<u32> keys = random_keys(n, changes, n);
     size_t len = 0;
     u8 *ref = reference_mapping(vorn_host_namespace(), n, &len);
-    /* Each change is followed by the pair on the reference page of its
-     * entry, and every other one also writes the entry's first byte there
-     * in between, as the change writes its entry. */
-    std::vector<double> strict, pair, pair_write;
+    /* Each change is followed by one of three pairs, in turn: on the
+     * reference page of its entry; the same with a write of the entry's
+     * first byte between, as the change writes its entry; on the table's
+     * own page of the entry (its address from a lookup outside any write
+     * window; the pair leaves it read-only as it was). */
+    dnx_db_hdl_t *hdl = dpa_pmdb_hdl_get(PMDB_TYPE_IFH);
+    std::vector<double> strict, pair[3];
     u32 id = 1;
     for (const u32 key : keys) {
         const double t0 = now_ns();
         if (dpa_pmdb_update_ifh_entry_nodelist(key, id & 1, id, 1 + id % 4, nullptr) != 0)
             die("node-list change failed");
         const double t1 = now_ns();
+        void *entry = nullptr;
+        i32 slot = -1;
         u8 *at = ref + size_t{key - kKeyBase} * PMDB_IFH_ENTRY_SIZE;
-        u8 *page = at - reinterpret_cast<uintptr_t>(at) % 4096;
+        if (id % 3 == 2 && tabra_get_entry_by_key(hdl->tabra, key, &entry, &slot) != 0)
+            die("lookup failed");
+        const double t2 = now_ns();
+        u8 *page = id % 3 == 2 ? static_cast<u8 *>(entry) : at;
+        page -= reinterpret_cast<uintptr_t>(page) % 4096;
         mprotect(page, 4096, PROT_READ | PROT_WRITE);
-        if (id % 2 == 0) *at = static_cast<u8>(id);
+        if (id % 3 == 1) *at = static_cast<u8>(id);
         mprotect(page, 4096, PROT_READ);
-        (id % 2 == 0 ? pair_write : pair).push_back(now_ns() - t1);
+        pair[id % 3].push_back(now_ns() - t2);
         strict.push_back(t1 - t0);
         id++;
     }
     munmap(ref, len);
     f.strict_ns = median(strict);
-    f.mprotect_ns = median(pair);
-    f.mprotect_write_ns = median(pair_write);
+    f.mprotect_ns = median(pair[0]);
+    f.mprotect_write_ns = median(pair[1]);
+    f.mprotect_table_ns = median(pair[2]);
+    /* Opening and releasing write access with no entry handed out between:
+     * the bookkeeping of the cycle's protection without its system calls. */
+    std::vector<double> bracket;
+    for (size_t i = 0; i < keys.size(); i++) {
+        const double t0 = now_ns();
+        open_tables(1);
+        bracket.push_back(now_ns() - t0);
+    }
+    f.bracket_ns = median(bracket);
     {
         WriteAccess hold(1);
         std::vector<double> each;
@@ -743,6 +764,8 @@ void print_scale(const std::vector<Round> &rs) {
         {"strict node-list change", [](const Round &r, int i) { return r.scale[i].strict_ns; }},
         {"RO/RW mprotect pair, one entry page", [](const Round &r, int i) { return r.scale[i].mprotect_ns; }},
         {"the pair with a write to the page between", [](const Round &r, int i) { return r.scale[i].mprotect_write_ns; }},
+        {"the pair on the table's own entry page", [](const Round &r, int i) { return r.scale[i].mprotect_table_ns; }},
+        {"open and release write access, no entry", [](const Round &r, int i) { return r.scale[i].bracket_ns; }},
         {"node-list change, write access held", [](const Round &r, int i) { return r.scale[i].batched_ns; }},
         {"lmdb write txn, writable map", [](const Round &r, int i) { return r.lscale[i].wm_ns; }},
         {"lmdb write txn, default map", [](const Round &r, int i) { return r.lscale[i].ro_ns; }},
