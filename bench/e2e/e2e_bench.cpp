@@ -712,11 +712,15 @@ double med(const std::vector<Round> &rs, Get get) {
 }
 
 void print_card(const std::vector<Round> &rs, const Recording &rec) {
-    printf("\nCard: %u interfaces; events, entry changes (write windows) per phase:\n",
+    printf("\nCard: %u interfaces; events, entry changes (write windows, one transaction\n"
+           "each elsewhere) and the entries they wrote or removed, per phase:\n",
            kCardInterfaces);
-    for (int p = 0; p < kPhases; p++)
-        printf("  %-9s %6u events  %6zu entry changes\n", kPhaseNames[p],
-               rs[0].strict.phase[p].count, rec.phase[p].size());
+    for (int p = 0; p < kPhases; p++) {
+        size_t entries = 0;
+        for (const Window &w : rec.phase[p]) entries += w.size();
+        printf("  %-9s %6u events  %6zu entry changes  %6zu entries\n", kPhaseNames[p],
+               rs[0].strict.phase[p].count, rec.phase[p].size(), entries);
+    }
     printf("\n%-9s %-14s %12s %12s %10s %10s\n", "phase", "run", "events/s", "us/change",
            "p50 us", "p99 us");
     const struct {
