@@ -316,11 +316,23 @@ struct Recording {
     std::vector<Window> phase[kPhases];
 };
 
+/* The recorder, behind the sanitizer's runtime when this build has one
+ * as a shared library (it must come first in the preload list). */
+std::string preload_list() {
+    std::string list = TABRA_RECORD_PATH;
+    Dl_info info{};
+    void *asan = dlsym(RTLD_DEFAULT, "__asan_init");
+    if (asan != nullptr && dladdr(asan, &info) != 0 && info.dli_fname != nullptr &&
+        strstr(info.dli_fname, "libasan") != nullptr)
+        list = std::string(info.dli_fname) + ":" + list;
+    return list;
+}
+
 /* Replays the stream strict in a process with the recorder preloaded. */
 Recording record(const std::string &self) {
     const std::string file = "/dev/shm/" + g_ns_base + "_record";
     const std::string ns = fresh_namespace();
-    std::vector<std::string> env = {std::string("LD_PRELOAD=") + TABRA_RECORD_PATH,
+    std::vector<std::string> env = {"LD_PRELOAD=" + preload_list(),
                                     "E2E_RECORD_FILE=" + file,
                                     std::string(VORN_NS_ENV) + "=" + ns};
     for (char **e = environ; *e != nullptr; e++)
