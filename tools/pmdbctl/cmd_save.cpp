@@ -27,6 +27,7 @@ namespace {
 
 struct Options {
     std::string file;
+    unsigned wait_ms = kDefaultWaitMs;
 };
 
 bool WriteAll(int fd, const std::string &bytes) {
@@ -60,7 +61,7 @@ bool Publish(const std::string &path, const std::string &bytes, std::string *why
 int Save(const Options &o) {
     Snapshot s;
     std::string why;
-    if (!Capture(&s, &why)) return Fail("save: " + why);
+    if (!Capture(&s, o.wait_ms, &why)) return Fail("save: " + why);
     if (!Publish(o.file, Encode(s), &why)) return Fail("save: " + why);
     size_t entries = 0;
     for (const SnapTable &t : s.tables) entries += t.entries.size();
@@ -68,6 +69,8 @@ int Save(const Options &o) {
               << " to " << Printable(o.file) << " in " << static_cast<long>(s.header["capture_ms"].get<double>())
               << " ms" << (s.header["writers_active"].get<bool>() ? " (writers were active)" : "")
               << std::endl;
+    if (!s.header["bundles_agree"].get<bool>())
+        std::cerr << "pmdbctl: save: some bundle's counters still disagreed with its members at the bound" << std::endl;
     return 0;
 }
 
@@ -75,6 +78,7 @@ RunFn Install(CLI::App &app) {
     auto opts = std::make_shared<Options>();
     CLI::App *cmd = app.add_subcommand("save", "Write the namespace's whole database to one file");
     cmd->add_option("file", opts->file, "the snapshot file")->required();
+    AddWaitOption(cmd, &opts->wait_ms, "at most this long, read the tables again while writers leave a bundle's counters behind its members");
     return [opts] { return Save(*opts); };
 }
 

@@ -439,22 +439,72 @@ bool DecodeSection(uint32_t type, const std::string &payload, Snapshot *s, std::
 
 }  // namespace
 
-bool Capture(Snapshot *out, std::string *why) {
-    const auto start = std::chrono::steady_clock::now();
+namespace {
+
+struct Attempt {
+    unsigned busy = 0, vanished = 0, held = 0;
+    bool moved = false;
+};
+
+bool CaptureTablesOnce(Snapshot *s, Attempt *a, std::string *why) {
+    const Activity before = SampleActivity();
+    for (int t = 0; t < PMDB_NUM_TYPES; t++) {
+        s->tables[t] = SnapTable{};
+        s->regions[t] = SnapRegion{};
+        if (!CaptureTable(t, &s->tables[t], &a->busy, &a->vanished, why)) return false;
+        CaptureRegion(t, &s->regions[t]);
+        a->held += s->regions[t].locks.held;
+    }
+    a->moved = SampleActivity() != before;
+    return true;
+}
+
+}  // namespace
+
+bool BundlesAgree(const SnapTable &ifh) {
+    struct Derived {
+        unsigned members = 0, level_1 = 0, level_2 = 0;
+    };
+    std::map<uint32_t, Derived> derived;
+    std::vector<pmdb_ifh_entry_t> all(ifh.entries.size());
+    for (size_t i = 0; i < all.size(); i++) memcpy(&all[i], ifh.entries[i].bytes.data(), sizeof all[i]);
+    for (const pmdb_ifh_entry_t &m : all) {
+        if ((m.ifh_flags & PMDB_IFH_MEMBER_ACTIVE) == 0) continue;
+        Derived &d = derived[m.intf_info.bundle_ifh];
+        d.members++;
+        d.level_1 += m.intf_info.oor_state == 1;
+        d.level_2 += m.intf_info.oor_state == 2;
+    }
+    for (size_t i = 0; i < all.size(); i++) {
+        const Derived d = derived[ifh.entries[i].key];
+        if (all[i].member_count != static_cast<u8>(d.members) ||
+            all[i].intf_info.oor_members_1 != d.level_1 || all[i].intf_info.oor_members_2 != d.level_2)
+            return false;
+    }
+    return true;
+}
+
+bool Capture(Snapshot *out, unsigned wait_ms, std::string *why) {
+    using Clock = std::chrono::steady_clock;
+    const auto start = Clock::now();
+    const auto deadline = start + std::chrono::milliseconds(wait_ms);
     timespec now{};
     clock_gettime(CLOCK_REALTIME, &now);
-    const Activity before = SampleActivity();
-    unsigned busy = 0, vanished = 0, held = 0;
-    for (int t = 0; t < PMDB_NUM_TYPES; t++) {
-        if (!CaptureTable(t, &out->tables[t], &busy, &vanished, why)) return false;
-        CaptureRegion(t, &out->regions[t]);
-        held += out->regions[t].locks.held;
-    }
+    // A writer changes a member and then its bundle, under two locks one
+    // after the other, so a capture may fall between the two: it is taken
+    // again until every bundle agrees with its members, or the bound passes.
+    Attempt a;
+    unsigned attempts = 0;
+    bool agree = false;
+    do {
+        a = Attempt{};
+        attempts++;
+        if (!CaptureTablesOnce(out, &a, why)) return false;
+        agree = BundlesAgree(out->tables[PMDB_TYPE_IFH]);
+    } while (!agree && Clock::now() < deadline);
     for (int k = 0; k < VESK_KINDS; k++)
         CaptureTrace(static_cast<vesk_kind_t>(k), &out->traces[k]);
-    const bool moved = SampleActivity() != before;
-    const double ms =
-        std::chrono::duration<double, std::milli>(std::chrono::steady_clock::now() - start).count();
+    const double ms = std::chrono::duration<double, std::milli>(Clock::now() - start).count();
     out->settings = Settings();
     out->header = json{{"format", kSnapshotFormat},
                        {"record_sizes", RecordSizes()},
@@ -463,10 +513,12 @@ bool Capture(Snapshot *out, std::string *why) {
                        {"host", HostName()},
                        {"namespace", vorn_host_namespace()},
                        {"capture_ms", ms},
-                       {"writers_active", moved || held > 0 || busy > 0 || vanished > 0},
-                       {"tables_busy", busy},
-                       {"entries_vanished", vanished},
-                       {"locks_held", held}};
+                       {"attempts", attempts},
+                       {"bundles_agree", agree},
+                       {"writers_active", a.moved || a.held > 0 || a.busy > 0 || a.vanished > 0},
+                       {"tables_busy", a.busy},
+                       {"entries_vanished", a.vanished},
+                       {"locks_held", a.held}};
     return true;
 }
 

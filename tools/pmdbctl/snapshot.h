@@ -69,8 +69,14 @@ extern const char *const kTypeNames[PMDB_NUM_TYPES];
 uint32_t EntrySize(int type);
 
 // Captures the current namespace into *out; false with the reason in *why
-// when a table exists but cannot be read.
-bool Capture(Snapshot *out, std::string *why);
+// when a table exists but cannot be read.  The tables are read again while
+// some bundle's counters disagree with its members (a writer was between
+// the two), for at most wait_ms; header "bundles_agree" says how it ended.
+bool Capture(Snapshot *out, unsigned wait_ms, std::string *why);
+
+// Whether every IFH entry's member_count, oor_members_1 and oor_members_2
+// agree with the entries naming it as their bundle with member_active set.
+bool BundlesAgree(const SnapTable &ifh);
 
 // The file's bytes of s.
 std::string Encode(const Snapshot &s);
