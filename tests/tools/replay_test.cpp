@@ -250,12 +250,13 @@ TEST_F(ReplayTest, SavedCardLoadsElsewhereAsItWas) {
 TEST_F(ReplayTest, SaveDuringChurnLoadsACardThatChecks) {
     pmdb::test::Tool replay(PMDBCTL_PATH, {"replay", File(Pmdbctl(CardArgs("20000")).out)});
     const auto give_up = std::chrono::steady_clock::now() + std::chrono::seconds(30);
-    while (Pmdbctl({"dump", "ifh", "--json"}).out.size() < 1000) {
+    // Saves from the churn on: once members have joined their bundles.
+    while (Pmdbctl({"dump", "ifh", "--json"}).out.find("member_active") == std::string::npos) {
         ASSERT_LT(std::chrono::steady_clock::now(), give_up) << "the replay made no card";
         std::this_thread::sleep_for(std::chrono::milliseconds(5));
     }
     std::vector<std::string> snaps;
-    for (int i = 0; i < 3; i++) {
+    for (int i = 0; i < 8; i++) {
         snaps.push_back(File(""));
         const ToolRun save = Pmdbctl({"save", snaps.back()});
         ASSERT_EQ(save.status, 0) << save.err;
