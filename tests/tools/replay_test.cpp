@@ -284,6 +284,16 @@ TEST_F(ReplayTest, DamagedForeignOrMisdirectedLoadCreatesNothing) {
     std::string flipped = good, other_version = good;
     flipped[good.size() / 2] ^= 0x10;
     other_version[8] = 2;  // the format version follows the 8-byte magic
+    // A compressed save holds the same card; flipped, it is refused too.
+    const std::string zsnap = File("");
+    ASSERT_EQ(Pmdbctl({"save", "--compress", zsnap}).status, 0);
+    std::ifstream zin(zsnap, std::ios::binary);
+    std::string zflipped((std::istreambuf_iterator<char>(zin)), std::istreambuf_iterator<char>());
+    ASSERT_LT(zflipped.size(), good.size() / 2);
+    zflipped[zflipped.size() / 2] ^= 0x10;
+    const std::string unpacked = OtherNs();
+    ASSERT_EQ(Pmdbctl({"load", zsnap, "--ns", unpacked}).status, 0);
+    EXPECT_EQ(Tables(unpacked, true), Tables(ns(), true));
     const json before = Tables(ns(), true);
     struct Case {
         const char *what;
@@ -295,6 +305,7 @@ TEST_F(ReplayTest, DamagedForeignOrMisdirectedLoadCreatesNothing) {
         {"truncated", good.substr(0, good.size() - 100), false, "truncated: section "},
         {"flipped byte", flipped, false, "damaged: section "},
         {"other version", other_version, false, "snapshot format 2, this build reads format 1"},
+        {"compressed, flipped byte", zflipped, false, "damaged: its compressed data does not decompress"},
         {"existing namespace", good, true, "exists already"},
     };
     for (const Case &c : cases) {

@@ -28,6 +28,7 @@ namespace {
 struct Options {
     std::string file;
     unsigned wait_ms = kDefaultWaitMs;
+    bool compress = false;
 };
 
 bool WriteAll(int fd, const std::string &bytes) {
@@ -62,7 +63,8 @@ int Save(const Options &o) {
     Snapshot s;
     std::string why;
     if (!Capture(&s, o.wait_ms, &why)) return Fail("save: " + why);
-    if (!Publish(o.file, Encode(s), &why)) return Fail("save: " + why);
+    const std::string bytes = o.compress ? Compress(Encode(s)) : Encode(s);
+    if (!Publish(o.file, bytes, &why)) return Fail("save: " + why);
     size_t entries = 0;
     for (const SnapTable &t : s.tables) entries += t.entries.size();
     std::cout << "saved " << entries << " entries of namespace " << s.header["namespace"].get<std::string>()
@@ -79,6 +81,7 @@ RunFn Install(CLI::App &app) {
     CLI::App *cmd = app.add_subcommand("save", "Write the namespace's whole database to one file");
     cmd->add_option("file", opts->file, "the snapshot file")->required();
     AddWaitOption(cmd, &opts->wait_ms, "at most this long, read the tables again while writers leave a bundle's counters behind its members");
+    cmd->add_flag("--compress", opts->compress, "compress the file (zstd)");
     return [opts] { return Save(*opts); };
 }
 

@@ -7,6 +7,7 @@
 #include <string.h>
 #include <time.h>
 #include <unistd.h>
+#include <zstd.h>
 
 #include <algorithm>
 #include <array>
@@ -39,6 +40,10 @@ uint32_t EntrySize(int type) {
 namespace {
 
 constexpr char kMagic[8] = {'P', 'M', 'D', 'B', 'S', 'N', 'A', 'P'};
+constexpr char kZstdMagic[8] = {'P', 'M', 'D', 'B', 'Z', 'S', 'T', 'D'};
+// Largest file a compressed one may claim to hold: three full tables and
+// three rings of the largest size come to well under this.
+constexpr uint64_t kMaxInflated = 1ull << 31;
 constexpr size_t kPrefixSize = 16;  // magic, format, section count
 constexpr size_t kSectionHead = 24; // type, reserved, length, checksum, reserved
 
@@ -543,7 +548,47 @@ std::string Encode(const Snapshot &s) {
     return file.bytes + body.bytes;
 }
 
+std::string Compress(const std::string &file) {
+    std::string out(kZstdMagic, sizeof kZstdMagic);
+    const uint64_t len = file.size();
+    out.append(reinterpret_cast<const char *>(&len), sizeof len);
+    std::string frame(ZSTD_compressBound(file.size()), '\0');
+    ZSTD_CCtx *cctx = ZSTD_createCCtx();
+    size_t n = cctx == nullptr ? 0 : ZSTD_CCtx_setParameter(cctx, ZSTD_c_checksumFlag, 1);
+    if (cctx != nullptr && !ZSTD_isError(n))
+        n = ZSTD_compress2(cctx, frame.data(), frame.size(), file.data(), file.size());
+    ZSTD_freeCCtx(cctx);
+    if (cctx == nullptr || ZSTD_isError(n)) return file;  // kept as it is
+    frame.resize(n);
+    return out + frame;
+}
+
+namespace {
+
+bool Inflate(const std::string &bytes, std::string *file, std::string *why) {
+    uint64_t len = 0;
+    if (bytes.size() >= sizeof kZstdMagic + sizeof len)
+        memcpy(&len, bytes.data() + sizeof kZstdMagic, sizeof len);
+    if (len == 0 || len > kMaxInflated) {
+        *why = "damaged: the compressed file names no sound length";
+        return false;
+    }
+    file->resize(len);
+    const size_t head = sizeof kZstdMagic + sizeof len;
+    const size_t n = ZSTD_decompress(file->data(), len, bytes.data() + head, bytes.size() - head);
+    if (!ZSTD_isError(n) && n == len) return true;
+    *why = std::string("damaged: its compressed data does not decompress (") +
+           (ZSTD_isError(n) ? ZSTD_getErrorName(n) : "short") + ")";
+    return false;
+}
+
+}  // namespace
+
 bool Decode(const std::string &bytes, Snapshot *out, std::string *why) {
+    if (bytes.size() >= sizeof kZstdMagic && memcmp(bytes.data(), kZstdMagic, sizeof kZstdMagic) == 0) {
+        std::string file;
+        return Inflate(bytes, &file, why) && Decode(file, out, why);
+    }
     if (bytes.size() < kPrefixSize || memcmp(bytes.data(), kMagic, sizeof kMagic) != 0) {
         *why = "not a snapshot file (no PMDBSNAP magic)";
         return false;

@@ -80,8 +80,11 @@ bool BundlesAgree(const SnapTable &ifh);
 
 // The file's bytes of s.
 std::string Encode(const Snapshot &s);
+// A file's bytes as a compressed file (zstd, with its content checksum);
+// the bytes unchanged when compression fails.
+std::string Compress(const std::string &file);
 // Parses and checks a file's bytes: format version, every section's
-// checksum, the record sizes.  false with a one-line reason in *why.
+// checksum, the record sizes; a compressed file is inflated first.  false with a one-line reason in *why.
 bool Decode(const std::string &bytes, Snapshot *out, std::string *why);
 
 // Reads and decodes the file at path.
