@@ -20,6 +20,7 @@
 
 #include "command.h"
 #include "format.h"
+#include "host/os_host.h"
 #include "snapshot.h"
 
 namespace pmdbctl {
@@ -62,6 +63,9 @@ bool Publish(const std::string &path, const std::string &bytes, std::string *why
 int Save(const Options &o) {
     Snapshot s;
     std::string why;
+    // Reading the trace rings would make them in a namespace with nothing.
+    if (vorn_host_list_objects(nullptr, [](void *, const char *) {}, nullptr) == 0)
+        return Fail(std::string("save: namespace '") + vorn_host_namespace() + "' has no shared objects");
     if (!Capture(&s, o.wait_ms, &why)) return Fail("save: " + why);
     const std::string bytes = o.compress ? Compress(Encode(s)) : Encode(s);
     if (!Publish(o.file, bytes, &why)) return Fail("save: " + why);
