@@ -99,7 +99,10 @@ int Load(const Options &o) {
     size_t entries = 0;
     for (const SnapTable &t : s.tables) entries += t.entries.size();
     std::cout << "loaded " << entries << " entries of namespace "
-              << Printable(s.header.value("namespace", "?")) << " into namespace " << o.ns << std::endl;
+              << Printable(s.header.value("namespace", "?")) << " on host "
+              << Printable(s.header.value("host", "?")) << " into namespace " << o.ns
+              << (s.header.value("writers_active", false) ? " (writers were active when it was saved)" : "")
+              << std::endl;
     return 0;
 }
 

@@ -64,12 +64,20 @@ struct Activity {
     }
 };
 
+// Attaching to a table that does not exist is traced as a fault in the
+// card's error buffer: only tables the namespace lists are attached.
+bool TableExists(int type) {
+    const std::vector<std::string> names = TableNames();
+    return std::find(names.begin(), names.end(), pmdb_fields::kTableName[type]) != names.end();
+}
+
 Activity SampleActivity() {
     Activity a;
     for (int t = 0; t < PMDB_NUM_TYPES; t++) {
         tabra_hdl_t h = nullptr;
         tabra_info_t info{};
-        if (tabra_attach(pmdb_fields::kTableName[t], &h) == 0 && tabra_get_info(h, &info) == 0)
+        if (TableExists(t) && tabra_attach(pmdb_fields::kTableName[t], &h) == 0 &&
+            tabra_get_info(h, &info) == 0)
             a.table_changes += info.adds + info.removes;
     }
     const vesk_buf_t *db = vesk_open(VESK_DATABASE);
@@ -115,6 +123,7 @@ void FindSlots(tabra_hdl_t h, std::vector<SnapEntry> *entries, unsigned *vanishe
 bool CaptureTable(int type, SnapTable *t, unsigned *busy, unsigned *vanished, std::string *why) {
     const char *name = pmdb_fields::kTableName[type];
     tabra_hdl_t h = nullptr;
+    if (!TableExists(type)) return true;
     const cerrno rc = AttachTable(name, &h);
     if (rc == TABRA_E_NOTFOUND) return true;
     if (rc != 0) {
