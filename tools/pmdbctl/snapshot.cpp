@@ -45,7 +45,6 @@ constexpr char kZstdMagic[8] = {'P', 'M', 'D', 'B', 'Z', 'S', 'T', 'D'};
 // three rings of the largest size come to well under this.
 constexpr uint64_t kMaxInflated = 1ull << 31;
 constexpr size_t kPrefixSize = 16;  // magic, format, section count
-constexpr size_t kSectionHead = 24; // type, reserved, length, checksum, reserved
 
 enum Section : uint32_t { kHeader = 1, kTable = 2, kRegion = 3, kTrace = 4, kSettings = 5 };
 
