@@ -53,9 +53,12 @@ std::string ReadAll(int fd) {
     std::string out = "E";
     Snapshot s;
     std::string why;
-    if (vorn_host_set_namespace(ns.c_str()) != 0) out += "invalid namespace '" + Printable(ns) + "'";
-    else if (!Capture(&s, kDefaultWaitMs, &why)) out += why;
-    else out = "S" + Encode(s);
+    if (vorn_host_set_namespace(ns.c_str()) != 0)
+        out += "invalid namespace '" + Printable(ns) + "'";
+    else if (!Capture(&s, kDefaultWaitMs, &why))
+        out += why;
+    else
+        out = "S" + Encode(s);
     for (size_t done = 0; done < out.size();) {
         const ssize_t n = write(fd, out.data() + done, out.size() - done);
         if (n <= 0) _exit(1);
@@ -100,8 +103,10 @@ bool Resolve(const std::string &operand, Snapshot *out, std::string *why) {
 // Dotted field name -> value of an entry's fields.
 void Flatten(const json &j, const std::string &prefix, std::map<std::string, json> *out) {
     for (const auto &[name, value] : j.items()) {
-        if (value.is_object()) Flatten(value, prefix + name + ".", out);
-        else (*out)[prefix + name] = value;
+        if (value.is_object())
+            Flatten(value, prefix + name + ".", out);
+        else
+            (*out)[prefix + name] = value;
     }
 }
 
@@ -133,7 +138,8 @@ json DiffTable(int type, const SnapTable &ta, const SnapTable &tb) {
             continue;
         }
         if (e->bytes == other->second->bytes && e->slot == other->second->slot) continue;
-        out["changed"].push_back({{"key", Hex(key)}, {"fields", ChangedFields(type, *e, *other->second)}});
+        out["changed"].push_back(
+            {{"key", Hex(key)}, {"fields", ChangedFields(type, *e, *other->second)}});
     }
     return out;
 }
@@ -149,7 +155,9 @@ json DiffCounters(const Snapshot &a, const Snapshot &b) {
     return out;
 }
 
-std::string Value(const json &v) { return v.is_string() ? v.get<std::string>() : v.dump(); }
+std::string Value(const json &v) {
+    return v.is_string() ? v.get<std::string>() : v.dump();
+}
 
 void PrintText(const json &d) {
     size_t n = 0;
@@ -162,7 +170,8 @@ void PrintText(const json &d) {
         for (const json &e : t["changed"]) {
             std::cout << table << ' ' << Value(e["key"]) << " changed\n";
             for (const auto &[name, f] : e["fields"].items())
-                std::cout << "  " << name << ": " << Value(f["a"]) << " -> " << Value(f["b"]) << '\n';
+                std::cout << "  " << name << ": " << Value(f["a"]) << " -> " << Value(f["b"])
+                          << '\n';
             n++;
         }
     }
@@ -179,14 +188,17 @@ int Diff(const Options &o) {
     for (int t = 0; t < PMDB_NUM_TYPES; t++)
         d["tables"][kTypeNames[t]] = DiffTable(t, a.tables[t], b.tables[t]);
     d["counters"] = DiffCounters(a, b);
-    if (o.json) std::cout << JsonText(d) << std::endl;
-    else PrintText(d);
+    if (o.json)
+        std::cout << JsonText(d) << std::endl;
+    else
+        PrintText(d);
     return 0;
 }
 
 RunFn Install(CLI::App &app) {
     auto opts = std::make_shared<Options>();
-    CLI::App *cmd = app.add_subcommand("diff", "Entries and counters that differ between two states");
+    CLI::App *cmd =
+        app.add_subcommand("diff", "Entries and counters that differ between two states");
     cmd->add_option("a", opts->a, "snapshot file or namespace (before)")->required();
     cmd->add_option("b", opts->b, "snapshot file or namespace (after)")->required();
     cmd->add_flag("--json", opts->json, "JSON output");

@@ -49,7 +49,8 @@ bool RestoreTable(int type, const Snapshot &s, std::string *why) {
     cerrno rc = t.present ? dpa_chk_pmdb_open(nullptr, &hdl, pt, 1)
                           : dpa_chk_shrd_ctx_open(nullptr, &hdl, pt);
     if (rc != 0) {
-        *why = std::string("opening the ") + kTypeNames[type] + " database failed with status " + Hex(rc);
+        *why = std::string("opening the ") + kTypeNames[type] + " database failed with status " +
+               Hex(rc);
         return false;
     }
     if (r.present) memcpy(&hdl->shrd_ctx->glbls, &r.glbls, sizeof r.glbls);
@@ -59,7 +60,8 @@ bool RestoreTable(int type, const Snapshot &s, std::string *why) {
                                  static_cast<u32>(e.bytes.size()));
         if (rc != 0) break;
     }
-    if (rc != 0) *why = std::string("restoring the ") + kTypeNames[type] + " table: " + TabraStatusText(rc);
+    if (rc != 0)
+        *why = std::string("restoring the ") + kTypeNames[type] + " table: " + TabraStatusText(rc);
     const cerrno prc = dpa_pmdb_mprotect_tabra(hdl->tabra, hdl, pt);
     if (rc == 0 && prc != 0) *why = "protecting the restored table failed with status " + Hex(prc);
     return rc == 0 && prc == 0;
@@ -73,8 +75,8 @@ bool RestoreTraces(const Snapshot &s, std::string *why) {
         const uint32_t rc = vesk_host_restore(static_cast<vesk_kind_t>(k), t.capacity,
                                               t.records.data(), t.records.size(), t.next);
         if (rc == 0) continue;
-        *why = std::string("restoring trace buffer ") + vesk_kind_name(static_cast<vesk_kind_t>(k)) +
-               " failed with status " + Hex(rc);
+        *why = std::string("restoring trace buffer ") +
+               vesk_kind_name(static_cast<vesk_kind_t>(k)) + " failed with status " + Hex(rc);
         return false;
     }
     return true;
@@ -85,7 +87,8 @@ int Load(const Options &o) {
     std::string why;
     if (!ReadSnapshotFile(o.file, &s, &why)) return Fail("load: " + why);
     if (!vorn_host_namespace_valid(o.ns.c_str()))
-        return Fail("load: invalid namespace '" + Printable(o.ns) + "' (1 to 40 of A-Z a-z 0-9 _ -, not sem)");
+        return Fail("load: invalid namespace '" + Printable(o.ns) +
+                    "' (1 to 40 of A-Z a-z 0-9 _ -, not sem)");
     if (NamespaceInUse(o.ns))
         return Fail("load: namespace '" + o.ns + "' exists already; load only into a new one");
     vorn_host_set_namespace(o.ns.c_str());
@@ -101,7 +104,9 @@ int Load(const Options &o) {
     std::cout << "loaded " << entries << " entries of namespace "
               << Printable(s.header.value("namespace", "?")) << " on host "
               << Printable(s.header.value("host", "?")) << " into namespace " << o.ns
-              << (s.header.value("writers_active", false) ? " (writers were active when it was saved)" : "")
+              << (s.header.value("writers_active", false)
+                      ? " (writers were active when it was saved)"
+                      : "")
               << std::endl;
     return 0;
 }

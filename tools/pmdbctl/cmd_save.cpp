@@ -64,19 +64,24 @@ int Save(const Options &o) {
     Snapshot s;
     std::string why;
     // Reading the trace rings would make them in a namespace with nothing.
-    if (vorn_host_list_objects(nullptr, [](void *, const char *) {}, nullptr) == 0)
-        return Fail(std::string("save: namespace '") + vorn_host_namespace() + "' has no shared objects");
+    if (vorn_host_list_objects(
+            nullptr, [](void *, const char *) {}, nullptr) == 0)
+        return Fail(std::string("save: namespace '") + vorn_host_namespace() +
+                    "' has no shared objects");
     if (!Capture(&s, o.wait_ms, &why)) return Fail("save: " + why);
     const std::string bytes = o.compress ? Compress(Encode(s)) : Encode(s);
     if (!Publish(o.file, bytes, &why)) return Fail("save: " + why);
     size_t entries = 0;
     for (const SnapTable &t : s.tables) entries += t.entries.size();
-    std::cout << "saved " << entries << " entries of namespace " << s.header["namespace"].get<std::string>()
-              << " to " << Printable(o.file) << " in " << static_cast<long>(s.header["capture_ms"].get<double>())
-              << " ms" << (s.header["writers_active"].get<bool>() ? " (writers were active)" : "")
+    std::cout << "saved " << entries << " entries of namespace "
+              << s.header["namespace"].get<std::string>() << " to " << Printable(o.file) << " in "
+              << static_cast<long>(s.header["capture_ms"].get<double>()) << " ms"
+              << (s.header["writers_active"].get<bool>() ? " (writers were active)" : "")
               << std::endl;
     if (!s.header["bundles_agree"].get<bool>())
-        std::cerr << "pmdbctl: save: some bundle's counters still disagreed with its members at the bound" << std::endl;
+        std::cerr
+            << "pmdbctl: save: some bundle's counters still disagreed with its members at the bound"
+            << std::endl;
     return 0;
 }
 
@@ -84,7 +89,9 @@ RunFn Install(CLI::App &app) {
     auto opts = std::make_shared<Options>();
     CLI::App *cmd = app.add_subcommand("save", "Write the namespace's whole database to one file");
     cmd->add_option("file", opts->file, "the snapshot file")->required();
-    AddWaitOption(cmd, &opts->wait_ms, "at most this long, read the tables again while writers leave a bundle's counters behind its members");
+    AddWaitOption(cmd, &opts->wait_ms,
+                  "at most this long, read the tables again while writers leave a bundle's "
+                  "counters behind its members");
     cmd->add_flag("--compress", opts->compress, "compress the file (zstd)");
     return [opts] { return Save(*opts); };
 }

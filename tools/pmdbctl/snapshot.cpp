@@ -335,8 +335,7 @@ std::string TracePayload(int kind, const SnapTrace &t) {
 
 bool DecodeHeader(const std::string &payload, Snapshot *s, std::string *why) {
     s->header = json::parse(payload, nullptr, false);
-    if (s->header.is_discarded() || !s->header.is_object() ||
-        !s->header.contains("record_sizes")) {
+    if (s->header.is_discarded() || !s->header.is_object() || !s->header.contains("record_sizes")) {
         *why = "its header section is not a snapshot header";
         return false;
     }
@@ -378,7 +377,8 @@ bool DecodeTable(In &in, Snapshot *s, std::string *why) {
         e.key = in.Get<uint32_t>();
         e.bytes.resize(t.entry_size);
         in.Raw(e.bytes.data(), t.entry_size);
-        if (e.slot >= PMDB_NUM_ENTRY_LOCKS || (!t.entries.empty() && e.slot <= t.entries.back().slot)) {
+        if (e.slot >= PMDB_NUM_ENTRY_LOCKS ||
+            (!t.entries.empty() && e.slot <= t.entries.back().slot)) {
             *why = std::string("its ") + kTypeNames[type] + " table lists slot " +
                    std::to_string(e.slot) + " out of order or out of range";
             return false;
@@ -439,10 +439,14 @@ bool DecodeSection(uint32_t type, const std::string &payload, Snapshot *s, std::
     }
     In in{payload};
     bool ok = false;
-    if (type == kTable) ok = DecodeTable(in, s, why);
-    else if (type == kRegion) ok = DecodeRegion(in, s, why);
-    else if (type == kTrace) ok = DecodeTrace(in, s, why);
-    else *why = "unknown section type " + std::to_string(type);
+    if (type == kTable)
+        ok = DecodeTable(in, s, why);
+    else if (type == kRegion)
+        ok = DecodeRegion(in, s, why);
+    else if (type == kTrace)
+        ok = DecodeTrace(in, s, why);
+    else
+        *why = "unknown section type " + std::to_string(type);
     if (ok && !in.done()) {
         *why = "a section of type " + std::to_string(type) + " does not match its length";
         ok = false;
@@ -480,7 +484,8 @@ bool BundlesAgree(const SnapTable &ifh) {
     };
     std::map<uint32_t, Derived> derived;
     std::vector<pmdb_ifh_entry_t> all(ifh.entries.size());
-    for (size_t i = 0; i < all.size(); i++) memcpy(&all[i], ifh.entries[i].bytes.data(), sizeof all[i]);
+    for (size_t i = 0; i < all.size(); i++)
+        memcpy(&all[i], ifh.entries[i].bytes.data(), sizeof all[i]);
     for (const pmdb_ifh_entry_t &m : all) {
         if ((m.ifh_flags & PMDB_IFH_MEMBER_ACTIVE) == 0) continue;
         Derived &d = derived[m.intf_info.bundle_ifh];
@@ -491,7 +496,8 @@ bool BundlesAgree(const SnapTable &ifh) {
     for (size_t i = 0; i < all.size(); i++) {
         const Derived d = derived[ifh.entries[i].key];
         if (all[i].member_count != static_cast<u8>(d.members) ||
-            all[i].intf_info.oor_members_1 != d.level_1 || all[i].intf_info.oor_members_2 != d.level_2)
+            all[i].intf_info.oor_members_1 != d.level_1 ||
+            all[i].intf_info.oor_members_2 != d.level_2)
             return false;
     }
     return true;
@@ -515,8 +521,7 @@ bool Capture(Snapshot *out, unsigned wait_ms, std::string *why) {
         if (!CaptureTablesOnce(out, &a, why)) return false;
         agree = BundlesAgree(out->tables[PMDB_TYPE_IFH]);
     } while (!agree && Clock::now() < deadline);
-    for (int k = 0; k < VESK_KINDS; k++)
-        CaptureTrace(static_cast<vesk_kind_t>(k), &out->traces[k]);
+    for (int k = 0; k < VESK_KINDS; k++) CaptureTrace(static_cast<vesk_kind_t>(k), &out->traces[k]);
     const double ms = std::chrono::duration<double, std::milli>(Clock::now() - start).count();
     out->settings = Settings();
     out->header = json{{"format", kSnapshotFormat},
@@ -593,7 +598,8 @@ bool Inflate(const std::string &bytes, std::string *file, std::string *why) {
 }  // namespace
 
 bool Decode(const std::string &bytes, Snapshot *out, std::string *why) {
-    if (bytes.size() >= sizeof kZstdMagic && memcmp(bytes.data(), kZstdMagic, sizeof kZstdMagic) == 0) {
+    if (bytes.size() >= sizeof kZstdMagic &&
+        memcmp(bytes.data(), kZstdMagic, sizeof kZstdMagic) == 0) {
         std::string file;
         return Inflate(bytes, &file, why) && Decode(file, out, why);
     }
@@ -676,7 +682,8 @@ std::map<std::string, uint64_t> Counters(const Snapshot &s) {
         c[rn + "inv_node_mac"] = mac;
     }
     for (int k = 0; k < VESK_KINDS; k++) {
-        const std::string kn = std::string("trace.") + vesk_kind_name(static_cast<vesk_kind_t>(k)) + ".";
+        const std::string kn =
+            std::string("trace.") + vesk_kind_name(static_cast<vesk_kind_t>(k)) + ".";
         c[kn + "next"] = s.traces[k].next;
         c[kn + "lost"] = s.traces[k].lost;
     }

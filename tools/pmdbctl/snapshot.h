@@ -49,9 +49,9 @@ struct SnapRegion {
 
 struct SnapTrace {
     uint32_t capacity = 0;
-    uint64_t next = 0;     // sequence number the next record would get
-    uint64_t lost = 0;     // records before `next` that the ring no longer held
-    uint64_t dropped = 0;  // records writers gave up
+    uint64_t next = 0;                // sequence number the next record would get
+    uint64_t lost = 0;                // records before `next` that the ring no longer held
+    uint64_t dropped = 0;             // records writers gave up
     std::vector<vesk_rec_t> records;  // oldest first
 };
 
@@ -84,7 +84,8 @@ std::string Encode(const Snapshot &s);
 // the bytes unchanged when compression fails.
 std::string Compress(const std::string &file);
 // Parses and checks a file's bytes: format version, every section's
-// checksum, the record sizes; a compressed file is inflated first.  false with a one-line reason in *why.
+// checksum, the record sizes; a compressed file is inflated first.  false with a one-line reason in
+// *why.
 bool Decode(const std::string &bytes, Snapshot *out, std::string *why);
 
 // Reads and decodes the file at path.
