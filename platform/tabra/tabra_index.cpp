@@ -591,7 +591,8 @@ cerrno tabra_restore_entry(tabra_hdl_t t, u32 key, i32 slot, const void *data, u
     u32 x = kNoSlot;
     st = add_locked(t, key, b, &x, &at);
     unlock_writer(t);
-    if (st == TABRA_E_INVAL) return fail(pmdb_tp::tabra_add_bad_argument, st, key, static_cast<u32>(slot));
+    if (st == TABRA_E_INVAL)
+        return fail(pmdb_tp::tabra_add_bad_argument, st, key, static_cast<u32>(slot));
     if (st == TABRA_E_FULL)
         return fail(pmdb_tp::tabra_add_full, st, key, ld_rlx(&hdr(t)->max_entries));
     return st;

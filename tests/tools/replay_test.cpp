@@ -192,7 +192,8 @@ std::vector<std::string> CardArgs(const std::string &churn) {
 }
 
 size_t ObjectCount(const std::string &ns) {
-    return static_cast<size_t>(vorn_host_list_objects(ns.c_str(), [](void *, const char *) {}, nullptr));
+    auto ignore = [](void *, const char *) {};
+    return static_cast<size_t>(vorn_host_list_objects(ns.c_str(), ignore, nullptr));
 }
 
 // `pmdbctl globals --json` of ns, without the namespace's own name.
@@ -220,7 +221,8 @@ TEST_F(ReplayTest, SavedCardLoadsElsewhereAsItWas) {
     const std::string full = Pmdbctl(teardown).out;
     const size_t last_port = full.rfind(R"({"type":"main_remove")");
     ASSERT_NE(last_port, std::string::npos);
-    ASSERT_EQ(Pmdbctl({"replay", File(Pmdbctl(kCard).out + full.substr(last_port, full.find('\n', last_port) - last_port + 1))}).status, 0);
+    const std::string removal = full.substr(last_port, full.find('\n', last_port) - last_port + 1);
+    ASSERT_EQ(Pmdbctl({"replay", File(Pmdbctl(kCard).out + removal)}).status, 0);
     const std::string snap = File("");
     const ToolRun save = Pmdbctl({"save", snap});
     ASSERT_EQ(save.status, 0) << save.err;
@@ -233,7 +235,8 @@ TEST_F(ReplayTest, SavedCardLoadsElsewhereAsItWas) {
     EXPECT_EQ(json::diff(tables, Tables(other, true)), json::array());
     EXPECT_EQ(Globals(other), Globals(ns()));
     const json d = json::parse(Pmdbctl({"diff", snap, other, "--json"}).out);  // slots too
-    for (const char *t : {"ifh", "punt", "oam"}) EXPECT_EQ(d["tables"][t]["changed"], json::array()) << t;
+    for (const char *t : {"ifh", "punt", "oam"})
+        EXPECT_EQ(d["tables"][t]["changed"], json::array()) << t;
     const ToolRun check = Pmdbctl({"--ns", other, "check"});
     EXPECT_EQ(check.status, 0) << check.out << check.err;
     // The saved records keep their numbers, times and writers; the load's
@@ -305,7 +308,8 @@ TEST_F(ReplayTest, DamagedForeignOrMisdirectedLoadCreatesNothing) {
         {"truncated", good.substr(0, good.size() - 100), false, "truncated: section "},
         {"flipped byte", flipped, false, "damaged: section "},
         {"other version", other_version, false, "snapshot format 2, this build reads format 1"},
-        {"compressed, flipped byte", zflipped, false, "damaged: its compressed data does not decompress"},
+        {"compressed, flipped byte", zflipped, false,
+         "damaged: its compressed data does not decompress"},
         {"existing namespace", good, true, "exists already"},
     };
     for (const Case &c : cases) {
@@ -354,7 +358,8 @@ TEST_F(ReplayTest, DiffListsExactlyTheEntriesAChurnChanged) {
         for (const auto &[key, e] : before.at(t))
             if (after.at(t).count(key) == 0) want["removed"].insert(key);
         for (const char *what : {"added", "removed", "changed"})
-            for (const json &e : d["tables"][t][what]) got[what].insert(e["key"].get<std::string>());
+            for (const json &e : d["tables"][t][what])
+                got[what].insert(e["key"].get<std::string>());
         EXPECT_EQ(got, want);
         for (const auto &[what, keys] : want) changes += keys.size();
     }
