@@ -3,7 +3,8 @@
 # selects another build.
 PRESET ?= default
 DEPS := cmake ninja-build g++ clang libgtest-dev libgmock-dev libbenchmark-dev \
-        libcli11-dev nlohmann-json3-dev liblmdb-dev procps graphviz
+        libcli11-dev nlohmann-json3-dev liblmdb-dev procps graphviz \
+        libzstd-dev
 
 .PHONY: all bootstrap build test demo bench clean
 

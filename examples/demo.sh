@@ -99,6 +99,11 @@ say "node 1: ports 0x1001 0x1002; node 2: ports 0x2001 0x2002 and BVI 0x4001;" \
 "$CARD" build
 "$PMDBCTL" show 0x3001 | grep '^members:'
 
+step "pmdbctl save, then diff against the live card after one change"
+"$PMDBCTL" save "$work/card.snap"
+"$CARD" oor 0x2001 1
+"$PMDBCTL" diff "$work/card.snap" "$PMDB_NS"
+
 step "a writer dies holding an entry lock"
 say "card_writer hold takes the lock of port 0x1002's IFH entry, as a writer" \
     "does in the middle of a change, and never lets it go."

@@ -50,6 +50,11 @@ using CheckFn = void (*)(const CheckOptions &options, CheckReport &report);
 // interface has no IFH entry.  Nothing when --table is given.
 void CheckCardInvariants(const CheckOptions &options, CheckReport &report);
 
+// Whether a card (read live or from a snapshot) has none of the findings
+// CheckCardInvariants reports.
+struct CardView;
+bool CardInvariantsHold(const CardView &card);
+
 }  // namespace pmdbctl
 
 #endif

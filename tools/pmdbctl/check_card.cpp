@@ -138,6 +138,13 @@ bool Findings(std::vector<Finding> *out, CheckReport &report) {
 
 }  // namespace
 
+bool CardInvariantsHold(const CardView &card) {
+    std::vector<Finding> found;
+    SubIntfCounts(card, &found);
+    Orphans(card, &found);
+    return found.empty();
+}
+
 void CheckCardInvariants(const CheckOptions &o, CheckReport &report) {
     if (!o.table.empty()) return;
     std::vector<Finding> first, second;
