@@ -12,6 +12,8 @@ set(CPACK_PACKAGE_DESCRIPTION
   "libpmdb keeps the mapping of a line card's interfaces onto the switching chip's logical interfaces, punt keys and OAM sessions in shared memory for every data-plane process of the card; libpmdb_reader reads its tables from any process. Also the table store and host platform service libraries, headers, CMake and pkg-config files, and the operator's tool pmdbctl.")
 set(CPACK_PACKAGING_INSTALL_PREFIX /usr)
 set(CPACK_DEBIAN_FILE_NAME DEB-DEFAULT)
+# The build keeps its debug information; the package does not.
+set(CPACK_STRIP_FILES ON)
 set(CPACK_DEBIAN_PACKAGE_SECTION libs)
 set(CPACK_DEBIAN_PACKAGE_SHLIBDEPS ON)
 # The package's own libraries sit beside each other; dpkg-shlibdeps looks
