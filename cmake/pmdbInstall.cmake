@@ -4,8 +4,8 @@
 # What a data-plane program gets from an install:
 #
 #   lib/libpmdb.so, libpmdb_reader.so, libtabra.so, libpmdb_host.so
-#       versioned sonames (lib<name>.so.<major>); each library finds the
-#       others next to itself ($ORIGIN), so a prefix can be moved as a whole
+#       soname lib<name>.so.<PMDB_SOVERSION>; each library finds the others
+#       next to itself ($ORIGIN), so a prefix can be moved as a whole
 #   include/pmdb/       the public headers and the platform service headers;
 #                       they include each other by file name, so one
 #                       -I<prefix>/include and #include <pmdb/pmdb.h> suffice
@@ -31,9 +31,13 @@ endforeach()
 set(PMDB_CMAKE_DIR ${CMAKE_INSTALL_LIBDIR}/cmake/pmdb)
 set(PMDB_INCLUDE_SUBDIR pmdb)
 
+# The soname's number: raised whenever an exported call, or the layout of a
+# record in shared memory, changes in a way that programs built against the
+# previous one would misread.  Files are named after the project version.
+set(PMDB_SOVERSION 0)
 set_target_properties(${PMDB_INSTALL_LIBRARIES} PROPERTIES
   VERSION ${PROJECT_VERSION}
-  SOVERSION ${PROJECT_VERSION_MAJOR}
+  SOVERSION ${PMDB_SOVERSION}
   INSTALL_RPATH "$ORIGIN")
 install(TARGETS ${PMDB_INSTALL_LIBRARIES}
   LIBRARY DESTINATION ${CMAKE_INSTALL_LIBDIR} COMPONENT runtime NAMELINK_COMPONENT dev)
