@@ -1,11 +1,13 @@
 # Thin wrapper over the CMake presets.  `make demo` builds and runs the main
 # job; `make test` builds and runs every test.  PRESET=asan|tsan|debug|clang
-# selects another build.
+# selects another build.  `make fuzz` runs each fuzz harness for FUZZ_SECONDS.
 PRESET ?= default
+FUZZ_SECONDS ?= 60
 DEPS := cmake ninja-build g++ clang libgtest-dev libgmock-dev libbenchmark-dev \
-        libcli11-dev nlohmann-json3-dev liblmdb-dev procps
+        libcli11-dev nlohmann-json3-dev liblmdb-dev procps \
+        libfuzzer-14-dev librapidcheck-dev
 
-.PHONY: all bootstrap build test demo bench clean
+.PHONY: all bootstrap build test demo bench fuzz clean
 
 all: build
 
@@ -24,6 +26,11 @@ demo: build
 
 bench: build
 	PMDB_BUILD_DIR=build/$(PRESET) bench/run.sh
+
+fuzz: bootstrap
+	cmake --preset fuzz >/dev/null
+	cmake --build --preset fuzz
+	FUZZ_SECONDS=$(FUZZ_SECONDS) tests/fuzz/run.sh build/fuzz
 
 clean:
 	rm -rf build
