@@ -20,14 +20,12 @@
  */
 #include <unistd.h>
 
-#include <vector>
-
 #include "fuzz_input.h"
 #include "host/os_host.h"
 #include "host/settings.h"
 #include "pmdb.h"
 #include "pmdb_counts.h"
-#include "pmdb_cycle.h"
+#include "pmdb_db_test.h"
 #include "pmdb_reader.h"
 #include "tabra.h"
 
@@ -98,29 +96,6 @@ void CheckCounts() {
     if (st != 0 && st != PMDB_ENOTFOUND) fuzz::Broken("bundle counter check", st);
 }
 
-int CollectKey(void *ctx, u32 key, const void *) {
-    static_cast<std::vector<u32> *>(ctx)->push_back(key);
-    return 0;
-}
-
-/* Every entry goes the library's way (slot lock retired, then removed);
- * the process's inventory list is emptied. */
-void ClearCard() {
-    for (int t = 0; t < PMDB_NUM_TYPES; t++) {
-        std::vector<u32> keys;
-        const auto type = static_cast<pmdb_type_t>(t);
-        if (dpa_pmdb_walk(type, CollectKey, &keys) != PMDB_OK) continue;
-        for (u32 key : keys) {
-            pmdb_cycle_t cyc;
-            if (pmdb_cycle_open(&cyc, type) != 0) fuzz::Broken("open for removal", t);
-            const cerrno st = pmdb_cycle_release(&cyc, pmdb_cycle_remove(&cyc, key));
-            if (st != 0) fuzz::Broken("removal", key, st);
-        }
-    }
-    while (pm_port_inv_entry_get() != nullptr)
-        pm_port_inv_entry_remove(pm_port_inv_entry_get()->node_id);
-}
-
 void RemoveNamespace() { vorn_host_remove_namespace(vorn_host_namespace()); }
 
 /* libFuzzer's process: a namespace of its own, removed at exit. */
@@ -145,7 +120,7 @@ int FuzzOper(const uint8_t *data, size_t size) {
         CheckCounts();
     }
     CheckTables();
-    ClearCard();
+    if (!pmdb::test::RemoveAllEntries()) fuzz::Broken("card not cleared");
     return 0;
 }
 
