@@ -4,7 +4,10 @@
 // The model knows which IFH entries exist, which ports are active members
 // of which bundle, each bundle's stored member count (which follows joins
 // and leaves only while the bundle's entry exists) and each sub-
-// interface's node list; an active member's removal counts it out.  After every event the tables are the model's,
+// interface's node list; an active member's removal counts it out.  Where
+// the model says what an event leaves alone (an event it must ignore, a
+// join to a bundle without an entry), nothing else of the three tables
+// changes.  After every event the tables are the model's,
 // and the library's bundle counter check names exactly the bundles whose
 // stored count the model says differs from their members.  The events are
 // the ones a port mapper sends: a member's own events name the bundle it
@@ -14,7 +17,10 @@
 
 #include <map>
 #include <ostream>
+#include <optional>
 #include <set>
+#include <sstream>
+#include <string>
 #include <vector>
 
 #include "paths_support.h"
@@ -109,6 +115,8 @@ private:
     Bundle bundles_[kBundles];
     Sub subs_[kBundles];
     u32 events_ = 0;
+    Tables before_;                  // the tables before the last event
+    std::optional<std::string> only_;  // all that event may have changed (Diff)
 };
 
 // Join (5), modify (6) and leave (7): the member's entry changes when it
@@ -125,7 +133,10 @@ void Card::Member(const Op &op) {
                     : op.kind == kModify ? PMDB_EV_MEMBER_MODIFY
                                          : PMDB_EV_MEMBER_LEAVE;
     Send(type, in, op.node);
-    if (!p.exists) return;
+    if (!p.exists) {
+        only_ = "";
+        return;
+    }
     const bool was_active = p.active;
     if (op.kind == kLeave) {
         p.active = false;
@@ -137,7 +148,12 @@ void Card::Member(const Op &op) {
         p.member_port = in.member_port;
     }
     const bool counted = op.kind != kModify && was_active != p.active;
-    if (counted && !bundles_[b].exists) return;  // the bundle update fails: the path stops
+    if (counted && !bundles_[b].exists) {  // the bundle update fails: the path stops
+        std::ostringstream member;
+        member << std::hex << "IFH ~0x" << PortIfh(op.port) << " ";
+        only_ = member.str();
+        return;
+    }
     Bundle &bundle = bundles_[b];
     if (counted && p.active) bundle.count++;
     if (counted && !p.active && bundle.count > 0) bundle.count--;
@@ -148,6 +164,8 @@ bool Card::Apply(const Op &op) {
     const Port &p = ports_[op.port];
     const bool member_op = op.kind == kJoin || op.kind == kModify || op.kind == kLeave;
     if (member_op && p.active && p.bundle_ifh != BundleIfh(op.bundle)) return false;
+    before_ = Snapshot();
+    only_.reset();
     switch (op.kind) {
         case kAddPort:
             Send(PMDB_EV_INTF_ADD, PortInfo(op.port), op.node);
@@ -170,7 +188,10 @@ bool Card::Apply(const Op &op) {
         }
         case kRemoveBundle:
             Send(PMDB_EV_BUNDLE_REMOVE, BundleInfo(op.bundle));
-            if (StoredCount(op.bundle) == 0) RemoveBundle(op.bundle);
+            if (StoredCount(op.bundle) == 0)
+                RemoveBundle(op.bundle);
+            else
+                only_ = "";
             break;
         case kAddSub:
             Send(PMDB_EV_SUB_ADD, SubInfo(op.bundle), op.node);
@@ -180,7 +201,10 @@ bool Card::Apply(const Op &op) {
         case kRemoveSub: {
             Send(PMDB_EV_SUB_REMOVE, SubInfo(op.bundle), op.node);
             Sub &s = subs_[op.bundle];
-            if (StoredCount(op.bundle) == 0 || !s.exists) break;
+            if (StoredCount(op.bundle) == 0 || !s.exists) {
+                only_ = "";
+                break;
+            }
             s.mask &= static_cast<u16>(~(1u << op.node));
             if (s.mask == 0) s = Sub{};
             break;
@@ -220,7 +244,11 @@ void Card::Check() const {
         RC_ASSERT(dpa_pmdb_copy_entry(PMDB_TYPE_IFH, SubIfh(b), &e, sizeof e) == PMDB_OK);
         RC_ASSERT(e.node_mask == subs_[b].mask);
     }
-    RC_ASSERT(Keys(PMDB_TYPE_IFH) == want_keys);
+    const Tables now = Snapshot();
+    if (only_) RC_ASSERT(Diff(before_, now) == *only_);
+    std::set<u32> keys;
+    for (const auto &[key, bytes] : now.t[PMDB_TYPE_IFH]) keys.insert(key);
+    RC_ASSERT(keys == want_keys);
     std::set<u32> wrong;
     RC_ASSERT(dpa_pmdb_check_bundle_counts(0, CollectWrong, &wrong) == PMDB_OK);
     RC_ASSERT(wrong == want_wrong);

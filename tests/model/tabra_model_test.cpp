@@ -1,7 +1,8 @@
 // The table store against an in-memory model: random sequences of adds,
 // refreshes, removals, lookups, walks and protection changes on a table
 // with long chains (7 buckets) and a small, changing entry bound.  After
-// every step the answers, slots, entries, count and walk are the model's
+// every step the answers, slots, entries, count, entry bound and walk are
+// the model's (an add of a present key is no failure and traces nothing)
 // and the store's check finds the table consistent; a failing sequence is
 // shrunk to the shortest that still fails.
 #include <gtest/gtest.h>
@@ -86,9 +87,11 @@ private:
 void Model::Add(u32 key) {
     void *e = nullptr;
     i32 slot = -1;
+    const pmdb::test::TraceMark mark = pmdb::test::TraceMark::Now();
     const cerrno st = tabra_add_entry(h_, key, &e, &slot);
     if (entries_.count(key) != 0) {
         RC_ASSERT(st == TABRA_E_EXISTS);
+        RC_ASSERT(pmdb::test::TracesSince(mark, VESK_ERROR).empty());  // not a failure
         RC_ASSERT(slot == entries_[key].slot);
         ExpectEntry(e, key);
         return;
@@ -183,6 +186,9 @@ void Model::Run(const Op &op) {
         default: Protect(op.kind == kWritable, kBounds[op.arg % std::size(kBounds)]); break;
     }
     RC_ASSERT(tabra_count(h_) == entries_.size());
+    tabra_info_t info{};
+    RC_ASSERT(tabra_get_info(h_, &info) == 0u);
+    RC_ASSERT(info.max_entries == max_);
     RC_ASSERT(CheckReport(h_) == "");
 }
 
