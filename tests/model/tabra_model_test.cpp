@@ -3,8 +3,8 @@
 // with long chains (7 buckets) and a small, changing entry bound.  After
 // every step the answers, slots, entries, count, entry bound and walk are
 // the model's (an add of a present key is no failure and traces nothing)
-// and the store's check finds the table consistent; a failing sequence is
-// shrunk to the shortest that still fails.
+// and, after adds and removals, the store's check finds the table
+// consistent; a failing sequence is shrunk to the shortest that still fails.
 #include <gtest/gtest.h>
 #include <rapidcheck.h>
 #include <rapidcheck/gtest.h>
@@ -189,7 +189,8 @@ void Model::Run(const Op &op) {
     tabra_info_t info{};
     RC_ASSERT(tabra_get_info(h_, &info) == 0u);
     RC_ASSERT(info.max_entries == max_);
-    RC_ASSERT(CheckReport(h_) == "");
+    // The full check walks every slot: after the steps that change the index.
+    if (op.kind == kAdd || op.kind == kRemove) RC_ASSERT(CheckReport(h_) == "");
 }
 
 // Adds and removals come more often than the rest, so that tables fill.
