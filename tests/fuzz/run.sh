@@ -19,7 +19,9 @@ for name in oper stream tabra; do
   work="$build/fuzz-corpus/$name"
   mkdir -p "$work"
   log="$artifacts/$name.log"
-  if "$build/tests/fuzz/fuzz_$name" -max_total_time="$seconds" -timeout=20 -rss_limit_mb=4096 \
+  # The bound on the whole run also ends a report that never finishes.
+  if timeout --kill-after=10 $((seconds + 120)) \
+       "$build/tests/fuzz/fuzz_$name" -max_total_time="$seconds" -timeout=20 -rss_limit_mb=4096 \
        -print_final_stats=1 -artifact_prefix="$artifacts/$name-" "$work" "$here/corpus/$name" \
        >"$log" 2>&1; then
     echo "fuzz_$name: ${seconds}s, $(grep -m1 -o 'stat::number_of_executed_units: *[0-9]*' "$log" | grep -o '[0-9]*$') runs, nothing found"
