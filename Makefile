@@ -1,13 +1,14 @@
 # Thin wrapper over the CMake presets.  `make demo` builds and runs the main
 # job; `make test` builds and runs every test.  PRESET=asan|tsan|debug|clang
 # selects another build.  `make package` builds the Debian package (CPack)
-# into build/<preset>.
+# into build/<preset>; `make fuzz` runs each fuzz harness for FUZZ_SECONDS.
 PRESET ?= default
+FUZZ_SECONDS ?= 60
 DEPS := cmake ninja-build g++ clang libgtest-dev libgmock-dev libbenchmark-dev \
         libcli11-dev nlohmann-json3-dev liblmdb-dev procps graphviz \
-        libzstd-dev pkgconf dpkg-dev file
+        libzstd-dev pkgconf dpkg-dev file libfuzzer-14-dev librapidcheck-dev
 
-.PHONY: all bootstrap build test demo bench package clean
+.PHONY: all bootstrap build test demo bench package fuzz clean
 
 all: build
 
@@ -29,6 +30,11 @@ bench: build
 
 package: build
 	cd build/$(PRESET) && cpack -G DEB
+
+fuzz: bootstrap
+	cmake --preset fuzz >/dev/null
+	cmake --build --preset fuzz
+	FUZZ_SECONDS=$(FUZZ_SECONDS) tests/fuzz/run.sh build/fuzz
 
 clean:
 	rm -rf build

@@ -540,6 +540,14 @@ cerrno at_rest_fast(tabra_table *t, u32 key, u8 *out, u32 off, u32 len, u32 flag
     return at_rest_again(t, key, keyed, out, off, len, c, 1);
 }
 
+/* The index links slot x for a key, yet at every one of kAtRestRetries
+ * lookups the slot showed no occupant of that key: not a race with a writer
+ * (which ends) but a slot record that the check reports as fault 5, linked
+ * with an even generation.  Looking again would loop for ever. */
+cerrno never_occupied(u32 x) {
+    return fail(pmdb_tp::tabra_check_failed, TABRA_E_CORRUPT, 5, x);
+}
+
 }  // namespace
 
 }  // namespace tabra_detail
@@ -559,11 +567,14 @@ cerrno tabra_add_entry(tabra_hdl_t t, u32 key, void **entry, i32 *slot) {
     st = bucket_of(t, key, &b, pmdb_tp::tabra_add_bad_argument);
     if (st != 0) return st;
     /* Again from the start when another process removed the key before this
-     * one could open its write bracket on the slot. */
-    for (bool moved = true; moved;) {
+     * one could open its write bracket on the slot (a bounded number of
+     * times: a damaged slot record never lets the bracket open). */
+    u32 x = kNoSlot;
+    u32 tries = 0;
+    for (bool moved = true; moved; tries++) {
+        if (tries == kAtRestRetries) return never_occupied(x);
         st = lock_writer(t);
         if (st != 0) return st;
-        u32 x = kNoSlot;
         st = add_locked(t, key, b, &x);
         unlock_writer(t);
         if (st == TABRA_E_FULL)
@@ -603,11 +614,13 @@ cerrno tabra_get_entry_by_key(tabra_hdl_t t, u32 key, void **entry, i32 *slot) {
     if (injected("tabra_get_entry_by_key", key, 0, 0, 0, &st)) return st;
     if (t == nullptr || entry == nullptr || slot == nullptr)
         return fail(pmdb_tp::tabra_lookup_bad_argument, TABRA_E_INVAL, key, 0);
-    for (bool moved = true; moved;) {
+    u32 tries = 0;
+    for (bool moved = true; moved; tries++) {
         u32 x = kNoSlot;
         st = lookup(t, key, &x);
         if (st != 0) return st;
         if (x == kNoSlot) return fail(pmdb_tp::tabra_lookup_not_found, TABRA_E_NOTFOUND, key, 0);
+        if (tries == kAtRestRetries) return never_occupied(x);
         st = touch_entry(t, x, key, &moved);
         if (st != 0) return st;
         *entry = entry_at(t, x);
@@ -637,11 +650,12 @@ cerrno tabra_copy_entry_by_key(tabra_hdl_t t, u32 key, void *buf, u32 len, i32 *
     if (injected("tabra_copy_entry_by_key", key, len, 0, 0, &st)) return st;
     if (t == nullptr || buf == nullptr || len > t->entry_size)
         return fail(pmdb_tp::tabra_lookup_bad_argument, TABRA_E_INVAL, key, 0);
-    for (;;) {
+    for (u32 tries = 0;; tries++) {
         u32 x = kNoSlot;
         st = lookup(t, key, &x);
         if (st != 0) return st;
         if (x == kNoSlot) return fail(pmdb_tp::tabra_lookup_not_found, TABRA_E_NOTFOUND, key, 0);
+        if (tries == kAtRestRetries) return never_occupied(x);
         u32 k = 0;
         if (copy_occupant(t, x, key, false, static_cast<u8 *>(buf), len, &k) != copied::ok)
             continue;

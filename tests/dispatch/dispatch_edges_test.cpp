@@ -177,17 +177,6 @@ TEST_P(DispatchNoChange, TablesStayByteForByte) {
 INSTANTIATE_TEST_SUITE_P(Records, DispatchNoChange, ::testing::ValuesIn(kNoChange),
                          [](const auto &i) { return std::string(i.param.name); });
 
-// A member event for a bundle that does not exist: the member's own IFH
-// entry records the join, nothing else changes.
-TEST_F(Dispatch, JoinOfAMissingBundleChangesOnlyTheMember) {
-    const Tables before = Snapshot();
-    pmdb_intf_info_t in = PortInfo(kPort, 1);
-    in.bundle_ifh = kMissing;
-    Oper(PMDB_EV_MEMBER_JOIN, in);
-    ExpectTrace(VESK_ERROR, 230, {kMissing, TABRA_E_NOTFOUND});
-    EXPECT_EQ(Diff(before, Snapshot()), "IFH ~0x1001 ");
-}
-
 // ---- handle and node selection -------------------------------------------
 
 struct NodeCase {

@@ -3,7 +3,10 @@
 
 #include <string.h>
 
+#include <vector>
+
 #include "pmdb_cycle.h"
+#include "pmdb_reader.h"
 #include "tabra.h"
 
 namespace pmdb::test {
@@ -37,6 +40,23 @@ cerrno RemoveEntry(pmdb_type_t type, u32 key) {
     const cerrno rc = pmdb_cycle_open(&cyc, type);
     if (rc != 0) return rc;
     return pmdb_cycle_release(&cyc, pmdb_cycle_remove(&cyc, key));
+}
+
+bool RemoveAllEntries() {
+    bool ok = true;
+    for (int t = 0; t < PMDB_NUM_TYPES; t++) {
+        std::vector<u32> keys;
+        const auto type = static_cast<pmdb_type_t>(t);
+        const auto keep = [](void *ctx, u32 key, const void *) {
+            static_cast<std::vector<u32> *>(ctx)->push_back(key);
+            return 0;
+        };
+        if (dpa_pmdb_walk(type, keep, &keys) != PMDB_OK) continue;
+        for (u32 key : keys) ok = RemoveEntry(type, key) == 0 && ok;
+    }
+    while (pm_port_inv_entry_get() != nullptr)
+        pm_port_inv_entry_remove(pm_port_inv_entry_get()->node_id);
+    return ok;
 }
 
 bool CopyEntry(pmdb_type_t type, u32 key, void *out, u32 len, i32 *slot) {

@@ -34,6 +34,11 @@ cerrno WriteEntry(pmdb_type_t type, u32 key, const std::function<void(void *entr
  * retired (waiting while any process holds it), then the entry removed. */
 cerrno RemoveEntry(pmdb_type_t type, u32 key);
 
+/* Removes every entry of the three tables as RemoveEntry does and empties
+ * this process's inventory list: an empty card for the next case of a
+ * test that runs many in one namespace.  False when a removal failed. */
+bool RemoveAllEntries();
+
 /* A consistent copy of the first `len` bytes of the entry `key` of `type`,
  * as another process reads it from the table store, whatever the entry's
  * key field holds; false when absent.  *slot, when given, receives its

@@ -1,11 +1,11 @@
 /*
  * Table store: opening, adding, finding, removing, walking and copying
  * entries, limits, hooks, and the consistency check on damaged tables.
+ * Sequences of adds, refreshes, removals, lookups, walks and protection
+ * changes in one process are checked against a model in tests/model.
  */
 #include <sys/stat.h>
 
-#include <algorithm>
-#include <set>
 #include <vector>
 
 #include "host/pm_fault.h"
@@ -113,40 +113,6 @@ TEST_F(Tabra, OnlyOCreatCreates) {
     AddOrDie(h, 5);
 }
 
-TEST_F(Tabra, MaxEntriesIsClampedAndZeroKeepsTheValue) {
-    tabra_params_t p = Params("MAX", 80, Low16, 65536, 100000);
-    tabra_hdl_t h = OpenOrDie(p);
-    tabra_info_t info{};
-    const auto max_entries = [&] { return tabra_get_info(h, &info), info.max_entries; };
-    EXPECT_EQ(max_entries(), 65536u);
-    p.max_entries = 7;
-    ASSERT_EQ(tabra_make_shm_writable(h, &p), 0u);
-    EXPECT_EQ(max_entries(), 7u);
-    p.max_entries = 0;
-    ASSERT_EQ(tabra_make_shm_readonly_protected(h, &p), 0u);
-    EXPECT_EQ(max_entries(), 7u);
-}
-
-TEST_F(Tabra, AddGivesSlotAndZeroedEntryThenExists) {
-    tabra_hdl_t h = OpenOrDie(Params("E"));
-    i32 s1 = -1, s2 = -1, s3 = -1;
-    auto *e1 = static_cast<u8 *>(AddOrDie(h, 0x10001, &s1));
-    EXPECT_EQ(s1, 0);
-    EXPECT_TRUE(std::all_of(e1, e1 + 328, [](u8 b) { return b == 0; }));
-    memset(e1, 0x5A, 328);
-    void *e2 = nullptr;
-    MarkTraces();
-    EXPECT_EQ(tabra_add_entry(h, 0x10001, &e2, &s2), TABRA_E_EXISTS);
-    EXPECT_EQ(std::make_pair(e2, s2), std::make_pair(static_cast<void *>(e1), s1));
-    EXPECT_EQ(e1[327], 0x5A) << "an existing entry is not zeroed again";
-    EXPECT_TRUE(Traces(VESK_ERROR).empty()) << "already-exists is not a failure";
-    auto *e3 = static_cast<u8 *>(AddOrDie(h, 0x20001, &s3)); /* same bucket */
-    EXPECT_EQ(s3, 1);
-    EXPECT_EQ(e3 - e1, 328);
-    EXPECT_EQ(tabra_count(h), 2u);
-    EXPECT_EQ(CheckReport(h), "");
-}
-
 TEST_F(Tabra, MissingKeysAndBadCallsAreRefusedAndTraced) {
     tabra_hdl_t h = OpenOrDie(Params("M"));
     AddOrDie(h, 0x10007);
@@ -173,24 +139,6 @@ TEST_F(Tabra, MissingKeysAndBadCallsAreRefusedAndTraced) {
     EXPECT_EQ(tabra_get_entry_by_key(out, 99, &e, &slot), TABRA_E_INVAL);
     EXPECT_EQ(tabra_count(out), 0u);
     EXPECT_EQ(CheckReport(out), "");
-}
-
-TEST_F(Tabra, FreedSlotsAreReusedLowestFirstAndZeroed) {
-    tabra_hdl_t h = OpenOrDie(Params("R", 80, Mod7, 7));
-    tabra_make_shm_writable(h, nullptr);
-    for (u32 k = 1; k <= 6; k++) memset(AddOrDie(h, k * 100), 0xEE, 80);
-    ASSERT_EQ(tabra_remove_entry(h, TABRA_REMOVE_BY_KEY, 400), 0u); /* slot 3 */
-    ASSERT_EQ(tabra_remove_entry(h, TABRA_REMOVE_BY_KEY, 200), 0u); /* slot 1 */
-    i32 slot = -1;
-    auto *e = static_cast<u8 *>(AddOrDie(h, 7000, &slot));
-    EXPECT_EQ(slot, 1);
-    EXPECT_TRUE(std::all_of(e, e + 80, [](u8 b) { return b == 0; })) << "reused slot not zeroed";
-    AddOrDie(h, 8000);
-    AddOrDie(h, 9000);
-    const std::map<u32, i32> want{{100, 0}, {7000, 1}, {300, 2}, {8000, 3},
-                                  {500, 4}, {600, 5},  {9000, 6}};
-    EXPECT_EQ(Contents(h), want);
-    EXPECT_EQ(CheckReport(h), "");
 }
 
 /* A slot pinned by a reader in another process is not given to another key
@@ -288,42 +236,6 @@ TEST_F(Tabra, AllSixtyFiveThousandSlotsAndNoMore) {
     EXPECT_EQ(CheckReport(h), "");
     EXPECT_EQ(tabra_add_entry(h, 2, &e, &slot), 0u);
     EXPECT_EQ(slot, 0);
-}
-
-/* Heads, middles and tails of seven long chains removed: every key left is
- * found, and a walk shows each in slot order with its own entry, and ends
- * with the first non-zero answer of its callback. */
-TEST_F(Tabra, LongChainsKeepEveryKeyReachableAndWalksGoInSlotOrder) {
-    tabra_hdl_t h = OpenOrDie(Params("CH", 16, Mod7, 7));
-    std::set<u32> present;
-    for (u32 k = 1; k <= 700; k++) present.insert((*static_cast<u32 *>(AddOrDie(h, k)) = k));
-    for (u32 k = 1; k <= 700; k += (k % 3) + 1) {
-        ASSERT_EQ(tabra_remove_entry(h, TABRA_REMOVE_BY_KEY, k), 0u);
-        present.erase(k);
-    }
-    void *e = nullptr;
-    i32 slot = -1;
-    for (u32 k = 1; k <= 700; k++)
-        EXPECT_EQ(tabra_get_entry_by_key(h, k, &e, &slot), present.count(k) ? 0u : TABRA_E_NOTFOUND) << k;
-    struct Log {
-        std::vector<std::pair<i32, u32>> seen;
-        size_t stop_after = 0;
-    } all, part{{}, 10};
-    const auto fn = [](void *ctx, u32 key, i32 s, const void *entry) {
-        auto *l = static_cast<Log *>(ctx);
-        if (*static_cast<const u32 *>(entry) != key) ADD_FAILURE() << "entry of another key";
-        l->seen.emplace_back(s, key);
-        return l->seen.size() == l->stop_after ? 42 : 0;
-    };
-    ASSERT_EQ(tabra_walk(h, fn, &all), 0u);
-    std::vector<std::pair<i32, u32>> want;
-    for (const auto &[k, s] : Contents(h)) want.emplace_back(s, k);
-    std::sort(want.begin(), want.end());
-    EXPECT_EQ(all.seen, want) << "slot order, removed keys left out";
-    EXPECT_EQ(want.size(), present.size());
-    EXPECT_EQ(tabra_walk(h, fn, &part), 42u);
-    EXPECT_EQ(part.seen, (std::vector<std::pair<i32, u32>>(want.begin(), want.begin() + 10)));
-    EXPECT_EQ(CheckReport(h), "");
 }
 
 /* Another process copies, finds and walks a table it never made: this

@@ -324,7 +324,9 @@ bool ReadOp(Reader &r, const json &j, StreamLine *out) {
 // without the library's bracketed prefix.
 std::string JsonError(const char *what) {
     const char *text = strchr(what, ']');
-    return std::string("malformed JSON: ") + (text != nullptr ? text + 2 : what);
+    /* The parser quotes the bytes it last read, which may be any bytes of
+     * the line: escaped, so that the error stays one printable line. */
+    return "malformed JSON: " + Printable(text != nullptr ? text + 2 : what);
 }
 
 // ---- writing ---------------------------------------------------------------

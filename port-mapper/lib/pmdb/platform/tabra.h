@@ -62,7 +62,11 @@
  * handle reaches entries with the geometry checked when it was made (entry
  * size, stride, bucket count of key % buckets), so damage done to the header
  * later cannot send a lookup outside the table; tabra_check checks the
- * header again.
+ * header again.  A key that the index links to a slot whose record never shows
+ * that key's occupant (64 lookups in a row: a damaged slot record, not a
+ * writer at work) makes tabra_add_entry, tabra_get_entry_by_key and
+ * tabra_copy_entry_by_key answer TABRA_E_CORRUPT, traced under
+ * TABRA_TP_CHECK with fault 5 and the slot, instead of looking for ever.
  *
  * Ownership.  A table's object is made and opened through the OS layer
  * (vorn_os.h), which gives a new object the host's mode and refuses an

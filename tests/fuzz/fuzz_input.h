@@ -1,0 +1,77 @@
+/*
+ * fuzz_input.h - what the fuzz harnesses share: a reader of the input's
+ * bytes, the report of a broken invariant, and the entry points.
+ *
+ * Each harness defines one body `int Fuzz<Name>(const uint8_t *, size_t)`
+ * and names it in PMDB_FUZZ_TARGET.  Built with PMDB_LIBFUZZER the macro
+ * makes the body libFuzzer's target (and runs the harness's setup once);
+ * without it the body is an ordinary function that fuzz_regress_test feeds
+ * the kept inputs through, so that a fixed crash stays fixed in `make test`.
+ */
+#ifndef PMDB_TESTS_FUZZ_INPUT_H
+#define PMDB_TESTS_FUZZ_INPUT_H
+
+#include <stddef.h>
+#include <stdint.h>
+#include <stdio.h>
+#include <stdlib.h>
+#include <string.h>
+
+namespace fuzz {
+
+/* Bytes of the input taken from the front; past the end every read is 0,
+ * so that any input is a whole case. */
+class Input {
+public:
+    Input(const uint8_t *data, size_t size) : p_(data), left_(size) {}
+    bool empty() const { return left_ == 0; }
+    uint8_t Byte() {
+        if (left_ == 0) return 0;
+        left_--;
+        return *p_++;
+    }
+    uint16_t U16() { return static_cast<uint16_t>(Byte() | (Byte() << 8)); }
+    uint32_t U32() { return U16() | (static_cast<uint32_t>(U16()) << 16); }
+    /* One of `n` values (n > 0). */
+    template <class T, size_t N>
+    T Pick(const T (&values)[N]) {
+        return values[Byte() % N];
+    }
+    /* Up to `n` bytes into `out`; the number copied. */
+    size_t Bytes(void *out, size_t n) {
+        const size_t k = n < left_ ? n : left_;
+        memcpy(out, p_, k);
+        p_ += k;
+        left_ -= k;
+        return k;
+    }
+
+private:
+    const uint8_t *p_;
+    size_t left_;
+};
+
+/* A broken invariant: one line on stderr and abort, which libFuzzer keeps
+ * as a crash and the regression test reports as its failure. */
+[[noreturn]] inline void Broken(const char *what, unsigned long long a = 0,
+                                unsigned long long b = 0) {
+    fprintf(stderr, "fuzz: broken invariant: %s (0x%llx, 0x%llx)\n", what, a, b);
+    abort();
+}
+
+}  // namespace fuzz
+
+#ifdef PMDB_LIBFUZZER
+#define PMDB_FUZZ_TARGET(body, setup)                                          \
+    extern "C" int LLVMFuzzerInitialize(int *, char ***) {                     \
+        setup();                                                               \
+        return 0;                                                              \
+    }                                                                          \
+    extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size) { \
+        return body(data, size);                                               \
+    }
+#else
+#define PMDB_FUZZ_TARGET(body, setup)
+#endif
+
+#endif
