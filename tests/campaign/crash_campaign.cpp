@@ -1,0 +1,577 @@
+// crash_campaign: writer processes replay disjoint parts of a generated card
+// (bring-up, churn, teardown; campaign_plan.cpp) while this supervisor kills
+// a writer with SIGKILL at a random moment and restarts it from the item
+// after the last one it reported done.  The item it was killed in is thus
+// applied again from its start.
+//
+// A round is one kill: the other writers are paused after their current
+// item, the killed writer restarts and re-applies its interrupted item,
+// then
+//   - `pmdbctl check` must pass, or pass after `pmdbctl repair` (counted as
+//     a violation found and repaired); an entry lock that names a dead
+//     process after that next writer ends the campaign;
+//   - the tables must equal the shadow's: a process in a namespace of its
+//     own that applied every item the writers reported done, once each, in
+//     the order the reports came, without kills.  So every item a dead
+//     writer completed is fully visible, and re-applying an interrupted
+//     item leaves what one application leaves.
+// At the end of each pass's churn and teardown the tables must also equal
+// those of `pmdbctl replay` of the same stream in stream order, which shows
+// that the phases' interleavings do not matter.
+//
+// Every wait is bounded (--hang-ms without any report is a hang, which ends
+// the campaign naming what it waited for).  Exit status 0 when every round
+// passed, 1 otherwise, 2 on bad options.
+#include <poll.h>
+#include <signal.h>
+#include <sys/mman.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <CLI/CLI.hpp>
+#include <chrono>
+#include <cstdio>
+#include <algorithm>
+#include <functional>
+#include <map>
+#include <nlohmann/json.hpp>
+#include <random>
+
+#include "campaign.h"
+#include "host/os_host.h"
+
+namespace campaign {
+namespace {
+
+using json = nlohmann::json;
+using Clock = std::chrono::steady_clock;
+
+struct Options {
+    CardShape shape;
+    unsigned kills = 50;
+    unsigned per_pass = 10;     // kills planned in one pass over the card
+    unsigned hang_ms = 10000;   // no report for this long is a hang
+    unsigned max_offset_us = 60;  // a kill lands this far at most into an item
+    std::string pmdbctl = PMDBCTL_PATH;
+    // Kinds of item ("sub_add", "oor" ...) known not to be safe to apply
+    // again after a kill inside them: their rounds are reported as known
+    // findings and do not fail the campaign.
+    std::vector<std::string> known_unsafe;
+    bool keep = false;
+    bool verbose = false;
+};
+
+struct Figures {
+    unsigned kills = 0, in_call = 0, rounds = 0, passes = 0;
+    unsigned found = 0, repaired = 0;
+    std::map<std::string, unsigned> unsafe;  // re-application findings by kind
+    unsigned unknown_unsafe = 0;
+    double longest_ms = 0;
+    std::string longest_what;
+};
+
+// The tables of namespace `ns` as `pmdbctl dump --json` gives them, each
+// entry under its key, without the times of the last change and of the
+// out-of-resource state (they differ between any two runs).  A bundle's
+// entry is changed by the writers of all its members, so which event
+// stamped it last and how often its out-of-resource state flipped depend on
+// how their items interleave: those two fields are left out of a bundle's
+// entry (each member's own entry keeps them).
+json Tables(const std::string &pmdbctl, const std::string &ns, std::string *error) {
+    json all = json::object();
+    for (const char *t : {"ifh", "punt", "oam"}) {
+        const ToolResult r = RunTool({pmdbctl, "--ns", ns, "dump", t, "--json"}, 10000);
+        json j = json::parse(r.out, nullptr, false);
+        if (r.status != 0 || !j.is_array()) {
+            *error = std::string("pmdbctl dump ") + t + " failed: " + r.err;
+            return all;
+        }
+        json &table = all[t] = json::object();
+        for (json &e : j) {
+            e.erase("last_update");
+            if (e.contains("intf_info")) e["intf_info"].erase("oor_time");
+            if (t[0] == 'i' && e["intf_info"]["bundle_ifh"] == e["key"]) {
+                e.erase("event_id");
+                e["intf_info"].erase("oor_changes");
+            }
+            table[e["key"].get<std::string>()] = e;
+        }
+    }
+    return all;
+}
+
+// At most a few lines of what differs from `want` in `got`.
+std::string Differences(const json &got, const json &want) {
+    const json d = json::diff(want, got);
+    std::string text;
+    for (size_t i = 0; i < d.size() && i < 8; i++) {
+        const json &op = d[i];
+        text += "\n    " + op["op"].get<std::string>() + " " + op["path"].get<std::string>();
+        if (op.contains("value")) text += " = " + op["value"].dump().substr(0, 160);
+        if (op["op"] != "add") text += " (expected " + want.at(json::json_pointer(op["path"].get<std::string>())).dump().substr(0, 160) + ")";
+    }
+    if (d.size() > 8) text += "\n    ... " + std::to_string(d.size() - 8) + " more";
+    return text;
+}
+
+// What a check's JSON report names as problems; dead-owner entry locks
+// separately.
+void Problems(const std::string &out, std::string *all, std::string *dead_locks) {
+    const json items = json::parse(out, nullptr, false);
+    if (!items.is_array()) return;
+    for (const json &i : items) {
+        if (!i.is_object() || i.value("ok", true)) continue;
+        const std::string line = "\n    " + i.value("name", "?") + ": " + i.value("problem", "?");
+        *all += line;
+        if (i.value("kind", "") == "entry_lock" && !i.value("alive", true)) *dead_locks += line;
+    }
+}
+
+class Campaign {
+public:
+    Campaign(const Options &o, const Plan &plan)
+        : o_(o), plan_(plan), rng_(o.shape.seed), ns_("camp" + std::to_string(getpid())),
+          shadow_ns_(ns_ + "s"), seq_ns_(ns_ + "q") {}
+
+    int Run();
+
+private:
+    const Options &o_;
+    const Plan &plan_;
+    std::mt19937_64 rng_;
+    const std::string ns_, shadow_ns_, seq_ns_;
+    InCall *in_call_ = nullptr;
+    std::vector<Child> writers_;
+    std::vector<uint32_t> done_, target_;
+    std::vector<bool> ready_, paused_;
+    Child shadow_;
+    bool synced_ = false;
+    bool diverged_ = false;  // this pass had a re-application finding
+    using KillMap = std::map<std::pair<unsigned, uint32_t>, unsigned>;
+    KillMap kill_at_;  // (writer, position) -> offset in us
+    json seq_card_, seq_whole_;
+    Figures f_;
+    std::string round_;  // what the current round did, for messages
+
+    [[noreturn]] void Fail(const std::string &why);
+    void Note(const std::string &what, Clock::time_point since);
+    void Start(unsigned pass);
+    void Stop();
+    std::string Against(const json &want, const std::string &ns);
+    void Handle(int w, const Word &m);
+    bool Pump(int timeout_ms, bool kills);
+    void WaitFor(const std::function<bool()> &done, const std::string &what, bool kills = false);
+    uint32_t PhaseTarget(unsigned w, unsigned pass, size_t end) const;
+    void PlanKills(unsigned pass, unsigned count);
+    bool KillPlanned(unsigned w, KillMap::iterator *it);
+    bool MaybeKill(bool *pending);
+    void Round(unsigned w);
+    void Restart(unsigned w);
+    void SyncShadow();
+    void Check();
+    void Compare(const json &want, const std::string &against);
+    void CompareRound(const std::string &kind);
+    void EndPass(unsigned pass);
+    void Pass(unsigned pass, unsigned kills);
+    void References();
+    void Cleanup();
+};
+
+// Ends the writers and the shadow.
+void Campaign::Stop() {
+    for (Child &c : writers_) {
+        if (c.pid > 0) kill(c.pid, SIGKILL);
+        CloseChild(&c);
+        c.pid = -1;
+    }
+    if (shadow_.pid > 0) kill(shadow_.pid, SIGKILL);
+    CloseChild(&shadow_);
+    shadow_.pid = -1;
+    while (wait(nullptr) > 0) {
+    }
+}
+
+void Campaign::Cleanup() {
+    Stop();
+    if (o_.keep) return;
+    for (const std::string &ns : {ns_, shadow_ns_, seq_ns_})
+        vorn_host_remove_namespace(ns.c_str());
+}
+
+void Campaign::Fail(const std::string &why) {
+    fprintf(stderr, "crash campaign: FAILED (seed %u): %s\n", o_.shape.seed, why.c_str());
+    if (!round_.empty()) fprintf(stderr, "  in %s\n", round_.c_str());
+    Cleanup();
+    if (o_.keep) fprintf(stderr, "  objects kept: namespaces %s, %s\n", ns_.c_str(), shadow_ns_.c_str());
+    exit(1);
+}
+
+void Campaign::Note(const std::string &what, Clock::time_point since) {
+    const double ms = std::chrono::duration<double, std::milli>(Clock::now() - since).count();
+    if (ms <= f_.longest_ms) return;
+    f_.longest_ms = ms;
+    f_.longest_what = what;
+}
+
+void Campaign::Handle(int w, const Word &m) {
+    if (w < 0) {
+        synced_ = m.kind == kSynced;
+        return;
+    }
+    if (m.kind == kReady) ready_[w] = true;
+    if (m.kind == kPaused) paused_[w] = true;
+    if (m.kind != kDone) return;
+    if (m.value != done_[w]) Fail("writer " + std::to_string(w) + " reported item " + std::to_string(m.value) + " out of order");
+    done_[w]++;
+    const auto &items = plan_.items[w];
+    if (!Send(shadow_.cmd, kApply, items[m.value % items.size()])) Fail("the shadow process is gone");
+}
+
+// Reads one report of each process that has one, waiting up to timeout_ms;
+// true when any came.  With `kills`, a planned kill is made after a report
+// that reaches it.
+bool Campaign::Pump(int timeout_ms, bool kills) {
+    std::vector<pollfd> p;
+    for (const Child &c : writers_) p.push_back({c.rep, POLLIN, 0});
+    p.push_back({shadow_.rep, POLLIN, 0});
+    if (poll(p.data(), p.size(), timeout_ms) <= 0) return false;
+    bool any = false;
+    for (size_t i = 0; i < p.size(); i++) {
+        if (p[i].revents == 0) continue;
+        const int w = i + 1 == p.size() ? -1 : static_cast<int>(i);
+        Word m{};
+        if (read(p[i].fd, &m, sizeof m) != static_cast<ssize_t>(sizeof m))
+            Fail(w < 0 ? "the shadow process ended" : "writer " + std::to_string(w) + " ended without being killed");
+        Handle(w, m);
+        any = true;
+        // A round replaces the killed writer's pipes: p is stale after it.
+        bool pending = false;
+        if (kills && MaybeKill(&pending)) break;
+    }
+    return any;
+}
+
+void Campaign::WaitFor(const std::function<bool()> &done, const std::string &what, bool kills) {
+    auto since = Clock::now();
+    for (;;) {
+        bool pending = false;
+        if (kills) MaybeKill(&pending);
+        if (done()) return Note(what, since);
+        const auto quiet = Clock::now() - since;
+        if (quiet >= std::chrono::milliseconds(o_.hang_ms))
+            Fail("hang: no report for " + std::to_string(o_.hang_ms) + " ms while waiting for " + what);
+        const int left = o_.hang_ms - std::chrono::duration_cast<std::chrono::milliseconds>(quiet).count();
+        // A planned kill waits for its writer to reach its item: look again
+        // at once.
+        if (!Pump(pending ? 0 : left, kills)) continue;
+        Note(what, since);
+        since = Clock::now();
+    }
+}
+
+// Starts the shadow and the writers at the beginning of pass `pass`.
+void Campaign::Start(unsigned pass) {
+    const size_t n = o_.shape.writers;
+    void *shared = in_call_ != nullptr ? in_call_ : mmap(nullptr, sizeof(InCall), PROT_READ | PROT_WRITE, MAP_SHARED | MAP_ANONYMOUS, -1, 0);
+    if (shared == MAP_FAILED) Fail("no shared page for the writers");
+    in_call_ = static_cast<InCall *>(shared);
+    done_.assign(n, 0);
+    for (unsigned w = 0; w < n; w++) done_[w] = static_cast<uint32_t>(pass * plan_.items[w].size());
+    target_ = done_;
+    ready_.assign(n, false);
+    paused_.assign(n, false);
+    writers_.assign(n, Child{});
+    shadow_ = StartShadow(plan_, shadow_ns_);
+    if (shadow_.pid < 0) Fail("cannot start the shadow process");
+    for (unsigned w = 0; w < n; w++) {
+        writers_[w] = StartWriter(plan_, w, done_[w], ns_, in_call_);
+        if (writers_[w].pid < 0) Fail("cannot start writer " + std::to_string(w));
+    }
+    for (unsigned w = 0; w < n; w++)
+        WaitFor([&] { return ready_[w]; }, "writer " + std::to_string(w) + " to start");
+}
+
+// The position at which writer w is done with the lines before `end` of
+// pass `pass`.
+uint32_t Campaign::PhaseTarget(unsigned w, unsigned pass, size_t end) const {
+    const auto &items = plan_.items[w];
+    uint32_t k = 0;
+    while (k < items.size() && items[k] < end) k++;
+    return static_cast<uint32_t>(pass * items.size() + k);
+}
+
+// `count` kills at items of pass `pass` chosen at random, each at a random
+// offset into its item.
+void Campaign::PlanKills(unsigned pass, unsigned count) {
+    size_t total = 0;
+    for (const auto &items : plan_.items) total += items.size();
+    for (unsigned k = 0; k < count && total != 0;) {
+        size_t g = rng_() % total;
+        unsigned w = 0;
+        while (g >= plan_.items[w].size()) g -= plan_.items[w].size(), w++;
+        const uint32_t pos = static_cast<uint32_t>(pass * plan_.items[w].size() + g);
+        k += kill_at_.try_emplace({w, pos}, static_cast<unsigned>(rng_() % (o_.max_offset_us + 1))).second;
+    }
+}
+
+// The first kill planned for writer w in the current phase: true with
+// *it when there is one.
+bool Campaign::KillPlanned(unsigned w, KillMap::iterator *it) {
+    *it = kill_at_.lower_bound({w, 0});
+    return *it != kill_at_.end() && (*it)->first.first == w && (*it)->first.second < target_[w];
+}
+
+// Kills a writer that has reached the item of a planned kill, after the
+// kill's offset, and runs the round: true when it did.  The supervisor
+// learns of reports late, so it watches where the writer is in the shared
+// page instead.  *pending: a planned kill in this phase waits.
+bool Campaign::MaybeKill(bool *pending) {
+    *pending = false;
+    for (unsigned w = 0; w < writers_.size(); w++) {
+        KillMap::iterator it;
+        if (!KillPlanned(w, &it)) continue;
+        if (in_call_->at[w] < it->first.second) {
+            *pending = true;
+            continue;
+        }
+        const auto until = Clock::now() + std::chrono::microseconds(it->second);
+        kill_at_.erase(it);
+        while (Clock::now() < until) {
+        }
+        Round(w);
+        return true;
+    }
+    return false;
+}
+
+void Campaign::SyncShadow() {
+    synced_ = false;
+    if (!Send(shadow_.cmd, kSync)) Fail("the shadow process is gone");
+    WaitFor([&] { return synced_; }, "the shadow to catch up");
+}
+
+void Campaign::Check() {
+    const std::vector<std::string> check = {o_.pmdbctl, "--ns", ns_, "check", "--json", "--wait-ms", "500"};
+    const auto since = Clock::now();
+    ToolResult r = RunTool(check, o_.hang_ms);
+    Note("pmdbctl check", since);
+    if (r.timed_out || r.status < 0) Fail("hang: pmdbctl check did not end within the wait");
+    if (r.status == 0) return;
+    std::string problems, dead;
+    Problems(r.out, &problems, &dead);
+    if (!dead.empty()) Fail("an entry lock names a dead process after the next writer:" + dead);
+    f_.found++;
+    if (o_.verbose) printf("  %s: check found:%s\n", round_.c_str(), problems.c_str());
+    const ToolResult repair = RunTool({o_.pmdbctl, "--ns", ns_, "repair", "--wait-ms", "500"}, o_.hang_ms);
+    r = RunTool(check, o_.hang_ms);
+    std::string after, dead_after;
+    Problems(r.out, &after, &dead_after);
+    if (r.status != 0)
+        Fail("pmdbctl check fails after pmdbctl repair (status " + std::to_string(repair.status) + "):" + after + "\n  repair said: " + repair.out + repair.err);
+    f_.repaired++;
+}
+
+void Campaign::Compare(const json &want, const std::string &against) {
+    std::string error;
+    const json got = Tables(o_.pmdbctl, ns_, &error);
+    if (!error.empty()) Fail(error);
+    if (got != want) Fail("the tables differ from " + against + ":" + Differences(got, want));
+}
+
+// The tables after a round against the shadow's.  A difference means that
+// the item the writer was killed in, applied again from its start, did not
+// leave what one application leaves (or that a completed item was lost):
+// it is reported as a finding about that kind of item, and the rest of the
+// pass is compared only at its end, when the teardown has emptied both.
+void Campaign::CompareRound(const std::string &kind) {
+    std::string error;
+    const json want = Tables(o_.pmdbctl, shadow_ns_, &error);
+    if (!error.empty()) Fail(error);
+    const std::string apart = Against(want, ns_);
+    if (apart.empty()) return;
+    diverged_ = true;
+    const std::string name = kind.substr(0, kind.find(' '));
+    const bool known = std::find(o_.known_unsafe.begin(), o_.known_unsafe.end(), name) != o_.known_unsafe.end();
+    f_.unsafe[name]++;
+    f_.unknown_unsafe += !known;
+    printf("%s re-application finding, %s:\n  tables against the shadow's (every completed item applied once, no kills):%s\n",
+           known ? "known" : "NEW", round_.c_str(), apart.c_str());
+}
+
+// What in the tables of namespace `ns` differs from `want`, "" when nothing
+// does; a table that cannot be read whole is a difference too.
+std::string Campaign::Against(const json &want, const std::string &ns) {
+    std::string error;
+    const json got = Tables(o_.pmdbctl, ns, &error);
+    if (!error.empty()) return "\n    " + error;
+    return got == want ? "" : Differences(got, want);
+}
+
+void Campaign::Restart(unsigned w) {
+    writers_[w] = StartWriter(plan_, w, done_[w], ns_, in_call_);
+    if (writers_[w].pid < 0) Fail("cannot restart writer " + std::to_string(w));
+    ready_[w] = false;
+    WaitFor([&] { return ready_[w]; }, "writer " + std::to_string(w) + " to restart");
+}
+
+void Campaign::Round(unsigned w) {
+    Child &c = writers_[w];
+    kill(c.pid, SIGKILL);
+    f_.kills++;
+    f_.rounds++;
+    int status = 0;
+    if (waitpid(c.pid, &status, 0) != c.pid) Fail("the killed writer could not be reaped");
+    c.pid = -1;
+    Word m{};
+    while (read(c.rep, &m, sizeof m) == static_cast<ssize_t>(sizeof m)) Handle(static_cast<int>(w), m);
+    CloseChild(&c);
+    const uint32_t line = in_call_->line[w];
+    in_call_->line[w] = 0;
+    in_call_->at[w] = 0;
+    f_.in_call += line != 0;
+    const auto &items = plan_.items[w];
+    const uint32_t redo = done_[w];
+    const uint32_t redo_line = items[redo % items.size()];
+    round_ = "round " + std::to_string(f_.rounds) + ": writer " + std::to_string(w) + " killed " +
+             (line != 0 ? "inside" : "outside") + " the call of line " + std::to_string(redo_line + 1) +
+             " (" + plan_.lines[redo_line].kind + "), which it then applied again from its start";
+    for (unsigned o = 0; o < writers_.size(); o++) {
+        if (o == w) continue;
+        paused_[o] = false;
+        if (!Send(writers_[o].cmd, kPause)) Fail("writer " + std::to_string(o) + " is gone");
+        WaitFor([&] { return paused_[o]; }, "writer " + std::to_string(o) + " to pause");
+    }
+    Restart(w);
+    if (redo < target_[w]) {
+        Send(writers_[w].cmd, kRunTo, redo + 1);
+        WaitFor([&] { return done_[w] > redo; }, "the restarted writer " + std::to_string(w) + " to re-apply its item");
+    }
+    SyncShadow();
+    Check();
+    if (!diverged_) CompareRound(plan_.lines[redo_line].kind);
+    if (o_.verbose) printf("  %s: done\n", round_.c_str());
+    round_.clear();
+    for (unsigned o = 0; o < writers_.size(); o++) Send(writers_[o].cmd, kRunTo, target_[o]);
+}
+
+// One pass over the card with `kills` kills planned in it.
+void Campaign::Pass(unsigned pass, unsigned kills) {
+    PlanKills(pass, kills);
+    for (size_t end : plan_.phase_end) {
+        for (unsigned w = 0; w < writers_.size(); w++) {
+            target_[w] = PhaseTarget(w, pass, end);
+            if (!Send(writers_[w].cmd, kRunTo, target_[w])) Fail("writer " + std::to_string(w) + " is gone");
+        }
+        const std::string what = "the writers to finish lines up to " + std::to_string(end) + " (" + plan_.lines[end - 1].kind + ")";
+        WaitFor([&] {
+            for (unsigned w = 0; w < writers_.size(); w++)
+                if (done_[w] < target_[w]) return false;
+            return true;
+        }, what, true);
+        if (end == plan_.churn_end && !diverged_)
+            Compare(seq_card_, "those of the bring-up and churn in stream order");
+    }
+    EndPass(pass);
+}
+
+// A pass ends with the teardown: the tables must equal those of the stream
+// in stream order, and check must pass.  After a re-application finding
+// they may not; what is left is reported, and the campaign goes on from
+// fresh tables and processes.
+void Campaign::EndPass(unsigned pass) {
+    SyncShadow();
+    const std::string apart = Against(seq_whole_, ns_);
+    f_.passes++;
+    if (!diverged_) {
+        if (!apart.empty()) Fail("the tables at the end of a pass differ from those of the stream in stream order:" + apart);
+        return Check();
+    }
+    printf("  what the finding(s) left at the end of the pass:%s\n", apart.empty() ? " nothing" : apart.c_str());
+    Stop();
+    vorn_host_remove_namespace(ns_.c_str());
+    vorn_host_remove_namespace(shadow_ns_.c_str());
+    diverged_ = false;
+    Start(pass + 1);
+}
+
+// The tables of the stream applied in stream order by one process of the
+// shadow's kind (pmdbctl replay registers no out-of-resource callback, so
+// its bundle counters are not a port mapper's), at the end of the churn and
+// of the whole card.
+void Campaign::References() {
+    Child seq = StartShadow(plan_, seq_ns_);
+    if (seq.pid < 0) Fail("cannot start the reference process");
+    std::string error;
+    for (uint32_t i = 0; i < plan_.lines.size() && error.empty(); i++) {
+        if (plan_.lines[i].writer == kEveryWriter) continue;
+        Send(seq.cmd, kApply, i);
+        if (i + 1 != plan_.churn_end && i + 1 != plan_.lines.size()) continue;
+        Send(seq.cmd, kSync);
+        Word m{};
+        while (m.kind != kSynced) {
+            pollfd p{seq.rep, POLLIN, 0};
+            if (poll(&p, 1, static_cast<int>(o_.hang_ms)) != 1) Fail("hang: the reference process made no progress for the wait");
+            if (read(seq.rep, &m, sizeof m) != static_cast<ssize_t>(sizeof m)) Fail("the reference process ended");
+        }
+        (i + 1 == plan_.churn_end ? seq_card_ : seq_whole_) = Tables(o_.pmdbctl, seq_ns_, &error);
+    }
+    CloseChild(&seq);
+    kill(seq.pid, SIGKILL);
+    waitpid(seq.pid, nullptr, 0);
+    if (!error.empty()) Fail(error);
+}
+
+int Campaign::Run() {
+    References();
+    Start(0);
+    const unsigned passes = o_.kills == 0 ? 1 : (o_.kills + o_.per_pass - 1) / o_.per_pass;
+    const auto start = Clock::now();
+    for (unsigned p = 0; p < passes; p++) Pass(p, std::min(o_.per_pass, o_.kills - p * o_.per_pass));
+    SyncShadow();
+    const double secs = std::chrono::duration<double>(Clock::now() - start).count();
+    printf("crash campaign: seed %u, %u writers, card of %zu lines in %zu phases, %u pass(es), %.1f s\n",
+           o_.shape.seed, o_.shape.writers, plan_.lines.size(), plan_.phase_end.size(), f_.passes, secs);
+    printf("  kills          %u (%u inside a library call, %u between calls)\n", f_.kills, f_.in_call, f_.kills - f_.in_call);
+    printf("  rounds         %u, each: check, tables against the shadow's\n", f_.rounds);
+    printf("  violations     %u found by pmdbctl check, %u repaired by pmdbctl repair\n", f_.found, f_.repaired);
+    std::string unsafe;
+    for (const auto &[kind, n] : f_.unsafe) unsafe += " " + kind + " x" + std::to_string(n);
+    printf("  re-applied     %s\n", unsafe.empty() ? "every interrupted item left what one application leaves" : ("items that did not:" + unsafe + " (" + std::to_string(f_.unknown_unsafe) + " not known)").c_str());
+    printf("  longest wait   %.1f ms (%s)\n", f_.longest_ms, f_.longest_what.c_str());
+    printf("  result         %s\n", f_.unknown_unsafe == 0 ? "passed" : "FAILED: new re-application findings");
+    Cleanup();
+    return f_.unknown_unsafe == 0 ? 0 : 1;
+}
+
+}  // namespace
+}  // namespace campaign
+
+int main(int argc, char **argv) {
+    campaign::Options o;
+    CLI::App app{"Crash campaign: writers replay a generated card while they are killed and restarted"};
+    app.add_option("--kills", o.kills, "kills in all")->capture_default_str();
+    app.add_option("--per-pass", o.per_pass, "kills in one pass over the card")->check(CLI::PositiveNumber)->capture_default_str();
+    app.add_option("--seed", o.shape.seed, "seed of the card, the kills and their moments")->capture_default_str();
+    app.add_option("--writers", o.shape.writers, "writer processes")->capture_default_str();
+    app.add_option("--members", o.shape.members, "members per bundle")->capture_default_str();
+    app.add_option("--churn", o.shape.churn, "flaps in the churn")->capture_default_str();
+    app.add_option("--hang-ms", o.hang_ms, "no report for this long is a hang")->capture_default_str();
+    app.add_option("--max-offset-us", o.max_offset_us, "a kill lands at most this far into an item")->capture_default_str();
+    app.add_option("--pmdbctl", o.pmdbctl, "the pmdbctl program")->capture_default_str();
+    app.add_option("--known-unsafe", o.known_unsafe, "kinds of item known not to be safe to apply again (sub_add ...)")->delimiter(',');
+    app.add_flag("--keep", o.keep, "keep the shared objects of a failed campaign");
+    app.add_flag("--verbose", o.verbose, "one line per round");
+    try {
+        app.parse(argc, argv);
+    } catch (const CLI::ParseError &e) {
+        return app.exit(e) == 0 ? 0 : 2;
+    }
+    signal(SIGPIPE, SIG_IGN);
+    campaign::Plan plan;
+    const std::string bad = campaign::MakePlan(o.pmdbctl, o.shape, &plan);
+    if (!bad.empty()) {
+        fprintf(stderr, "crash campaign: %s\n", bad.c_str());
+        return 2;
+    }
+    return campaign::Campaign(o, plan).Run();
+}
