@@ -70,6 +70,7 @@ std::string MakePlan(const std::string &pmdbctl, const CardShape &shape, Plan *p
 // Supervisor to process.
 enum CmdKind : uint32_t {
     kRunTo = 1,  // writer: apply your items up to this position (exclusive)
+    kArm,        // writer: SIGKILL yourself after this many us of CPU time
     kPause,      // writer: stop after the current item, answer kPaused
     kApply,      // shadow: apply this line index
     kSync,       // shadow: answer kSynced once everything before is applied
@@ -87,12 +88,9 @@ struct Word {
 };
 
 // Per writer, in memory shared with the supervisor: the line index + 1 of
-// the call in progress (0 between calls), and the position of the item it
-// is at (set before the call), which the supervisor watches to kill a
-// writer at an item of its choosing.
+// the call in progress, 0 between calls.
 struct InCall {
     volatile uint32_t line[64];
-    volatile uint32_t at[64];
 };
 
 struct Child {

@@ -51,7 +51,7 @@ struct Options {
     unsigned kills = 50;
     unsigned per_pass = 10;     // kills planned in one pass over the card
     unsigned hang_ms = 10000;   // no report for this long is a hang
-    unsigned max_offset_us = 60;  // a kill lands this far at most into an item
+    unsigned max_offset_us = 30;  // a kill lands this far at most into an item
     std::string pmdbctl = PMDBCTL_PATH;
     // Kinds of item ("sub_add", "oor" ...) known not to be safe to apply
     // again after a kill inside them: their rounds are reported as known
@@ -144,6 +144,7 @@ private:
     std::vector<Child> writers_;
     std::vector<uint32_t> done_, target_;
     std::vector<bool> ready_, paused_;
+    std::vector<bool> armed_, died_;  // a kill armed in the writer; it died
     Child shadow_;
     bool synced_ = false;
     bool diverged_ = false;  // this pass had a re-application finding
@@ -164,9 +165,13 @@ private:
     uint32_t PhaseTarget(unsigned w, unsigned pass, size_t end) const;
     void PlanKills(unsigned pass, unsigned count);
     bool KillPlanned(unsigned w, KillMap::iterator *it);
-    bool MaybeKill(bool *pending);
+    uint32_t Limit(unsigned w);
+    std::string Positions();
+    void LetRun(unsigned w);
+    bool MaybeKill();
     void Round(unsigned w);
     void Restart(unsigned w);
+    void PauseOthers(unsigned w);
     void SyncShadow();
     void Check();
     void Compare(const json &want, const std::string &against);
@@ -230,9 +235,17 @@ void Campaign::Handle(int w, const Word &m) {
 // Reads one report of each process that has one, waiting up to timeout_ms;
 // true when any came.  With `kills`, a planned kill is made after a report
 // that reaches it.
+// How process `pid` ended, after waiting for it at most a second.
+std::string EndOf(pid_t pid) {
+    int status = 0;
+    for (int i = 0; i < 1000 && waitpid(pid, &status, WNOHANG) != pid; i++) usleep(1000);
+    if (WIFEXITED(status)) return "exit status " + std::to_string(WEXITSTATUS(status));
+    return WIFSIGNALED(status) ? "signal " + std::to_string(WTERMSIG(status)) : "still running";
+}
+
 bool Campaign::Pump(int timeout_ms, bool kills) {
     std::vector<pollfd> p;
-    for (const Child &c : writers_) p.push_back({c.rep, POLLIN, 0});
+    for (size_t w = 0; w < writers_.size(); w++) p.push_back({died_[w] ? -1 : writers_[w].rep, POLLIN, 0});
     p.push_back({shadow_.rep, POLLIN, 0});
     if (poll(p.data(), p.size(), timeout_ms) <= 0) return false;
     bool any = false;
@@ -240,13 +253,15 @@ bool Campaign::Pump(int timeout_ms, bool kills) {
         if (p[i].revents == 0) continue;
         const int w = i + 1 == p.size() ? -1 : static_cast<int>(i);
         Word m{};
-        if (read(p[i].fd, &m, sizeof m) != static_cast<ssize_t>(sizeof m))
-            Fail(w < 0 ? "the shadow process ended" : "writer " + std::to_string(w) + " ended without being killed");
-        Handle(w, m);
         any = true;
+        if (read(p[i].fd, &m, sizeof m) != static_cast<ssize_t>(sizeof m)) {
+            if (w < 0 || !armed_[w]) Fail(w < 0 ? "the shadow process ended" : "writer " + std::to_string(w) + " ended without being killed: " + EndOf(writers_[w].pid));
+            died_[w] = true;
+            continue;
+        }
+        Handle(w, m);
         // A round replaces the killed writer's pipes: p is stale after it.
-        bool pending = false;
-        if (kills && MaybeKill(&pending)) break;
+        if (kills && MaybeKill()) break;
     }
     return any;
 }
@@ -254,16 +269,15 @@ bool Campaign::Pump(int timeout_ms, bool kills) {
 void Campaign::WaitFor(const std::function<bool()> &done, const std::string &what, bool kills) {
     auto since = Clock::now();
     for (;;) {
-        bool pending = false;
-        if (kills) MaybeKill(&pending);
+        // A round may leave another writer waiting at its kill's item.
+        while (kills && MaybeKill()) {
+        }
         if (done()) return Note(what, since);
         const auto quiet = Clock::now() - since;
         if (quiet >= std::chrono::milliseconds(o_.hang_ms))
-            Fail("hang: no report for " + std::to_string(o_.hang_ms) + " ms while waiting for " + what);
+            Fail(Positions() + "hang: no report for " + std::to_string(o_.hang_ms) + " ms while waiting for " + what);
         const int left = o_.hang_ms - std::chrono::duration_cast<std::chrono::milliseconds>(quiet).count();
-        // A planned kill waits for its writer to reach its item: look again
-        // at once.
-        if (!Pump(pending ? 0 : left, kills)) continue;
+        if (!Pump(left, kills)) continue;
         Note(what, since);
         since = Clock::now();
     }
@@ -280,6 +294,8 @@ void Campaign::Start(unsigned pass) {
     target_ = done_;
     ready_.assign(n, false);
     paused_.assign(n, false);
+    armed_.assign(n, false);
+    died_.assign(n, false);
     writers_.assign(n, Child{});
     shadow_ = StartShadow(plan_, shadow_ns_);
     if (shadow_.pid < 0) Fail("cannot start the shadow process");
@@ -315,31 +331,58 @@ void Campaign::PlanKills(unsigned pass, unsigned count) {
 }
 
 // The first kill planned for writer w in the current phase: true with
-// *it when there is one.
+// *it when there is one.  A kill at an item the writer has passed (the
+// restart after a kill re-applies one item unasked) moves to its next item.
 bool Campaign::KillPlanned(unsigned w, KillMap::iterator *it) {
     *it = kill_at_.lower_bound({w, 0});
+    while (*it != kill_at_.end() && (*it)->first.first == w && (*it)->first.second < done_[w]) {
+        const unsigned offset = (*it)->second;
+        kill_at_.erase(*it);
+        kill_at_.try_emplace({w, done_[w]}, offset);
+        *it = kill_at_.lower_bound({w, 0});
+    }
     return *it != kill_at_.end() && (*it)->first.first == w && (*it)->first.second < target_[w];
 }
 
-// Kills a writer that has reached the item of a planned kill, after the
-// kill's offset, and runs the round: true when it did.  The supervisor
-// learns of reports late, so it watches where the writer is in the shared
-// page instead.  *pending: a planned kill in this phase waits.
-bool Campaign::MaybeKill(bool *pending) {
-    *pending = false;
+// How far writer w is let run: to the end of its part of the phase, or to
+// the item of its next planned kill, where it waits to be let go.
+uint32_t Campaign::Limit(unsigned w) {
+    KillMap::iterator it;
+    return KillPlanned(w, &it) ? it->first.second : target_[w];
+}
+
+// Where each writer is: "writer 0 at item 12 of 40, ...", for a hang.
+std::string Campaign::Positions() {
+    std::string text;
+    for (unsigned w = 0; w < writers_.size(); w++)
+        text += "writer " + std::to_string(w) + " done " + std::to_string(done_[w]) + ", let run to " +
+                std::to_string(Limit(w)) + " of " + std::to_string(target_[w]) + "; ";
+    return text;
+}
+
+void Campaign::LetRun(unsigned w) {
+    // An armed writer may be dead already: its round comes next.
+    if (!Send(writers_[w].cmd, kRunTo, Limit(w)) && !armed_[w]) Fail("writer " + std::to_string(w) + " is gone");
+}
+
+// Kills are placed by timers in the writers (ArmKill, campaign_proc.cpp):
+// a writer waiting at the item of a planned kill is told to arm one for the
+// kill's offset and let go.  A writer that died of it, or that stopped
+// alive with the kill armed (its items ended before the offset), is killed
+// by the supervisor and has its round run here: true when one ran.
+bool Campaign::MaybeKill() {
     for (unsigned w = 0; w < writers_.size(); w++) {
+        if (died_[w] || (armed_[w] && done_[w] == Limit(w))) {
+            Round(w);
+            return true;
+        }
         KillMap::iterator it;
-        if (!KillPlanned(w, &it)) continue;
-        if (in_call_->at[w] < it->first.second) {
-            *pending = true;
-            continue;
-        }
-        const auto until = Clock::now() + std::chrono::microseconds(it->second);
+        if (armed_[w] || !KillPlanned(w, &it) || it->first.second != done_[w]) continue;
+        const unsigned offset = it->second;
         kill_at_.erase(it);
-        while (Clock::now() < until) {
-        }
-        Round(w);
-        return true;
+        armed_[w] = true;
+        Send(writers_[w].cmd, kArm, offset);
+        LetRun(w);
     }
     return false;
 }
@@ -407,6 +450,17 @@ std::string Campaign::Against(const json &want, const std::string &ns) {
     return got == want ? "" : Differences(got, want);
 }
 
+// Every writer but w stops after its current item.
+void Campaign::PauseOthers(unsigned w) {
+    for (unsigned o = 0; o < writers_.size(); o++) {
+        if (o == w) continue;
+        paused_[o] = false;
+        if (!Send(writers_[o].cmd, kPause) && !armed_[o]) Fail("writer " + std::to_string(o) + " is gone");
+        if (died_[o]) continue;
+        WaitFor([&] { return paused_[o] || died_[o]; }, "writer " + std::to_string(o) + " to pause");
+    }
+}
+
 void Campaign::Restart(unsigned w) {
     writers_[w] = StartWriter(plan_, w, done_[w], ns_, in_call_);
     if (writers_[w].pid < 0) Fail("cannot restart writer " + std::to_string(w));
@@ -427,7 +481,7 @@ void Campaign::Round(unsigned w) {
     CloseChild(&c);
     const uint32_t line = in_call_->line[w];
     in_call_->line[w] = 0;
-    in_call_->at[w] = 0;
+    armed_[w] = died_[w] = false;
     f_.in_call += line != 0;
     const auto &items = plan_.items[w];
     const uint32_t redo = done_[w];
@@ -435,12 +489,7 @@ void Campaign::Round(unsigned w) {
     round_ = "round " + std::to_string(f_.rounds) + ": writer " + std::to_string(w) + " killed " +
              (line != 0 ? "inside" : "outside") + " the call of line " + std::to_string(redo_line + 1) +
              " (" + plan_.lines[redo_line].kind + "), which it then applied again from its start";
-    for (unsigned o = 0; o < writers_.size(); o++) {
-        if (o == w) continue;
-        paused_[o] = false;
-        if (!Send(writers_[o].cmd, kPause)) Fail("writer " + std::to_string(o) + " is gone");
-        WaitFor([&] { return paused_[o]; }, "writer " + std::to_string(o) + " to pause");
-    }
+    PauseOthers(w);
     Restart(w);
     if (redo < target_[w]) {
         Send(writers_[w].cmd, kRunTo, redo + 1);
@@ -451,7 +500,7 @@ void Campaign::Round(unsigned w) {
     if (!diverged_) CompareRound(plan_.lines[redo_line].kind);
     if (o_.verbose) printf("  %s: done\n", round_.c_str());
     round_.clear();
-    for (unsigned o = 0; o < writers_.size(); o++) Send(writers_[o].cmd, kRunTo, target_[o]);
+    for (unsigned o = 0; o < writers_.size(); o++) LetRun(o);
 }
 
 // One pass over the card with `kills` kills planned in it.
@@ -460,7 +509,7 @@ void Campaign::Pass(unsigned pass, unsigned kills) {
     for (size_t end : plan_.phase_end) {
         for (unsigned w = 0; w < writers_.size(); w++) {
             target_[w] = PhaseTarget(w, pass, end);
-            if (!Send(writers_[w].cmd, kRunTo, target_[w])) Fail("writer " + std::to_string(w) + " is gone");
+            LetRun(w);
         }
         const std::string what = "the writers to finish lines up to " + std::to_string(end) + " (" + plan_.lines[end - 1].kind + ")";
         WaitFor([&] {
