@@ -1,6 +1,8 @@
 // crash_campaign: writer processes replay disjoint parts of a generated card
 // (bring-up, churn, teardown; campaign_plan.cpp) while this supervisor kills
-// a writer with SIGKILL at a random moment and restarts it from the item
+// a writer with SIGKILL at a moment chosen at random from the seed (an item
+// and an offset into it; a timer the writer arms on the supervisor's word
+// delivers the kill on time, see MaybeKill) and restarts it from the item
 // after the last one it reported done.  The item it was killed in is thus
 // applied again from its start.
 //
@@ -16,12 +18,15 @@
 //     writer completed is fully visible, and re-applying an interrupted
 //     item leaves what one application leaves.
 // At the end of each pass's churn and teardown the tables must also equal
-// those of `pmdbctl replay` of the same stream in stream order, which shows
-// that the phases' interleavings do not matter.
+// those of the same stream applied in stream order by one process, which
+// shows that the phases' interleavings do not matter.  A difference after a
+// round is a re-application finding: the kind of item is reported, known
+// kinds (--known-unsafe) do not fail the campaign, and the pass goes on from
+// fresh tables at its end.
 //
 // Every wait is bounded (--hang-ms without any report is a hang, which ends
 // the campaign naming what it waited for).  Exit status 0 when every round
-// passed, 1 otherwise, 2 on bad options.
+// passed or found only known kinds, 1 otherwise, 2 on bad options.
 #include <poll.h>
 #include <signal.h>
 #include <sys/mman.h>
@@ -351,7 +356,8 @@ uint32_t Campaign::Limit(unsigned w) {
     return KillPlanned(w, &it) ? it->first.second : target_[w];
 }
 
-// Where each writer is: "writer 0 at item 12 of 40, ...", for a hang.
+// Where each writer is ("writer 0 done 12, let run to 14 of 20; ..."), for
+// a hang.
 std::string Campaign::Positions() {
     std::string text;
     for (unsigned w = 0; w < writers_.size(); w++)
