@@ -502,9 +502,14 @@ void Campaign::Round(unsigned w) {
         WaitFor([&] { return done_[w] > redo; }, "the restarted writer " + std::to_string(w) + " to re-apply its item");
     }
     SyncShadow();
-    Check();
-    if (!diverged_) CompareRound(plan_.lines[redo_line].kind);
-    if (o_.verbose) printf("  %s: done\n", round_.c_str());
+    // Another writer that died of its own armed kill meanwhile may have left
+    // an item half done: the tables are judged after its round, which comes
+    // next.
+    bool others_dead = false;
+    for (unsigned o = 0; o < writers_.size(); o++) others_dead = others_dead || died_[o];
+    if (!others_dead) Check();
+    if (!others_dead && !diverged_) CompareRound(plan_.lines[redo_line].kind);
+    if (o_.verbose) printf("  %s: %s\n", round_.c_str(), others_dead ? "judged with the next round" : "done");
     round_.clear();
     for (unsigned o = 0; o < writers_.size(); o++) LetRun(o);
 }
