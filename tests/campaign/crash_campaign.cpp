@@ -375,20 +375,25 @@ void Campaign::LetRun(unsigned w) {
 // a writer waiting at the item of a planned kill is told to arm one for the
 // kill's offset and let go.  A writer that died of it, or that stopped
 // alive with the kill armed (its items ended before the offset), is killed
-// by the supervisor and has its round run here: true when one ran.
+// by the supervisor and has its round run here: true when one ran.  One
+// kill is armed at a time, so that a round judges the tables with no other
+// writer lying dead in the middle of an item.
 bool Campaign::MaybeKill() {
+    bool armed = false;
+    for (unsigned w = 0; w < writers_.size(); w++) armed = armed || armed_[w];
     for (unsigned w = 0; w < writers_.size(); w++) {
         if (died_[w] || (armed_[w] && done_[w] == Limit(w))) {
             Round(w);
             return true;
         }
         KillMap::iterator it;
-        if (armed_[w] || !KillPlanned(w, &it) || it->first.second != done_[w]) continue;
+        if (armed || !KillPlanned(w, &it) || it->first.second != done_[w]) continue;
         const unsigned offset = it->second;
         kill_at_.erase(it);
         armed_[w] = true;
         Send(writers_[w].cmd, kArm, offset);
         LetRun(w);
+        armed = true;
     }
     return false;
 }
@@ -502,14 +507,9 @@ void Campaign::Round(unsigned w) {
         WaitFor([&] { return done_[w] > redo; }, "the restarted writer " + std::to_string(w) + " to re-apply its item");
     }
     SyncShadow();
-    // Another writer that died of its own armed kill meanwhile may have left
-    // an item half done: the tables are judged after its round, which comes
-    // next.
-    bool others_dead = false;
-    for (unsigned o = 0; o < writers_.size(); o++) others_dead = others_dead || died_[o];
-    if (!others_dead) Check();
-    if (!others_dead && !diverged_) CompareRound(plan_.lines[redo_line].kind);
-    if (o_.verbose) printf("  %s: %s\n", round_.c_str(), others_dead ? "judged with the next round" : "done");
+    Check();
+    if (!diverged_) CompareRound(plan_.lines[redo_line].kind);
+    if (o_.verbose) printf("  %s: done\n", round_.c_str());
     round_.clear();
     for (unsigned o = 0; o < writers_.size(); o++) LetRun(o);
 }
