@@ -1,11 +1,13 @@
 # Thin wrapper over the CMake presets.  `make demo` builds and runs the main
 # job; `make test` builds and runs every test.  PRESET=asan|tsan|debug|clang
-# selects another build.
+# selects another build.  `make package` builds the Debian package (CPack)
+# into build/<preset>.
 PRESET ?= default
 DEPS := cmake ninja-build g++ clang libgtest-dev libgmock-dev libbenchmark-dev \
-        libcli11-dev nlohmann-json3-dev liblmdb-dev procps
+        libcli11-dev nlohmann-json3-dev liblmdb-dev procps graphviz \
+        libzstd-dev pkgconf dpkg-dev file
 
-.PHONY: all bootstrap build test demo bench clean
+.PHONY: all bootstrap build test demo bench package clean
 
 all: build
 
@@ -24,6 +26,9 @@ demo: build
 
 bench: build
 	PMDB_BUILD_DIR=build/$(PRESET) bench/run.sh
+
+package: build
+	cd build/$(PRESET) && cpack -G DEB
 
 clean:
 	rm -rf build

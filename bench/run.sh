@@ -1,6 +1,7 @@
 #!/usr/bin/env bash
 # Runs every benchmark program built in $PMDB_BUILD_DIR/bench, each in a
-# namespace of its own that is removed afterwards.
+# namespace of its own that is removed afterwards, then prints the table of
+# ratios of e2e_bench again (docs/performance.md).
 set -euo pipefail
 
 BUILD_DIR=${PMDB_BUILD_DIR:-build/default}
@@ -10,6 +11,9 @@ if [ ! -d "$BENCH_DIR" ]; then
   exit 1
 fi
 
+ratios=$(mktemp)
+trap 'rm -f "$ratios"' EXIT
+export E2E_RATIOS_FILE=$ratios
 status=0
 found=0
 for prog in "$BENCH_DIR"/*; do
@@ -21,6 +25,10 @@ for prog in "$BENCH_DIR"/*; do
   "$prog" "$@" || status=$?
   rm -f "/dev/shm/${PMDB_NS}."* "/dev/shm/sem.${PMDB_NS}."*
 done
+if [ -s "$ratios" ]; then
+  echo "== e2e_bench ratios"
+  cat "$ratios"
+fi
 if [ "$found" -eq 0 ]; then
   echo "bench/run.sh: no benchmark programs in $BENCH_DIR" >&2
   exit 1

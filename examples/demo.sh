@@ -1,15 +1,17 @@
 #!/usr/bin/env bash
-# make demo: a small line card built in shared memory by one process, then
-# looked at from other processes the way an operator debugs a card: tables,
-# consistency check, shared context regions, node values, entries, traces;
-# and finally a writer killed while it holds an entry lock, and the card
-# carrying on.
+# make demo: a line card of two nodes generated as an event stream, replayed
+# through the library's event entry and looked at from other processes the
+# way an operator debugs a card: tables, one bundle, a drawing of the card,
+# traces, the consistency check; then its teardown replayed; then a small
+# card built by hand, a writer killed while it holds an entry lock, and the
+# card carrying on.
 #
 # Runs unattended in a namespace of its own (PMDB_NS=demo<pid>); every shared
 # object of that namespace is removed at exit.  Exit status 0 when every step
 # did what it says.
 #
-#   PMDB_BUILD_DIR   the build directory (default build/default)
+#   PMDB_BUILD_DIR   the build directory (default build/default); the drawing
+#                    of the card is left there as demo-card.svg
 set -euo pipefail
 
 BUILD_DIR=${PMDB_BUILD_DIR:-build/default}
@@ -35,6 +37,8 @@ say() { printf '   %s\n' "$@"; }
 # Runs a command with its output kept, then shows the first or last lines
 # (a pipe into head would make a long writer fail with SIGPIPE).
 first() { local n=$1; shift; "$@" >"$work/out"; head -n "$n" "$work/out"; }
+# Runs a command with its output kept, then shows the lines matching a pattern.
+only() { local re=$1; shift; "$@" >"$work/out"; grep -E "$re" "$work/out"; }
 last() { local n=$1; shift; "$@" >"$work/out"; tail -n "$n" "$work/out"; }
 
 for tool in "$PMDBCTL" "$CARD" "$TRACE_WRITER"; do
@@ -45,40 +49,60 @@ for tool in "$PMDBCTL" "$CARD" "$TRACE_WRITER"; do
 done
 
 step "host platform settings (namespace $PMDB_NS)"
-"$PMDBCTL" settings
+"$PMDBCTL" settings | grep -E '^(NAME|os\.namespace|halvo\.(max_entries|oam_enable|lcvm_redundancy)) '
 
-step "card_writer builds the line card, one event at a time"
-say "node 1: ports 0x1001 0x1002; node 2: ports 0x2001 0x2002 and BVI 0x4001;" \
-    "bundle 0x3001 with members 0x1001 and 0x2001."
-"$CARD" build
+GEN=(gen --nodes 2 --ports 24 --subs 1 --bundles 4 --members 4 --bundle-subs 2 --bvis 2 --oam 1)
+step "pmdbctl gen: a line card as an event stream (JSON Lines, docs/event-stream.md)"
+say "2 nodes of 24 ports, a sub-interface on each port, 4 bundles of 4 members" \
+    "spanning both nodes, 2 sub-interfaces per bundle, 2 BVIs, OAM on."
+"$PMDBCTL" "${GEN[@]}" >"$work/card.jsonl"
+"$PMDBCTL" "${GEN[@]}" --teardown >"$work/all.jsonl"
+lines=$(wc -l <"$work/card.jsonl")
+tail -n "+$((lines + 1))" "$work/all.jsonl" >"$work/teardown.jsonl"
+say "$lines lines, the first three:"
+head -n 3 "$work/card.jsonl"
+
+step "pmdbctl replay: every line through dpa_pmdb_oper and the other entry points"
+say "(on a terminal a progress bar shows while a stream takes longer than a second)"
+"$PMDBCTL" replay "$work/card.jsonl"
 
 step "pmdbctl tables: what the table store holds"
 "$PMDBCTL" tables
 
-step "pmdbctl check: every table, region and entry lock (exit 1 on a fault)"
-"$PMDBCTL" check
+step "pmdbctl show 0xb00100: one bundle, its punt and OAM entries, members and sub-interfaces"
+only '^[a-z_]+ 0x|^  (member_count|sub_intf_count|node_mask) |^(members|sub_interfaces):' \
+    "$PMDBCTL" show 0xb00100
 
-step "pmdbctl regions: the shared context regions and their entry locks"
-"$PMDBCTL" regions
-
-step "pmdbctl globals: node values of the IFH region"
-say "node 1 is the high-scale node (bit 1 = its node index) and the first node seen."
-"$PMDBCTL" globals
-"$PMDBCTL" globals --json
-
-step "pmdbctl dump ifh: every interface (here only a few fields of each)"
-"$PMDBCTL" dump ifh >"$work/ifh"
-grep -E '^ifh |member_count|ifh_flags|node_mask|intf_info\.(bundle_ifh|node_id|intf_type|oor_state) ' \
-    "$work/ifh"
-
-step "pmdbctl show 0x3001: the bundle and the entries that belong to it"
-"$PMDBCTL" show 0x3001
-
-step "pmdbctl dump punt --json (first lines)"
-first 30 "$PMDBCTL" dump punt --json
+step "pmdbctl graph: the card drawn from its tables"
+svg="$BUILD_DIR/demo-card.svg"
+"$PMDBCTL" graph >"$work/card.dot"
+say "$(grep -c '\[shape=' "$work/card.dot") interfaces, $(grep -c ' -> ' "$work/card.dot") edges; the first lines of the DOT text:"
+head -n 8 "$work/card.dot"
+"$PMDBCTL" graph --svg "$svg"
+say "rendered with dot to $svg"
 
 step "pmdbctl trace --buffer event (last records)"
-last 12 "$PMDBCTL" trace --buffer event
+last 6 "$PMDBCTL" trace --buffer event
+
+step "pmdbctl check: tables, regions, entry locks, bundle counters, sub-interface counts, orphans"
+"$PMDBCTL" check
+
+step "pmdbctl replay of the teardown: the events that take the card apart"
+"$PMDBCTL" replay "$work/teardown.jsonl"
+say "what is left:"
+"$PMDBCTL" tables
+"$PMDBCTL" check
+
+step "card_writer builds a small card by hand, one operation at a time"
+say "node 1: ports 0x1001 0x1002; node 2: ports 0x2001 0x2002 and BVI 0x4001;" \
+    "bundle 0x3001 with members 0x1001 and 0x2001."
+"$CARD" build
+"$PMDBCTL" show 0x3001 | grep '^members:'
+
+step "pmdbctl save, then diff against the live card after one change"
+"$PMDBCTL" save "$work/card.snap"
+"$CARD" oor 0x2001 1
+"$PMDBCTL" diff "$work/card.snap" "$PMDB_NS"
 
 step "a writer dies holding an entry lock"
 say "card_writer hold takes the lock of port 0x1002's IFH entry, as a writer" \
@@ -88,11 +112,11 @@ holder=$!
 # Disowned: the shell then never prints its own "Killed" line for it.
 disown "$holder"
 for _ in $(seq 100); do
-    grep -q 'holds the entry lock' "$work/hold" && break
+    grep -qs 'holds the entry lock' "$work/hold" && break  # -s: the file may not be made yet
     sleep 0.1
 done
 cat "$work/hold"
-grep -q 'holds the entry lock' "$work/hold" || { echo "demo: the holder never took the lock" >&2; exit 1; }
+grep -qs 'holds the entry lock' "$work/hold" || { echo "demo: the holder never took the lock" >&2; exit 1; }
 "$PMDBCTL" regions | grep -A 3 '^ifh'
 
 say "kill -9 $holder"

@@ -1,14 +1,23 @@
 /*
  * halvo.cpp - host system properties: each property has a default, an
- * environment variable read at every call, and an in-process override set by
- * halvo_host_set.  Also the enumeration of all host settings and the small
- * parsing helpers the other host services share.
+ * environment variable, and an in-process override set by halvo_host_set.
+ * Also the enumeration of all host settings and the small parsing helpers
+ * the other host services share.
+ *
+ * The environment is read once per property and kept: the library asks for
+ * the maximum entries at every change of write protection, twice per entry
+ * change, and getenv walks the whole environment each time.  A process that
+ * changes its environment afterwards calls halvo_host_reload_env (or
+ * halvo_host_reset, which also drops the overrides); a forked child keeps
+ * its parent's values, as it keeps its environment.
  *
  * Concurrency contract: each property's override is one atomic pair; `set`
  * (release) is stored after `value` (relaxed) and read with acquire before
- * it, so a reader that sees the flag sees the value.  halvo_host_reset clears
- * the flags only.  No lock is taken; environment reads race with setenv in
- * other threads as getenv always does.
+ * it, so a reader that sees the flag sees the value.  The environment cache
+ * follows the same rule with `state`.  Two threads that read an unread
+ * property both store what they read; a reload racing with a first read may
+ * keep the value read before it.  No lock is taken; environment reads race
+ * with setenv in other threads as getenv always does.
  */
 #include <errno.h>
 #include <inttypes.h>
@@ -61,12 +70,35 @@ struct property_override {
 
 property_override g_over[P_COUNT];
 
+enum env_state : int { ENV_UNREAD, ENV_ABSENT, ENV_VALUE };
+
+struct env_cache {
+    std::atomic<int64_t> value{0};
+    std::atomic<int> state{ENV_UNREAD};
+};
+
+env_cache g_env[P_COUNT];
+
+/* The property's environment value, read on the first call after load or
+ * reload; false when the variable is unset or not a number. */
+bool env_value(property p, int64_t *value) {
+    int state = g_env[p].state.load(std::memory_order_acquire);
+    if (state == ENV_UNREAD) {
+        int64_t v = 0;
+        state = pmdb_host_env_i64(kProps[p].env, &v) ? ENV_VALUE : ENV_ABSENT;
+        g_env[p].value.store(v, std::memory_order_relaxed);
+        g_env[p].state.store(state, std::memory_order_release);
+    }
+    *value = g_env[p].value.load(std::memory_order_relaxed);
+    return state == ENV_VALUE;
+}
+
 pmdb_setting_source_t property_value(property p, int64_t *value) {
     if (g_over[p].set.load(std::memory_order_acquire)) {
         *value = g_over[p].value.load(std::memory_order_relaxed);
         return PMDB_SETTING_SETTER;
     }
-    if (pmdb_host_env_i64(kProps[p].env, value)) return PMDB_SETTING_ENV;
+    if (env_value(p, value)) return PMDB_SETTING_ENV;
     *value = kProps[p].def;
     return PMDB_SETTING_DEFAULT;
 }
@@ -148,8 +180,13 @@ int halvo_host_set(const char *name, int64_t value) {
     return 0;
 }
 
+void halvo_host_reload_env(void) {
+    for (env_cache &e : g_env) e.state.store(ENV_UNREAD, std::memory_order_release);
+}
+
 void halvo_host_reset(void) {
     for (property_override &o : g_over) o.set.store(false, std::memory_order_release);
+    halvo_host_reload_env();
 }
 
 /* --- shared helpers ------------------------------------------------------ */

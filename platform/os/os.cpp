@@ -20,6 +20,10 @@
  *   - `g_ns_current` (acquire/release) points at an interned, never-modified
  *     string of `g_ns_pool`, or is null (use PMDB_NS).  Pool entries are
  *     appended under `g_ns_lock`; `g_ns_pool_used` is read under the lock.
+ *   - `g_ns_env` (acquire/release) points at PMDB_NS as read once (an
+ *     interned string or a literal), or is null (not read since the last
+ *     vorn_host_set_namespace).  Two threads that read it first both store
+ *     the same interned copy.
  *   - The sysctl override table is read and written only under
  *     `g_sysctl_lock`.
  * The two locks are never held together, and no callback runs under either.
@@ -78,12 +82,24 @@ const char *intern_namespace(const char *ns) {
     return found;
 }
 
+/* PMDB_NS as read at its first use after load or after the last
+ * vorn_host_set_namespace: every trace record and named object asks for
+ * the namespace, and getenv walks the whole environment.  The copy is
+ * interned; every intern but its own happens in vorn_host_set_namespace,
+ * which drops it first, so the pool never reuses its slot while it is kept. */
+std::atomic<const char *> g_ns_env{nullptr};
+
 /* PMDB_NS, the default when it is unset, "" (no namespace: every named
  * call fails) when it is set to an invalid name. */
 const char *env_namespace() {
+    const char *ns = g_ns_env.load(std::memory_order_acquire);
+    if (ns != nullptr) return ns;
     const char *env = getenv(VORN_NS_ENV);
-    if (env == nullptr) return VORN_NS_DEFAULT;
-    return vorn_host_namespace_valid(env) ? env : "";
+    ns = env == nullptr                    ? VORN_NS_DEFAULT
+         : !vorn_host_namespace_valid(env) ? ""
+                                           : intern_namespace(env);
+    g_ns_env.store(ns, std::memory_order_release);
+    return ns;
 }
 
 /* Calls fn for each entry of /dev/shm that starts with prefix, with the rest
@@ -307,6 +323,7 @@ const char *vorn_host_namespace(void) {
 }
 
 int vorn_host_set_namespace(const char *ns) {
+    g_ns_env.store(nullptr, std::memory_order_release);
     if (ns == nullptr) {
         g_ns_current.store(nullptr, std::memory_order_release);
         return 0;

@@ -21,6 +21,7 @@
 
 #include "host/pm_fault.h"
 #include "tabra_internal.h"
+#include "tabra_restore.h"
 #include "vesk.h"
 
 using namespace tabra_detail;
@@ -354,13 +355,32 @@ void unlock_writer(tabra_table *t) {
 
 namespace {
 
-cerrno add_locked(tabra_table *t, u32 key, u32 b, u32 *out) {
+/* A restored entry: the slot it must go to and the bytes it starts with. */
+struct placed {
+    u32 slot;
+    const void *data;
+    u32 len;
+};
+
+/* Slot `want` when it is free and nobody pins it, else kNoSlot. */
+u32 take_slot(tabra_table *t, u32 want) {
+    const tabra_slot_meta_t *s = &slots(t)[want];
+    const bool busy = (bitmap(t)[want / 64] >> (want % 64)) & 1u;
+    if (busy || s->state != TABRA_SLOT_FREE || __atomic_load_n(&s->pins, __ATOMIC_SEQ_CST) != 0)
+        return kNoSlot;
+    return want;
+}
+
+/* Adds key in the lowest free slot, or with `at` in at->slot holding
+ * at->data (TABRA_E_INVAL when that slot is taken). */
+cerrno add_locked(tabra_table *t, u32 key, u32 b, u32 *out, const placed *at = nullptr) {
     tabra_shm_hdr_t *h = hdr(t);
     u32 pred = kNoSlot;
     crash_point(CRASH_ADD, 1);
     if (find_locked(t, b, key, out, &pred)) return TABRA_E_EXISTS;
-    const u32 x = h->count < ld_rlx(&h->max_entries) ? alloc_slot(t) : kNoSlot;
-    if (x == kNoSlot) return TABRA_E_FULL;
+    if (h->count >= ld_rlx(&h->max_entries)) return TABRA_E_FULL;
+    const u32 x = at == nullptr ? alloc_slot(t) : take_slot(t, at->slot);
+    if (x == kNoSlot) return at == nullptr ? TABRA_E_FULL : TABRA_E_INVAL;
     tabra_slot_meta_t *s = &slots(t)[x];
     intent_begin(t, TABRA_OP_ADD, key, x, b);
     crash_point(CRASH_ADD, 2);
@@ -370,6 +390,8 @@ cerrno add_locked(tabra_table *t, u32 key, u32 b, u32 *out) {
     st_rlx(&s->state, static_cast<u16>(TABRA_SLOT_RESERVED));
     crash_point(CRASH_ADD, 3);
     zero_entry(t, x);
+    /* Not linked yet: no reader can see these bytes before the gen flip. */
+    if (at != nullptr) memcpy(t->alias + static_cast<size_t>(x) * t->stride, at->data, at->len);
     /* Whatever lives beside the table per slot (the entry locks) is made
      * ready while no lookup can report the key and no pin holds the slot,
      * so nobody else can be touching it. */
@@ -552,6 +574,27 @@ cerrno tabra_add_entry(tabra_hdl_t t, u32 key, void **entry, i32 *slot) {
         *entry = entry_at(t, x);
         *slot = static_cast<i32>(x);
     }
+    return st;
+}
+
+cerrno tabra_restore_entry(tabra_hdl_t t, u32 key, i32 slot, const void *data, u32 len) {
+    cerrno st = 0;
+    if (t == nullptr || data == nullptr || len > t->entry_size || slot < 0 ||
+        static_cast<u32>(slot) >= TABRA_SLOTS)
+        return fail(pmdb_tp::tabra_add_bad_argument, TABRA_E_INVAL, key, 0);
+    u32 b = 0;
+    st = bucket_of(t, key, &b, pmdb_tp::tabra_add_bad_argument);
+    if (st != 0) return st;
+    st = lock_writer(t);
+    if (st != 0) return st;
+    const placed at{static_cast<u32>(slot), data, len};
+    u32 x = kNoSlot;
+    st = add_locked(t, key, b, &x, &at);
+    unlock_writer(t);
+    if (st == TABRA_E_INVAL)
+        return fail(pmdb_tp::tabra_add_bad_argument, st, key, static_cast<u32>(slot));
+    if (st == TABRA_E_FULL)
+        return fail(pmdb_tp::tabra_add_full, st, key, ld_rlx(&hdr(t)->max_entries));
     return st;
 }
 

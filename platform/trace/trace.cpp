@@ -395,6 +395,34 @@ bool claim(vesk_shm_rec *r, uint64_t s) {
     return false;
 }
 
+/* Who wrote a record, and when. */
+struct origin {
+    int64_t sec;
+    uint32_t nsec;
+    uint32_t pid;
+    uint32_t tid;
+};
+
+/* Fills the claimed slot r with sequence s's record and publishes it; str
+ * is null for integer records. */
+void fill_record(vesk_shm_rec *r, uint64_t s, const origin &o, uint64_t id, uint32_t nargs,
+                 const uint64_t *args, const char *str) {
+    const uint32_t info = nargs | (str != nullptr ? kInfoString : 0);
+    put(r, W_ID, id);
+    put(r, W_SEC, (uint64_t)o.sec);
+    put(r, W_NSEC_PID, (uint64_t)o.nsec | ((uint64_t)o.pid << 32));
+    put(r, W_TID_INFO, (uint64_t)o.tid | ((uint64_t)info << 32));
+    uint64_t tail[kRecWords - W_ARGS] = {};
+    if (nargs > 0) memcpy(tail, args, nargs * sizeof(uint64_t));
+    if (str != nullptr) {
+        char text[VESK_STR_MAX] = {};
+        strncpy(text, str, sizeof text - 1);
+        memcpy(&tail[W_STR - W_ARGS], text, sizeof text);
+    }
+    for (size_t w = W_ARGS; w < kRecWords; w++) put(r, w, tail[w - W_ARGS]);
+    r->stamp.store(2 * s + 2, std::memory_order_release);
+}
+
 /* Appends one record; str is null for integer records. */
 void write_record(vesk_buf_t *buf, uint64_t id, uint32_t nargs, const uint64_t *args,
                   const char *str) {
@@ -408,23 +436,9 @@ void write_record(vesk_buf_t *buf, uint64_t id, uint32_t nargs, const uint64_t *
     }
     timespec now{};
     clock_gettime(CLOCK_REALTIME, &now);
-    const uint32_t info = nargs | (str != nullptr ? kInfoString : 0);
-    uint32_t pid = 0;
-    uint32_t tid = 0;
-    writer_ids(&pid, &tid);
-    put(r, W_ID, id);
-    put(r, W_SEC, (uint64_t)now.tv_sec);
-    put(r, W_NSEC_PID, (uint64_t)now.tv_nsec | ((uint64_t)pid << 32));
-    put(r, W_TID_INFO, (uint64_t)tid | ((uint64_t)info << 32));
-    uint64_t tail[kRecWords - W_ARGS] = {};
-    if (nargs > 0) memcpy(tail, args, nargs * sizeof(uint64_t));
-    if (str != nullptr) {
-        char text[VESK_STR_MAX] = {};
-        strncpy(text, str, sizeof text - 1);
-        memcpy(&tail[W_STR - W_ARGS], text, sizeof text);
-    }
-    for (size_t w = W_ARGS; w < kRecWords; w++) put(r, w, tail[w - W_ARGS]);
-    r->stamp.store(2 * s + 2, std::memory_order_release);
+    origin o{now.tv_sec, (uint32_t)now.tv_nsec, 0, 0};
+    writer_ids(&o.pid, &o.tid);
+    fill_record(r, s, o, id, nargs, args, str);
 }
 
 void decode(const uint64_t *w, uint64_t s, vesk_rec_t *out) {
@@ -673,6 +687,31 @@ size_t vesk_read(const vesk_buf_t *buf, uint64_t since, vesk_rec_t *out, size_t 
 
 void vesk_host_set_records(uint32_t records) {
     g_records_override.store(records, std::memory_order_relaxed);
+}
+
+uint32_t vesk_host_restore(vesk_kind_t kind, uint32_t capacity, const vesk_rec_t *recs, size_t n,
+                           uint64_t next) {
+    if ((unsigned)kind >= VESK_KINDS || (recs == nullptr && n > 0) || next >= kMaxSeq)
+        return VESK_E_INVAL;
+    const uint32_t before = g_records_override.exchange(capacity, std::memory_order_relaxed);
+    uint32_t status = 0;
+    vesk_buf *buf = buffer_of(kind, &status);
+    g_records_override.store(before, std::memory_order_relaxed);
+    if (buf == nullptr) return status;
+    uint64_t unwritten = 0;
+    if (!buf->hdr->head.compare_exchange_strong(unwritten, next, std::memory_order_relaxed))
+        return VESK_E_INVAL; /* records were written here already */
+    const uint64_t cap = (uint64_t)buf->mask + 1;
+    for (size_t i = 0; i < n; i++) {
+        const vesk_rec_t &rec = recs[i];
+        vesk_shm_rec *r = &buf->recs[rec.seq & buf->mask];
+        /* Only what a ring of this size ending at `next` holds. */
+        if (rec.seq >= next || next - rec.seq > cap || !claim(r, rec.seq)) continue;
+        const origin o{rec.tv_sec, rec.tv_nsec, rec.pid, rec.tid};
+        const uint32_t nargs = rec.nargs > VESK_MAX_ARGS ? VESK_MAX_ARGS : rec.nargs;
+        fill_record(r, rec.seq, o, rec.id, nargs, rec.args, rec.is_string ? rec.str : nullptr);
+    }
+    return 0;
 }
 
 void vesk_host_forget_namespace(const char *ns) {

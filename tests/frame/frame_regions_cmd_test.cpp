@@ -129,7 +129,8 @@ const RegionDamage kRegionDamages[] = {
          EXPECT_TRUE(child->Wait().KilledBy(SIGKILL));
          return std::unique_ptr<ChildProcess>();  // its next writer recovers the lock
      },
-     0, "dnx_pmdb_ifh_shrd                ok"},
+     1, "dnx_pmdb_ifh_shrd slot 12        left by a dead owner: its entry may hold a half-done "
+        "change"},
     {"lock naming a thread that never existed",
      [](dnx_pmdb_shrd_ctx_t *c) {
          c->entry_lock[10].__data.__lock = kNeverTid;

@@ -145,9 +145,13 @@ TEST_F(OsTest, InvalidNamespacesAreRefused) {
         EXPECT_EQ(vorn_host_set_namespace(bad), -1);
         EXPECT_STREQ(vorn_host_namespace(), ns().c_str());
         // An invalid PMDB_NS is an error, never the card's own namespace.
+        // PMDB_NS is read once: a change shows after vorn_host_set_namespace.
         const auto r = RunInChild([bad] {
             vorn_host_set_namespace(nullptr);
+            const std::string kept = vorn_host_namespace();
             setenv(VORN_NS_ENV, bad, 1);
+            if (kept != vorn_host_namespace()) return 5;
+            vorn_host_set_namespace(nullptr);
             vesk_buf_t *buf = nullptr;
             if (strcmp(vorn_host_namespace(), "") != 0) return 1;
             if (_shm_open("probe", O_CREAT | O_RDWR, 0777) != -1 || errno != EINVAL) return 2;

@@ -1,17 +1,29 @@
+// pmdbctl replay, gen, graph and check as a user runs them: refused lines, a
+// generated card against the same card built by calling the library, its
+// teardown, its drawing, and the check of it damaged the way faults do.
 // pmdbctl replay and gen as a user runs them: refused lines, a generated
 // card against the same card built by calling the library, and its teardown.
+// pmdbctl save, load and diff on generated cards: a card saved and loaded
+// elsewhere, a save taken during churn, refused files, the diff of a churn.
 #include <gtest/gtest.h>
+#include <signal.h>
+#include <stdlib.h>
 #include <unistd.h>
 
+#include <chrono>
 #include <fstream>
+#include <map>
+#include <set>
 #include <nlohmann/json.hpp>
 #include <sstream>
 #include <string>
+#include <thread>
 #include <vector>
 
 #include "event_stream.h"
 #include "host/os_host.h"
 #include "pmdb.h"
+#include "pmdb_db_test.h"
 #include "pmdb_test.h"
 
 namespace {
@@ -174,6 +186,323 @@ TEST_F(ReplayTest, TeardownLeavesNothing) {
     const json s = json::parse(r.out);
     EXPECT_EQ(s["failed"], 0);
     for (const char *t : {"ifh", "punt", "oam"}) EXPECT_EQ(s["tables"][t]["after"], 0) << t;
+}
+
+// A small card: ports 0x11000 0x11001 0x21000 0x21001, each with one
+// sub-interface (0xn2001, 0xn2011); bundle 0xb00100 with two members and
+// sub-interface 0xb00101; BVI 0xe00001 on node 1.
+const std::vector<std::string> kSmallCard = {"gen", "--nodes", "2", "--ports", "2", "--members",
+                                             "2", "--bundle-subs", "1", "--bvis", "1"};
+
+class CardToolTest : public ReplayTest {
+protected:
+    void SetUp() override {
+        ReplayTest::SetUp();
+        const ToolRun gen = Pmdbctl(kSmallCard);
+        ASSERT_EQ(gen.status, 0) << gen.err;
+        const ToolRun r = Pmdbctl({"replay", File(gen.out)});
+        ASSERT_EQ(r.status, 0) << r.err;
+    }
+};
+
+// The lines of `text` that start with `name` and contain `says`.
+size_t LinesSaying(const std::string &text, const std::string &name, const std::string &says) {
+    std::istringstream in(text);
+    size_t n = 0;
+    for (std::string line; std::getline(in, line);)
+        n += line.rfind(name, 0) == 0 && line.find(says) != std::string::npos;
+    return n;
+}
+
+TEST_F(CardToolTest, GraphNamesTheCardsInterfacesAndRendersToSvg) {
+    const ToolRun dot = Pmdbctl({"graph"});
+    ASSERT_EQ(dot.status, 0) << dot.err;
+    const json members = json::parse(Pmdbctl({"show", "0xb00100", "--json"}).out)["members"];
+    ASSERT_EQ(members.size(), 2u);
+    std::vector<std::string> want = {
+        R"(subgraph "cluster_node_1")",
+        R"(subgraph "cluster_node_2")",
+        R"("0x00021001" [shape=box, fillcolor="white", label="port 0x00021001\npunt 3  oam 0"])",
+        R"("0x00e00001" [shape=diamond)",
+        R"(label="bundle 0x00b00100\nmembers 2  subs 1\npunt 1  oam 1")",
+        R"("0x00011000" -> "0x00012001")",
+        R"("0x00021001" -> "0x00022011")",
+        R"("0x00b00100" -> "0x00b00101")",
+    };
+    for (const json &m : members) want.push_back("\"" + m.get<std::string>() + "\" -> \"0x00b00100\"");
+    for (const std::string &w : want) EXPECT_NE(dot.out.find(w), std::string::npos) << w << "\n" << dot.out;
+
+    const std::string svg = File("");
+    if (system("command -v dot >/dev/null") == 0) {  // graphviz is installed
+        const ToolRun r = Pmdbctl({"graph", "--svg", svg});
+        ASSERT_EQ(r.status, 0) << r.err;
+        EXPECT_EQ(r.out, "");
+        std::ifstream in(svg);
+        const std::string text((std::istreambuf_iterator<char>(in)), std::istreambuf_iterator<char>());
+        EXPECT_NE(text.find("<svg"), std::string::npos);
+        EXPECT_NE(text.find("bundle 0x00b00100"), std::string::npos);
+    }
+    // Without dot: one line, and a non-zero exit.
+    const std::string path = getenv("PATH");
+    setenv("PATH", "/nonexistent", 1);
+    const ToolRun none = Pmdbctl({"graph", "--svg", svg});
+    setenv("PATH", path.c_str(), 1);
+    EXPECT_EQ(none.status, 1);
+    EXPECT_EQ(none.err.rfind("pmdbctl: cannot run dot", 0), 0u) << none.err;
+    EXPECT_EQ(std::count(none.err.begin(), none.err.end(), '\n'), 1) << none.err;
+}
+
+struct Damage {
+    const char *what;
+    std::function<void()> apply;
+    const char *kind;  // of the JSON item
+    std::string name, says;  // its text lines
+    size_t lines = 1;
+};
+
+void PrintTo(const Damage &d, std::ostream *os) { *os << d.what; }
+
+void Change(u32 key, const std::function<void(pmdb_ifh_entry_t &)> &change) {
+    ASSERT_EQ(pmdb::test::WriteEntry(PMDB_TYPE_IFH, key,
+                                     [&](void *e) { change(*static_cast<pmdb_ifh_entry_t *>(e)); }),
+              0u);
+}
+
+// The lock of IFH entry `key` taken by a process killed while it holds it.
+void KillHolderOf(u32 key) {
+    dnx_db_hdl_t *hdl = nullptr;
+    ASSERT_EQ(dpa_chk_shrd_ctx_open(nullptr, &hdl, PMDB_TYPE_IFH), 0u);
+    pellin_mutex_type *lock = &hdl->shrd_ctx->entry_lock[pmdb::test::SlotOf(PMDB_TYPE_IFH, key)];
+    auto child = pmdb::test::StartHeldChild([lock] { pmdb_entry_lock(lock); });
+    ASSERT_TRUE(child->WaitReady());
+    child->Kill(SIGKILL);
+    ASSERT_TRUE(child->Wait().KilledBy(SIGKILL));
+}
+
+const Damage kDamages[] = {
+    {"bundle member count", [] { Change(0xb00100, [](auto &e) { e.member_count = 3; }); },
+     "bundle", "bundle 0xb00100", "member_count 3 (members 2)"},
+    {"bundle out-of-resource counter",
+     [] { Change(0xb00100, [](auto &e) { e.intf_info.oor_members_2 = 1; }); }, "bundle",
+     "bundle 0xb00100", "oor_members_2 1 (0)"},
+    {"sub-interface count", [] { Change(0x11000, [](auto &e) { e.sub_intf_count = 2; }); },
+     "sub_intf_count", "ifh 0x00011000",
+     "sub_intf_count 2, but 1 sub-interface(s) name it: 0x00012001"},
+    {"PUNT entry of a lost interface",
+     [] { ASSERT_EQ(pmdb::test::RemoveEntry(PMDB_TYPE_IFH, 0xe00001), 0u); }, "orphan", "punt 0x",
+     "belongs to 0x00e00001, which has no IFH entry", 3},
+    {"OAM entry of a lost bundle",
+     [] { ASSERT_EQ(pmdb::test::RemoveEntry(PMDB_TYPE_IFH, 0xb00100), 0u); }, "orphan", "oam 0x",
+     "belongs to 0x00b00100, which has no IFH entry"},
+    {"lock left by a killed writer", [] { KillHolderOf(0x11001); }, "entry_lock",
+     "dnx_pmdb_ifh_shrd slot ", "(ifh 0x00011001) left by a dead owner"},
+};
+
+class CheckDamage : public CardToolTest, public ::testing::WithParamInterface<Damage> {};
+
+TEST_P(CheckDamage, CheckNamesTheDamageOnOneLine) {
+    ASSERT_EQ(Pmdbctl({"check"}).status, 0) << Pmdbctl({"check"}).out;  // the card is sound
+    const Damage &d = GetParam();
+    d.apply();
+    const ToolRun r = Pmdbctl({"check"});
+    EXPECT_EQ(r.status, 1);
+    EXPECT_EQ(LinesSaying(r.out, d.name, d.says), d.lines) << r.out;
+    const ToolRun j = Pmdbctl({"check", "--json"});
+    EXPECT_EQ(j.status, 1);
+    size_t found = 0;
+    for (const json &item : json::parse(j.out))
+        found += item["kind"] == d.kind && !item["ok"].get<bool>();
+    EXPECT_GE(found, 1u) << j.out;
+}
+
+INSTANTIATE_TEST_SUITE_P(Rows, CheckDamage, ::testing::ValuesIn(kDamages), [](const auto &info) {
+    std::string n = info.param.what;
+    for (char &c : n) c = isalnum(static_cast<unsigned char>(c)) ? c : '_';
+    return n;
+});
+
+
+/* ---- save, load, diff ---------------------------------------------------- */
+
+std::vector<std::string> CardArgs(const std::string &churn) {
+    std::vector<std::string> args(kCard.begin(), kCard.end() - 1);
+    args.push_back(churn);
+    return args;
+}
+
+size_t ObjectCount(const std::string &ns) {
+    auto ignore = [](void *, const char *) {};
+    return static_cast<size_t>(vorn_host_list_objects(ns.c_str(), ignore, nullptr));
+}
+
+// `pmdbctl globals --json` of ns, without the namespace's own name.
+json Globals(const std::string &ns) {
+    json g = json::parse(Pmdbctl({"--ns", ns, "globals", "--json"}).out, nullptr, false);
+    if (g.is_object()) g.erase("namespace");
+    return g;
+}
+
+// Every trace record of ns, by buffer and sequence number.
+std::map<std::string, json> TraceRecords(const std::string &ns) {
+    std::map<std::string, json> out;
+    const json t = json::parse(Pmdbctl({"--ns", ns, "trace", "--json"}).out, nullptr, false);
+    if (t.is_object())
+        for (const json &r : t["records"])
+            out[r["buffer"].get<std::string>() + "." + r["seq"].dump()] = r;
+    return out;
+}
+
+TEST_F(ReplayTest, SavedCardLoadsElsewhereAsItWas) {
+    // The card, then its teardown's last port removal: the first slots are
+    // free, so a load that lets the table store choose slots moves entries.
+    std::vector<std::string> teardown = kCard;
+    teardown.push_back("--teardown");
+    const std::string full = Pmdbctl(teardown).out;
+    const size_t last_port = full.rfind(R"({"type":"main_remove")");
+    ASSERT_NE(last_port, std::string::npos);
+    const std::string removal = full.substr(last_port, full.find('\n', last_port) - last_port + 1);
+    ASSERT_EQ(Pmdbctl({"replay", File(Pmdbctl(kCard).out + removal)}).status, 0);
+    const std::string snap = File("");
+    const ToolRun save = Pmdbctl({"save", snap});
+    ASSERT_EQ(save.status, 0) << save.err;
+    const std::map<std::string, json> traces = TraceRecords(ns());
+    const std::string other = OtherNs();
+    const ToolRun load = Pmdbctl({"load", snap, "--ns", other});
+    ASSERT_EQ(load.status, 0) << load.err;
+    const json tables = Tables(ns(), true);
+    ASSERT_GT(tables["punt"].size(), 20u);
+    EXPECT_EQ(json::diff(tables, Tables(other, true)), json::array());
+    EXPECT_EQ(Globals(other), Globals(ns()));
+    const json d = json::parse(Pmdbctl({"diff", snap, other, "--json"}).out);  // slots too
+    for (const char *t : {"ifh", "punt", "oam"})
+        EXPECT_EQ(d["tables"][t]["changed"], json::array()) << t;
+    const ToolRun check = Pmdbctl({"--ns", other, "check"});
+    EXPECT_EQ(check.status, 0) << check.out << check.err;
+    // The saved records keep their numbers, times and writers; the load's
+    // own opens follow them.
+    const std::map<std::string, json> loaded = TraceRecords(other);
+    ASSERT_GT(traces.size(), 50u);
+    for (const auto &[where, record] : traces) {
+        const auto it = loaded.find(where);
+        ASSERT_NE(it, loaded.end()) << where;
+        EXPECT_EQ(it->second, record);
+    }
+}
+
+TEST_F(ReplayTest, SaveDuringChurnLoadsACardThatChecks) {
+    pmdb::test::Tool replay(PMDBCTL_PATH, {"replay", File(Pmdbctl(CardArgs("20000")).out)});
+    const auto give_up = std::chrono::steady_clock::now() + std::chrono::seconds(30);
+    // Saves from the churn on: once members have joined their bundles.
+    while (Pmdbctl({"dump", "ifh", "--json"}).out.find("member_active") == std::string::npos) {
+        ASSERT_LT(std::chrono::steady_clock::now(), give_up) << "the replay made no card";
+        std::this_thread::sleep_for(std::chrono::milliseconds(5));
+    }
+    std::vector<std::string> snaps;
+    for (int i = 0; i < 8; i++) {
+        snaps.push_back(File(""));
+        const ToolRun save = Pmdbctl({"save", snaps.back()});
+        ASSERT_EQ(save.status, 0) << save.err;
+        EXPECT_EQ(save.err, "");  // every bundle agreed with its members
+    }
+    EXPECT_EQ(replay.Finish().status, 0);
+    for (const std::string &snap : snaps) {
+        const std::string other = OtherNs();
+        ASSERT_EQ(Pmdbctl({"load", snap, "--ns", other}).status, 0);
+        const ToolRun check = Pmdbctl({"--ns", other, "check"});
+        EXPECT_EQ(check.status, 0) << check.out << check.err;
+        const json d = json::parse(Pmdbctl({"diff", snap, other, "--json"}).out);
+        for (const char *t : {"ifh", "punt", "oam"})
+            for (const char *what : {"added", "removed", "changed"})
+                EXPECT_EQ(d["tables"][t][what], json::array()) << t << " " << what;
+    }
+}
+
+TEST_F(ReplayTest, DamagedForeignOrMisdirectedLoadCreatesNothing) {
+    ASSERT_EQ(Pmdbctl({"replay", File(Pmdbctl(kCard).out)}).status, 0);
+    const std::string snap = File("");
+    ASSERT_EQ(Pmdbctl({"save", snap}).status, 0);
+    std::ifstream in(snap, std::ios::binary);
+    const std::string good((std::istreambuf_iterator<char>(in)), std::istreambuf_iterator<char>());
+    std::string flipped = good, other_version = good;
+    flipped[good.size() / 2] ^= 0x10;
+    other_version[8] = 2;  // the format version follows the 8-byte magic
+    // A compressed save holds the same card; flipped, it is refused too.
+    const std::string zsnap = File("");
+    ASSERT_EQ(Pmdbctl({"save", "--compress", zsnap}).status, 0);
+    std::ifstream zin(zsnap, std::ios::binary);
+    std::string zflipped((std::istreambuf_iterator<char>(zin)), std::istreambuf_iterator<char>());
+    ASSERT_LT(zflipped.size(), good.size() / 2);
+    zflipped[zflipped.size() / 2] ^= 0x10;
+    const std::string unpacked = OtherNs();
+    ASSERT_EQ(Pmdbctl({"load", zsnap, "--ns", unpacked}).status, 0);
+    EXPECT_EQ(Tables(unpacked, true), Tables(ns(), true));
+    const json before = Tables(ns(), true);
+    struct Case {
+        const char *what;
+        std::string bytes;
+        bool into_existing;
+        const char *reason;
+    };
+    const Case cases[] = {
+        {"truncated", good.substr(0, good.size() - 100), false, "truncated: section "},
+        {"flipped byte", flipped, false, "damaged: section "},
+        {"other version", other_version, false, "snapshot format 2, this build reads format 1"},
+        {"compressed, flipped byte", zflipped, false,
+         "damaged: its compressed data does not decompress"},
+        {"existing namespace", good, true, "exists already"},
+    };
+    for (const Case &c : cases) {
+        SCOPED_TRACE(c.what);
+        const std::string file = File(c.bytes);
+        const std::string target = c.into_existing ? ns() : OtherNs();
+        const ToolRun r = Pmdbctl({"load", file, "--ns", target});
+        EXPECT_EQ(r.status, 1);
+        EXPECT_NE(r.err.find(c.reason), std::string::npos) << r.err;
+        EXPECT_EQ(std::count(r.err.begin(), r.err.end(), '\n'), 1) << r.err;
+        if (!c.into_existing) {
+            EXPECT_EQ(ObjectCount(target), 0u);
+        }
+    }
+    EXPECT_EQ(Tables(ns(), true), before);
+}
+
+// key -> entry of each table as `dump --json` prints it.
+std::map<std::string, std::map<std::string, json>> ByKey(const json &tables) {
+    std::map<std::string, std::map<std::string, json>> out;
+    for (const auto &[t, entries] : tables.items())
+        for (const json &e : entries) out[t][e["key"].get<std::string>()] = e;
+    return out;
+}
+
+TEST_F(ReplayTest, DiffListsExactlyTheEntriesAChurnChanged) {
+    const std::string card = Pmdbctl(CardArgs("0")).out;
+    const std::string churned = Pmdbctl(CardArgs("40")).out;
+    ASSERT_EQ(churned.rfind(card, 0), 0u);  // the churn follows the same card
+    ASSERT_EQ(Pmdbctl({"replay", File(card)}).status, 0);
+    const auto before = ByKey(Tables(ns(), true));
+    const std::string snap = File("");
+    ASSERT_EQ(Pmdbctl({"save", snap}).status, 0);
+    ASSERT_EQ(Pmdbctl({"replay", File(churned.substr(card.size()))}).status, 0);
+    const auto after = ByKey(Tables(ns(), true));
+    const json d = json::parse(Pmdbctl({"diff", snap, ns(), "--json"}).out);
+    size_t changes = 0;
+    for (const char *t : {"ifh", "punt", "oam"}) {
+        SCOPED_TRACE(t);
+        std::map<std::string, std::set<std::string>> want, got;
+        for (const auto &[key, e] : after.at(t)) {
+            const auto was = before.at(t).find(key);
+            if (was == before.at(t).end()) want["added"].insert(key);
+            else if (was->second != e) want["changed"].insert(key);
+        }
+        for (const auto &[key, e] : before.at(t))
+            if (after.at(t).count(key) == 0) want["removed"].insert(key);
+        for (const char *what : {"added", "removed", "changed"})
+            for (const json &e : d["tables"][t][what])
+                got[what].insert(e["key"].get<std::string>());
+        EXPECT_EQ(got, want);
+        for (const auto &[what, keys] : want) changes += keys.size();
+    }
+    EXPECT_GT(changes, 10u);
 }
 
 }  // namespace

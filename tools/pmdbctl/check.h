@@ -45,6 +45,16 @@ class CheckReport {
 
 using CheckFn = void (*)(const CheckOptions &options, CheckReport &report);
 
+// The card's own invariants (check_card.cpp): each IFH entry's
+// sub_intf_count against its sub-interfaces, and PUNT and OAM entries whose
+// interface has no IFH entry.  Nothing when --table is given.
+void CheckCardInvariants(const CheckOptions &options, CheckReport &report);
+
+// Whether a card (read live or from a snapshot) has none of the findings
+// CheckCardInvariants reports.
+struct CardView;
+bool CardInvariantsHold(const CardView &card);
+
 }  // namespace pmdbctl
 
 #endif

@@ -8,18 +8,27 @@
 //                 lock is repaired on the way, as the next writer would.
 //   regions       each region that exists: object size and magic
 //   entry locks   locks naming a thread that no longer exists (their writers
-//                 would wait for ever), and locks that live threads hold at
-//                 every sample for --wait-ms
+//                 would wait for ever), locks that live threads hold at
+//                 every sample for --wait-ms, and locks that a dead holder
+//                 left (or a holder left not recoverable); each named with
+//                 the key of the entry in its slot
 //   bundles       each bundle's member and out-of-resource counters against
 //                 its members (cmd_repair.cpp), when pmdbctl has the library
+//   card          sub-interface counts and PUNT and OAM entries whose
+//                 interface is gone (check_card.cpp)
 //
-// Nothing here takes an entry lock or writes to a region.
+// The entry locks are looked at first and only looked at: the later checks
+// read entries through the library and the reader library, which take a
+// lock that a dead holder left over (as any writer or reader of it would).
+// Nothing here writes to a region.
 #ifdef PMDBCTL_HAVE_TABRA
 
 #include <stdio.h>
 
 #include <algorithm>
 #include <iostream>
+#include <iterator>
+#include <map>
 #include <memory>
 #include <string>
 #include <vector>
@@ -28,6 +37,7 @@
 #include "cmd_repair.h"
 #include "format.h"
 #include "lock_survey.h"
+#include "pmdb_fields.h"
 #include "region_view.h"
 #include "tables.h"
 
@@ -133,15 +143,72 @@ json LockDetails(const HeldLock &h) {
             {"held_ms", h.held_ms}};
 }
 
+// The key of the entry in each slot of table `table` (none when it cannot
+// be attached).
+std::map<u32, u32> SlotKeys(const char *table) {
+    std::map<u32, u32> keys;
+    tabra_hdl_t h = nullptr;
+    if (AttachTable(table, &h) != 0) return keys;
+    tabra_walk(
+        h,
+        [](void *ctx, u32 key, i32 slot, const void *) {
+            (*static_cast<std::map<u32, u32> *>(ctx))[static_cast<u32>(slot)] = key;
+            return 0;
+        },
+        &keys);
+    return keys;
+}
+
+// Names locks as "dnx_pmdb_ifh_shrd slot 5 (ifh 0x00001002)": the lock and
+// the entry it guards, when its slot holds one.  Each table is walked once,
+// the first time one of its locks is named.
+class LockNamer {
+public:
+    std::string operator()(const std::string &region, u32 slot) {
+        size_t t = 0;
+        while (t + 1 < std::size(kRegions) && region != kRegions[t].object) t++;
+        if (!walked_[t]) keys_[t] = SlotKeys(pmdb_fields::kTableName[t]);
+        walked_[t] = true;
+        std::string name = region + " slot " + std::to_string(slot);
+        const auto k = keys_[t].find(slot);
+        if (k == keys_[t].end()) return name;
+        return name + " (" + kRegions[t].type + " " + Hex(k->second) + ")";
+    }
+
+private:
+    std::map<u32, u32> keys_[std::size(kRegions)];
+    bool walked_[std::size(kRegions)] = {};
+};
+
+void ReportHeld(const HeldLock &h, LockNamer &name, CheckReport &report) {
+    const std::string who = HolderText(h.tid, h.thread);
+    report.Problem("entry_lock", name(h.region, h.slot),
+                   h.thread.alive ? "held by " + who + " at every sample over " +
+                                        std::to_string(h.held_ms) + " ms"
+                                  : "names " + who + ": its writers wait for ever",
+                   LockDetails(h));
+}
+
+void ReportLeft(const LeftLock &l, LockNamer &name, CheckReport &report) {
+    report.Problem("entry_lock", name(l.region, l.slot),
+                   l.not_recoverable
+                       ? "not recoverable: a holder let it go without making it consistent, "
+                         "its entry can no longer be changed"
+                       : "left by a dead owner: its entry may hold a half-done change (the "
+                         "next writer or reader takes the lock over)",
+                   {{"slot", l.slot}, {"not_recoverable", l.not_recoverable}});
+}
+
 void CheckEntryLocks(const CheckOptions &o, CheckReport &report) {
     if (!o.table.empty()) return;
     std::vector<std::unique_ptr<RegionView>> views;
     std::vector<HeldLock> held;
+    std::vector<LeftLock> left;
     for (const RegionName &r : kRegions) {
         views.push_back(std::make_unique<RegionView>(r.object));
         const RegionView &v = *views.back();
         if (v.ctx() != nullptr && v.magic() == PMDB_SHRD_CTX_MAGIC)
-            SurveyLocks(r.object, v.ctx(), &held);
+            SurveyLocks(r.object, v.ctx(), &held, &left);
     }
     if (const size_t live = LiveHolders(held); live != 0) {
         std::cerr << "pmdbctl: sampling " << live
@@ -150,22 +217,19 @@ void CheckEntryLocks(const CheckOptions &o, CheckReport &report) {
         const WaitingFor waiting(std::to_string(live) + " held entry lock(s) to be let go");
         WatchLocks(held, std::chrono::milliseconds(o.wait_ms));
     }
-    for (const HeldLock &h : held) {
-        if (!h.still_held) continue;
-        const std::string name = h.region + " slot " + std::to_string(h.slot);
-        const std::string who = HolderText(h.tid, h.thread);
-        report.Problem("entry_lock", name,
-                       h.thread.alive ? "held by " + who + " at every sample over " +
-                                            std::to_string(h.held_ms) + " ms"
-                                      : "names " + who + ": its writers wait for ever",
-                       LockDetails(h));
-    }
+    LockNamer name;
+    for (const HeldLock &h : held)
+        if (h.still_held) ReportHeld(h, name, report);
+    for (const LeftLock &l : left) ReportLeft(l, name, report);
 }
 
 // Independent of each other; each adds its own items.
 constexpr CheckFn kChecks[] = {CheckTables, CheckRegions, CheckEntryLocks,
 #ifdef PMDBCTL_HAVE_PMDB
-                               CheckBundleCounters
+                               CheckBundleCounters,
+#endif
+#ifdef PMDBCTL_HAVE_PMDB_READER
+                               CheckCardInvariants,
 #endif
 };
 

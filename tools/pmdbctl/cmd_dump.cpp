@@ -20,6 +20,7 @@
 #include <vector>
 
 #include "command.h"
+#include "entry_fields.h"
 #include "format.h"
 #include "pmdb_fields.h"
 #include "pmdb_reader.h"
@@ -338,6 +339,8 @@ RunFn InstallShow(CLI::App &app) {
 const Registrar kShow("show", InstallShow);
 
 }  // namespace
+
+json EntryFields(pmdb_type_t type, const void *entry) { return EntryJson(type, entry); }
 }  // namespace pmdbctl
 
 #endif  // PMDBCTL_HAVE_PMDB_READER

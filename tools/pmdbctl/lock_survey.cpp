@@ -57,7 +57,7 @@ ThreadInfo LookUpThread(int tid) {
 }
 
 LockCounts SurveyLocks(const std::string &region, const dnx_pmdb_shrd_ctx_t *ctx,
-                       std::vector<HeldLock> *held) {
+                       std::vector<HeldLock> *held, std::vector<LeftLock> *left) {
     LockCounts n;
     for (u32 slot = 0; slot < PMDB_NUM_ENTRY_LOCKS; slot++) {
         ThreadInfo thread;
@@ -68,6 +68,8 @@ LockCounts SurveyLocks(const std::string &region, const dnx_pmdb_shrd_ctx_t *ctx
         const bool gone = v.held && !thread.alive;
         n.dead_owner += v.owner_died || gone;
         n.held += v.held && !gone;
+        if (left != nullptr && !v.held && (v.owner_died || v.not_recoverable))
+            left->push_back({region, slot, v.not_recoverable != 0});
         if (!v.held) continue;
         HeldLock h;
         h.lock = &ctx->entry_lock[slot];

@@ -38,6 +38,16 @@ struct HeldLock {
     std::chrono::steady_clock::time_point first_seen;
 };
 
+// A lock nobody holds that a holder left behind: the kernel marked it when
+// its holder died (the next locker makes it consistent and may find its
+// entry half changed), or a holder let it go without making it consistent
+// (no one can take it again).
+struct LeftLock {
+    std::string region;
+    u32 slot = 0;
+    bool not_recoverable = false;
+};
+
 struct LockCounts {
     unsigned initialised = 0, held = 0, dead_owner = 0, not_recoverable = 0, destroyed = 0;
 };
@@ -45,9 +55,10 @@ struct LockCounts {
 // Counts the lock states of region `ctx` (named `region`) and appends its
 // held locks to *held.  A lock counts as left by a dead owner when the
 // kernel marked it so, or when it names a thread that no longer exists
-// (confirmed by reading the lock again after looking the thread up).
+// (confirmed by reading the lock again after looking the thread up).  With
+// `left`, the locks that holders left behind are appended to it.
 LockCounts SurveyLocks(const std::string &region, const dnx_pmdb_shrd_ctx_t *ctx,
-                       std::vector<HeldLock> *held);
+                       std::vector<HeldLock> *held, std::vector<LeftLock> *left = nullptr);
 
 // Samples the locks of `held` held by live threads until `bound` has
 // passed or none is held by its thread any more; updates still_held and

@@ -35,8 +35,10 @@ extern "C" {
  * valid for the life of the process. */
 const char *vorn_host_namespace(void);
 /* Overrides the namespace for this process (tests, tools); NULL returns to
- * PMDB_NS.  An invalid name is refused (returns -1, nothing changes).
- * Returns 0 on success. */
+ * PMDB_NS.  An invalid name is refused (returns -1, the namespace in
+ * force stays).  PMDB_NS is read once and kept; every call of this function
+ * makes it read again at its next use (for a process that changed its
+ * environment).  Returns 0 on success. */
 int vorn_host_set_namespace(const char *ns);
 /* 1 when ns is a valid namespace name: 1 to 40 characters of
  * [A-Za-z0-9_-], and not "sem" (the prefix of every named semaphore). */

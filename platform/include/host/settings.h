@@ -57,8 +57,12 @@ const char *pmdb_setting_source_name(pmdb_setting_source_t source);
 /* Overrides a system property by its setting name ("oam_enable" or
  * "halvo.oam_enable"); returns 0, or -1 for an unknown name. */
 int halvo_host_set(const char *name, int64_t value);
-/* Drops the overrides of every system property. */
+/* Drops the overrides of every system property, and what was read of the
+ * environment (halvo_host_reload_env). */
 void halvo_host_reset(void);
+/* The system properties read the environment once and keep what they read;
+ * after this call they read it again (for a process that changed it). */
+void halvo_host_reload_env(void);
 
 /* Identity overrides; platform_host_reset drops all of them (the node id
  * returns to its value at load). */

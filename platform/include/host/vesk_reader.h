@@ -106,6 +106,17 @@ uint32_t vesk_read_checked(const vesk_buf_t *buf, uint64_t since, vesk_rec_t *ou
 size_t vesk_read(const vesk_buf_t *buf, uint64_t since, vesk_rec_t *out, size_t max,
                  uint64_t *next, uint64_t *lost);
 
+/* Rebuilds buffer `kind` of the current namespace from saved records: the
+ * buffer is made with `capacity` records (rounded as VESK_RECORDS_ENV is),
+ * its next sequence number is `next`, and each record of recs that a ring
+ * of that size ending at `next` holds is put at its own sequence number
+ * with its own id, arguments, time and writer; the others read as lost.
+ * Only for a buffer nothing was written to yet (a new namespace).
+ * Returns 0; VESK_E_INVAL for a bad argument or a buffer already written;
+ * the status of opening the buffer. */
+uint32_t vesk_host_restore(vesk_kind_t kind, uint32_t capacity, const vesk_rec_t *recs, size_t n,
+                           uint64_t next);
+
 #ifdef __cplusplus
 }
 #endif
