@@ -136,9 +136,10 @@ struct Problem {
 
 // What a check's JSON report names as problems (a report that is not JSON
 // is one problem too).
-std::set<Problem> Problems(const std::string &out) {
-    const json items = json::parse(out, nullptr, false);
-    if (!items.is_array()) return {{"", "\n    not a check report: " + out.substr(0, 160), false}};
+std::set<Problem> Problems(const ToolResult &r) {
+    const json items = json::parse(r.out, nullptr, false);
+    if (!items.is_array())
+        return {{"", "\n    not a check report (status " + std::to_string(r.status) + "): " + (r.out + r.err).substr(0, 400), false}};
     std::set<Problem> found;
     for (const json &i : items) {
         if (!i.is_object() || i.value("ok", true)) continue;
@@ -214,7 +215,7 @@ private:
     void PauseOthers(unsigned w);
     void SyncShadow();
     void Check(const std::string &known_kind);
-    std::set<Problem> NewProblems(const std::string &out);
+    std::set<Problem> NewProblems(const ToolResult &r);
     bool Known(const std::string &item) const {
         return std::find(o_.known_unsafe.begin(), o_.known_unsafe.end(), item) != o_.known_unsafe.end();
     }
@@ -445,8 +446,8 @@ void Campaign::SyncShadow() {
 
 // The problems of a check report other than those already explained in
 // this pass.
-std::set<Problem> Campaign::NewProblems(const std::string &out) {
-    std::set<Problem> found = Problems(out);
+std::set<Problem> Campaign::NewProblems(const ToolResult &r) {
+    std::set<Problem> found = Problems(r);
     for (const Problem &p : accepted_) found.erase(p);
     return found;
 }
@@ -463,7 +464,7 @@ void Campaign::Check(const std::string &known_kind) {
     Note("pmdbctl check", since);
     if (r.timed_out || r.status < 0) Fail("hang: pmdbctl check did not end within the wait");
     if (r.status == 0) return;
-    const std::set<Problem> problems = NewProblems(r.out);
+    const std::set<Problem> problems = NewProblems(r);
     const std::string dead = Lines(problems, true);
     if (!dead.empty()) Fail("an entry lock names a dead process after the next writer:" + dead);
     if (problems.empty()) return;
@@ -472,7 +473,7 @@ void Campaign::Check(const std::string &known_kind) {
     const ToolResult repair = RunTool({o_.pmdbctl, "--ns", ns_, "repair", "--wait-ms", "500"}, o_.hang_ms);
     r = RunTool(check, o_.hang_ms);
     if (r.timed_out || r.status < 0) Fail("hang: pmdbctl check did not end within the wait");
-    const std::set<Problem> after = r.status == 0 ? std::set<Problem>{} : NewProblems(r.out);
+    const std::set<Problem> after = r.status == 0 ? std::set<Problem>{} : NewProblems(r);
     f_.repaired += std::any_of(problems.begin(), problems.end(), [&](const Problem &p) { return after.count(p) == 0; });
     bool explained = !known_kind.empty();
     for (const Problem &p : after) explained = explained && Explained(p, known_kind);
