@@ -6,6 +6,7 @@
 // supervisor's, so that a dead writer's report pipe ends when it does and a
 // supervisor that ends takes every child with it (end of file on the
 // command pipe, and the parent-death signal).
+#include <cstdio>
 #include <fcntl.h>
 #include <poll.h>
 #include <signal.h>
@@ -75,7 +76,14 @@ void Prepare(const Plan &plan) {
     for (int t = 0; t < PMDB_NUM_TYPES; t++) {
         dnx_db_hdl_t *h = nullptr;
         const auto type = static_cast<pmdb_type_t>(t);
-        if (dpa_chk_pmdb_open(nullptr, &h, type, 1) != 0) _exit(4);
+        // Exit status 4: the open with write intent failed; its status goes
+        // to stderr so that the supervisor's "ended without being killed"
+        // can be traced to the library's documented cause.
+        if (const cerrno rc = dpa_chk_pmdb_open(nullptr, &h, type, 1); rc != 0) {
+            fprintf(stderr, "campaign writer %d: opening type %d with write intent failed with status %d\n",
+                    static_cast<int>(getpid()), t, static_cast<int>(rc));
+            _exit(4);
+        }
         (void)dpa_pmdb_mprotect_tabra(h->tabra, h, type);
     }
     for (const Line &l : plan.lines)
