@@ -180,8 +180,9 @@ bool StayedLocked(const Problem &p) {
 // in namespace `ns`; -1 when the report cannot be read.
 long RetiredLocks(const std::string &pmdbctl, const std::string &ns, unsigned hang_ms) {
     const ToolResult r = RunTool({pmdbctl, "--ns", ns, "regions", "--json"}, hang_ms);
-    const json regions = json::parse(r.out, nullptr, false);
-    if (r.timed_out || !regions.is_array()) return -1;
+    const json report = json::parse(r.out, nullptr, false);
+    if (r.timed_out || !report.is_object() || !report.contains("regions") || !report["regions"].is_array()) return -1;
+    const json &regions = report["regions"];
     long n = 0;
     for (const json &g : regions)
         if (g.is_object() && g.contains("entry_locks")) n += g["entry_locks"].value("destroyed", 0L);
