@@ -258,6 +258,7 @@ struct Damage {
     const char *kind;  // of the JSON item
     std::string name, says;  // its text lines
     size_t lines = 1;
+    bool repaired = false;  // pmdbctl repair puts it right
 };
 
 void PrintTo(const Damage &d, std::ostream *os) { *os << d.what; }
@@ -288,6 +289,9 @@ const Damage kDamages[] = {
     {"sub-interface count", [] { Change(0x11000, [](auto &e) { e.sub_intf_count = 2; }); },
      "sub_intf_count", "ifh 0x00011000",
      "sub_intf_count 2, but 1 sub-interface(s) name it: 0x00012001"},
+    {"sub-interface count one short, repaired",
+     [] { Change(0x11000, [](auto &e) { e.sub_intf_count = 0; }); }, "sub_intf_count",
+     "ifh 0x00011000", "sub_intf_count 0, but 1 sub-interface(s) name it: 0x00012001", 1, true},
     {"PUNT entry of a lost interface",
      [] { ASSERT_EQ(pmdb::test::RemoveEntry(PMDB_TYPE_IFH, 0xe00001), 0u); }, "orphan", "punt 0x",
      "belongs to 0x00e00001, which has no IFH entry", 3},
@@ -313,6 +317,10 @@ TEST_P(CheckDamage, CheckNamesTheDamageOnOneLine) {
     for (const json &item : json::parse(j.out))
         found += item["kind"] == d.kind && !item["ok"].get<bool>();
     EXPECT_GE(found, 1u) << j.out;
+    if (!d.repaired) return;
+    const ToolRun repair = Pmdbctl({"repair"});
+    EXPECT_EQ(repair.status, 0) << repair.out;
+    EXPECT_EQ(Pmdbctl({"check"}).status, 0) << Pmdbctl({"check"}).out << repair.out;
 }
 
 INSTANTIATE_TEST_SUITE_P(Rows, CheckDamage, ::testing::ValuesIn(kDamages), [](const auto &info) {

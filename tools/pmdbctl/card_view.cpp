@@ -31,10 +31,7 @@ IntfKind KindOf(const pmdb_ifh_entry_t &e) {
     return in.intf_type == PMDB_INTF_TYPE_BVI ? IntfKind::kBvi : IntfKind::kPort;
 }
 
-u32 ParentOf(const pmdb_intf_info_t &in) {
-    if (in.sub_ifh == 0) return 0;
-    return in.ifh != 0 ? in.ifh : in.bundle_ifh;
-}
+u32 ParentOf(const pmdb_intf_info_t &in) { return pmdb_fields::parent_ifh(&in); }
 
 u32 PuntOwner(const pmdb_punt_entry_t &e) {
     const pmdb_intf_info_t &in = e.intf_info;

@@ -130,7 +130,8 @@ bool Findings(std::vector<Finding> *out, CheckReport &report) {
     if (card.tables == 0) return false;
     if (card.busy)
         out->push_back({"card", "card invariants",
-                        "some entries stayed locked by a writer and were not looked at", {}});
+                        "some entries stayed locked by a writer and were not looked at",
+                        json::object()});
     SubIntfCounts(card, out);
     Orphans(card, out);
     return true;

@@ -5,7 +5,9 @@
 //                      half done and recounts every bundle whose counters
 //                      disagree with its members, under its slot lock; one
 //                      line per bundle it changed; exit status 0 when done,
-//                      1 when a bundle could not be repaired
+//                      1 when a bundle could not be repaired; then
+//                      recounts every parent's sub_intf_count from the
+//                      sub-interfaces that name it, one line per change
 //
 // Both go through the library (dpa_pmdb_check_bundle_counts,
 // dpa_pmdb_repair_bundle_counts), which holds the one statement of what the
@@ -67,6 +69,31 @@ std::string LogProblem(cerrno rc) {
            " is damaged or not this user's";
 }
 
+void CollectSub(void *ctx, const dpa_pmdb_sub_counts_t *c, cerrno status) {
+    static_cast<std::vector<std::pair<dpa_pmdb_sub_counts_t, cerrno>> *>(ctx)->push_back(
+        {*c, status});
+}
+
+// Recounts every parent's sub_intf_count from the sub-interfaces naming it:
+// one line per parent changed; false when one could not be repaired.
+bool RepairSubCounts(unsigned wait_ms) {
+    std::vector<std::pair<dpa_pmdb_sub_counts_t, cerrno>> found;
+    dpa_pmdb_repair_sub_intf_counts(wait_ms, CollectSub, &found);
+    bool ok = true;
+    size_t repaired = 0;
+    for (const auto &[c, status] : found) {
+        const std::string name = "ifh " + Hex(c.parent_ifh);
+        if (status != 0)
+            printf("%s: not repaired: %s\n", name.c_str(), NotExamined(status).c_str());
+        else
+            printf("%s: sub_intf_count %u -> %u\n", name.c_str(), c.sub_intf_count, c.subs);
+        ok = ok && status == 0;
+        repaired += status == 0;
+    }
+    printf("%zu sub-interface count(s) repaired\n", repaired);
+    return ok;
+}
+
 int Repair(unsigned wait_ms) {
     std::vector<Finding> found;
     const cerrno rc = dpa_pmdb_repair_bundle_counts(wait_ms, Collect, &found);
@@ -92,13 +119,15 @@ int Repair(unsigned wait_ms) {
     const std::string log = LogProblem(rc);
     if (!log.empty()) return Fail(log);
     printf("%u bundle(s) repaired\n", repaired);
+    if (!RepairSubCounts(wait_ms)) status = kExitFailure;
     return status;
 }
 
 RunFn InstallRepair(CLI::App &app) {
     auto *cmd = app.add_subcommand("repair",
                                    "Recount every bundle's member and out-of-resource counters "
-                                   "from its members, under its lock");
+                                   "from its members and every sub_intf_count from the "
+                                   "sub-interfaces, under their locks");
     auto wait_ms = std::make_shared<unsigned>(kDefaultWaitMs);
     AddWaitOption(cmd, wait_ms.get(), "longest wait for one lock (ms)");
     return [wait_ms] { return Repair(*wait_ms); };

@@ -114,6 +114,14 @@ inline void summarise_keys(const pmdb_intf_info_t *in, dpa_pmdb_ifh_summary_t *s
     s->npu_index = in->npu_index;
 }
 
+/* The parent of an interface block's sub-interface: its port (ifh), else its
+ * bundle (bundle_ifh); 0 when the block is no sub-interface (sub_ifh 0).
+ * A parent's sub_intf_count is the number of IFH entries naming it so. */
+inline u32 parent_ifh(const pmdb_intf_info_t *in) {
+    if (in->sub_ifh == 0) return 0;
+    return in->ifh != 0 ? in->ifh : in->bundle_ifh;
+}
+
 /* Fills *s from an interface block.  Always: the keys (summarise_keys),
  * intf_data_44, the member port fields, parent_ifh, and the sum_flags bits
  * egress_key, is_sub_intf and is_bundle_sub_intf (its other bits keep their
@@ -127,7 +135,7 @@ inline void summarise_intf(const pmdb_intf_info_t *in, u32 fields, dpa_pmdb_ifh_
     set_flag(&s->sum_flags, PMDB_SUM_EGRESS_KEY, (in->intf_flags & PMDB_INTF_EGRESS_KEY) != 0);
     set_flag(&s->sum_flags, PMDB_SUM_IS_SUB_INTF, sub && (in->ifh != 0 || in->bundle_ifh != 0));
     set_flag(&s->sum_flags, PMDB_SUM_IS_BUNDLE_SUB_INTF, sub && in->bundle_ifh != 0);
-    s->parent_ifh = sub ? (in->ifh != 0 ? in->ifh : in->bundle_ifh) : 0;
+    s->parent_ifh = parent_ifh(in);
     if ((fields & kSummaryOamId) != 0) s->oam_id = in->oam_id;
     if ((fields & kSummaryBundle) != 0) s->bundle_ifh = in->bundle_ifh;
     if ((fields & kSummaryOamSlots) != 0) copy_oam_slots(s->oam_slots, in->oam_slots);

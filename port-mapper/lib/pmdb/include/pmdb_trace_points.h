@@ -323,6 +323,7 @@
     X(340, D, bundle_counts_repaired, N, "bundle_ifh", "member_count", "member_count_new", \
         "oor_members_1", "oor_members_1_new", "oor_members_2", "oor_members_2_new") \
     X(341, E, member_ops_unusable, S, "object", "reason") \
+    X(342, D, sub_intf_count_repaired, N, "ifh", "sub_intf_count", "sub_intf_count_new") \
     /* Table store (platform): failures, and repairs after a dead writer. */ \
     X(900, E, tabra_open_bad_params, N, "status", "reason", "value") \
     X(901, E, tabra_object_failed, N, "status", "errno", "stage") \

@@ -2,7 +2,7 @@
  * dnx_pmdb_counts.cpp - a bundle's counters as its members give them: the
  * membership rule, the recount of one bundle under its slot lock, and the
  * check and repair of every bundle of the IFH table (pmdbctl check and
- * repair).
+ * repair); likewise the repair of every parent's sub_intf_count.
  *
  * Concurrency contract:
  *   - A recount holds only the bundle's slot lock (and write access to the
@@ -35,6 +35,7 @@
 #include "pmdb.h"
 #include "pmdb_counts.h"
 #include "pmdb_cycle.h"
+#include "pmdb_fields.h"
 #include "pmdb_internal.h"
 #include "pmdb_member_ops.h"
 #include "pmdb_ops.h"
@@ -277,25 +278,104 @@ cerrno examine_all(u32 wait_ms, bool store, dpa_pmdb_bundle_counts_fn_t fn, void
     return log_rc;
 }
 
-}  // namespace
-
-cerrno pmdb_bundle_recount(u32 bundle_ifh, u32 wait_ms, bool store, dpa_pmdb_bundle_counts_t *out) {
+/* Runs locked(cyc) in an entry change cycle of IFH entry `ifh` under its
+ * slot lock (waited for as slot_lock waits), then unlocked(cyc) once the
+ * lock is released, still in the cycle (write access held).  Returns the
+ * cycle's or the lock's status, else locked's. */
+template <class Locked, class Unlocked>
+cerrno in_entry_cycle(u32 ifh, u32 wait_ms, Locked locked, Unlocked unlocked) {
     pmdb_cycle_t cyc;
-    cerrno rc = pmdb_cycle_begin(&cyc, PMDB_TYPE_IFH, bundle_ifh, PMDB_CYCLE_FIND, &kNoTraces);
+    cerrno rc = pmdb_cycle_begin(&cyc, PMDB_TYPE_IFH, ifh, PMDB_CYCLE_FIND, &kNoTraces);
     if (rc != PMDB_OK) return rc;
     pellin_mutex_type *lock = pmdb_cycle_slot_lock(&cyc, cyc.slot);
     rc = slot_lock(lock, wait_ms);
     if (rc != PMDB_OK) return pmdb_cycle_release(&cyc, rc);
+    rc = locked(&cyc);
+    pmdb_entry_unlock(lock);
+    unlocked(&cyc);
+    return pmdb_cycle_release(&cyc, rc);
+}
+
+/* ---- sub-interface counts ------------------------------------------------------------ */
+
+struct sub_tally {
+    u32 parent_ifh;
+    u32 subs;
+};
+
+int tally_sub(void *ctx, u32, i32, const void *entry) {
+    auto *t = static_cast<sub_tally *>(ctx);
+    const auto *e = static_cast<const pmdb_ifh_entry_t *>(entry);
+    if (pmdb_fields::parent_ifh(&e->intf_info) == t->parent_ifh) t->subs++;
+    return 0;
+}
+
+/* Caller holds the parent's slot lock: derives its count and replaces a
+ * stored count that disagrees. */
+cerrno sub_recount_locked(const pmdb_cycle_t *cyc, dpa_pmdb_sub_counts_t *c) {
+    sub_tally tally = {cyc->key, 0};
+    const cerrno rc = tabra_walk(cyc->hdl->tabra, tally_sub, &tally);
+    if (rc != PMDB_OK) return rc;
+    auto *p = static_cast<pmdb_ifh_entry_t *>(cyc->entry);
+    c->sub_intf_count = p->sub_intf_count;
+    c->subs = static_cast<u16>(tally.subs);
+    if (c->sub_intf_count == c->subs) return PMDB_OK;
+    p->sub_intf_count = c->subs;
+    clock_gettime(CLOCK_REALTIME, &p->last_update);
+    PMDB_TRACE(tp::sub_intf_count_repaired, cyc->key, c->sub_intf_count, c->subs);
+    return PMDB_OK;
+}
+
+cerrno sub_recount(u32 parent_ifh, u32 wait_ms, dpa_pmdb_sub_counts_t *c) {
+    return in_entry_cycle(
+        parent_ifh, wait_ms, [c](const pmdb_cycle_t *cyc) { return sub_recount_locked(cyc, c); },
+        [](const pmdb_cycle_t *) {});
+}
+
+/* One walk: every entry's stored count (rows of key and count) and the
+ * parent each sub-interface names. */
+struct sub_survey {
+    rows<dpa_pmdb_sub_counts_t> stored;
+    rows<u32> parents;
+};
+
+int survey_sub(void *ctx, u32 key, i32, const void *entry) {
+    auto *s = static_cast<sub_survey *>(ctx);
+    const auto *e = static_cast<const pmdb_ifh_entry_t *>(entry);
+    const u32 parent = pmdb_fields::parent_ifh(&e->intf_info);
+    if (parent != 0 && !s->parents.push(parent)) return static_cast<int>(PMDB_ENOMEM);
+    const dpa_pmdb_sub_counts_t c = {key, e->sub_intf_count, 0};
+    return s->stored.push(c) ? 0 : static_cast<int>(PMDB_ENOMEM);
+}
+
+void repair_subs_of(sub_survey *s, u32 wait_ms, dpa_pmdb_sub_counts_fn_t fn, void *ctx) {
+    std::sort(s->parents.begin(), s->parents.end());
+    for (const dpa_pmdb_sub_counts_t &stored : s->stored) {
+        const auto range = std::equal_range(s->parents.begin(), s->parents.end(), stored.parent_ifh);
+        if (stored.sub_intf_count == range.second - range.first) continue;
+        dpa_pmdb_sub_counts_t c = {stored.parent_ifh, 0, 0};
+        const cerrno rc = sub_recount(stored.parent_ifh, wait_ms, &c);
+        if (rc == TABRA_E_NOTFOUND) continue; /* removed meanwhile */
+        if (rc != PMDB_OK || c.sub_intf_count != c.subs) fn(ctx, &c, rc);
+    }
+}
+
+}  // namespace
+
+cerrno pmdb_bundle_recount(u32 bundle_ifh, u32 wait_ms, bool store, dpa_pmdb_bundle_counts_t *out) {
     dpa_pmdb_bundle_counts_t c;
     memset(&c, 0, sizeof c);
     c.bundle_ifh = bundle_ifh;
     u32 before = PMDB_OOR_NONE, after = PMDB_OOR_NONE;
-    rc = recount_locked(&cyc, store, &c, &before, &after);
-    pmdb_entry_unlock(lock);
-    const dpa_pmdb_oor_cb_t cb = dpa_pmdb_oor_cb_get();
-    if (after != before && cb != nullptr) cb(bundle_ifh, static_cast<u32>(cyc.slot), after, 0);
-    if (out != nullptr) *out = c;
-    return pmdb_cycle_release(&cyc, rc);
+    const auto locked = [&](const pmdb_cycle_t *cyc) {
+        return recount_locked(cyc, store, &c, &before, &after);
+    };
+    const auto unlocked = [&](const pmdb_cycle_t *cyc) {
+        const dpa_pmdb_oor_cb_t cb = dpa_pmdb_oor_cb_get();
+        if (after != before && cb != nullptr) cb(bundle_ifh, static_cast<u32>(cyc->slot), after, 0);
+        if (out != nullptr) *out = c;
+    };
+    return in_entry_cycle(bundle_ifh, wait_ms, locked, unlocked);
 }
 
 extern "C" {
@@ -308,6 +388,16 @@ cerrno dpa_pmdb_check_bundle_counts(u32 wait_ms, dpa_pmdb_bundle_counts_fn_t fn,
 cerrno dpa_pmdb_repair_bundle_counts(u32 wait_ms, dpa_pmdb_bundle_counts_fn_t fn,
                                                  void *ctx) {
     return examine_all(wait_ms, true, fn, ctx);
+}
+
+cerrno dpa_pmdb_repair_sub_intf_counts(u32 wait_ms, dpa_pmdb_sub_counts_fn_t fn, void *ctx) {
+    if (fn == nullptr) return PMDB_EINVAL;
+    tabra_hdl_t table = nullptr;
+    if (tabra_attach(PMDB_IFH_TABLE_NAME, &table) != 0) return PMDB_ENOTFOUND;
+    sub_survey s;
+    const cerrno rc = tabra_walk(table, survey_sub, &s);
+    if (rc == PMDB_OK) repair_subs_of(&s, wait_ms, fn, ctx);
+    return rc;
 }
 
 }  // extern "C"

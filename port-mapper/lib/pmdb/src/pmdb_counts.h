@@ -69,10 +69,33 @@ typedef void (*dpa_pmdb_bundle_counts_fn_t)(void *ctx, const dpa_pmdb_bundle_cou
 cerrno dpa_pmdb_check_bundle_counts(u32 wait_ms, dpa_pmdb_bundle_counts_fn_t fn, void *ctx);
 cerrno dpa_pmdb_repair_bundle_counts(u32 wait_ms, dpa_pmdb_bundle_counts_fn_t fn, void *ctx);
 
+/* ---- Sub-interface count repair ---------------------------------------------
+ * A parent's sub_intf_count is the number of IFH entries whose parent it is
+ * (pmdb_fields::parent_ifh: a sub-interface names its port, else its
+ * bundle).  The repair surveys the table without locks, then recounts each
+ * entry whose stored count disagrees under its slot lock (waited for as the
+ * bundle repair waits), stores the derived count, writes database trace 342
+ * (ifh, sub_intf_count before, after) and calls fn with the counts before
+ * (status 0), or with the status that kept it from being repaired.  An entry
+ * removed meanwhile is skipped.  A sub-interface add or remove in flight in
+ * a live writer is not told apart from a dead writer's: run it with the
+ * writers stopped or dead.  Returns as the bundle repair does (no log). */
+typedef struct dpa_pmdb_sub_counts {
+    u32 parent_ifh;
+    u16 sub_intf_count; /* stored (before the repair) */
+    u16 subs;           /* derived: sub-interfaces naming it */
+} dpa_pmdb_sub_counts_t;
+
+typedef void (*dpa_pmdb_sub_counts_fn_t)(void *ctx, const dpa_pmdb_sub_counts_t *counts,
+                                         cerrno status);
+
+cerrno dpa_pmdb_repair_sub_intf_counts(u32 wait_ms, dpa_pmdb_sub_counts_fn_t fn, void *ctx);
+
 #ifdef __cplusplus
 }
 #endif
 
+PMDB_CHECK_SIZE(dpa_pmdb_sub_counts_t, 8);
 PMDB_CHECK_SIZE(dpa_pmdb_bundle_counts_t, 16);
 
 #endif
