@@ -1,6 +1,6 @@
-// A null pointer where an exported call needs one is refused before anything
-// changes: with the call's own status and trace where it has one for that
-// argument, else with 22 and no trace; no platform call is made (nothing is
+// A null pointer where an exported call needs one, or key 0, is refused
+// before anything changes: with the call's own status and trace where it has
+// one for that argument, else with 22 and no trace; no platform call is made (nothing is
 // opened), the entries, the IFH globals and the caller's objects stay
 // byte-identical, no slot lock stays held and write access is as before.
 // Each row runs in a child of its own, so that a crash fails that row only.
@@ -13,6 +13,7 @@
 #include "card.h"
 #include "pmdb_internal.h"
 #include "pmdb_lock_view.h"
+#include "pmdb_ops.h"
 
 namespace {
 
@@ -28,6 +29,8 @@ struct Args {
     int slot = -1;
     u8 mac[6] = {1, 2, 3, 4, 5, 6};
     pmdb_event_t event = MemberEvent(PMDB_EV_MEMBER_JOIN, 3, kMember, kBundle);
+    pmdb_event_t oam = OamEvent(1, 7, 0, 0x11); /* of key 0 */
+    pmdb_punt_info_t punt = {};
     dpa_pmdb_ifh_summary_t summary = {};
     pmdb_ifh_entry_t bvi = {}; /* an entry the BVI filter collects */
     u32 handles[PMDB_BVI_CTX_CAPACITY] = {};
@@ -53,6 +56,8 @@ struct Row {
     cerrno status;
     u32 trace = 0; /* error trace of the refusal; 0: no trace at all */
     std::vector<uint64_t> args = {};
+    u32 also = 0;             /* a second error trace (without its arguments) */
+    const char *calls = "";   /* prefix of the platform calls it must not make */
 };
 
 /* Everything a refused call must leave as it was, byte for byte. */
@@ -91,10 +96,13 @@ void ExpectRefused(const Row &row, const dnx_db_hdl_t *h, const Args &a) {
     const cerrno rc = row.run();
     pm_calllog_enable(0);
     EXPECT_EQ(rc, row.status);
-    EXPECT_EQ(CallNames(), std::vector<std::string>{});
-    EXPECT_EQ(TraceCount(mark), row.trace == 0 ? 0u : 1u);
+    EXPECT_EQ(CallNames(row.calls), std::vector<std::string>{});
+    EXPECT_EQ(TraceCount(mark), (row.trace == 0 ? 0u : 1u) + (row.also == 0 ? 0u : 1u));
     if (row.trace != 0) {
         EXPECT_TRUE(pmdb::test::TraceWritten(mark, VESK_ERROR, row.trace, row.args));
+    }
+    if (row.also != 0) {
+        EXPECT_EQ(pmdb::test::FindTraces(mark, VESK_ERROR, row.also).size(), 1u);
     }
     const Card after = Snapshot(h, a);
     EXPECT_TRUE(after.member == before.member) << "the member entry changed";
@@ -116,7 +124,7 @@ void PutCard() {
 
 class NullArguments : public CardTest {};
 
-TEST_F(NullArguments, EveryExportedCallRefusesItsNullPointersAndChangesNothing) {
+TEST_F(NullArguments, EveryExportedCallRefusesNullPointersAndKeyZeroAndChangesNothing) {
     PutCard();
     dnx_db_hdl_t *h = nullptr;
     ASSERT_EQ(dpa_chk_pmdb_open(nullptr, &h, PMDB_TYPE_IFH, 0), PMDB_OK);
@@ -184,6 +192,38 @@ TEST_F(NullArguments, EveryExportedCallRefusesItsNullPointersAndChangesNothing) 
          PMDB_EINVAL},
         {"dpa_bvi_upd_all_entries(status)",
          [] { return dpa_bvi_upd_all_entries(kMember, nullptr); }, PMDB_EINVAL},
+        {"dpa_pmdb_add_ifh_entry(0)",
+         [&a] {
+             return dpa_pmdb_add_ifh_entry(0, &a.event, &a.slot, &a.summary, &a.punt, &a.summary,
+                                           0);
+         },
+         PMDB_EINVAL, 143},
+        {"dpa_pmdb_update_sub_intf_count(0)", [] { return dpa_pmdb_update_sub_intf_count(0, 1, 1); },
+         PMDB_EINVAL, 129},
+        {"dpa_pmdb_remove_ifh_entry(0)",
+         [&a] { return dpa_pmdb_remove_ifh_entry(0, &a.summary, 1); }, PMDB_EINVAL, 161, {}, 0,
+         "tabra_"}, /* the bundle member registry is mapped first */
+        {"dpa_pmdb_get_ifh_summary(0)", [&a] { return dpa_pmdb_get_ifh_summary(0, &a.summary); },
+         PMDB_EINVAL},
+        {"dpa_pmdb_add_punt_entry(0)",
+         [&a] { return dpa_pmdb_add_punt_entry(0, &a.event, &a.slot, nullptr); }, PMDB_EINVAL,
+         134},
+        {"dpa_pmdb_add_punt_entry(event)",
+         [&a] { return dpa_pmdb_add_punt_entry(kOamKey, nullptr, &a.slot, nullptr); }, PMDB_OK, 135,
+         {kOamKey, 0}},
+        {"dpa_pmdb_remove_punt_entry(0)", [] { return dpa_pmdb_remove_punt_entry(0); }, PMDB_EINVAL,
+         172},
+        {"dpa_pmdb_add_oam_entry(0)", [&a] { return dpa_pmdb_add_oam_entry(0, &a.event, &a.slot); },
+         PMDB_EINVAL, 153},
+        {"dpa_pmdb_oam_oper(key 0)", [&a] { return dpa_pmdb_oam_oper(&a.oam), kNoResult; },
+         kNoResult, 291, {0, PMDB_EINVAL}, 153},
+        {"dpa_pmdb_remove_oam_entry(0)", [] { return dpa_pmdb_remove_oam_entry(0); }, PMDB_EINVAL,
+         167},
+        {"dpa_pmdb_update_bundle_ifh_entry(0)",
+         [&a] { return dpa_pmdb_update_bundle_ifh_entry(0, 1, 0, &a.summary, nullptr, 1); },
+         PMDB_EINVAL, 228},
+        {"dpa_bvi_upd_all_entries(0)", [&a] { return dpa_bvi_upd_all_entries(0, &a.outs[0]); },
+         PMDB_EINVAL, 99},
     };
     /* Every row runs before any is judged: a child inherits the failures its
      * parent has recorded so far, and would report them as its own. */
