@@ -15,103 +15,80 @@ using ::testing::ElementsAre;
 
 class InventoryTest : public CardTest {};
 
-TEST_F(InventoryTest, NewestNodeIsAtTheHeadAndOnlyTheFirstAddTraces110) {
+TEST_F(InventoryTest, NewestNodeIsAtTheHeadAndAKnownNodeOnlyGetsItsNewMac) {
+    const Mac mac = {0x00, 0x11, 0x22, 0x33, 0x44, 0x55};
+    SetNodeMac(6, mac);
     ASSERT_NE(pm_port_inv_entry_add(5, 1, 0, 0), nullptr);
-    ASSERT_NE(pm_port_inv_entry_add(6, 2, 0, 1), nullptr);
+    const pm_port_inv_entry_t *six = pm_port_inv_entry_add(6, 2, 2, 1);
+    ASSERT_NE(six, nullptr);
+    EXPECT_EQ(six->node_id, 6u);
+    EXPECT_EQ(six->node_index, 2);
+    EXPECT_EQ(six->high_scale, 1u);
+    EXPECT_EQ(MacOf(six->mac), mac);
     ASSERT_NE(pm_port_inv_entry_add(7, -3, 0, 1), nullptr);
-
     EXPECT_THAT(InventoryNodes(), ElementsAre(7u, 6u, 5u));
+    EXPECT_EQ(pm_port_inv_entry_get()->next->next->next, nullptr);
     ExpectTrace(VESK_EVENT, 110, {5, 1, 0});
     ExpectTrace(VESK_EVENT, 111, {6, 2, 1});
     ExpectTrace(VESK_EVENT, 111, {7, static_cast<uint64_t>(int64_t{-3}), 1});
     EXPECT_EQ(CountTraces(VESK_EVENT, 110), 1u);
     EXPECT_EQ(CountTraces(VESK_EVENT, 111), 2u);
-}
 
-TEST_F(InventoryTest, EntryCarriesThePlatformMacOfItsNodeAndUnit) {
-    const Mac mac = {0x00, 0x11, 0x22, 0x33, 0x44, 0x55};
-    SetNodeMac(9, mac);
-    const pm_port_inv_entry_t *e = pm_port_inv_entry_add(9, 4, 2, 1);
-    ASSERT_NE(e, nullptr);
-    EXPECT_EQ(e->node_id, 9u);
-    EXPECT_EQ(e->node_index, 4);
-    EXPECT_EQ(e->high_scale, 1u);
-    EXPECT_EQ(MacOf(e->mac), mac);
-    EXPECT_EQ(e->next, nullptr);
-}
-
-TEST_F(InventoryTest, ReAddingAKnownNodeRefreshesOnlyItsMacAndWritesNoTrace) {
-    pm_port_inv_entry_add(5, 1, 0, 0);
-    const pm_port_inv_entry_t *first = pm_port_inv_entry_add(6, 2, 0, 0);
     const Mac newer = {0xAA, 0xBB, 0xCC, 0xDD, 0xEE, 0x06};
     SetNodeMac(6, newer);
     MarkTraces();
-
-    const pm_port_inv_entry_t *again = pm_port_inv_entry_add(6, 30, 1, 1);
-
-    EXPECT_EQ(again, first);
-    EXPECT_EQ(again->node_index, 2);
-    EXPECT_EQ(again->high_scale, 0u);
-    EXPECT_EQ(MacOf(again->mac), newer);
-    EXPECT_THAT(InventoryNodes(), ElementsAre(6u, 5u));
+    EXPECT_EQ(pm_port_inv_entry_add(6, 30, 1, 0), six);
+    EXPECT_EQ(six->node_index, 2);
+    EXPECT_EQ(six->high_scale, 1u);
+    EXPECT_EQ(MacOf(six->mac), newer);
+    EXPECT_THAT(InventoryNodes(), ElementsAre(7u, 6u, 5u));
     EXPECT_TRUE(Traces(VESK_EVENT).empty());
 }
 
-TEST_F(InventoryTest, FirstHighScaleNodeIsTheNewestFlaggedOne) {
-    pm_port_inv_entry_add(5, 1, 0, 0);
-    pm_port_inv_entry_add(6, 2, 0, 1);
-    pm_port_inv_entry_add(7, 3, 0, 1);
-    MarkTraces();
+TEST_F(InventoryTest, QueriesAnswerTheNewestHighScaleAndTheNewestNonzeroNode) {
+    uint32_t id = 77;
+    uint8_t mac[6] = {9, 9, 9, 9, 9, 9};
+    /* Without an answer: 2, the outputs left alone. */
+    EXPECT_EQ(pm_inventory_get_first_high_scale_nodeid(&id), 2u);
+    EXPECT_EQ(pm_inventory_get_first_inv_nodeid(&id, mac), 2u);
+    pm_port_inv_entry_add(0, 0, 0, 0);
+    pm_port_inv_entry_add(4, 0, 0, 0);
+    pm_port_inv_entry_remove(4);
+    EXPECT_EQ(pm_inventory_get_first_high_scale_nodeid(&id), 2u);
+    EXPECT_EQ(pm_inventory_get_first_inv_nodeid(&id, mac), 2u);
+    EXPECT_EQ(id, 77u);
+    EXPECT_EQ(MacOf(mac), (Mac{9, 9, 9, 9, 9, 9}));
+    ExpectNoTrace(VESK_EVENT, 107);
+    ExpectNoTrace(VESK_EVENT, 109);
 
-    uint32_t id = 0;
-    EXPECT_EQ(pm_inventory_get_first_high_scale_nodeid(&id), 0u);
-    EXPECT_EQ(id, 7u);
-    ExpectTrace(VESK_EVENT, 107, {7});
-
-    pm_port_inv_entry_remove(7);
-    EXPECT_EQ(pm_inventory_get_first_high_scale_nodeid(&id), 0u);
-    EXPECT_EQ(id, 6u);
-}
-
-TEST_F(InventoryTest, FirstInventoryNodeSkipsNodeZeroAndReportsItsMac) {
     const Mac mac5 = {0x02, 0, 0, 0, 5, 0x50};
     SetNodeMac(5, mac5);
     pm_port_inv_entry_add(5, 1, 0, 0);
-    ASSERT_NE(pm_port_inv_entry_add(0, 0, 0, 0), nullptr);
-    EXPECT_THAT(InventoryNodes(), ElementsAre(0u, 5u));
-    MarkTraces();
-
-    uint32_t id = 0;
-    uint8_t mac[6] = {};
+    pm_port_inv_entry_add(6, 2, 0, 1);
+    pm_port_inv_entry_add(7, 3, 0, 1);
+    ASSERT_NE(pm_port_inv_entry_add(0, 0, 0, 0), nullptr); /* listed already */
+    EXPECT_THAT(InventoryNodes(), ElementsAre(7u, 6u, 5u, 0u));
+    EXPECT_EQ(pm_inventory_get_first_high_scale_nodeid(&id), 0u);
+    EXPECT_EQ(id, 7u);
+    ExpectTrace(VESK_EVENT, 107, {7});
+    pm_port_inv_entry_remove(7);
+    EXPECT_EQ(pm_inventory_get_first_high_scale_nodeid(&id), 0u);
+    EXPECT_EQ(id, 6u);
+    pm_port_inv_entry_remove(6);
+    pm_port_inv_entry_remove(0);
+    pm_port_inv_entry_add(0, 0, 0, 0); /* node 0 at the head is skipped */
     EXPECT_EQ(pm_inventory_get_first_inv_nodeid(&id, mac), 0u);
     EXPECT_EQ(id, 5u);
     EXPECT_EQ(MacOf(mac), mac5);
     ExpectTrace(VESK_EVENT, 109, {5, 0x02, 0, 0, 0, 5, 0x50});
 }
 
-TEST_F(InventoryTest, QueriesOnAListWithoutAnswerReturn2AndLeaveTheOutputs) {
-    uint32_t id = 77;
-    uint8_t mac[6] = {9, 9, 9, 9, 9, 9};
-    EXPECT_EQ(pm_inventory_get_first_high_scale_nodeid(&id), 2u);
-    EXPECT_EQ(pm_inventory_get_first_inv_nodeid(&id, mac), 2u);
-
-    pm_port_inv_entry_add(0, 0, 0, 0);
-    pm_port_inv_entry_add(4, 0, 0, 0);
-    pm_port_inv_entry_remove(4);
-    EXPECT_EQ(pm_inventory_get_first_high_scale_nodeid(&id), 2u);
-    EXPECT_EQ(pm_inventory_get_first_inv_nodeid(&id, mac), 2u);
-
-    EXPECT_EQ(id, 77u);
-    EXPECT_EQ(MacOf(mac), (Mac{9, 9, 9, 9, 9, 9}));
-    ExpectNoTrace(VESK_EVENT, 107);
-    ExpectNoTrace(VESK_EVENT, 109);
-}
-
-TEST_F(InventoryTest, RemovalUnlinksFromAnyPlaceAndUnknownNodesAreIgnored) {
-    pm_port_inv_entry_add(5, 1, 0, 0);
-    pm_port_inv_entry_add(6, 2, 0, 0);
-    pm_port_inv_entry_add(7, 3, 0, 0);
-    pm_port_inv_entry_add(8, 4, 0, 0);
+TEST_F(InventoryTest, RemovalUnlinksFromAnyPlaceAndLeavesTheRegionAlone) {
+    ASSERT_EQ(dpa_pmdb_update_scale_info(5, 1, 1, 1, nullptr), 0u);
+    const uint8_t mac[6] = {1, 2, 3, 4, 5, 6};
+    ASSERT_EQ(dpa_pmdb_update_glbls_inv_node_info(5, mac, 1, nullptr), 0u);
+    for (u32 node : {5u, 6u, 7u, 8u}) pm_port_inv_entry_add(node, node - 4, 0, 1);
+    const dnx_pmdb_glbls_t before = Globals();
     MarkTraces();
 
     /* Not listed: nothing is called, not even the BVI refresh. */
@@ -127,26 +104,15 @@ TEST_F(InventoryTest, RemovalUnlinksFromAnyPlaceAndUnknownNodesAreIgnored) {
     EXPECT_THAT(InventoryNodes(), ElementsAre(7u));
     EXPECT_EQ(pm_port_inv_entry_remove(7), 0u);
     EXPECT_EQ(pm_port_inv_entry_get(), nullptr);
+    const dnx_pmdb_glbls_t after = Globals();
+    EXPECT_EQ(memcmp(&before, &after, sizeof before), 0);
+    EXPECT_EQ(after.hs_node_id, 5u);
+    EXPECT_EQ(after.inv_node_id, 5u);
 
     /* An emptied list starts over with trace 110. */
     MarkTraces();
     pm_port_inv_entry_add(9, 1, 0, 0);
     ExpectTrace(VESK_EVENT, 110, {9, 1, 0});
-}
-
-TEST_F(InventoryTest, RemovalDoesNotTouchTheNodeValuesOfTheRegion) {
-    ASSERT_EQ(dpa_pmdb_update_scale_info(5, 1, 1, 1, nullptr), 0u);
-    const uint8_t mac[6] = {1, 2, 3, 4, 5, 6};
-    ASSERT_EQ(dpa_pmdb_update_glbls_inv_node_info(5, mac, 1, nullptr), 0u);
-    pm_port_inv_entry_add(5, 1, 0, 1);
-    const dnx_pmdb_glbls_t before = Globals();
-
-    pm_port_inv_entry_remove(5);
-
-    const dnx_pmdb_glbls_t after = Globals();
-    EXPECT_EQ(memcmp(&before, &after, sizeof before), 0);
-    EXPECT_EQ(after.hs_node_id, 5u);
-    EXPECT_EQ(after.inv_node_id, 5u);
 }
 
 }  // namespace

@@ -36,9 +36,7 @@ TEST_F(PuntKeyRule, MemberKeysOfThePortAndSlotSubstitution) {
     EXPECT_EQ(dpa_pmdb_punt_key(0, 0, 0x42, 0, 5), 0x42u);
     platform_host_set_rp_plus_datapath(1);
     EXPECT_EQ(dpa_pmdb_punt_key(1, 0x10042, 0, 0, 5), 0x40000042u);
-}
-
-TEST_F(PuntKeyRule, IdentityIsAskedForEveryEgressKeyAndNoOther) {
+    // The identity is asked for every egress key and no other.
     pm_calllog_enable(1);
     dpa_pmdb_punt_key(0, 0x10042, 0x10, 0, 5);
     EXPECT_TRUE(CallNames().empty());
