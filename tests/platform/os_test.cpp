@@ -1,6 +1,7 @@
 // OS layer: namespaced objects seen across processes, namespace isolation and
-// removal, modes and owners of the card's objects, the sysctl store, and
-// robust-mutex repair.
+// removal, modes and owners of the card's objects, injected faults and the
+// call log.  The named semaphore and robust-mutex repair are checked through
+// the library's own use of them (frame region and lock tests).
 #include <errno.h>
 #include <fcntl.h>
 #include <semaphore.h>
@@ -25,8 +26,6 @@
 
 namespace {
 
-using pmdb::test::ChildLink;
-using pmdb::test::ChildProcess;
 using pmdb::test::PmdbTest;
 using pmdb::test::RunInChild;
 using pmdb::test::StartHeldChild;
@@ -63,14 +62,6 @@ int64_t ReadObject(const char *name) {
     void *p = vornos_mmap(nullptr, 4096, PROT_READ, MAP_SHARED, fd, 0);
     vorn_close(fd);
     return p == MAP_FAILED ? -1 : *static_cast<uint32_t *>(p);
-}
-
-TEST_F(OsTest, ObjectNameCarriesNamespace) {
-    char full[64];
-    ASSERT_EQ(vorn_host_shm_name("dnx_pmdb_ifh_shrd", full, sizeof full), 0);
-    EXPECT_EQ(std::string(full), "/" + ns() + ".dnx_pmdb_ifh_shrd");
-    EXPECT_EQ(vorn_host_shm_name("a_rather_long_object_name_here", full, 16), -1);
-    EXPECT_STREQ(vorn_host_namespace(), ns().c_str());
 }
 
 TEST_F(OsTest, ProcessesOfDifferentNamespacesDoNotSeeEachOther) {
@@ -119,22 +110,6 @@ TEST_F(OsTest, RemoveNamespaceTakesObjectsAndSemaphoresOnly) {
     vorn_host_remove_namespace(prefix_alike.c_str());
 }
 
-TEST_F(OsTest, NamedSemaphoreIsSharedWithinNamespace) {
-    sem_t *s = vorn_sem_open("pmdb_shm_semaphore", O_CREAT | O_EXCL, 0600, 0);
-    ASSERT_NE(s, SEM_FAILED);
-    const auto r = RunInChild([] {
-        sem_t *c = vorn_sem_open("pmdb_shm_semaphore", O_CREAT, 0600, 1);
-        if (c == SEM_FAILED) return 1;
-        return sem_post(c) == 0 ? 0 : 2;
-    });
-    ASSERT_TRUE(r.ExitedWith(0)) << r.Describe();
-    EXPECT_EQ(sem_trywait(s), 0);  // the child posted ours: same semaphore
-    sem_close(s);
-    EXPECT_EQ(vorn_sem_unlink("pmdb_shm_semaphore"), 0);
-    EXPECT_EQ(vorn_sem_unlink("pmdb_shm_semaphore"), -1);
-    EXPECT_EQ(errno, ENOENT);
-}
-
 TEST_F(OsTest, InvalidNamespacesAreRefused) {
     sem_t *s = vorn_sem_open("pmdb_shm_semaphore", O_CREAT, 0777, 1);
     ASSERT_NE(s, SEM_FAILED);
@@ -162,6 +137,8 @@ TEST_F(OsTest, InvalidNamespacesAreRefused) {
     }
     // "sem" would name the semaphores of every namespace.
     EXPECT_EQ(vorn_host_list_objects("sem", nullptr, nullptr), 0);
+    char name[16];
+    EXPECT_EQ(vorn_host_shm_name("a_rather_long_object_name_here", name, sizeof name), -1);
 }
 
 /* One kind of object of the card, for the ownership tests. */
@@ -276,59 +253,16 @@ TEST_F(OsTest, InjectedFaultsFailWithErrnoAndDoNothingAndCallsAreLogged) {
     EXPECT_EQ(std::make_tuple(std::string(recs[1].call), recs[1].args[0]),
               std::make_tuple(std::string("vorn_close"), uint64_t(fd)));
     EXPECT_LE(recs[0].mono_ns, recs[1].mono_ns);
-}
 
-constexpr const char *kVlanKey = "tarvo.qen.vorn.platform.max_bundle_l3_vlan";
-
-TEST_F(OsTest, SysctlDefaultsEnvironmentAndSetter) {
-    EXPECT_EQ(vorn_sysctl_get_int64(kVlanKey, 0), 0);
-    EXPECT_EQ(vorn_sysctl_get_int64("no.such.key", 0), 0);
-    setenv("PMDB_SYSCTL", "a.b=3,tarvo.qen.vorn.platform.max_bundle_l3_vlan=0x40,c=bad", 1);
-    EXPECT_EQ(vorn_sysctl_get_int64(kVlanKey, 0), 64);
-    EXPECT_EQ(vorn_sysctl_get_int64("a.b", 0), 3);
-    EXPECT_EQ(vorn_sysctl_get_int64("c", 0), 0);
-    EXPECT_EQ(vorn_sysctl_get_int64("a", 0), 0);
-    vorn_host_sysctl_set(kVlanKey, 9);
-    EXPECT_EQ(vorn_sysctl_get_int64(kVlanKey, 0), 9);
-    vorn_host_sysctl_reset();
-    EXPECT_EQ(vorn_sysctl_get_int64(kVlanKey, 0), 64);
-}
-
-/* A robust process-shared mutex in an object of the namespace. */
-pthread_mutex_t *SharedMutex(bool create) {
-    const int fd = _shm_open("robust", create ? O_CREAT | O_RDWR : O_RDWR, 0600);
-    if (fd < 0) return nullptr;
-    if (create && ftruncate(fd, 4096) != 0) return nullptr;
-    void *p = vornos_mmap(nullptr, 4096, PROT_READ | PROT_WRITE, MAP_SHARED, fd, 0);
-    vorn_close(fd);
-    if (p == MAP_FAILED) return nullptr;
-    auto *m = static_cast<pthread_mutex_t *>(p);
-    if (create) {
-        pthread_mutexattr_t a;
-        pthread_mutexattr_init(&a);
-        pthread_mutexattr_setpshared(&a, PTHREAD_PROCESS_SHARED);
-        pthread_mutexattr_setrobust(&a, PTHREAD_MUTEX_ROBUST);
-        pthread_mutex_init(m, &a);
-        pthread_mutexattr_destroy(&a);
-    }
-    return m;
-}
-
-TEST_F(OsTest, ConsistentRepairsMutexOfKilledOwner) {
-    pthread_mutex_t *m = SharedMutex(true);
-    ASSERT_NE(m, nullptr);
-    auto owner = StartHeldChild([] { pthread_mutex_lock(SharedMutex(false)); });
-    ASSERT_TRUE(owner->WaitReady());
-    owner->Kill(SIGKILL);
-    EXPECT_TRUE(owner->Wait().KilledBy(SIGKILL));
-
-    ASSERT_EQ(pthread_mutex_lock(m), EOWNERDEAD);
-    pm_fault_set("vorn_pthread_mutex_consistent_np", EINVAL, 1);
-    EXPECT_EQ(pthread_mutex_consistent_np(m), EINVAL);  // the macro maps to the layer
-    EXPECT_EQ(pthread_mutex_consistent_np(m), 0);
-    EXPECT_EQ(pthread_mutex_unlock(m), 0);
-    EXPECT_EQ(pthread_mutex_lock(m), 0);
-    EXPECT_EQ(pthread_mutex_unlock(m), 0);
+    /* A full log keeps its first records and counts the rest. */
+    pm_calllog_clear();
+    pm_calllog_enable(1);
+    for (uint64_t i = 0; i < PM_CALLLOG_CAPACITY + 10; i++) pm_calllog_note("x", i, 0, 0, 0);
+    std::vector<pm_call_rec_t> all(PM_CALLLOG_CAPACITY + 10);
+    EXPECT_EQ(pm_calllog_get(all.data(), all.size()), PM_CALLLOG_CAPACITY + 10u);
+    EXPECT_EQ(all[PM_CALLLOG_CAPACITY - 1].args[0], PM_CALLLOG_CAPACITY - 1u);
+    pm_calllog_clear();
+    EXPECT_EQ(pm_calllog_get(all.data(), all.size()), 0u);
 }
 
 }  // namespace

@@ -6,12 +6,14 @@
 #include <cstring>
 #include <map>
 #include <string>
+#include <utility>
 
 #include "halvo.h"
 #include "host/os_host.h"
 #include "host/pm_fault.h"
 #include "host/settings.h"
 #include "platform_id.h"
+#include "vorn_os.h"
 #include "pmdb_test.h"
 
 namespace {
@@ -144,11 +146,16 @@ TEST_F(SettingsTest, NodeIdComesFromEnvironmentAtLoad) {
     EXPECT_TRUE(r.ExitedWith(17)) << r.Describe();
 }
 
+/* Every setting by name with its value and origin.  The sysctl store: 0
+ * for a key never set, PMDB_SYSCTL read at each call (a bad value or a
+ * prefix of a key is no value), the setter winning until reset. */
 TEST_F(SettingsTest, EnumerationNamesValueAndOrigin) {
+    constexpr const char *kVlan = "tarvo.qen.vorn.platform.max_bundle_l3_vlan";
+    EXPECT_EQ(vorn_sysctl_get_int64(kVlan, 0), 0);
     setenv("PMDB_MAX_SUBINTF_VLOB", "12", 1);
     halvo_host_set("oam_enable", 0);
-    vorn_host_sysctl_set("tarvo.qen.vorn.platform.max_bundle_l3_vlan", 5);
-    setenv("PMDB_SYSCTL", "x.y=4,tarvo.qen.vorn.platform.max_bundle_l3_vlan=6", 1);
+    vorn_host_sysctl_set(kVlan, 5);
+    setenv("PMDB_SYSCTL", "x.y=4,tarvo.qen.vorn.platform.max_bundle_l3_vlan=0x40,c=bad", 1);
     setenv("PMDB_NODE_MAC", "9=00:11:22:33:44:55", 1);
     setenv("PMDB_SHM_GROUP", "1", 1);
     auto all = AllSettings();
@@ -175,6 +182,10 @@ TEST_F(SettingsTest, EnumerationNamesValueAndOrigin) {
     EXPECT_EQ(vorn_host_shm_group(), 1);
     EXPECT_EQ(all.count("identity.node_mac." + std::to_string(pmdb_node_id)), 1u);
     EXPECT_STREQ(pmdb_setting_source_name(PMDB_SETTING_ENV), "environment");
+    for (const auto &[key, want] : {std::pair{"x.y", 4}, {"x", 0}, {"c", 0}, {"no.such.key", 0}, {kVlan, 5}})
+        EXPECT_EQ(vorn_sysctl_get_int64(key, 0), want) << key;
+    vorn_host_sysctl_reset();
+    EXPECT_EQ(vorn_sysctl_get_int64(kVlan, 0), 64);
 }
 
 }  // namespace

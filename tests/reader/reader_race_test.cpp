@@ -6,10 +6,11 @@
 // sound afterwards.
 #include <sched.h>
 #include <stdio.h>
-#include <string.h>
 #include <unistd.h>
 
 #include <array>
+#include <atomic>
+#include <functional>
 #include <memory>
 #include <random>
 #include <thread>
@@ -26,18 +27,14 @@ namespace {
 using namespace std::chrono_literals;
 using pmdb::test::ChildLink;
 using pmdb::test::ChildProcess;
-using pmdb::test::PmdbTest;
 
-constexpr int kWriterProcs = 3;
-constexpr int kThreadsPerProc = 2;
-constexpr int kOpsPerThread = 1500;
-constexpr int kReads = 20000;
+constexpr int kWriterProcs = 3, kThreadsPerProc = 2, kOpsPerThread = 1500, kReads = 20000;
 constexpr std::array<u32, 2> kKeys = {0x0011, 0x0012};
 
-/* Exit codes of the children. */
-constexpr int kMixed = 1;     /* a writer saw another writer's words in its entry */
-constexpr int kBadStatus = 2; /* a call answered a status it does not document */
-constexpr int kTorn = 3;      /* a reader copy held words of two writers */
+/* Faults of a child's thread: a writer saw another writer's words in its
+ * entry; a call answered a status it does not document; a reader copy held
+ * words of two writers.  A child exits with the sum of its threads' faults. */
+constexpr int kMixed = 1, kBadStatus = 2, kTorn = 3;
 
 struct RaceCase {
     const char *name;
@@ -45,7 +42,8 @@ struct RaceCase {
     u32 entry_size;
 };
 
-class SameKeyRaceTest : public PmdbTest, public ::testing::WithParamInterface<RaceCase> {};
+class SameKeyRaceTest : public pmdb::test::PmdbTest,
+                        public ::testing::WithParamInterface<RaceCase> {};
 
 /* Writes `value` into every word of the entry after its key, yielding half
  * way so that a second writer would interleave, then checks that every word
@@ -72,35 +70,20 @@ int BadStatus(const char *what, cerrno st) {
  * removals.  0, or the child exit code of the first fault. */
 int WriterThread(const RaceCase &rc, u32 seed) {
     std::mt19937 rng(seed);
-    const u32 words = rc.entry_size / 4;
     for (int op = 0; op < kOpsPerThread; op++) {
         const u32 key = kKeys[rng() % kKeys.size()];
-        if (rng() % 3 != 2) {
-            const u32 value = (seed << 16) | static_cast<u32>(op + 1);
-            bool mixed = false;
-            const cerrno st = rcard::WriteEntry(rc.type, key, [&](void *e) {
-                mixed = !FillAndCheck(e, words, key, value);
-            });
-            if (mixed) return kMixed;
-            if (st != 0) return BadStatus("add", st);
-        } else {
+        if (rng() % 3 == 2) {
             const cerrno st = rcard::RemoveEntry(rc.type, key);
             if (st != 0 && st != TABRA_E_NOTFOUND) return BadStatus("remove", st);
+            continue;
         }
+        bool mixed = false;
+        const cerrno st = rcard::WriteEntry(rc.type, key, [&](void *e) {
+            mixed = !FillAndCheck(e, rc.entry_size / 4, key, (seed << 16) | (op + 1u));
+        });
+        if (mixed) return kMixed;
+        if (st != 0) return BadStatus("add", st);
     }
-    return 0;
-}
-
-int WriterProcess(const RaceCase &rc, int proc) {
-    std::vector<std::thread> threads;
-    std::array<int, kThreadsPerProc> result{};
-    for (int t = 0; t < kThreadsPerProc; t++) {
-        const u32 seed = static_cast<u32>(proc * kThreadsPerProc + t + 1);
-        threads.emplace_back([&rc, &result, t, seed] { result[t] = WriterThread(rc, seed); });
-    }
-    for (auto &th : threads) th.join();
-    for (int r : result)
-        if (r != 0) return r;
     return 0;
 }
 
@@ -110,8 +93,7 @@ int WriterProcess(const RaceCase &rc, int proc) {
 cerrno ReadUniform(const RaceCase &rc, u32 key, bool *uniform) {
     std::array<u32, PMDB_READER_INFO_COPY_SIZE / 4> buf{};
     cerrno st = 0;
-    size_t first = 0;
-    size_t words = buf.size();
+    size_t first = 0, words = buf.size();
     if (rc.type == PMDB_TYPE_IFH) st = dpa_pmdb_get_ifh_entry_by_key(key, buf.data(), 0, 0);
     if (rc.type == PMDB_TYPE_PUNT) st = dpa_pmdb_get_punt_entry_by_key(key, buf.data());
     if (rc.type == PMDB_TYPE_OAM) {
@@ -134,16 +116,35 @@ int ReaderProcess(const RaceCase &rc) {
     return 0;
 }
 
+/* Runs body(0) .. body(n - 1) in threads released together; the sum of their
+ * results. */
+int InThreads(int n, const std::function<int(int)> &body) {
+    std::atomic<bool> go{false};
+    std::atomic<int> sum{0};
+    std::vector<std::thread> threads;
+    for (int t = 0; t < n; t++)
+        threads.emplace_back([&, t] {
+            while (!go.load()) {
+            }
+            sum += body(t);
+        });
+    go = true;
+    for (auto &th : threads) th.join();
+    return sum.load();
+}
+
 TEST_P(SameKeyRaceTest, EveryInterleavingLeavesOneWriterPerEntry) {
     const RaceCase rc = GetParam();
     std::vector<std::unique_ptr<ChildProcess>> children;
     for (int p = 0; p < kWriterProcs; p++)
-        children.push_back(std::make_unique<ChildProcess>(
-            [rc, p](ChildLink &) { return WriterProcess(rc, p); }));
+        children.push_back(std::make_unique<ChildProcess>([rc, p](ChildLink &) {
+            return InThreads(kThreadsPerProc, [&](int t) {
+                return WriterThread(rc, static_cast<u32>(p * kThreadsPerProc + t + 1));
+            });
+        }));
     children.push_back(std::make_unique<ChildProcess>([rc](ChildLink &) { return ReaderProcess(rc); }));
     for (auto &c : children) {
-        // The bound only detects a hang; the run takes a second or two.
-        const auto r = c->Wait(120s);
+        const auto r = c->Wait(120s); /* a hang detector; the run takes a second or two */
         EXPECT_TRUE(r.ExitedWith(0)) << r.Describe();
     }
 
@@ -157,16 +158,30 @@ TEST_P(SameKeyRaceTest, EveryInterleavingLeavesOneWriterPerEntry) {
     EXPECT_EQ(tabra_check(table, report, sizeof report), 0u) << report;
     dnx_db_hdl_t *hdl = nullptr;
     ASSERT_EQ(dpa_chk_shrd_ctx_open(nullptr, &hdl, rc.type), 0u);
-    for (u32 key : kKeys) {
+    /* One more entry, so that the reads below find at least one. */
+    constexpr u32 kAfter = 0x0013;
+    ASSERT_EQ(rcard::WriteEntry(rc.type, kAfter,
+                                [&](void *e) { FillAndCheck(e, rc.entry_size / 4, kAfter, 5); }),
+              0u);
+    std::vector<u32> left;
+    for (u32 key : {kKeys[0], kKeys[1], kAfter}) {
         const i32 slot = rcard::SlotOf(rc.type, key);
         if (slot < 0) continue;
+        left.push_back(key);
         pmdb_lock_view_t view;
         pmdb_lock_inspect(&hdl->shrd_ctx->entry_lock[slot], &view);
         EXPECT_TRUE(view.initialised && !view.held) << "key " << key << " slot " << slot;
-        bool uniform = false;
-        EXPECT_EQ(ReadUniform(rc, key, &uniform), 0u);
-        EXPECT_TRUE(uniform) << "key " << key;
     }
+    /* Threads of this process, which has not used the reader yet, race to
+     * attach and each reads every entry left, whole. */
+    EXPECT_EQ(InThreads(4, [&](int) {
+                  int failures = 0;
+                  bool uniform = false;
+                  for (int i = 0; i < 200; i++)
+                      for (u32 key : left) failures += ReadUniform(rc, key, &uniform) != 0 || !uniform;
+                  return failures;
+              }),
+              0);
 }
 
 INSTANTIATE_TEST_SUITE_P(Tables, SameKeyRaceTest,
