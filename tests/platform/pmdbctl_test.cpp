@@ -49,6 +49,8 @@ void WriteSampleInChild() {
         _vesk_3(dpa_port_mapper_get_eve_vesk(), VESK_ID(3, 278), 1, 0x4000, 77);
         _vesk_2(dpa_port_mapper_get_error_vesk(), VESK_ID(2, 277), 23, 0);
         _vesk_1(dpa_port_mapper_get_error_vesk(), VESK_ID(1, 9999), 5);
+        _vesk_7(dpa_port_mapper_get_db_vesk(), VESK_ID(7, 109), 5, 0x02, 0, 0, 0, 5, 0xFF);
+        _vesk(dpa_port_mapper_get_eve_vesk(), VESK_ID(0, 51));
     });
     ASSERT_TRUE(r.ExitedWith(0)) << r.Describe();
 }
@@ -60,7 +62,9 @@ TEST_F(PmdbctlTest, TraceJsonDecodesNamesAndArguments) {
     const json j = json::parse(r.out);
     EXPECT_EQ(j["namespace"], ns());
     const json &recs = j["records"];
-    ASSERT_EQ(recs.size(), 4u);
+    ASSERT_EQ(recs.size(), 6u);
+    for (const json &rec : recs) EXPECT_EQ(rec["pid"], recs[0]["pid"]);
+    EXPECT_NE(recs[0]["pid"], getpid());
     // Merged by time: the order of writing.
     EXPECT_EQ(recs[0]["point"], 62);
     EXPECT_EQ(recs[0]["buffer"], "database");
@@ -74,6 +78,10 @@ TEST_F(PmdbctlTest, TraceJsonDecodesNamesAndArguments) {
     EXPECT_EQ(recs[2]["args"]["event_type"], 23);
     EXPECT_EQ(recs[3]["name"], "unknown");
     EXPECT_EQ(recs[3]["args"]["arg0"], 5);
+    EXPECT_EQ(recs[4]["id"], "0x70000006d");
+    EXPECT_EQ(recs[4]["args"].size(), 7u);
+    EXPECT_EQ(recs[5]["id"], "0x33");
+    EXPECT_TRUE(recs[5]["args"].empty());
     EXPECT_EQ(j["next"]["error"], 2);
     EXPECT_EQ(j["lost"]["event"], 0);
 }

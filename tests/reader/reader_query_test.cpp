@@ -50,6 +50,21 @@ auto Members(u32 bundle, u32 node) {
     return List(dpa_pmdb_get_bundle_member_ifh_entries, bundle, node);
 }
 
+struct Visits {
+    std::vector<u32> keys;
+    int stop_after = -1; /* return 17 from this visit on */
+    int result = 22;
+};
+
+int Visit(void *arg, const pmdb_ifh_entry_t *entry, void *aux, void *ctx) {
+    auto *v = static_cast<Visits *>(ctx);
+    EXPECT_EQ(arg, ctx);
+    EXPECT_EQ(entry->key, *static_cast<u32 *>(aux));
+    if (v->stop_after >= 0 && static_cast<int>(v->keys.size()) >= v->stop_after) return 17;
+    v->keys.push_back(entry->key);
+    return v->result;
+}
+
 TEST_F(ReaderQueryTest, LookupsCopyTheStoredBlocksAndNothingElse) {
     BuildCard();
     std::array<u8, 312> buf;
@@ -86,11 +101,25 @@ TEST_F(ReaderQueryTest, LookupsCopyTheStoredBlocksAndNothingElse) {
     EXPECT_EQ(count, 0);
 }
 
+/* Nothing is found before the database exists, and a reader that asked too
+ * early finds the tables once a writer has made them, without a restart. */
 TEST_F(ReaderQueryTest, MissingEntriesAndBadArgumentsLeaveBuffersAlone) {
-    BuildCard();
     std::array<u8, 312> buf;
     buf.fill(kFill);
     const std::array<u8, 312> untouched = buf;
+    EXPECT_EQ(dpa_pmdb_get_ifh_entry_by_key(P1, buf.data(), 0, 0), PMDB_ENOTFOUND);
+    EXPECT_EQ(dpa_pmdb_get_punt_entry_by_key(0x101, buf.data()), PMDB_ENOTFOUND);
+    EXPECT_EQ(Ask(List(dpa_pmdb_get_bundle_punt_entries, B), 3, PMDB_ENOTFOUND), std::vector<u32>(3, 0));
+    Visits none;
+    EXPECT_EQ(dpa_pmdb_iterate(Visit, &none, &none, 0), PMDB_ENOTFOUND);
+    EXPECT_TRUE(none.keys.empty());
+    u32 n = 5;
+    EXPECT_EQ(dpa_pmdb_count_entries(PMDB_TYPE_OAM, &n), PMDB_ENOTFOUND);
+    EXPECT_EQ(n, 5u);
+    BuildCard();
+    EXPECT_EQ(dpa_pmdb_count_entries(PMDB_TYPE_IFH, &n), PMDB_OK);
+    EXPECT_EQ(n, 12u);
+
     EXPECT_EQ(dpa_pmdb_get_ifh_entry_by_key(0x7777, buf.data(), 0, 0), PMDB_ENOTFOUND);
     EXPECT_EQ(dpa_pmdb_get_punt_entry_by_key(0x7777, buf.data()), PMDB_ENOTFOUND);
     EXPECT_EQ(dpa_pmdb_get_oam_entry_by_key(0x7777, reinterpret_cast<pmdb_oam_entry_t *>(buf.data())),
@@ -122,32 +151,7 @@ TEST_F(ReaderQueryTest, MissingEntriesAndBadArgumentsLeaveBuffersAlone) {
     EXPECT_EQ(Ask(PortPunt(0), 2, PMDB_EINVAL), std::vector<u32>(2, kGuard));
     EXPECT_EQ(Ask(Members(0, PMDB_READER_ALL_NODES), 2, PMDB_EINVAL), std::vector<u32>(2, kGuard));
     EXPECT_EQ(Ask(PortPunt(P1), 0), std::vector<u32>{});
-}
-
-TEST_F(ReaderQueryTest, NothingIsFoundBeforeTheDatabaseExists) {
-    std::array<u8, 312> buf;
-    buf.fill(kFill);
-    EXPECT_EQ(dpa_pmdb_get_ifh_entry_by_key(P1, buf.data(), 0, 0), PMDB_ENOTFOUND);
-    EXPECT_EQ(dpa_pmdb_get_punt_entry_by_key(0x101, buf.data()), PMDB_ENOTFOUND);
-    EXPECT_EQ(buf[0], kFill);
-    EXPECT_EQ(Ask(List(dpa_pmdb_get_bundle_punt_entries, B), 3, PMDB_ENOTFOUND), std::vector<u32>(3, 0));
-    int calls = 0;
-    auto count_calls = [](void *arg, const pmdb_ifh_entry_t *, void *, void *) {
-        ++*static_cast<int *>(arg);
-        return 22;
-    };
-    EXPECT_EQ(dpa_pmdb_iterate(count_calls, &calls, nullptr, 0), PMDB_ENOTFOUND);
-    EXPECT_EQ(calls, 0);
-    u32 n = 5;
-    EXPECT_EQ(dpa_pmdb_count_entries(PMDB_TYPE_OAM, &n), PMDB_ENOTFOUND);
-    EXPECT_EQ(n, 5u);
-
-    /* Once a writer has made the tables, a reader that asked too early finds
-     * them without being restarted. */
-    ASSERT_EQ(PutIfh(P1, Intf(P1, 0, 0, kNode1)), PMDB_OK);
     EXPECT_EQ(dpa_pmdb_get_ifh_entry_by_key(P1, buf.data(), 0, 0), PMDB_OK);
-    EXPECT_EQ(dpa_pmdb_count_entries(PMDB_TYPE_IFH, &n), PMDB_OK);
-    EXPECT_EQ(n, 1u);
 }
 
 /* Each list query finds exactly the entries that belong to its handle, in
@@ -209,21 +213,6 @@ TEST_F(ReaderQueryTest, ListsFollowSlotOrderNotKeyOrder) {
     ASSERT_EQ(PutPunt(0x40000999, p1), PMDB_OK); /* takes the freed first slot */
     ASSERT_LT(SlotOf(PMDB_TYPE_PUNT, 0x40000999), SlotOf(PMDB_TYPE_PUNT, 0x102));
     EXPECT_EQ(Ask(PortPunt(P1), 3), (std::vector<u32>{0x40000999, 0x102, 0x103}));
-}
-
-struct Visits {
-    std::vector<u32> keys;
-    int stop_after = -1; /* return 17 from this visit on */
-    int result = 22;
-};
-
-int Visit(void *arg, const pmdb_ifh_entry_t *entry, void *aux, void *ctx) {
-    auto *v = static_cast<Visits *>(ctx);
-    EXPECT_EQ(arg, ctx);
-    EXPECT_EQ(entry->key, *static_cast<u32 *>(aux));
-    if (v->stop_after >= 0 && static_cast<int>(v->keys.size()) >= v->stop_after) return 17;
-    v->keys.push_back(entry->key);
-    return v->result;
 }
 
 /* Every IFH entry once, in slot order, until the callback answers 17
