@@ -94,7 +94,8 @@ TEST_F(PmdbctlTest, LostRecordsOfFullRingAreReported) {
         setenv(VORN_NS_ENV, other.c_str(), 1);
         setenv("PMDB_TRACE_RECORDS", "17", 1);
         vorn_host_set_namespace(nullptr);
-        for (uint64_t i = 0; i < 40; i++) _vesk_1(dpa_port_mapper_get_eve_vesk(), VESK_ID(1, 318), i);
+        for (uint64_t i = 0; i < 40; i++)
+            _vesk_1(dpa_port_mapper_get_eve_vesk(), VESK_ID(1, 318), i);
     });
     ASSERT_TRUE(w.ExitedWith(0)) << w.Describe();
     setenv("PMDB_TRACE_RECORDS", "100", 1);

@@ -13,8 +13,8 @@
 #include "host/pm_fault.h"
 #include "host/settings.h"
 #include "platform_id.h"
-#include "vorn_os.h"
 #include "pmdb_test.h"
+#include "vorn_os.h"
 
 namespace {
 
@@ -65,10 +65,14 @@ TEST_F(SettingsTest, PropertiesFromDefaultEnvironmentAndSetter) {
          [] { EXPECT_EQ(halvo_host_set("max_entries", 20), 0); }, 65536, 1000, 20},
         {"PMDB_OAM_ENABLE", "0", GETTER(halvo_oam_get_oam_enable),
          [] { EXPECT_EQ(halvo_host_set("halvo.oam_enable", 1), 0); }, 1, 0, 1},
-        {"PMDB_INLIF_BANK25_MIN", "0x100", GETTER(halvo_grid_get_inlif_res_pool_bank_25_min), nullptr, 1, 0x100, 0x100},
-        {"PMDB_INLIF_BANK25_MAX", "0x1ff", GETTER(halvo_grid_get_inlif_res_pool_bank_25_max), nullptr, 0, 0x1ff, 0x1ff},
-        {"PMDB_LCVM_REDUNDANCY", "junk", GETTER(halvo_config_get_lcvm_redundancy_on), nullptr, 0, 0, 0},
-        {"PMDB_NEED_EGRESS_PUNT", "1", GETTER(halvo_config_get_need_egress_punt_pm_entry), nullptr, 0, 1, 1},
+        {"PMDB_INLIF_BANK25_MIN", "0x100", GETTER(halvo_grid_get_inlif_res_pool_bank_25_min),
+         nullptr, 1, 0x100, 0x100},
+        {"PMDB_INLIF_BANK25_MAX", "0x1ff", GETTER(halvo_grid_get_inlif_res_pool_bank_25_max),
+         nullptr, 0, 0x1ff, 0x1ff},
+        {"PMDB_LCVM_REDUNDANCY", "junk", GETTER(halvo_config_get_lcvm_redundancy_on), nullptr, 0, 0,
+         0},
+        {"PMDB_NEED_EGRESS_PUNT", "1", GETTER(halvo_config_get_need_egress_punt_pm_entry), nullptr,
+         0, 1, 1},
         {"PMDB_MAX_SUBINTF_VLOB", "12", GETTER(halvo_intf_get_max_subintf_vlob),
          [] { EXPECT_EQ(halvo_host_set("halvo_intf_get_max_subintf_vlob", 7), 0); }, 1024, 12, 7},
         {"PMDB_RP_PLUS_DATAPATH", "1", GETTER(platform_am_i_rp_plus_datapath),
@@ -180,7 +184,8 @@ TEST_F(SettingsTest, EnumerationNamesValueAndOrigin) {
     EXPECT_EQ(vorn_host_shm_group(), 1);
     EXPECT_EQ(all.count("identity.node_mac." + std::to_string(pmdb_node_id)), 1u);
     EXPECT_STREQ(pmdb_setting_source_name(PMDB_SETTING_ENV), "environment");
-    for (const auto &[key, want] : {std::pair{"x.y", 4}, {"x", 0}, {"c", 0}, {"no.such.key", 0}, {kVlan, 5}})
+    for (const auto &[key, want] :
+         {std::pair{"x.y", 4}, {"x", 0}, {"c", 0}, {"no.such.key", 0}, {kVlan, 5}})
         EXPECT_EQ(vorn_sysctl_get_int64(key, 0), want) << key;
     vorn_host_sysctl_reset();
     EXPECT_EQ(vorn_sysctl_get_int64(kVlan, 0), 64);

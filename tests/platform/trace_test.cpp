@@ -7,11 +7,11 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <atomic>
 #include <span>
 #include <string>
 #include <thread>
-#include <algorithm>
 #include <vector>
 
 #include "host/os_host.h"
@@ -65,15 +65,17 @@ TEST_F(TraceTest, RecordCarriesRealtimeThreadAndItsString) {
 
 TEST_F(TraceTest, ConcurrentWritersFromProcessesAndThreadsLoseNothing) {
     constexpr int kProcs = 3, kThreads = 2, kEach = 500;
-    pmdb::test::RunAtOnce(kProcs, [] {}, [](size_t p) {
-        std::vector<std::thread> ts;
-        for (int t = 0; t < kThreads; t++)
-            ts.emplace_back([p, t] {
-                for (int i = 0; i < kEach; i++)
-                    _vesk_3(dpa_port_mapper_get_error_vesk(), VESK_ID(3, 200), p, t, i);
-            });
-        for (auto &th : ts) th.join();
-    });
+    pmdb::test::RunAtOnce(
+        kProcs, [] {},
+        [](size_t p) {
+            std::vector<std::thread> ts;
+            for (int t = 0; t < kThreads; t++)
+                ts.emplace_back([p, t] {
+                    for (int i = 0; i < kEach; i++)
+                        _vesk_3(dpa_port_mapper_get_error_vesk(), VESK_ID(3, 200), p, t, i);
+                });
+            for (auto &th : ts) th.join();
+        });
     uint64_t lost = 0;
     const auto recs = ReadAll(VESK_ERROR, mark().seq[VESK_ERROR], &lost);
     EXPECT_EQ(lost, 0u);
@@ -101,7 +103,8 @@ TEST_F(TraceTest, ReaderNeverSeesTornRecordsWhileRingIsOverwritten) {
     std::vector<std::thread> writers;
     for (uint64_t w = 1; w <= 2; w++)
         writers.emplace_back([&, w] {
-            for (uint64_t i = 0; !stop.load(); i++) _vesk_4(buf, VESK_ID(4, 100 + w), i, i * 3 + 1, ~i, w);
+            for (uint64_t i = 0; !stop.load(); i++)
+                _vesk_4(buf, VESK_ID(4, 100 + w), i, i * 3 + 1, ~i, w);
         });
     while (vesk_mark(buf) < 64) std::this_thread::yield();
     size_t seen = 0, torn = 0;

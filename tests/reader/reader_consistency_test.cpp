@@ -182,16 +182,19 @@ void ExpectLockedCopiesWaitForTheWriter(pmdb_type_t type, u32 key) {
         dnx_db_hdl_t *hdl = nullptr;
         ASSERT_EQ(dpa_chk_pmdb_open(nullptr, &hdl, type, 0), PMDB_OK);
         std::array<u8, PMDB_IFH_ENTRY_SIZE> raw;
-        ASSERT_EQ(tabra_copy_entry_by_key(hdl->tabra, key, raw.data(), hdl->cfg->entry_size, nullptr),
-                  PMDB_OK);
+        ASSERT_EQ(
+            tabra_copy_entry_by_key(hdl->tabra, key, raw.data(), hdl->cfg->entry_size, nullptr),
+            PMDB_OK);
         Copy c;
         memcpy(c.data(), Blocks(type, raw.data()), PMDB_READER_INFO_COPY_SIZE);
         EXPECT_FALSE(Uniform(c));
         std::array<u8, 4> buf{0xEE, 0xEE, 0xEE, 0xEE};
-        ASSERT_EQ(ReadPastHolder(holder.get(), [&] {
-                      return len == 0 ? ReadBlocks(type, key, &c)
-                                      : dpa_pmdb_copy_entry(type, key, buf.data(), len);
-                  }),
+        ASSERT_EQ(ReadPastHolder(holder.get(),
+                                 [&] {
+                                     return len == 0
+                                                ? ReadBlocks(type, key, &c)
+                                                : dpa_pmdb_copy_entry(type, key, buf.data(), len);
+                                 }),
                   PMDB_OK);
         ASSERT_EQ(len > 0 ? ReadBlocks(type, key, &c) : PMDB_OK, PMDB_OK);
         EXPECT_TRUE(Uniform(c));
@@ -274,7 +277,8 @@ TEST_F(ReaderConsistencyTest, EntryHeldPastTheBoundEndsTheReadOnItsOwn) {
         const u32 key = 0x4300 + i;
         const bool stuck = k.how == Hold::locked; /* only it is a member of B */
         const u8 flags = stuck ? PMDB_IFH_MEMBER_ACTIVE : 0;
-        const bool put = k.how == Hold::created || PutIfh(key, Intf(key, 0, stuck ? B : 0, kNode1), flags) == 0;
+        const bool put =
+            k.how == Hold::created || PutIfh(key, Intf(key, 0, stuck ? B : 0, kNode1), flags) == 0;
         ASSERT_TRUE(put);
         auto holder = StartHolder(PMDB_TYPE_IFH, key, 9, false, k.how);
         ASSERT_TRUE(holder->WaitReady());
@@ -300,8 +304,9 @@ TEST_F(ReaderConsistencyTest, EntryHeldPastTheBoundEndsTheReadOnItsOwn) {
         EXPECT_TRUE(lock == nullptr || memcmp(&before, lock, sizeof before) == 0) << "lock changed";
         EXPECT_EQ(dpa_pmdb_copy_entry(PMDB_TYPE_IFH, key, c.data(), 8), k.want);
         std::array<u32, 3> members{7, 7, 7};
-        EXPECT_EQ(dpa_pmdb_get_bundle_member_ifh_entries(B, members.data(), 2, PMDB_READER_ALL_NODES),
-                  stuck ? PMDB_EBUSY : PMDB_OK);
+        EXPECT_EQ(
+            dpa_pmdb_get_bundle_member_ifh_entries(B, members.data(), 2, PMDB_READER_ALL_NODES),
+            stuck ? PMDB_EBUSY : PMDB_OK);
         EXPECT_EQ(members, (std::array<u32, 3>{P2, 0, 7}));
         holder->Release();
         EXPECT_TRUE(holder->Wait().ExitedWith(0));

@@ -45,7 +45,9 @@ template <typename... Rest>
 auto List(cerrno (*fn)(u32, u32 *, u32, Rest...), u32 handle, Rest... rest) {
     return [=](u32 *out, u32 cap) { return fn(handle, out, cap, rest...); };
 }
-auto PortPunt(u32 ifh) { return List(dpa_pmdb_get_port_punt_entries, ifh); }
+auto PortPunt(u32 ifh) {
+    return List(dpa_pmdb_get_port_punt_entries, ifh);
+}
 auto Members(u32 bundle, u32 node) {
     return List(dpa_pmdb_get_bundle_member_ifh_entries, bundle, node);
 }
@@ -109,7 +111,8 @@ TEST_F(ReaderQueryTest, MissingEntriesAndBadArgumentsLeaveBuffersAlone) {
     const std::array<u8, 312> untouched = buf;
     EXPECT_EQ(dpa_pmdb_get_ifh_entry_by_key(P1, buf.data(), 0, 0), PMDB_ENOTFOUND);
     EXPECT_EQ(dpa_pmdb_get_punt_entry_by_key(0x101, buf.data()), PMDB_ENOTFOUND);
-    EXPECT_EQ(Ask(List(dpa_pmdb_get_bundle_punt_entries, B), 3, PMDB_ENOTFOUND), std::vector<u32>(3, 0));
+    EXPECT_EQ(Ask(List(dpa_pmdb_get_bundle_punt_entries, B), 3, PMDB_ENOTFOUND),
+              std::vector<u32>(3, 0));
     Visits none;
     EXPECT_EQ(dpa_pmdb_iterate(Visit, &none, &none, 0), PMDB_ENOTFOUND);
     EXPECT_TRUE(none.keys.empty());
@@ -174,9 +177,11 @@ TEST_F(ReaderQueryTest, ListsHoldWhatBelongsToTheirHandle) {
         {PortPunt(S1), 2, punt, {0x201}},
         {PortPunt(B), 2, punt, {0x500}},
         {PortPunt(0x7777), 3, punt, {}},
-        {List(dpa_pmdb_get_bundle_punt_entries, B), 21, punt,
-         {0x102, 0x120000, 0x40008102, 0x80050000, 0x103, 0x40008103, 0x80060000, 0x104,
-          0x80070000, 0x105}},
+        {List(dpa_pmdb_get_bundle_punt_entries, B),
+         21,
+         punt,
+         {0x102, 0x120000, 0x40008102, 0x80050000, 0x103, 0x40008103, 0x80060000, 0x104, 0x80070000,
+          0x105}},
         {List(dpa_pmdb_get_bundle_punt_entries, B2), 7, punt, {0x106, 0x80080000}},
         {List(sub_punt, BS1, all), 1, punt, {0x601}},
         {List(sub_punt, BS2, all), 3, punt, {0x602, 0x40000602}},

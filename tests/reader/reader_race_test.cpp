@@ -174,13 +174,15 @@ TEST_P(SameKeyRaceTest, EveryInterleavingLeavesOneWriterPerEntry) {
     }
     /* Threads of this process, which has not used the reader yet, race to
      * attach and each reads every entry left, whole. */
-    EXPECT_EQ(InThreads(4, [&](int) {
-                  int failures = 0;
-                  bool uniform = false;
-                  for (int i = 0; i < 200; i++)
-                      for (u32 key : left) failures += ReadUniform(rc, key, &uniform) != 0 || !uniform;
-                  return failures;
-              }),
+    EXPECT_EQ(InThreads(4,
+                        [&](int) {
+                            int failures = 0;
+                            bool uniform = false;
+                            for (int i = 0; i < 200; i++)
+                                for (u32 key : left)
+                                    failures += ReadUniform(rc, key, &uniform) != 0 || !uniform;
+                            return failures;
+                        }),
               0);
 }
 

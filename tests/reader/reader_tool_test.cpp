@@ -18,7 +18,7 @@ using testing::Not;
 using testing::StartsWith;
 
 class ReaderToolTest : public pmdb::test::PmdbTest {
-protected:
+  protected:
     /* Runs pmdbctl in this test's namespace. */
     ToolRun Pmdbctl(const std::string &args) {
         return pmdb::test::RunTool(PMDBCTL_PATH, pmdb::test::Words("--ns " + ns() + " " + args));
