@@ -86,28 +86,6 @@ TEST_F(PmdbctlTest, TraceJsonDecodesNamesAndArguments) {
     EXPECT_EQ(j["lost"]["event"], 0);
 }
 
-/* A ring made with PMDB_TRACE_RECORDS of 17 holds 32 records; a reader
- * whose own PMDB_TRACE_RECORDS differs keeps the existing ring's capacity. */
-TEST_F(PmdbctlTest, LostRecordsOfFullRingAreReported) {
-    const std::string other = pmdb::test::UniqueNamespace();
-    const auto w = RunInChild([&other] {
-        setenv(VORN_NS_ENV, other.c_str(), 1);
-        setenv("PMDB_TRACE_RECORDS", "17", 1);
-        vorn_host_set_namespace(nullptr);
-        for (uint64_t i = 0; i < 40; i++)
-            _vesk_1(dpa_port_mapper_get_eve_vesk(), VESK_ID(1, 318), i);
-    });
-    ASSERT_TRUE(w.ExitedWith(0)) << w.Describe();
-    setenv("PMDB_TRACE_RECORDS", "100", 1);
-    ToolRun r = Pmdbctl({"--ns", other, "trace", "--buffer", "event"});
-    ASSERT_EQ(r.status, 0);
-    EXPECT_EQ(Lines(r.out), 32u);
-    EXPECT_NE(r.err.find("8 records of event lost"), std::string::npos) << r.err;
-    r = Pmdbctl({"--ns", other, "trace", "--buffer", "event", "--json"});
-    EXPECT_EQ(json::parse(r.out)["lost"]["event"], 8);
-    vorn_host_remove_namespace(other.c_str());
-}
-
 // The follower starts at the end of the ring, so a record written before it
 // is ready is not "new": the test writes records until one shows, and
 // every line printed must be one of them.
@@ -135,23 +113,38 @@ TEST_F(PmdbctlTest, FollowPrintsNewRecordsUntilInterrupted) {
 }
 
 /* Commands as a user types them, on the sample records: {ns} is this test's
- * namespace, {other} an empty one.  A failing command (status -1: any but 0)
- * says so in one line on standard error and prints nothing else. */
+ * namespace, {other} an empty one, {full} one whose event ring, made with
+ * PMDB_TRACE_RECORDS of 17, holds 32 of the 40 records written to it (the
+ * tool's own PMDB_TRACE_RECORDS does not change an existing ring).  A
+ * failing command (status -1: any but 0) says so in one line on standard
+ * error and prints nothing else. */
 TEST_F(PmdbctlTest, CommandsPrintWhatTheyWereAskedOrOneLineOfError) {
     WriteSampleInChild();
+    const std::string other = pmdb::test::UniqueNamespace(), full = other + "f";
+    const auto w = RunInChild([&full] {
+        setenv(VORN_NS_ENV, full.c_str(), 1);
+        setenv("PMDB_TRACE_RECORDS", "17", 1);
+        vorn_host_set_namespace(nullptr);
+        for (uint64_t i = 0; i < 40; i++)
+            _vesk_1(dpa_port_mapper_get_eve_vesk(), VESK_ID(1, 318), i);
+    });
+    ASSERT_TRUE(w.ExitedWith(0)) << w.Describe();
+    setenv("PMDB_TRACE_RECORDS", "100", 1);
     setenv("PMDB_OAM_ENABLE", "0", 1);
-    const std::string other = pmdb::test::UniqueNamespace();
     const struct {
         const char *pmdb_ns; /* PMDB_NS, when not the test's namespace */
         const char *args;
         int status;
         size_t lines;     /* of standard output; SIZE_MAX: any */
         const char *says; /* in standard output */
+        const char *errs = ""; /* in standard error */
     } rows[] = {
         {nullptr, "trace --buffer error", 0, 2, " error 277 invalid_event_type "},
         {nullptr, "trace --buffer error", 0, 2, "event_type=23 zero=0"},
         {nullptr, "--ns {ns} trace --buffer error --since 1", 0, 1, " 9999 unknown "},
         {nullptr, "--ns {other} trace", 0, 0, ""},
+        {nullptr, "--ns {full} trace --buffer event", 0, 32, "", "8 records of event lost"},
+        {nullptr, "--ns {full} trace --buffer event --json", 0, SIZE_MAX, R"("event": 8)"},
         {nullptr, "settings", 0, SIZE_MAX, "halvo.max_entries"},
         {nullptr, "settings", 0, SIZE_MAX, "{ns}"},
         {nullptr, "settings --json", 0, SIZE_MAX, R"("name": "halvo.oam_enable",)"},
@@ -168,7 +161,8 @@ TEST_F(PmdbctlTest, CommandsPrintWhatTheyWereAskedOrOneLineOfError) {
     };
     for (const auto &row : rows) {
         std::string args = row.args;
-        for (const auto &[from, to] : {std::pair{std::string("{ns}"), ns()}, {"{other}", other}})
+        for (const auto &[from, to] :
+             {std::pair{std::string("{ns}"), ns()}, {"{other}", other}, {"{full}", full}})
             if (const size_t at = args.find(from); at != std::string::npos) args.replace(at, from.size(), to);
         std::string says = row.says;
         if (says == "{ns}") says = ns();
@@ -184,12 +178,14 @@ TEST_F(PmdbctlTest, CommandsPrintWhatTheyWereAskedOrOneLineOfError) {
         }
         EXPECT_TRUE(row.lines == SIZE_MAX || Lines(r.out) == row.lines) << r.out;
         EXPECT_NE(r.out.find(says), std::string::npos) << r.out;
+        EXPECT_NE(r.err.find(row.errs), std::string::npos) << r.err;
     }
     /* An empty --ns is refused, not taken for the current namespace. */
     const ToolRun empty = Pmdbctl({"--ns", "", "settings"});
     EXPECT_NE(empty.status, 0);
     EXPECT_TRUE(empty.out.empty()) << empty.out;
     vorn_host_remove_namespace(other.c_str());
+    vorn_host_remove_namespace(full.c_str());
 }
 
 /* Bytes that are not text where the tool prints text: a trace string, a
