@@ -1,23 +1,32 @@
 // OS layer: namespaced objects seen across processes, namespace isolation and
-// removal, modes and owners of the card's objects, the sysctl store, and
-// robust-mutex repair.
+// removal, modes and owners of the card's objects, injected faults and the
+// call log; the thread-debug service (who waits where) and fault arming.
+// The named semaphore, robust-mutex repair and a single registered wait are
+// checked through the library's own use of them (frame region, lock and open
+// tests).
 #include <errno.h>
 #include <fcntl.h>
+#include <pthread.h>
 #include <semaphore.h>
 #include <sys/mman.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
 #include <algorithm>
+#include <atomic>
 #include <cstring>
+#include <span>
 #include <string>
+#include <thread>
 #include <tuple>
 #include <vector>
 
+#include "host/kemt_host.h"
 #include "host/os_host.h"
 #include "host/pm_fault.h"
 #include "host/settings.h"
 #include "host/vesk_reader.h"
+#include "kemt.h"
 #include "pmdb_test.h"
 #include "tabra.h"
 #include "tabra_params.h"
@@ -25,8 +34,7 @@
 
 namespace {
 
-using pmdb::test::ChildLink;
-using pmdb::test::ChildProcess;
+using namespace std::chrono_literals;
 using pmdb::test::PmdbTest;
 using pmdb::test::RunInChild;
 using pmdb::test::StartHeldChild;
@@ -65,74 +73,40 @@ int64_t ReadObject(const char *name) {
     return p == MAP_FAILED ? -1 : *static_cast<uint32_t *>(p);
 }
 
-TEST_F(OsTest, ObjectNameCarriesNamespace) {
-    char full[64];
-    ASSERT_EQ(vorn_host_shm_name("dnx_pmdb_ifh_shrd", full, sizeof full), 0);
-    EXPECT_EQ(std::string(full), "/" + ns() + ".dnx_pmdb_ifh_shrd");
-    EXPECT_EQ(vorn_host_shm_name("a_rather_long_object_name_here", full, 16), -1);
-    EXPECT_STREQ(vorn_host_namespace(), ns().c_str());
-}
-
-TEST_F(OsTest, ProcessesOfDifferentNamespacesDoNotSeeEachOther) {
-    const std::string other = pmdb::test::UniqueNamespace();
-    // Each process creates "obj" in its own namespace: both exclusive creates
-    // succeed and each reads back only its own value.
+/* Processes of two namespaces each create "a": both exclusive creates
+ * succeed and each reads back only its own value.  The other namespace's
+ * name starts with ours ("t1_2" vs "t1_20"): removing ours takes our objects
+ * and semaphores only. */
+TEST_F(OsTest, NamespacesAreSeparateAndRemovedAlone) {
+    const std::string other = ns() + "0";
     auto a = StartHeldChild([] {
-        if (CreateObject("obj", 1) != 0) _exit(10);
+        if (CreateObject("a", 1) != 0) _exit(10);
     });
     ASSERT_TRUE(a->WaitReady());
     const auto b = RunInChild([&other] {
         setenv(VORN_NS_ENV, other.c_str(), 1);
         vorn_host_set_namespace(nullptr);
-        if (ReadObject("obj") != -1) return 11;
-        if (CreateObject("obj", 2) != 0) return 12;
-        return ReadObject("obj") == 2 ? 0 : 13;
+        if (ReadObject("a") != -1) return 11;
+        if (CreateObject("a", 2) != 0) return 12;
+        return ReadObject("a") == 2 ? 0 : 13;
     });
     EXPECT_TRUE(b.ExitedWith(0)) << b.Describe();
-    EXPECT_EQ(ReadObject("obj"), 1);
+    EXPECT_EQ(ReadObject("a"), 1);
     a->Release();
     EXPECT_TRUE(a->Wait().ExitedWith(0));
 
-    EXPECT_EQ(Objects(other), std::vector<std::string>{"obj"});
-    EXPECT_EQ(vorn_host_remove_namespace(other.c_str()), 1);
-    EXPECT_TRUE(Objects(other).empty());
-    EXPECT_EQ(ReadObject("obj"), 1);
-}
-
-TEST_F(OsTest, RemoveNamespaceTakesObjectsAndSemaphoresOnly) {
-    const std::string prefix_alike = ns() + "0";  // "t1_2" vs "t1_20": no overlap
-    ASSERT_EQ(CreateObject("a", 1), 0);
     sem_t *s = vorn_sem_open("pmdb_shm_semaphore", O_CREAT | O_EXCL, 0600, 1);
     ASSERT_NE(s, SEM_FAILED);
     sem_close(s);
-    ASSERT_EQ(vorn_host_set_namespace(prefix_alike.c_str()), 0);
-    ASSERT_EQ(CreateObject("a", 2), 0);
-    ASSERT_EQ(vorn_host_set_namespace(ns().c_str()), 0);
-
     EXPECT_EQ(vorn_host_list_semaphores(ns().c_str(), nullptr, nullptr), 1);
     // The trace buffers of the fixture's mark are objects too.
     EXPECT_EQ(Objects(ns()), (std::vector<std::string>{"a", "vesk.database", "vesk.error", "vesk.event"}));
     EXPECT_EQ(vorn_host_remove_namespace(nullptr), 1 + 1 + 3);
     EXPECT_EQ(vorn_host_list_semaphores(ns().c_str(), nullptr, nullptr), 0);
     EXPECT_EQ(ReadObject("a"), -1);
-    EXPECT_EQ(Objects(prefix_alike), std::vector<std::string>{"a"});
-    vorn_host_remove_namespace(prefix_alike.c_str());
-}
-
-TEST_F(OsTest, NamedSemaphoreIsSharedWithinNamespace) {
-    sem_t *s = vorn_sem_open("pmdb_shm_semaphore", O_CREAT | O_EXCL, 0600, 0);
-    ASSERT_NE(s, SEM_FAILED);
-    const auto r = RunInChild([] {
-        sem_t *c = vorn_sem_open("pmdb_shm_semaphore", O_CREAT, 0600, 1);
-        if (c == SEM_FAILED) return 1;
-        return sem_post(c) == 0 ? 0 : 2;
-    });
-    ASSERT_TRUE(r.ExitedWith(0)) << r.Describe();
-    EXPECT_EQ(sem_trywait(s), 0);  // the child posted ours: same semaphore
-    sem_close(s);
-    EXPECT_EQ(vorn_sem_unlink("pmdb_shm_semaphore"), 0);
-    EXPECT_EQ(vorn_sem_unlink("pmdb_shm_semaphore"), -1);
-    EXPECT_EQ(errno, ENOENT);
+    EXPECT_EQ(Objects(other), std::vector<std::string>{"a"});
+    EXPECT_EQ(vorn_host_remove_namespace(other.c_str()), 1);
+    EXPECT_TRUE(Objects(other).empty());
 }
 
 TEST_F(OsTest, InvalidNamespacesAreRefused) {
@@ -162,6 +136,8 @@ TEST_F(OsTest, InvalidNamespacesAreRefused) {
     }
     // "sem" would name the semaphores of every namespace.
     EXPECT_EQ(vorn_host_list_objects("sem", nullptr, nullptr), 0);
+    char name[16];
+    EXPECT_EQ(vorn_host_shm_name("a_rather_long_object_name_here", name, sizeof name), -1);
 }
 
 /* One kind of object of the card, for the ownership tests. */
@@ -276,59 +252,124 @@ TEST_F(OsTest, InjectedFaultsFailWithErrnoAndDoNothingAndCallsAreLogged) {
     EXPECT_EQ(std::make_tuple(std::string(recs[1].call), recs[1].args[0]),
               std::make_tuple(std::string("vorn_close"), uint64_t(fd)));
     EXPECT_LE(recs[0].mono_ns, recs[1].mono_ns);
+
+    /* A full log keeps its first records and counts the rest. */
+    pm_calllog_clear();
+    pm_calllog_enable(1);
+    for (uint64_t i = 0; i < PM_CALLLOG_CAPACITY + 10; i++) pm_calllog_note("x", i, 0, 0, 0);
+    std::vector<pm_call_rec_t> all(PM_CALLLOG_CAPACITY + 10);
+    EXPECT_EQ(pm_calllog_get(all.data(), all.size()), PM_CALLLOG_CAPACITY + 10u);
+    EXPECT_EQ(all[PM_CALLLOG_CAPACITY - 1].args[0], PM_CALLLOG_CAPACITY - 1u);
+    pm_calllog_clear();
+    EXPECT_EQ(pm_calllog_get(all.data(), all.size()), 0u);
 }
 
-constexpr const char *kVlanKey = "tarvo.qen.vorn.platform.max_bundle_l3_vlan";
+/* ---- thread-debug service and fault arming ------------------------------- */
 
-TEST_F(OsTest, SysctlDefaultsEnvironmentAndSetter) {
-    EXPECT_EQ(vorn_sysctl_get_int64(kVlanKey, 0), 0);
-    EXPECT_EQ(vorn_sysctl_get_int64("no.such.key", 0), 0);
-    setenv("PMDB_SYSCTL", "a.b=3,tarvo.qen.vorn.platform.max_bundle_l3_vlan=0x40,c=bad", 1);
-    EXPECT_EQ(vorn_sysctl_get_int64(kVlanKey, 0), 64);
-    EXPECT_EQ(vorn_sysctl_get_int64("a.b", 0), 3);
-    EXPECT_EQ(vorn_sysctl_get_int64("c", 0), 0);
-    EXPECT_EQ(vorn_sysctl_get_int64("a", 0), 0);
-    vorn_host_sysctl_set(kVlanKey, 9);
-    EXPECT_EQ(vorn_sysctl_get_int64(kVlanKey, 0), 9);
-    vorn_host_sysctl_reset();
-    EXPECT_EQ(vorn_sysctl_get_int64(kVlanKey, 0), 64);
+class KemtTest : public pmdb::test::PmdbTest {};
+
+/* Waits like the library does: try-lock, register the wait, lock, unset. */
+void RegisteredLock(pthread_mutex_t *m, const char *where, int line) {
+    if (pthread_mutex_trylock(m) == 0) return;
+    kemt_set_mutex_block(m, where, line);
+    pthread_mutex_lock(m);
+    kemt_unset_mutex_block();
 }
 
-/* A robust process-shared mutex in an object of the namespace. */
-pthread_mutex_t *SharedMutex(bool create) {
-    const int fd = _shm_open("robust", create ? O_CREAT | O_RDWR : O_RDWR, 0600);
-    if (fd < 0) return nullptr;
-    if (create && ftruncate(fd, 4096) != 0) return nullptr;
-    void *p = vornos_mmap(nullptr, 4096, PROT_READ | PROT_WRITE, MAP_SHARED, fd, 0);
-    vorn_close(fd);
-    if (p == MAP_FAILED) return nullptr;
-    auto *m = static_cast<pthread_mutex_t *>(p);
-    if (create) {
-        pthread_mutexattr_t a;
-        pthread_mutexattr_init(&a);
-        pthread_mutexattr_setpshared(&a, PTHREAD_PROCESS_SHARED);
-        pthread_mutexattr_setrobust(&a, PTHREAD_MUTEX_ROBUST);
-        pthread_mutex_init(m, &a);
-        pthread_mutexattr_destroy(&a);
+/* Threads waiting at once are all listed, each with its mutex, place and
+ * thread, until they get the mutex; their waits are counted, and each thread
+ * has a last wait of its own. */
+TEST_F(KemtTest, BlockedThreadsAreVisibleUntilTheyGetTheMutex) {
+    constexpr int kThreads = 4;
+    pthread_mutex_t m = PTHREAD_MUTEX_INITIALIZER;
+    pthread_mutex_lock(&m);
+    std::atomic<uint32_t> tids[kThreads] = {};
+    std::vector<std::thread> ts;
+    for (int i = 0; i < kThreads; i++) {
+        ts.emplace_back([&, i] {
+            tids[i] = (uint32_t)gettid();
+            RegisteredLock(&m, "dpa_pmdb_mprotect_tabra", 600 + i);
+            kemt_wait_t last;
+            EXPECT_EQ(kemt_host_last_wait(&last), 0);
+            EXPECT_EQ(last.line, 600 + i);
+            EXPECT_GE(last.until_ns, last.since_ns);
+            pthread_mutex_unlock(&m);
+        });
     }
-    return m;
+    kemt_wait_t w[kThreads + 1];
+    size_t n = 0;
+    for (int i = 0; i < 5000 && n < kThreads; i++) {  // a bound against a hang only
+        n = kemt_host_waiters(w, kThreads + 1);
+        if (n < kThreads) std::this_thread::sleep_for(1ms);
+    }
+    ASSERT_EQ(n, (size_t)kThreads);
+    for (const kemt_wait_t &x : std::span(w, n)) {
+        const int i = x.line - 600;
+        ASSERT_TRUE(i >= 0 && i < kThreads) << x.line;
+        EXPECT_EQ(std::make_tuple(x.mutex, std::string(x.location), x.tid, x.until_ns),
+                  std::make_tuple((const void *)&m, std::string("dpa_pmdb_mprotect_tabra"), tids[i].load(), uint64_t{0}));
+    }
+    pthread_mutex_unlock(&m);
+    for (auto &t : ts) t.join();
+    EXPECT_EQ(kemt_host_waiters(w, kThreads), 0u);
+    EXPECT_EQ(kemt_host_total_waits(), (uint64_t)kThreads);
+    EXPECT_EQ(kemt_host_location_waits("dpa_pmdb_mprotect_tabra", -1), (uint64_t)kThreads);
+    EXPECT_EQ(kemt_host_location_waits("dpa_pmdb_mprotect_tabra", 601), 1u);
+    EXPECT_EQ(kemt_host_location_waits("elsewhere", -1), 0u);
+    kemt_wait_t last;
+    EXPECT_EQ(kemt_host_last_wait(&last), -1) << "this thread never waited";
+    kemt_host_reset();
+    EXPECT_EQ(kemt_host_total_waits(), 0u);
+    EXPECT_EQ(kemt_host_location_waits("dpa_pmdb_mprotect_tabra", -1), 0u);
 }
 
-TEST_F(OsTest, ConsistentRepairsMutexOfKilledOwner) {
-    pthread_mutex_t *m = SharedMutex(true);
-    ASSERT_NE(m, nullptr);
-    auto owner = StartHeldChild([] { pthread_mutex_lock(SharedMutex(false)); });
-    ASSERT_TRUE(owner->WaitReady());
-    owner->Kill(SIGKILL);
-    EXPECT_TRUE(owner->Wait().KilledBy(SIGKILL));
+class FaultTest : public pmdb::test::PmdbTest {};
 
-    ASSERT_EQ(pthread_mutex_lock(m), EOWNERDEAD);
-    pm_fault_set("vorn_pthread_mutex_consistent_np", EINVAL, 1);
-    EXPECT_EQ(pthread_mutex_consistent_np(m), EINVAL);  // the macro maps to the layer
-    EXPECT_EQ(pthread_mutex_consistent_np(m), 0);
-    EXPECT_EQ(pthread_mutex_unlock(m), 0);
-    EXPECT_EQ(pthread_mutex_lock(m), 0);
-    EXPECT_EQ(pthread_mutex_unlock(m), 0);
+/* "1" for each of n calls of `name` that the armed faults fail, else "0". */
+std::string Hits(const char *name, int n, int64_t *result) {
+    std::string s;
+    for (int i = 0; i < n; i++) s += pm_fault_hit(name, result) ? '1' : '0';
+    return s;
+}
+
+TEST_F(FaultTest, CountedNegativeZeroAndRearming) {
+    int64_t r = 0;
+    EXPECT_EQ(Hits("tabra_open", 1, &r), "0");
+    pm_fault_set("tabra_open", 17, 2);
+    EXPECT_EQ(Hits("tabra_init", 1, &r), "0");
+    EXPECT_EQ(Hits("tabra_open", 1, &r), "1");
+    EXPECT_EQ(r, 17);
+    EXPECT_EQ(Hits("tabra_open", 2, &r), "10");
+
+    pm_fault_set("tabra_add_entry", 0xA6F01400, -1);
+    EXPECT_EQ(Hits("tabra_add_entry", 100, &r), std::string(100, '1'));
+    pm_fault_set("tabra_add_entry", 0, 0);
+    EXPECT_EQ(Hits("tabra_add_entry", 1, &r), "0");
+
+    pm_fault_set("a", 1, -1);
+    pm_fault_set("b", 2, 5);
+    pm_fault_clear();
+    EXPECT_EQ(Hits("a", 1, &r) + Hits("b", 1, &r), "00");
+
+    /* Re-arming replaces the result and the count. */
+    pm_fault_set("vorn_close", 1, 5);
+    pm_fault_set("vorn_close", 2, 1);
+    EXPECT_EQ(Hits("vorn_close", 1, &r), "1");
+    EXPECT_EQ(r, 2);
+    EXPECT_EQ(Hits("vorn_close", 1, &r), "0");
+
+    /* Threads share the count: exactly that many hits. */
+    pm_fault_set("contended", 1, 1000);
+    std::atomic<int> hits{0};
+    std::vector<std::thread> ts;
+    for (int t = 0; t < 4; t++) {
+        ts.emplace_back([&] {
+            int64_t mine = 0;
+            for (int i = 0; i < 1000; i++) hits += pm_fault_hit("contended", &mine);
+        });
+    }
+    for (auto &t : ts) t.join();
+    EXPECT_EQ(hits.load(), 1000);
 }
 
 }  // namespace

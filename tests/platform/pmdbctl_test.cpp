@@ -49,6 +49,8 @@ void WriteSampleInChild() {
         _vesk_3(dpa_port_mapper_get_eve_vesk(), VESK_ID(3, 278), 1, 0x4000, 77);
         _vesk_2(dpa_port_mapper_get_error_vesk(), VESK_ID(2, 277), 23, 0);
         _vesk_1(dpa_port_mapper_get_error_vesk(), VESK_ID(1, 9999), 5);
+        _vesk_7(dpa_port_mapper_get_db_vesk(), VESK_ID(7, 109), 5, 0x02, 0, 0, 0, 5, 0xFF);
+        _vesk(dpa_port_mapper_get_eve_vesk(), VESK_ID(0, 51));
     });
     ASSERT_TRUE(r.ExitedWith(0)) << r.Describe();
 }
@@ -60,7 +62,9 @@ TEST_F(PmdbctlTest, TraceJsonDecodesNamesAndArguments) {
     const json j = json::parse(r.out);
     EXPECT_EQ(j["namespace"], ns());
     const json &recs = j["records"];
-    ASSERT_EQ(recs.size(), 4u);
+    ASSERT_EQ(recs.size(), 6u);
+    for (const json &rec : recs) EXPECT_EQ(rec["pid"], recs[0]["pid"]);
+    EXPECT_NE(recs[0]["pid"], getpid());
     // Merged by time: the order of writing.
     EXPECT_EQ(recs[0]["point"], 62);
     EXPECT_EQ(recs[0]["buffer"], "database");
@@ -74,28 +78,13 @@ TEST_F(PmdbctlTest, TraceJsonDecodesNamesAndArguments) {
     EXPECT_EQ(recs[2]["args"]["event_type"], 23);
     EXPECT_EQ(recs[3]["name"], "unknown");
     EXPECT_EQ(recs[3]["args"]["arg0"], 5);
+    EXPECT_EQ(recs[4]["id"], "0x70000006d");
+    EXPECT_EQ(recs[4]["args"].size(), 7u);
+    EXPECT_EQ(recs[5]["id"], "0x33");
+    EXPECT_TRUE(recs[5]["args"].empty());
     EXPECT_EQ(j["next"]["error"], 2);
     EXPECT_EQ(j["lost"]["event"], 0);
 }
-
-TEST_F(PmdbctlTest, LostRecordsOfFullRingAreReported) {
-    const std::string other = pmdb::test::UniqueNamespace();
-    const auto w = RunInChild([&other] {
-        setenv(VORN_NS_ENV, other.c_str(), 1);
-        setenv("PMDB_TRACE_RECORDS", "16", 1);
-        vorn_host_set_namespace(nullptr);
-        for (uint64_t i = 0; i < 20; i++) _vesk_1(dpa_port_mapper_get_eve_vesk(), VESK_ID(1, 318), i);
-    });
-    ASSERT_TRUE(w.ExitedWith(0)) << w.Describe();
-    ToolRun r = Pmdbctl({"--ns", other, "trace", "--buffer", "event"});
-    ASSERT_EQ(r.status, 0);
-    EXPECT_EQ(Lines(r.out), 16u);
-    EXPECT_NE(r.err.find("4 records of event lost"), std::string::npos) << r.err;
-    r = Pmdbctl({"--ns", other, "trace", "--buffer", "event", "--json"});
-    EXPECT_EQ(json::parse(r.out)["lost"]["event"], 4);
-    vorn_host_remove_namespace(other.c_str());
-}
-
 
 // The follower starts at the end of the ring, so a record written before it
 // is ready is not "new": the test writes records until one shows, and
@@ -124,23 +113,38 @@ TEST_F(PmdbctlTest, FollowPrintsNewRecordsUntilInterrupted) {
 }
 
 /* Commands as a user types them, on the sample records: {ns} is this test's
- * namespace, {other} an empty one.  A failing command (status -1: any but 0)
- * says so in one line on standard error and prints nothing else. */
+ * namespace, {other} an empty one, {full} one whose event ring, made with
+ * PMDB_TRACE_RECORDS of 17, holds 32 of the 40 records written to it (the
+ * tool's own PMDB_TRACE_RECORDS does not change an existing ring).  A
+ * failing command (status -1: any but 0) says so in one line on standard
+ * error and prints nothing else. */
 TEST_F(PmdbctlTest, CommandsPrintWhatTheyWereAskedOrOneLineOfError) {
     WriteSampleInChild();
+    const std::string other = pmdb::test::UniqueNamespace(), full = other + "f";
+    const auto w = RunInChild([&full] {
+        setenv(VORN_NS_ENV, full.c_str(), 1);
+        setenv("PMDB_TRACE_RECORDS", "17", 1);
+        vorn_host_set_namespace(nullptr);
+        for (uint64_t i = 0; i < 40; i++)
+            _vesk_1(dpa_port_mapper_get_eve_vesk(), VESK_ID(1, 318), i);
+    });
+    ASSERT_TRUE(w.ExitedWith(0)) << w.Describe();
+    setenv("PMDB_TRACE_RECORDS", "100", 1);
     setenv("PMDB_OAM_ENABLE", "0", 1);
-    const std::string other = pmdb::test::UniqueNamespace();
     const struct {
         const char *pmdb_ns; /* PMDB_NS, when not the test's namespace */
         const char *args;
         int status;
         size_t lines;     /* of standard output; SIZE_MAX: any */
         const char *says; /* in standard output */
+        const char *errs = ""; /* in standard error */
     } rows[] = {
         {nullptr, "trace --buffer error", 0, 2, " error 277 invalid_event_type "},
         {nullptr, "trace --buffer error", 0, 2, "event_type=23 zero=0"},
         {nullptr, "--ns {ns} trace --buffer error --since 1", 0, 1, " 9999 unknown "},
         {nullptr, "--ns {other} trace", 0, 0, ""},
+        {nullptr, "--ns {full} trace --buffer event", 0, 32, "", "8 records of event lost"},
+        {nullptr, "--ns {full} trace --buffer event --json", 0, SIZE_MAX, R"("event": 8)"},
         {nullptr, "settings", 0, SIZE_MAX, "halvo.max_entries"},
         {nullptr, "settings", 0, SIZE_MAX, "{ns}"},
         {nullptr, "settings --json", 0, SIZE_MAX, R"("name": "halvo.oam_enable",)"},
@@ -157,7 +161,8 @@ TEST_F(PmdbctlTest, CommandsPrintWhatTheyWereAskedOrOneLineOfError) {
     };
     for (const auto &row : rows) {
         std::string args = row.args;
-        for (const auto &[from, to] : {std::pair{std::string("{ns}"), ns()}, {"{other}", other}})
+        for (const auto &[from, to] :
+             {std::pair{std::string("{ns}"), ns()}, {"{other}", other}, {"{full}", full}})
             if (const size_t at = args.find(from); at != std::string::npos) args.replace(at, from.size(), to);
         std::string says = row.says;
         if (says == "{ns}") says = ns();
@@ -173,12 +178,14 @@ TEST_F(PmdbctlTest, CommandsPrintWhatTheyWereAskedOrOneLineOfError) {
         }
         EXPECT_TRUE(row.lines == SIZE_MAX || Lines(r.out) == row.lines) << r.out;
         EXPECT_NE(r.out.find(says), std::string::npos) << r.out;
+        EXPECT_NE(r.err.find(row.errs), std::string::npos) << r.err;
     }
     /* An empty --ns is refused, not taken for the current namespace. */
     const ToolRun empty = Pmdbctl({"--ns", "", "settings"});
     EXPECT_NE(empty.status, 0);
     EXPECT_TRUE(empty.out.empty()) << empty.out;
     vorn_host_remove_namespace(other.c_str());
+    vorn_host_remove_namespace(full.c_str());
 }
 
 /* Bytes that are not text where the tool prints text: a trace string, a
@@ -229,28 +236,20 @@ bool SnakeCase(const char *s) {
     return true;
 }
 
-TEST(TracePoints, CoverEveryDocumentedPointOnce) {
-    std::set<uint32_t> documented;
-    for (uint32_t p = 51; p <= 69; p++) documented.insert(p);
-    documented.insert(71);
-    for (uint32_t p = 99; p <= 107; p++) documented.insert(p);
-    for (uint32_t p = 109; p <= 261; p++) documented.insert(p);
-    for (uint32_t p = 263; p <= 283; p++) documented.insert(p);
-    for (uint32_t p = 288; p <= 318; p++) documented.insert(p);
+/* Every documented point once, sorted, with a unique snake_case name and
+ * unique snake_case arguments (a string record: the string and one number),
+ * and found by its number. */
+TEST(TracePoints, CoverEveryDocumentedPointOnceAndAreWellFormed) {
+    std::set<uint32_t> documented{71};
+    for (const auto &[from, to] :
+         {std::pair{51u, 69u}, {99u, 107u}, {109u, 261u}, {263u, 283u}, {288u, 318u}})
+        for (uint32_t p = from; p <= to; p++) documented.insert(p);
     std::set<uint32_t> have;
-    for (const TracePoint &tp : AllTracePoints()) {
-        EXPECT_TRUE(have.insert(tp.point).second) << "point " << tp.point << " listed twice";
-    }
-    for (uint32_t p : documented) EXPECT_EQ(have.count(p), 1u) << "point " << p << " missing";
-}
-
-TEST(TracePoints, RowsAreWellFormed) {
     std::set<std::string> names;
-    uint32_t prev = 0;
     for (const TracePoint &tp : AllTracePoints()) {
         SCOPED_TRACE(tp.point);
-        EXPECT_GT(tp.point, prev) << "not sorted";
-        prev = tp.point;
+        EXPECT_TRUE(have.empty() || tp.point > *have.rbegin()) << "not sorted";
+        EXPECT_TRUE(have.insert(tp.point).second) << "listed twice";
         EXPECT_TRUE(SnakeCase(tp.name)) << tp.name;
         EXPECT_TRUE(names.insert(tp.name).second) << "duplicate name " << tp.name;
         std::set<std::string> args;
@@ -258,12 +257,10 @@ TEST(TracePoints, RowsAreWellFormed) {
             EXPECT_TRUE(SnakeCase(tp.args[i])) << tp.args[i];
             EXPECT_TRUE(args.insert(tp.args[i]).second) << "duplicate argument " << tp.args[i];
         }
-        // A string record carries the string and one number.
-        if (tp.is_string) {
-            EXPECT_EQ(tp.nargs(), 2u);
-        }
+        EXPECT_TRUE(!tp.is_string || tp.nargs() == 2u);
         EXPECT_EQ(FindTracePoint(tp.point), &tp);
     }
+    for (uint32_t p : documented) EXPECT_EQ(have.count(p), 1u) << "point " << p << " missing";
     EXPECT_EQ(FindTracePoint(70), nullptr);
     EXPECT_EQ(FindTracePoint(0), nullptr);
 }

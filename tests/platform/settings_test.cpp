@@ -6,6 +6,7 @@
 #include <cstring>
 #include <map>
 #include <string>
+#include <utility>
 
 #include "halvo.h"
 #include "host/os_host.h"
@@ -13,6 +14,7 @@
 #include "host/settings.h"
 #include "platform_id.h"
 #include "pmdb_test.h"
+#include "vorn_os.h"
 
 namespace {
 
@@ -47,26 +49,33 @@ std::map<std::string, Seen> AllSettings() {
 /* Each property: its default, what its environment variable sets (an
  * invalid value keeps the default), and what the setter sets over it.  The
  * system properties (kept) read the environment once: a later change shows
- * only after halvo_host_reload_env. */
+ * only after halvo_host_reload_env.  An armed fault of the getter answers the
+ * fault's value instead, as many times as armed. */
+#define GETTER(fn) #fn, [] { return (int64_t)fn(); }
 TEST_F(SettingsTest, PropertiesFromDefaultEnvironmentAndSetter) {
     const struct {
         const char *env, *value;
+        const char *call; /* the getter, also the name of its fault */
         int64_t (*get)();
         void (*set)(); /* a setter over the environment, or null */
         int64_t by_default, by_env, by_setter;
         bool kept = true;
     } cases[] = {
-        {"PMDB_MAX_ENTRIES", "1000", [] { return (int64_t)halvo_config_get_port_mapper_max_entries(); },
+        {"PMDB_MAX_ENTRIES", "1000", GETTER(halvo_config_get_port_mapper_max_entries),
          [] { EXPECT_EQ(halvo_host_set("max_entries", 20), 0); }, 65536, 1000, 20},
-        {"PMDB_OAM_ENABLE", "0", [] { return (int64_t)halvo_oam_get_oam_enable(); },
+        {"PMDB_OAM_ENABLE", "0", GETTER(halvo_oam_get_oam_enable),
          [] { EXPECT_EQ(halvo_host_set("halvo.oam_enable", 1), 0); }, 1, 0, 1},
-        {"PMDB_INLIF_BANK25_MIN", "0x100", [] { return (int64_t)halvo_grid_get_inlif_res_pool_bank_25_min(); }, nullptr, 1, 0x100, 0x100},
-        {"PMDB_INLIF_BANK25_MAX", "0x1ff", [] { return (int64_t)halvo_grid_get_inlif_res_pool_bank_25_max(); }, nullptr, 0, 0x1ff, 0x1ff},
-        {"PMDB_LCVM_REDUNDANCY", "junk", [] { return (int64_t)halvo_config_get_lcvm_redundancy_on(); }, nullptr, 0, 0, 0},
-        {"PMDB_NEED_EGRESS_PUNT", "1", [] { return (int64_t)halvo_config_get_need_egress_punt_pm_entry(); }, nullptr, 0, 1, 1},
-        {"PMDB_MAX_SUBINTF_VLOB", "12", [] { return (int64_t)halvo_intf_get_max_subintf_vlob(); },
+        {"PMDB_INLIF_BANK25_MIN", "0x100", GETTER(halvo_grid_get_inlif_res_pool_bank_25_min),
+         nullptr, 1, 0x100, 0x100},
+        {"PMDB_INLIF_BANK25_MAX", "0x1ff", GETTER(halvo_grid_get_inlif_res_pool_bank_25_max),
+         nullptr, 0, 0x1ff, 0x1ff},
+        {"PMDB_LCVM_REDUNDANCY", "junk", GETTER(halvo_config_get_lcvm_redundancy_on), nullptr, 0, 0,
+         0},
+        {"PMDB_NEED_EGRESS_PUNT", "1", GETTER(halvo_config_get_need_egress_punt_pm_entry), nullptr,
+         0, 1, 1},
+        {"PMDB_MAX_SUBINTF_VLOB", "12", GETTER(halvo_intf_get_max_subintf_vlob),
          [] { EXPECT_EQ(halvo_host_set("halvo_intf_get_max_subintf_vlob", 7), 0); }, 1024, 12, 7},
-        {"PMDB_RP_PLUS_DATAPATH", "1", [] { return (int64_t)platform_am_i_rp_plus_datapath(); },
+        {"PMDB_RP_PLUS_DATAPATH", "1", GETTER(platform_am_i_rp_plus_datapath),
          [] { platform_host_set_rp_plus_datapath(0); }, 0, 1, 0, false},
     };
     for (const auto &c : cases) {
@@ -82,18 +91,13 @@ TEST_F(SettingsTest, PropertiesFromDefaultEnvironmentAndSetter) {
     EXPECT_EQ(halvo_host_set("no_such_property", 1), -1);
     halvo_host_reset();
     platform_host_reset();
-    for (const auto &c : cases) EXPECT_EQ(c.get(), c.by_env) << c.env;
+    for (const auto &c : cases) {
+        pm_fault_set(c.call, 0x5A, 1);
+        EXPECT_EQ(c.get(), 0x5A) << c.env;
+        EXPECT_EQ(c.get(), c.by_env) << c.env;
+    }
 }
-
-TEST_F(SettingsTest, PropertyFaultReturnsInjectedValue) {
-    pm_fault_set("halvo_oam_get_oam_enable", 0, 2);
-    pm_fault_set("halvo_config_get_port_mapper_max_entries", 0xA6F01400, 1);
-    EXPECT_EQ(halvo_oam_get_oam_enable(), 0);
-    EXPECT_EQ(halvo_oam_get_oam_enable(), 0);
-    EXPECT_EQ(halvo_oam_get_oam_enable(), 1);
-    EXPECT_EQ(halvo_config_get_port_mapper_max_entries(), 0xA6F01400u);
-    EXPECT_EQ(halvo_config_get_port_mapper_max_entries(), 65536u);
-}
+#undef GETTER
 
 /* The default is 02:<node, 4 bytes>:<unit>, locally administered unicast, six
  * bytes written; PMDB_NODE_MAC overrides per node (a bad value keeps the
@@ -144,11 +148,16 @@ TEST_F(SettingsTest, NodeIdComesFromEnvironmentAtLoad) {
     EXPECT_TRUE(r.ExitedWith(17)) << r.Describe();
 }
 
+/* Every setting by name with its value and origin.  The sysctl store: 0
+ * for a key never set, PMDB_SYSCTL read at each call (a bad value or a
+ * prefix of a key is no value), the setter winning until reset. */
 TEST_F(SettingsTest, EnumerationNamesValueAndOrigin) {
+    constexpr const char *kVlan = "tarvo.qen.vorn.platform.max_bundle_l3_vlan";
+    EXPECT_EQ(vorn_sysctl_get_int64(kVlan, 0), 0);
     setenv("PMDB_MAX_SUBINTF_VLOB", "12", 1);
     halvo_host_set("oam_enable", 0);
-    vorn_host_sysctl_set("tarvo.qen.vorn.platform.max_bundle_l3_vlan", 5);
-    setenv("PMDB_SYSCTL", "x.y=4,tarvo.qen.vorn.platform.max_bundle_l3_vlan=6", 1);
+    vorn_host_sysctl_set(kVlan, 5);
+    setenv("PMDB_SYSCTL", "x.y=4,tarvo.qen.vorn.platform.max_bundle_l3_vlan=0x40,c=bad", 1);
     setenv("PMDB_NODE_MAC", "9=00:11:22:33:44:55", 1);
     setenv("PMDB_SHM_GROUP", "1", 1);
     auto all = AllSettings();
@@ -175,6 +184,11 @@ TEST_F(SettingsTest, EnumerationNamesValueAndOrigin) {
     EXPECT_EQ(vorn_host_shm_group(), 1);
     EXPECT_EQ(all.count("identity.node_mac." + std::to_string(pmdb_node_id)), 1u);
     EXPECT_STREQ(pmdb_setting_source_name(PMDB_SETTING_ENV), "environment");
+    for (const auto &[key, want] :
+         {std::pair{"x.y", 4}, {"x", 0}, {"c", 0}, {"no.such.key", 0}, {kVlan, 5}})
+        EXPECT_EQ(vorn_sysctl_get_int64(key, 0), want) << key;
+    vorn_host_sysctl_reset();
+    EXPECT_EQ(vorn_sysctl_get_int64(kVlan, 0), 64);
 }
 
 }  // namespace

@@ -4,6 +4,7 @@
 #include <string.h>
 
 #include <array>
+#include <functional>
 #include <vector>
 
 #include "pmdb_reader.h"
@@ -14,7 +15,6 @@ namespace {
 
 using namespace rcard;
 using pmdb::test::PmdbTest;
-using pmdb::test::RunInChild;
 
 constexpr u32 kGuard = 0xDEADBEEFu;
 constexpr u8 kFill = 0xEE;
@@ -33,36 +33,38 @@ std::vector<u32> Ask(Query query, u32 capacity, cerrno expect = PMDB_OK) {
     return out;
 }
 
-/* `keys` in slot order, padded with zeros to `capacity`. */
+/* `keys` in slot order, cut or padded with zeros to `capacity`. */
 std::vector<u32> Expected(pmdb_type_t type, std::vector<u32> keys, u32 capacity) {
     keys = InSlotOrder(type, keys);
     keys.resize(capacity, 0);
     return keys;
 }
 
+/* A list query of `handle` (and the trailing arguments) as Ask takes it. */
+template <typename... Rest>
+auto List(cerrno (*fn)(u32, u32 *, u32, Rest...), u32 handle, Rest... rest) {
+    return [=](u32 *out, u32 cap) { return fn(handle, out, cap, rest...); };
+}
 auto PortPunt(u32 ifh) {
-    return [ifh](u32 *out, u32 cap) { return dpa_pmdb_get_port_punt_entries(ifh, out, cap); };
-}
-auto BundlePunt(u32 bundle) {
-    return [bundle](u32 *out, u32 cap) { return dpa_pmdb_get_bundle_punt_entries(bundle, out, cap); };
-}
-auto BundleSubPunt(u32 ifh, u32 selector) {
-    return [=](u32 *out, u32 cap) {
-        return dpa_pmdb_get_bundle_sub_punt_entries(ifh, out, cap, selector);
-    };
+    return List(dpa_pmdb_get_port_punt_entries, ifh);
 }
 auto Members(u32 bundle, u32 node) {
-    return [=](u32 *out, u32 cap) {
-        return dpa_pmdb_get_bundle_member_ifh_entries(bundle, out, cap, node);
-    };
+    return List(dpa_pmdb_get_bundle_member_ifh_entries, bundle, node);
 }
-auto BundleSubs(u32 bundle) {
-    return [bundle](u32 *out, u32 cap) {
-        return dpa_pmdb_get_bundle_sub_ifh_entries(bundle, out, cap);
-    };
-}
-auto IntfOam(u32 ifh) {
-    return [ifh](u32 *out, u32 cap) { return dpa_pmdb_get_intf_oam_entries(ifh, out, cap); };
+
+struct Visits {
+    std::vector<u32> keys;
+    int stop_after = -1; /* return 17 from this visit on */
+    int result = 22;
+};
+
+int Visit(void *arg, const pmdb_ifh_entry_t *entry, void *aux, void *ctx) {
+    auto *v = static_cast<Visits *>(ctx);
+    EXPECT_EQ(arg, ctx);
+    EXPECT_EQ(entry->key, *static_cast<u32 *>(aux));
+    if (v->stop_after >= 0 && static_cast<int>(v->keys.size()) >= v->stop_after) return 17;
+    v->keys.push_back(entry->key);
+    return v->result;
 }
 
 TEST_F(ReaderQueryTest, LookupsCopyTheStoredBlocksAndNothingElse) {
@@ -101,11 +103,26 @@ TEST_F(ReaderQueryTest, LookupsCopyTheStoredBlocksAndNothingElse) {
     EXPECT_EQ(count, 0);
 }
 
+/* Nothing is found before the database exists, and a reader that asked too
+ * early finds the tables once a writer has made them, without a restart. */
 TEST_F(ReaderQueryTest, MissingEntriesAndBadArgumentsLeaveBuffersAlone) {
-    BuildCard();
     std::array<u8, 312> buf;
     buf.fill(kFill);
     const std::array<u8, 312> untouched = buf;
+    EXPECT_EQ(dpa_pmdb_get_ifh_entry_by_key(P1, buf.data(), 0, 0), PMDB_ENOTFOUND);
+    EXPECT_EQ(dpa_pmdb_get_punt_entry_by_key(0x101, buf.data()), PMDB_ENOTFOUND);
+    EXPECT_EQ(Ask(List(dpa_pmdb_get_bundle_punt_entries, B), 3, PMDB_ENOTFOUND),
+              std::vector<u32>(3, 0));
+    Visits none;
+    EXPECT_EQ(dpa_pmdb_iterate(Visit, &none, &none, 0), PMDB_ENOTFOUND);
+    EXPECT_TRUE(none.keys.empty());
+    u32 n = 5;
+    EXPECT_EQ(dpa_pmdb_count_entries(PMDB_TYPE_OAM, &n), PMDB_ENOTFOUND);
+    EXPECT_EQ(n, 5u);
+    BuildCard();
+    EXPECT_EQ(dpa_pmdb_count_entries(PMDB_TYPE_IFH, &n), PMDB_OK);
+    EXPECT_EQ(n, 12u);
+
     EXPECT_EQ(dpa_pmdb_get_ifh_entry_by_key(0x7777, buf.data(), 0, 0), PMDB_ENOTFOUND);
     EXPECT_EQ(dpa_pmdb_get_punt_entry_by_key(0x7777, buf.data()), PMDB_ENOTFOUND);
     EXPECT_EQ(dpa_pmdb_get_oam_entry_by_key(0x7777, reinterpret_cast<pmdb_oam_entry_t *>(buf.data())),
@@ -137,81 +154,58 @@ TEST_F(ReaderQueryTest, MissingEntriesAndBadArgumentsLeaveBuffersAlone) {
     EXPECT_EQ(Ask(PortPunt(0), 2, PMDB_EINVAL), std::vector<u32>(2, kGuard));
     EXPECT_EQ(Ask(Members(0, PMDB_READER_ALL_NODES), 2, PMDB_EINVAL), std::vector<u32>(2, kGuard));
     EXPECT_EQ(Ask(PortPunt(P1), 0), std::vector<u32>{});
-}
-
-TEST_F(ReaderQueryTest, NothingIsFoundBeforeTheDatabaseExists) {
-    std::array<u8, 312> buf;
-    buf.fill(kFill);
-    EXPECT_EQ(dpa_pmdb_get_ifh_entry_by_key(P1, buf.data(), 0, 0), PMDB_ENOTFOUND);
-    EXPECT_EQ(dpa_pmdb_get_punt_entry_by_key(0x101, buf.data()), PMDB_ENOTFOUND);
-    EXPECT_EQ(buf[0], kFill);
-    EXPECT_EQ(Ask(BundlePunt(B), 3, PMDB_ENOTFOUND), std::vector<u32>(3, 0));
-    int calls = 0;
-    auto count_calls = [](void *arg, const pmdb_ifh_entry_t *, void *, void *) {
-        ++*static_cast<int *>(arg);
-        return 22;
-    };
-    EXPECT_EQ(dpa_pmdb_iterate(count_calls, &calls, nullptr, 0), PMDB_ENOTFOUND);
-    EXPECT_EQ(calls, 0);
-    u32 n = 5;
-    EXPECT_EQ(dpa_pmdb_count_entries(PMDB_TYPE_OAM, &n), PMDB_ENOTFOUND);
-    EXPECT_EQ(n, 5u);
-
-    /* Once a writer has made the tables, a reader that asked too early finds
-     * them without being restarted. */
-    ASSERT_EQ(PutIfh(P1, Intf(P1, 0, 0, kNode1)), PMDB_OK);
     EXPECT_EQ(dpa_pmdb_get_ifh_entry_by_key(P1, buf.data(), 0, 0), PMDB_OK);
-    EXPECT_EQ(dpa_pmdb_count_entries(PMDB_TYPE_IFH, &n), PMDB_OK);
-    EXPECT_EQ(n, 1u);
 }
 
-TEST_F(ReaderQueryTest, PuntEntriesBelongToTheInterfaceThatOwnsThem) {
-    BuildCard();
-    EXPECT_EQ(Ask(PortPunt(P1), 5), Expected(PMDB_TYPE_PUNT, {0x101, 0x110000, 0x40008101}, 5));
-    /* A member port keeps its own keys; its bundle-member key is the bundle's. */
-    EXPECT_EQ(Ask(PortPunt(P2), 5), Expected(PMDB_TYPE_PUNT, {0x102, 0x120000, 0x40008102}, 5));
-    EXPECT_EQ(Ask(PortPunt(S1), 2), Expected(PMDB_TYPE_PUNT, {0x201}, 2));
-    EXPECT_EQ(Ask(PortPunt(B), 2), Expected(PMDB_TYPE_PUNT, {0x500}, 2));
-    EXPECT_EQ(Ask(PortPunt(0x7777), 3), std::vector<u32>(3, 0));
-    /* Capacity 2 of 3: the first two in slot order, nothing written beyond. */
-    const std::vector<u32> all = InSlotOrder(PMDB_TYPE_PUNT, {0x101, 0x110000, 0x40008101});
-    EXPECT_EQ(Ask(PortPunt(P1), 2), std::vector<u32>(all.begin(), all.begin() + 2));
-
-    EXPECT_EQ(Ask(BundlePunt(B), 21),
-              Expected(PMDB_TYPE_PUNT,
-                       {0x102, 0x120000, 0x40008102, 0x80050000, 0x103, 0x40008103, 0x80060000,
-                        0x104, 0x80070000, 0x105},
-                       21));
-    EXPECT_EQ(Ask(BundlePunt(B2), 7), Expected(PMDB_TYPE_PUNT, {0x106, 0x80080000}, 7));
-    EXPECT_EQ(Ask(BundlePunt(B), 4).back() != 0, true) << "a full array has no zero place";
-
-    EXPECT_EQ(Ask(BundleSubPunt(BS1, PMDB_READER_ALL_NODES), 1), std::vector<u32>{0x601});
-    EXPECT_EQ(Ask(BundleSubPunt(BS2, PMDB_READER_ALL_NODES), 3),
-              Expected(PMDB_TYPE_PUNT, {0x602, 0x40000602}, 3));
-    EXPECT_EQ(Ask(BundleSubPunt(BS2, kBundleNode), 3), Expected(PMDB_TYPE_PUNT, {0x602}, 3));
-    EXPECT_EQ(Ask(BundleSubPunt(BS2, kNode1), 3), Expected(PMDB_TYPE_PUNT, {0x40000602}, 3));
-    /* A port sub-interface is no bundle sub-interface. */
-    EXPECT_EQ(Ask(BundleSubPunt(S1, PMDB_READER_ALL_NODES), 2), std::vector<u32>(2, 0));
-}
-
-TEST_F(ReaderQueryTest, MembersAndSubInterfacesOfABundle) {
+/* Each list query finds exactly the entries that belong to its handle, in
+ * slot order, zeros after the last; a full array has no zero place. */
+TEST_F(ReaderQueryTest, ListsHoldWhatBelongsToTheirHandle) {
     BuildCard();
     const u32 all = PMDB_READER_ALL_NODES;
-    EXPECT_EQ(Ask(Members(B, all), 4), Expected(PMDB_TYPE_IFH, {P2, P3, P4}, 4));
-    EXPECT_EQ(Ask(Members(B, kNode1), 3), Expected(PMDB_TYPE_IFH, {P2}, 3));
-    EXPECT_EQ(Ask(Members(B, kNode2), 3), Expected(PMDB_TYPE_IFH, {P3, P4}, 3));
-    EXPECT_EQ(Ask(Members(B, 7), 2), std::vector<u32>(2, 0));
-    EXPECT_EQ(Ask(Members(B2, all), 2), Expected(PMDB_TYPE_IFH, {P6}, 2));
-    const std::vector<u32> members = InSlotOrder(PMDB_TYPE_IFH, {P2, P3, P4});
-    EXPECT_EQ(Ask(Members(B, all), 2), std::vector<u32>(members.begin(), members.begin() + 2));
-
-    EXPECT_EQ(Ask(BundleSubs(B), 3), Expected(PMDB_TYPE_IFH, {BS1, BS2}, 3));
-    EXPECT_EQ(Ask(BundleSubs(B2), 1), std::vector<u32>{BS3});
-    EXPECT_EQ(Ask(BundleSubs(P1), 2), std::vector<u32>(2, 0));
-
-    EXPECT_EQ(Ask(IntfOam(P1), 3), Expected(PMDB_TYPE_OAM, {0x81010008, 0x0042001C}, 3));
-    EXPECT_EQ(Ask(IntfOam(S1), 1), std::vector<u32>{0x0043001C});
-
+    const auto punt = PMDB_TYPE_PUNT, ifh = PMDB_TYPE_IFH, oam = PMDB_TYPE_OAM;
+    const auto sub_punt = dpa_pmdb_get_bundle_sub_punt_entries;
+    const struct {
+        std::function<cerrno(u32 *, u32)> query;
+        u32 capacity;
+        pmdb_type_t type;
+        std::vector<u32> keys; /* all that belong; the first `capacity` expected */
+    } cases[] = {
+        {PortPunt(P1), 5, punt, {0x101, 0x110000, 0x40008101}},
+        {PortPunt(P1), 2, punt, {0x101, 0x110000, 0x40008101}},
+        /* A member port keeps its own keys; its bundle-member key is the bundle's. */
+        {PortPunt(P2), 5, punt, {0x102, 0x120000, 0x40008102}},
+        {PortPunt(S1), 2, punt, {0x201}},
+        {PortPunt(B), 2, punt, {0x500}},
+        {PortPunt(0x7777), 3, punt, {}},
+        {List(dpa_pmdb_get_bundle_punt_entries, B),
+         21,
+         punt,
+         {0x102, 0x120000, 0x40008102, 0x80050000, 0x103, 0x40008103, 0x80060000, 0x104, 0x80070000,
+          0x105}},
+        {List(dpa_pmdb_get_bundle_punt_entries, B2), 7, punt, {0x106, 0x80080000}},
+        {List(sub_punt, BS1, all), 1, punt, {0x601}},
+        {List(sub_punt, BS2, all), 3, punt, {0x602, 0x40000602}},
+        {List(sub_punt, BS2, kBundleNode), 3, punt, {0x602}},
+        {List(sub_punt, BS2, kNode1), 3, punt, {0x40000602}},
+        /* A port sub-interface is no bundle sub-interface. */
+        {List(sub_punt, S1, all), 2, punt, {}},
+        {Members(B, all), 4, ifh, {P2, P3, P4}},
+        {Members(B, all), 2, ifh, {P2, P3, P4}},
+        {Members(B, kNode1), 3, ifh, {P2}},
+        {Members(B, kNode2), 3, ifh, {P3, P4}},
+        {Members(B, 7), 2, ifh, {}},
+        {Members(B2, all), 2, ifh, {P6}},
+        {List(dpa_pmdb_get_bundle_sub_ifh_entries, B), 3, ifh, {BS1, BS2}},
+        {List(dpa_pmdb_get_bundle_sub_ifh_entries, B2), 1, ifh, {BS3}},
+        {List(dpa_pmdb_get_bundle_sub_ifh_entries, P1), 2, ifh, {}},
+        {List(dpa_pmdb_get_intf_oam_entries, P1), 3, oam, {0x81010008, 0x0042001C}},
+        {List(dpa_pmdb_get_intf_oam_entries, S1), 1, oam, {0x0043001C}},
+    };
+    for (size_t i = 0; i < std::size(cases); i++) {
+        EXPECT_EQ(Ask(cases[i].query, cases[i].capacity),
+                  Expected(cases[i].type, cases[i].keys, cases[i].capacity))
+            << "case " << i;
+    }
     /* A member that leaves (flag cleared, bundle field cleared) drops out. */
     ASSERT_EQ(PutIfh(P3, Intf(P3, 0, 0, kNode2)), PMDB_OK);
     EXPECT_EQ(Ask(Members(B, all), 3), Expected(PMDB_TYPE_IFH, {P2, P4}, 3));
@@ -226,58 +220,33 @@ TEST_F(ReaderQueryTest, ListsFollowSlotOrderNotKeyOrder) {
     EXPECT_EQ(Ask(PortPunt(P1), 3), (std::vector<u32>{0x40000999, 0x102, 0x103}));
 }
 
-TEST_F(ReaderQueryTest, AnotherProcessSeesTheSameCard) {
-    BuildCard();
-    auto r = RunInChild([] {
-        EXPECT_EQ(Ask(Members(B, kNode2), 2), Expected(PMDB_TYPE_IFH, {P3, P4}, 2));
-        u8 count = 0;
-        EXPECT_EQ(dpa_pmdb_get_num_members(&count, B), PMDB_OK);
-        EXPECT_EQ(count, 3);
-    });
-    EXPECT_TRUE(r.ExitedWith(0)) << r.Describe();
-}
-
-struct Visits {
-    std::vector<u32> keys;
-    int stop_after = -1; /* return 17 from this visit on */
-    int result = 22;
-};
-
-int Visit(void *arg, const pmdb_ifh_entry_t *entry, void *aux, void *ctx) {
-    auto *v = static_cast<Visits *>(ctx);
-    EXPECT_EQ(arg, ctx);
-    EXPECT_EQ(entry->key, *static_cast<u32 *>(aux));
-    if (v->stop_after >= 0 && static_cast<int>(v->keys.size()) >= v->stop_after) return 17;
-    v->keys.push_back(entry->key);
-    return v->result;
-}
-
+/* Every IFH entry once, in slot order, until the callback answers 17
+ * (full: a success unless asked to be an error) or another failure. */
 TEST_F(ReaderQueryTest, IterateVisitsEveryIfhEntryOnceAndStopsWhenFull) {
     BuildCard();
     const std::vector<u32> all =
         InSlotOrder(PMDB_TYPE_IFH, {P1, P2, P3, P4, P5, P6, S1, B, B2, BS1, BS2, BS3});
-    Visits v;
-    EXPECT_EQ(dpa_pmdb_iterate(Visit, &v, &v, 0), PMDB_OK);
-    EXPECT_EQ(v.keys, all);
-
-    Visits full;
-    full.stop_after = 4;
-    EXPECT_EQ(dpa_pmdb_iterate(Visit, &full, &full, 0), PMDB_OK);
-    EXPECT_EQ(full.keys, std::vector<u32>(all.begin(), all.begin() + 4));
-    Visits strict;
-    strict.stop_after = 4;
-    EXPECT_EQ(dpa_pmdb_iterate(Visit, &strict, &strict, PMDB_ITER_FULL_IS_ERROR), PMDB_EFULL);
-    EXPECT_EQ(strict.keys.size(), 4u);
-
-    Visits failing;
-    failing.result = 5;
-    EXPECT_EQ(dpa_pmdb_iterate(Visit, &failing, &failing, 0), 5u);
-    EXPECT_EQ(failing.keys.size(), 1u);
-    Visits zero;
-    zero.result = 0;
-    EXPECT_EQ(dpa_pmdb_iterate(Visit, &zero, &zero, 0), PMDB_OK);
-    EXPECT_EQ(zero.keys.size(), all.size());
+    const struct {
+        int stop_after, result;
+        u32 flags;
+        cerrno want;
+        size_t visited;
+    } cases[] = {
+        {-1, 22, 0, PMDB_OK, all.size()},
+        {4, 22, 0, PMDB_OK, 4},
+        {4, 22, PMDB_ITER_FULL_IS_ERROR, PMDB_EFULL, 4},
+        {-1, 5, 0, 5, 1},
+        {-1, 0, 0, PMDB_OK, all.size()},
+    };
+    for (const auto &c : cases) {
+        Visits v;
+        v.stop_after = c.stop_after;
+        v.result = c.result;
+        EXPECT_EQ(dpa_pmdb_iterate(Visit, &v, &v, c.flags), c.want) << c.stop_after << c.result;
+        EXPECT_EQ(v.keys, std::vector<u32>(all.begin(), all.begin() + c.visited));
+    }
     EXPECT_EQ(dpa_pmdb_iterate(nullptr, nullptr, nullptr, 0), PMDB_EINVAL);
+    Visits v;
     EXPECT_EQ(dpa_pmdb_iterate(Visit, &v, &v, 2), PMDB_EINVAL);
 }
 
