@@ -3,7 +3,6 @@
 // and the open's assertion.
 #include <gtest/gtest.h>
 #include <string.h>
-#include <time.h>
 
 #include <atomic>
 #include <chrono>
@@ -22,29 +21,48 @@
 
 namespace {
 
-using pmdb::test::CallNames;
 using pmdb::test::CallLog;
-using pmdb::test::PmdbTest;
+using pmdb::test::CallNames;
+using Names = std::vector<std::string>;
 using namespace std::chrono_literals;
 
 constexpr uint64_t kPauseNs = 100'000'000;
-const char *const kOpenAssert =
-    "platforms/common/dnx/port-mapper/lib/pmdb/src/dnx_pmdb_init:%u: cerrno "
-    "dpa_chk_pmdb_open\\(event_mgr_p, dnx_db_hdl_t \\*\\*, pmdb_type_t, int\\): Assertion "
-    "`pmdb_hdl\\[db_type\\]->tabra' failed";
+const Names kProtect = {"tabra_make_shm_readonly_protected"};
+const Names kInitRead = {"tabra_init", "tabra_open", "tabra_make_shm_readonly_protected"};
+const Names kInitWrite = {"tabra_init", "tabra_open", "tabra_make_shm_readonly_protected",
+                          "tabra_make_shm_writable"};
 
-std::string OpenAssertion(unsigned line) {
-    char buf[512];
-    snprintf(buf, sizeof buf, kOpenAssert, line);
-    return buf;
-}
-
-class FrameConfigTest : public PmdbTest {};
-class FrameOpenTest : public PmdbTest {
-protected:
+class FrameOpenTest : public pmdb::test::PmdbTest {
+  protected:
     void SetUp() override {
         PmdbTest::SetUp();
         pm_calllog_enable(1);
+    }
+    // The handle the open of `type` returns; the test fails unless it returns 0.
+    static dnx_db_hdl_t *Open(pmdb_type_t type, int write_intent) {
+        dnx_db_hdl_t *hdl = nullptr;
+        EXPECT_EQ(dpa_chk_pmdb_open(nullptr, &hdl, type, write_intent), 0u);
+        return hdl;
+    }
+    // Opens `type`, expecting `rc` and no handle.
+    static void ExpectOpenFails(pmdb_type_t type, int write_intent, cerrno rc) {
+        dnx_db_hdl_t *hdl = nullptr;
+        EXPECT_EQ(dpa_chk_pmdb_open(nullptr, &hdl, type, write_intent), rc);
+        EXPECT_EQ(hdl, nullptr);
+        EXPECT_EQ(dpa_pmdb_hdl_get(type), nullptr);
+    }
+    // After a failed first open the next open resumes: it calls every step
+    // of the table store again, and maps the region again only when mapping
+    // failed.
+    static void ExpectNextOpenResumes(pmdb_type_t type, int write_intent, size_t region_opens) {
+        pm_calllog_clear();
+        dnx_db_hdl_t *hdl = Open(type, write_intent);
+        EXPECT_EQ(CallNames("tabra_"), write_intent ? kInitWrite : kInitRead);
+        EXPECT_EQ(frame_test::RegionObjectOpens().size(), region_opens);
+        EXPECT_EQ(hdl->prot_state, write_intent ? PMDB_PROT_WRITABLE : PMDB_PROT_READONLY);
+    }
+    static cerrno Release(dnx_db_hdl_t *hdl, pmdb_type_t type) {
+        return dpa_pmdb_mprotect_tabra(hdl->tabra, hdl, type);
     }
 };
 using FrameOpenDeathTest = FrameOpenTest;
@@ -53,7 +71,7 @@ using FrameOpenDeathTest = FrameOpenTest;
 
 // The key hash keeps the low 16 bits; the debug descriptor is the IFH
 // type's only; unknown types are refused (null pointers: null_args_test).
-TEST_F(FrameConfigTest, KeyHashDebugFlagAndUnknownTypes) {
+TEST_F(FrameOpenTest, KeyHashDebugFlagAndUnknownTypes) {
     EXPECT_EQ(dpa_pmdb_key_hash(0x12345678u), 0x5678u);
     EXPECT_EQ(dpa_pmdb_key_hash(0xFFFF0000u), 0u);
     EXPECT_EQ(dpa_pmdb_key_hash(0xFFFFFFFFu), 0xFFFFu);
@@ -68,59 +86,45 @@ TEST_F(FrameConfigTest, KeyHashDebugFlagAndUnknownTypes) {
     EXPECT_EQ(hdl, nullptr);
 }
 
-TEST_F(FrameConfigTest, HandleOfAnUninitialisedTypeIsNullAndTraced) {
+TEST_F(FrameOpenTest, HandleOfAnUninitialisedTypeIsNullAndTraced) {
     EXPECT_EQ(dpa_pmdb_hdl_get(PMDB_TYPE_PUNT), nullptr);
     ExpectTrace(VESK_ERROR, 51, {});
-    dnx_db_hdl_t *hdl = nullptr;
-    ASSERT_EQ(dpa_chk_pmdb_open(nullptr, &hdl, PMDB_TYPE_PUNT, 0), 0u);
+    dnx_db_hdl_t *hdl = Open(PMDB_TYPE_PUNT, 0);
     MarkTraces();
     EXPECT_EQ(dpa_pmdb_hdl_get(PMDB_TYPE_PUNT), hdl);
     ExpectNoTrace(VESK_ERROR, 51);
 }
 
-TEST_F(FrameConfigTest, MaxEntriesIsReadAtInitAndAtEveryProtectionChange) {
-    pm_calllog_enable(1);
-    halvo_host_set("max_entries", 1000);
-    dnx_db_hdl_t *hdl = nullptr;
-    ASSERT_EQ(dpa_chk_pmdb_open(nullptr, &hdl, PMDB_TYPE_OAM, 0), 0u);
-    EXPECT_EQ(pmdb_cfg[PMDB_TYPE_OAM].max_entries, 1000u);
-    EXPECT_EQ(CallLog("tabra_open").at(0).args[1], 1000u);
-
-    halvo_host_set("max_entries", 2000);
-    ASSERT_EQ(dpa_chk_pmdb_open(nullptr, &hdl, PMDB_TYPE_OAM, 1), 0u);
-    EXPECT_EQ(pmdb_cfg[PMDB_TYPE_OAM].max_entries, 2000u);
-    EXPECT_EQ(CallLog("tabra_make_shm_writable").at(0).args[1], 2000u);
-
-    halvo_host_set("max_entries", 3000);
-    ASSERT_EQ(dpa_pmdb_mprotect_tabra(hdl->tabra, hdl, PMDB_TYPE_OAM), 0u);
-    EXPECT_EQ(pmdb_cfg[PMDB_TYPE_OAM].max_entries, 3000u);
-    EXPECT_EQ(CallLog("tabra_make_shm_readonly_protected").back().args[1], 3000u);
-    EXPECT_EQ(hdl->cfg, &pmdb_cfg[PMDB_TYPE_OAM]);
-}
-
-TEST_F(FrameConfigTest, MaxEntriesBeyondTheEntryLocksIsClamped) {
-    pm_calllog_enable(1);
+// max_entries is read at the initialisation and at every protection change,
+// and clamped to the number of entry locks.
+TEST_F(FrameOpenTest, MaxEntriesIsReadAtEveryChangeAndClampedToTheEntryLocks) {
     halvo_host_set("max_entries", 70000);
-    dnx_db_hdl_t *hdl = nullptr;
-    ASSERT_EQ(dpa_chk_pmdb_open(nullptr, &hdl, PMDB_TYPE_OAM, 1), 0u);
+    dnx_db_hdl_t *hdl = Open(PMDB_TYPE_OAM, 1);
     EXPECT_EQ(pmdb_cfg[PMDB_TYPE_OAM].max_entries, 65536u);
-    for (const pm_call_rec_t &r : CallLog("tabra_")) {
-        if (strcmp(r.call, "tabra_init") == 0) continue;
-        EXPECT_EQ(r.args[1], 65536u) << r.call;
-    }
+    EXPECT_EQ(hdl->cfg, &pmdb_cfg[PMDB_TYPE_OAM]);
+    ASSERT_EQ(CallNames("tabra_"), kInitWrite);
+    for (const pm_call_rec_t &r : CallLog("tabra_o")) EXPECT_EQ(r.args[1], 65536u) << r.call;
+    for (const pm_call_rec_t &r : CallLog("tabra_m")) EXPECT_EQ(r.args[1], 65536u) << r.call;
     ExpectTrace(VESK_ERROR, 73, {70000, 65536});
-    EXPECT_EQ(dpa_pmdb_mprotect_tabra(hdl->tabra, hdl, PMDB_TYPE_OAM), 0u);
-
-    // The table store enforces the bound it was given.
-    tabra_info_t info;
+    tabra_info_t info;  // the table store enforces the bound it was given
     ASSERT_EQ(tabra_get_info(hdl->tabra, &info), 0u);
     EXPECT_EQ(info.max_entries, 65536u);
+    EXPECT_EQ(Release(hdl, PMDB_TYPE_OAM), 0u);
 
     MarkTraces();
     halvo_host_set("max_entries", 65536);
-    ASSERT_EQ(dpa_chk_pmdb_open(nullptr, &hdl, PMDB_TYPE_OAM, 1), 0u);
-    EXPECT_EQ(dpa_pmdb_mprotect_tabra(hdl->tabra, hdl, PMDB_TYPE_OAM), 0u);
+    EXPECT_EQ(Open(PMDB_TYPE_OAM, 1), hdl);
+    EXPECT_EQ(Release(hdl, PMDB_TYPE_OAM), 0u);
     ExpectNoTrace(VESK_ERROR, 73);
+
+    halvo_host_set("max_entries", 2000);
+    EXPECT_EQ(Open(PMDB_TYPE_OAM, 1), hdl);
+    EXPECT_EQ(pmdb_cfg[PMDB_TYPE_OAM].max_entries, 2000u);
+    EXPECT_EQ(CallLog("tabra_make_shm_writable").back().args[1], 2000u);
+    halvo_host_set("max_entries", 3000);
+    ASSERT_EQ(Release(hdl, PMDB_TYPE_OAM), 0u);
+    EXPECT_EQ(pmdb_cfg[PMDB_TYPE_OAM].max_entries, 3000u);
+    EXPECT_EQ(CallLog("tabra_make_shm_readonly_protected").back().args[1], 3000u);
 }
 
 // ---- open and write protection ------------------------------------------
@@ -133,10 +137,7 @@ TEST_F(FrameOpenTest, FirstWriteOpenOpensProtectsLaterThenMakesWritable) {
     ASSERT_NE(hdl, nullptr);
 
     const auto calls = CallLog("tabra_");
-    ASSERT_EQ(CallNames("tabra_"),
-              (std::vector<std::string>{"tabra_init", "tabra_open",
-                                        "tabra_make_shm_readonly_protected",
-                                        "tabra_make_shm_writable"}));
+    ASSERT_EQ(CallNames("tabra_"), kInitWrite);
     EXPECT_EQ(calls[0].args[0], reinterpret_cast<uint64_t>(em));
     EXPECT_EQ(calls[0].args[1], reinterpret_cast<uint64_t>(&dnxpm_dbg_pmdb_types));
     EXPECT_EQ(calls[1].args[0], 66u);  // flags
@@ -150,7 +151,6 @@ TEST_F(FrameOpenTest, FirstWriteOpenOpensProtectsLaterThenMakesWritable) {
     EXPECT_EQ(pmdb_frame_wr_refcnt(PMDB_TYPE_OAM), 1);
     EXPECT_EQ(hdl->prot_state, PMDB_PROT_WRITABLE);
     EXPECT_EQ(hdl->event_mgr, em);
-    EXPECT_NE(hdl->shrd_ctx, nullptr);
     EXPECT_EQ(hdl->shrd_ctx->magic, PMDB_SHRD_CTX_MAGIC);
     ExpectTrace(VESK_DATABASE, 63, {2});
     ExpectTrace(VESK_DATABASE, 62, {2621472}, "dnx_pmdb_oam_shrd");
@@ -158,39 +158,32 @@ TEST_F(FrameOpenTest, FirstWriteOpenOpensProtectsLaterThenMakesWritable) {
     ExpectTrace(VESK_DATABASE, 57, {2});
 
     pm_calllog_clear();
-    ASSERT_EQ(dpa_pmdb_mprotect_tabra(hdl->tabra, hdl, PMDB_TYPE_OAM), 0u);
-    EXPECT_EQ(CallNames("tabra_"),
-              (std::vector<std::string>{"tabra_make_shm_readonly_protected"}));
+    ASSERT_EQ(Release(hdl, PMDB_TYPE_OAM), 0u);
+    EXPECT_EQ(CallNames("tabra_"), kProtect);
     EXPECT_EQ(pmdb_frame_wr_refcnt(PMDB_TYPE_OAM), 0);
     EXPECT_EQ(hdl->prot_state, PMDB_PROT_READONLY);
 }
 
 TEST_F(FrameOpenTest, OverlappingWritersChangeProtectionOnlyAtTheEdges) {
-    dnx_db_hdl_t *first = nullptr;
-    dnx_db_hdl_t *second = nullptr;
-    ASSERT_EQ(dpa_chk_pmdb_open(nullptr, &first, PMDB_TYPE_OAM, 1), 0u);
+    dnx_db_hdl_t *first = Open(PMDB_TYPE_OAM, 1);
     pm_calllog_clear();
-
-    ASSERT_EQ(dpa_chk_pmdb_open(nullptr, &second, PMDB_TYPE_OAM, 1), 0u);
-    EXPECT_EQ(second, first);
+    EXPECT_EQ(Open(PMDB_TYPE_OAM, 1), first);
     EXPECT_TRUE(CallNames("tabra_").empty());
     EXPECT_EQ(pmdb_frame_wr_refcnt(PMDB_TYPE_OAM), 2);
 
-    ASSERT_EQ(dpa_pmdb_mprotect_tabra(first->tabra, first, PMDB_TYPE_OAM), 0u);
+    ASSERT_EQ(Release(first, PMDB_TYPE_OAM), 0u);
     EXPECT_TRUE(CallNames("tabra_").empty());
     EXPECT_EQ(pmdb_frame_wr_refcnt(PMDB_TYPE_OAM), 1);
     EXPECT_EQ(first->prot_state, PMDB_PROT_WRITABLE);
 
-    ASSERT_EQ(dpa_pmdb_mprotect_tabra(second->tabra, second, PMDB_TYPE_OAM), 0u);
-    EXPECT_EQ(CallNames("tabra_"),
-              (std::vector<std::string>{"tabra_make_shm_readonly_protected"}));
+    ASSERT_EQ(Release(first, PMDB_TYPE_OAM), 0u);
+    EXPECT_EQ(CallNames("tabra_"), kProtect);
     EXPECT_EQ(pmdb_frame_wr_refcnt(PMDB_TYPE_OAM), 0);
     EXPECT_EQ(first->prot_state, PMDB_PROT_READONLY);
 }
 
 TEST_F(FrameOpenTest, ConcurrentWritersInThreadsBalanceTheCount) {
-    dnx_db_hdl_t *hdl = nullptr;
-    ASSERT_EQ(dpa_chk_pmdb_open(nullptr, &hdl, PMDB_TYPE_OAM, 0), 0u);
+    dnx_db_hdl_t *hdl = Open(PMDB_TYPE_OAM, 0);
     std::atomic<int> failures{0};
     std::vector<std::thread> threads;
     for (int t = 0; t < 4; t++) {
@@ -199,8 +192,7 @@ TEST_F(FrameOpenTest, ConcurrentWritersInThreadsBalanceTheCount) {
                 dnx_db_hdl_t *h = nullptr;
                 if (dpa_chk_pmdb_open(nullptr, &h, PMDB_TYPE_OAM, 1) != 0) failures++;
                 if (h == nullptr || h->prot_state != PMDB_PROT_WRITABLE) failures++;
-                if (h != nullptr && dpa_pmdb_mprotect_tabra(h->tabra, h, PMDB_TYPE_OAM) != 0)
-                    failures++;
+                if (h != nullptr && Release(h, PMDB_TYPE_OAM) != 0) failures++;
             }
         });
     }
@@ -211,11 +203,8 @@ TEST_F(FrameOpenTest, ConcurrentWritersInThreadsBalanceTheCount) {
 }
 
 TEST_F(FrameOpenTest, FirstReadOpenProtectsWithoutMakingWritable) {
-    dnx_db_hdl_t *hdl = nullptr;
-    ASSERT_EQ(dpa_chk_pmdb_open(nullptr, &hdl, PMDB_TYPE_PUNT, 0), 0u);
-    EXPECT_EQ(CallNames("tabra_"),
-              (std::vector<std::string>{"tabra_init", "tabra_open",
-                                        "tabra_make_shm_readonly_protected"}));
+    dnx_db_hdl_t *hdl = Open(PMDB_TYPE_PUNT, 0);
+    ASSERT_EQ(CallNames("tabra_"), kInitRead);
     const auto calls = CallLog("tabra_");
     EXPECT_EQ(calls[1].args[0], 64u);
     EXPECT_EQ(calls[1].args[2], 312u);
@@ -226,9 +215,7 @@ TEST_F(FrameOpenTest, FirstReadOpenProtectsWithoutMakingWritable) {
     // A later read open of the initialised type costs nothing.
     pm_calllog_clear();
     MarkTraces();
-    dnx_db_hdl_t *again = nullptr;
-    ASSERT_EQ(dpa_chk_pmdb_open(nullptr, &again, PMDB_TYPE_PUNT, 0), 0u);
-    EXPECT_EQ(again, hdl);
+    EXPECT_EQ(Open(PMDB_TYPE_PUNT, 0), hdl);
     EXPECT_TRUE(CallLog().empty());
     EXPECT_TRUE(Traces(VESK_DATABASE).empty());
 }
@@ -245,49 +232,37 @@ TEST_F(FrameOpenTest, ShrdCtxOpenFirstMapsTheRegionAndTheOpenAddsTheTable) {
     EXPECT_EQ(dpa_pmdb_hdl_get(PMDB_TYPE_IFH), nullptr);  // not initialised yet
 
     pm_calllog_clear();
-    dnx_db_hdl_t *hdl = nullptr;
-    ASSERT_EQ(dpa_chk_pmdb_open(nullptr, &hdl, PMDB_TYPE_IFH, 1), 0u);
+    dnx_db_hdl_t *hdl = Open(PMDB_TYPE_IFH, 1);
     EXPECT_EQ(hdl, ctx_hdl);
     EXPECT_NE(hdl->tabra, nullptr);
     EXPECT_TRUE(frame_test::RegionObjectOpens().empty());
     EXPECT_TRUE(CallNames("vorn_sem").empty());
-    EXPECT_EQ(CallNames("tabra_"),
-              (std::vector<std::string>{"tabra_init", "tabra_open",
-                                        "tabra_make_shm_readonly_protected",
-                                        "tabra_make_shm_writable"}));
+    EXPECT_EQ(CallNames("tabra_"), kInitWrite);
     EXPECT_EQ(pmdb_frame_wr_refcnt(PMDB_TYPE_IFH), 1);
-    EXPECT_EQ(dpa_pmdb_mprotect_tabra(hdl->tabra, hdl, PMDB_TYPE_IFH), 0u);
-    EXPECT_EQ(pmdb_frame_wr_refcnt(PMDB_TYPE_IFH), 0);
 }
 
 // While another thread initialises a second type (and so holds the
 // initialisation mutex through its 100 ms pause), opens of an initialised
 // type must neither wait nor call the table store.
 TEST_F(FrameOpenTest, InitialisedTypeIsOpenedWithoutAnyLock) {
-    dnx_db_hdl_t *hdl = nullptr;
-    ASSERT_EQ(dpa_chk_pmdb_open(nullptr, &hdl, PMDB_TYPE_OAM, 0), 0u);
+    dnx_db_hdl_t *hdl = Open(PMDB_TYPE_OAM, 0);
     kemt_host_reset();
-    std::thread initialiser([] {
-        dnx_db_hdl_t *other = nullptr;
-        EXPECT_EQ(dpa_chk_pmdb_open(nullptr, &other, PMDB_TYPE_PUNT, 0), 0u);
-    });
+    std::thread initialiser([] { Open(PMDB_TYPE_PUNT, 0); });
     while (CountTraces(VESK_DATABASE, 55) < 2) std::this_thread::sleep_for(1ms);
     const auto paused_at = std::chrono::steady_clock::now();
     pm_calllog_clear();
 
     dnx_db_hdl_t *ctx_hdl = nullptr;
-    dnx_db_hdl_t *read_hdl = nullptr;
     EXPECT_EQ(dpa_chk_shrd_ctx_open(nullptr, &ctx_hdl, PMDB_TYPE_OAM), 0u);
-    EXPECT_EQ(dpa_chk_pmdb_open(nullptr, &read_hdl, PMDB_TYPE_OAM, 0), 0u);
+    EXPECT_EQ(Open(PMDB_TYPE_OAM, 0), hdl);
     const auto calls = CallNames("tabra_");
     const auto took = std::chrono::steady_clock::now() - paused_at;
     initialiser.join();
 
-    // The initialiser sleeps for 100 ms after its trace 55; had the two
-    // opens waited for its mutex they would have taken about that long.
+    // Had the two opens waited for the mutex they would have taken about
+    // as long as the initialiser's pause.
     EXPECT_LT(took, 50ms);
     EXPECT_EQ(ctx_hdl, hdl);
-    EXPECT_EQ(read_hdl, hdl);
     EXPECT_EQ(kemt_host_location_waits("dpa_pmdb_shrd_ctx_init", -1), 0u);
     EXPECT_EQ(kemt_host_location_waits("dpa_pmdb_init", -1), 0u);
     EXPECT_TRUE(calls.empty());
@@ -296,19 +271,13 @@ TEST_F(FrameOpenTest, InitialisedTypeIsOpenedWithoutAnyLock) {
 // Callers that find the initialisation mutex taken register their wait
 // under the location of the step that waits.
 TEST_F(FrameOpenTest, WaitsForTheInitialisationMutexAreRegistered) {
-    std::thread initialiser([] {
-        dnx_db_hdl_t *h = nullptr;
-        EXPECT_EQ(dpa_chk_pmdb_open(nullptr, &h, PMDB_TYPE_PUNT, 0), 0u);
-    });
+    std::thread initialiser([] { Open(PMDB_TYPE_PUNT, 0); });
     while (CountTraces(VESK_DATABASE, 55) < 1) std::this_thread::sleep_for(1ms);
     std::thread ctx_opener([] {
         dnx_db_hdl_t *h = nullptr;
         EXPECT_EQ(dpa_chk_shrd_ctx_open(nullptr, &h, PMDB_TYPE_IFH), 0u);
     });
-    std::thread opener([] {
-        dnx_db_hdl_t *h = nullptr;
-        EXPECT_EQ(dpa_chk_pmdb_open(nullptr, &h, PMDB_TYPE_OAM, 0), 0u);
-    });
+    std::thread opener([] { Open(PMDB_TYPE_OAM, 0); });
     initialiser.join();
     ctx_opener.join();
     opener.join();
@@ -321,122 +290,99 @@ TEST_F(FrameOpenTest, WaitsForTheInitialisationMutexAreRegistered) {
 
 TEST_F(FrameOpenTest, TableStoreInitFailureIsTracedAndTheNextOpenResumes) {
     pm_fault_set("tabra_init", 0xA6F01405, 1);
-    dnx_db_hdl_t *hdl = nullptr;
-    EXPECT_EQ(dpa_chk_pmdb_open(nullptr, &hdl, PMDB_TYPE_OAM, 1), 0xA6F01405u);
-    EXPECT_EQ(hdl, nullptr);
+    ExpectOpenFails(PMDB_TYPE_OAM, 1, 0xA6F01405);
     ExpectTrace(VESK_ERROR, 53, {0xA6F01405});
     ExpectTrace(VESK_ERROR, 67, {0xA6F01405, 2});
-    EXPECT_EQ(dpa_pmdb_hdl_get(PMDB_TYPE_OAM), nullptr);
-
-    pm_calllog_clear();
-    ASSERT_EQ(dpa_chk_pmdb_open(nullptr, &hdl, PMDB_TYPE_OAM, 1), 0u);
-    EXPECT_TRUE(frame_test::RegionObjectOpens().empty()) << "the region was mapped already";
+    EXPECT_EQ(CallNames("tabra_"), Names{"tabra_init"});
+    ExpectNextOpenResumes(PMDB_TYPE_OAM, 1, 0);
     EXPECT_EQ(pmdb_frame_wr_refcnt(PMDB_TYPE_OAM), 1);
-    EXPECT_EQ(hdl->prot_state, PMDB_PROT_WRITABLE);
 }
 
-TEST_F(FrameOpenTest, TableOpenFailureOrNoTableIsTraced) {
+TEST_F(FrameOpenTest, TableOpenFailureIsTracedAndTheNextOpenResumes) {
     pm_fault_set("tabra_open", TABRA_E_SHM, 1);
-    dnx_db_hdl_t *hdl = nullptr;
-    EXPECT_EQ(dpa_chk_pmdb_open(nullptr, &hdl, PMDB_TYPE_PUNT, 0), TABRA_E_SHM);
+    ExpectOpenFails(PMDB_TYPE_PUNT, 0, TABRA_E_SHM);
     ExpectTrace(VESK_ERROR, 54, {TABRA_E_SHM});
     ExpectTrace(VESK_ERROR, 67, {TABRA_E_SHM, 1});
     ExpectNoTrace(VESK_DATABASE, 55);
-
-    // An open that succeeds without a table is traced as a failed one.
-    MarkTraces();
-    pm_fault_set("tabra_open", 0, 1);
-    EXPECT_EQ(dpa_pmdb_init(nullptr, PMDB_TYPE_OAM, 0), 0u);
-    ExpectTrace(VESK_ERROR, 54, {0});
-    ExpectNoTrace(VESK_DATABASE, 55);
-    EXPECT_EQ(dpa_pmdb_hdl_get(PMDB_TYPE_OAM)->tabra, nullptr);
+    ExpectNextOpenResumes(PMDB_TYPE_PUNT, 0, 0);
 }
 
-TEST_F(FrameOpenTest, FirstProtectionFailureIsTracedAndRetriedByTheNextOpen) {
+TEST_F(FrameOpenTest, FirstProtectionFailureIsTracedAndTheNextOpenResumes) {
     pm_fault_set("tabra_make_shm_readonly_protected", TABRA_E_PROT, 1);
-    dnx_db_hdl_t *hdl = nullptr;
-    EXPECT_EQ(dpa_chk_pmdb_open(nullptr, &hdl, PMDB_TYPE_OAM, 0), TABRA_E_PROT);
+    ExpectOpenFails(PMDB_TYPE_OAM, 0, TABRA_E_PROT);
     ExpectTrace(VESK_DATABASE, 55, {2});
     ExpectTrace(VESK_ERROR, 56, {TABRA_E_PROT});
     ExpectTrace(VESK_ERROR, 67, {TABRA_E_PROT, 2});
     ExpectNoTrace(VESK_DATABASE, 57);
-
-    pm_calllog_clear();
-    ASSERT_EQ(dpa_chk_pmdb_open(nullptr, &hdl, PMDB_TYPE_OAM, 0), 0u);
-    EXPECT_EQ(CallNames("tabra_"),
-              (std::vector<std::string>{"tabra_init", "tabra_open",
-                                        "tabra_make_shm_readonly_protected"}));
-    EXPECT_EQ(hdl->prot_state, PMDB_PROT_READONLY);
+    ExpectNextOpenResumes(PMDB_TYPE_OAM, 0, 0);
 }
 
-TEST_F(FrameOpenTest, WriteEnableFailureKeepsTheWriterCounted) {
-    dnx_db_hdl_t *hdl = nullptr;
-    ASSERT_EQ(dpa_chk_pmdb_open(nullptr, &hdl, PMDB_TYPE_OAM, 0), 0u);
+TEST_F(FrameOpenTest, RegionFailureStopsTheOpenBeforeTheTableStore) {
+    pm_fault_set("_shm_open", EACCES, 2);
+    ExpectOpenFails(PMDB_TYPE_IFH, 1, PMDB_ESHM);
+    ExpectTrace(VESK_ERROR, 58, {2621472}, "dnx_pmdb_ifh_shrd");
+    ExpectTrace(VESK_ERROR, 67, {PMDB_ESHM, 0});
+    EXPECT_TRUE(CallNames("tabra_").empty());
+    ExpectNextOpenResumes(PMDB_TYPE_IFH, 1, 1);
+}
+
+// A writer whose protection change fails stays counted, and the change is
+// owed: the next writer in (for write access) or out (for protection)
+// makes it.
+TEST_F(FrameOpenTest, FailedProtectionChangesAreMadeByTheNextWriter) {
+    dnx_db_hdl_t *hdl = Open(PMDB_TYPE_OAM, 0);
     pm_fault_set("tabra_make_shm_writable", TABRA_E_PROT, 1);
     MarkTraces();
     EXPECT_EQ(dpa_chk_pmdb_open(nullptr, &hdl, PMDB_TYPE_OAM, 1), TABRA_E_PROT);
     ExpectTrace(VESK_ERROR, 68, {TABRA_E_PROT});
     EXPECT_EQ(hdl->prot_state, PMDB_PROT_READONLY);
     EXPECT_EQ(pmdb_frame_wr_refcnt(PMDB_TYPE_OAM), 1);
-
-    // The next writer finds protection still on and tries again.
     pm_calllog_clear();
-    ASSERT_EQ(dpa_chk_pmdb_open(nullptr, &hdl, PMDB_TYPE_OAM, 1), 0u);
-    EXPECT_EQ(CallNames("tabra_"), (std::vector<std::string>{"tabra_make_shm_writable"}));
+    EXPECT_EQ(Open(PMDB_TYPE_OAM, 1), hdl);
+    EXPECT_EQ(CallNames("tabra_"), Names{"tabra_make_shm_writable"});
     EXPECT_EQ(pmdb_frame_wr_refcnt(PMDB_TYPE_OAM), 2);
-}
 
-TEST_F(FrameOpenTest, FailedProtectionIsReportedAndRetriedByTheNextRelease) {
-    dnx_db_hdl_t *hdl = nullptr;
-    ASSERT_EQ(dpa_chk_pmdb_open(nullptr, &hdl, PMDB_TYPE_OAM, 1), 0u);
+    ASSERT_EQ(Release(hdl, PMDB_TYPE_OAM), 0u);
     pm_fault_set("tabra_make_shm_readonly_protected", TABRA_E_PROT, 1);
     MarkTraces();
-    EXPECT_EQ(dpa_pmdb_mprotect_tabra(hdl->tabra, hdl, PMDB_TYPE_OAM), TABRA_E_PROT);
+    EXPECT_EQ(Release(hdl, PMDB_TYPE_OAM), TABRA_E_PROT);
     EXPECT_TRUE(Traces(VESK_ERROR).empty());
     EXPECT_EQ(hdl->prot_state, PMDB_PROT_WRITABLE);
     EXPECT_EQ(pmdb_frame_wr_refcnt(PMDB_TYPE_OAM), 0);
-
-    // Protection is still owed: the next writer in does not call the table
-    // store, its release protects.
     pm_calllog_clear();
-    ASSERT_EQ(dpa_chk_pmdb_open(nullptr, &hdl, PMDB_TYPE_OAM, 1), 0u);
+    EXPECT_EQ(Open(PMDB_TYPE_OAM, 1), hdl);
     EXPECT_TRUE(CallNames("tabra_").empty());
-    ASSERT_EQ(dpa_pmdb_mprotect_tabra(hdl->tabra, hdl, PMDB_TYPE_OAM), 0u);
-    EXPECT_EQ(CallNames("tabra_"),
-              (std::vector<std::string>{"tabra_make_shm_readonly_protected"}));
+    ASSERT_EQ(Release(hdl, PMDB_TYPE_OAM), 0u);
+    EXPECT_EQ(CallNames("tabra_"), kProtect);
     EXPECT_EQ(hdl->prot_state, PMDB_PROT_READONLY);
 }
 
-TEST_F(FrameOpenTest, RegionFailureStopsTheOpenBeforeTheTableStore) {
-    pm_fault_set("_shm_open", EACCES, 2);
+// A table store that opens without a table: the initialisation traces a
+// failed open, and the open stops at the line of the path it took.
+TEST_F(FrameOpenDeathTest, OpenWithoutATableStopsAtItsLine) {
+    GTEST_FLAG_SET(death_test_style, "threadsafe");
+    const std::string assertion =
+        "platforms/common/dnx/port-mapper/lib/pmdb/src/dnx_pmdb_init:%u: cerrno "
+        "dpa_chk_pmdb_open\\(event_mgr_p, dnx_db_hdl_t \\*\\*, pmdb_type_t, int\\): Assertion "
+        "`pmdb_hdl\\[db_type\\]->tabra' failed";
+    auto at = [&](unsigned line) {
+        char buf[512];
+        snprintf(buf, sizeof buf, assertion.c_str(), line);
+        return std::string(buf);
+    };
+    pm_fault_set("tabra_open", 0, 1);  // success, but no handle
+    EXPECT_EQ(dpa_pmdb_init(nullptr, PMDB_TYPE_OAM, 0), 0u);
+    ExpectTrace(VESK_ERROR, 54, {0});
+    ExpectNoTrace(VESK_DATABASE, 55);
+    EXPECT_EQ(dpa_pmdb_hdl_get(PMDB_TYPE_OAM)->tabra, nullptr);
     dnx_db_hdl_t *hdl = nullptr;
-    EXPECT_EQ(dpa_chk_pmdb_open(nullptr, &hdl, PMDB_TYPE_IFH, 1), PMDB_ESHM);
-    ExpectTrace(VESK_ERROR, 58, {2621472}, "dnx_pmdb_ifh_shrd");
-    ExpectTrace(VESK_ERROR, 67, {PMDB_ESHM, 0});
-    EXPECT_TRUE(CallNames("tabra_").empty());
-}
-
-TEST_F(FrameOpenDeathTest, OpenWithoutATableStopsAtTheInitialisingLine) {
-    GTEST_FLAG_SET(death_test_style, "threadsafe");
-    EXPECT_DEATH(
-        {
-            pm_fault_set("tabra_open", 0, 1);  // success, but no handle
-            dnx_db_hdl_t *hdl = nullptr;
-            dpa_chk_pmdb_open(nullptr, &hdl, PMDB_TYPE_OAM, 0);
-        },
-        OpenAssertion(824));
-}
-
-TEST_F(FrameOpenDeathTest, OpenWithoutATableStopsAtTheKnownTypeLine) {
-    GTEST_FLAG_SET(death_test_style, "threadsafe");
+    EXPECT_DEATH(dpa_chk_pmdb_open(nullptr, &hdl, PMDB_TYPE_OAM, 0), at(813));
     EXPECT_DEATH(
         {
             pm_fault_set("tabra_open", 0, 1);
-            if (dpa_pmdb_init(nullptr, PMDB_TYPE_OAM, 0) != 0) exit(3);
-            dnx_db_hdl_t *hdl = nullptr;
-            dpa_chk_pmdb_open(nullptr, &hdl, PMDB_TYPE_OAM, 0);
+            dpa_chk_pmdb_open(nullptr, &hdl, PMDB_TYPE_PUNT, 0);
         },
-        OpenAssertion(813));
+        at(824));
 }
 
 }  // namespace

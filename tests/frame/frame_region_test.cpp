@@ -6,10 +6,16 @@
 #include <gtest/gtest.h>
 #include <semaphore.h>
 #include <string.h>
+#include <sys/mman.h>
+#include <sys/stat.h>
+#include <unistd.h>
 
+#include <algorithm>
 #include <chrono>
+#include <memory>
 
 #include "frame_support.h"
+#include "host/os_host.h"
 #include "host/pm_fault.h"
 #include "pmdb.h"
 #include "pmdb_internal.h"
@@ -18,32 +24,49 @@
 
 namespace {
 
+using frame_test::RegionObjectOpens;
 using pmdb::test::CallNames;
-using frame_test::MakeGarbageRegion;
-using frame_test::MapRegionObject;
-using frame_test::OpenRegionSemaphore;
-using frame_test::RegionContentsZero;
 using pmdb::test::ChildLink;
 using pmdb::test::ChildProcess;
-using pmdb::test::PmdbTest;
-using pmdb::test::RunInChild;
 using namespace std::chrono_literals;
 
-class FrameRegionTest : public PmdbTest {
-protected:
-    // The IFH region as a creator that died before zeroing it leaves it,
-    // with the region semaphore taken by this test.
-    static void GarbageRegionBehindTheSemaphore(dnx_pmdb_shrd_ctx_t **raw, sem_t **sem) {
-        *raw = MapRegionObject("dnx_pmdb_ifh_shrd");
-        ASSERT_NE(*raw, nullptr);
-        MakeGarbageRegion(*raw);
-        *sem = OpenRegionSemaphore();
-        ASSERT_NE(*sem, nullptr);
-        ASSERT_EQ(sem_wait(*sem), 0);
-    }
-};
-
 constexpr u32 kMarker = 0x5a5a1234;
+
+// The region object `name` of the test's namespace, mapped read-write, as a
+// creator that died before zeroing it leaves it: garbage without a magic.
+dnx_pmdb_shrd_ctx_t *GarbageRegion(const char *name) {
+    const int fd = _shm_open(name, O_CREAT | O_RDWR, 0777);
+    const size_t len = pmdb_region_length(PMDB_SHM_SIZE, 4096);
+    EXPECT_EQ(ftruncate(fd, (off_t)len), 0) << name;
+    void *map = mmap(nullptr, len, PROT_READ | PROT_WRITE, MAP_SHARED, fd, 0);
+    close(fd);
+    if (map == MAP_FAILED) return nullptr;
+    memset(map, 0xAB, PMDB_SHM_SIZE);
+    static_cast<dnx_pmdb_shrd_ctx_t *>(map)->magic = 0;
+    return static_cast<dnx_pmdb_shrd_ctx_t *>(map);
+}
+
+// True when all of the region's contents past the magic are zero.
+bool RegionContentsZero(const dnx_pmdb_shrd_ctx_t *ctx) {
+    const auto *bytes = reinterpret_cast<const unsigned char *>(ctx);
+    return std::all_of(bytes + sizeof ctx->magic, bytes + PMDB_SHM_SIZE,
+                       [](unsigned char b) { return b == 0; });
+}
+
+// Waits (up to 10 s, a hang detector) until process `pid` sleeps in a futex
+// wait: for these tests' children, the region semaphore.
+bool WaitUntilBlockedOnFutex(int pid) {
+    const std::string path = "/proc/" + std::to_string(pid) + "/wchan";
+    for (int i = 0; i < 10000; i++, usleep(1000)) {
+        char wchan[128] = {};
+        FILE *f = fopen(path.c_str(), "r");
+        if (f == nullptr) continue;
+        wchan[fread(wchan, 1, sizeof wchan - 1, f)] = 0;
+        fclose(f);
+        if (strstr(wchan, "futex") != nullptr) return true;
+    }
+    return false;
+}
 
 // Child body: maps the IFH region, then sets `bit` in the globals block.
 int MapAndMark(u32 bit) {
@@ -53,6 +76,35 @@ int MapAndMark(u32 bit) {
     return 0;
 }
 
+class FrameRegionTest : public pmdb::test::PmdbTest {
+  protected:
+    // The IFH region as a creator that died before zeroing it leaves it,
+    // with the region semaphore taken by this test.
+    void GarbageBehindTheSemaphore() {
+        raw_ = GarbageRegion("dnx_pmdb_ifh_shrd");
+        ASSERT_NE(raw_, nullptr);
+        sem_ = vorn_sem_open(PMDB_SHM_SEMAPHORE_NAME, O_CREAT, 0777, 1);
+        ASSERT_NE(sem_, SEM_FAILED);
+        ASSERT_EQ(sem_wait(sem_), 0);
+    }
+    // A child that runs `body` once it has waited for that semaphore.
+    static std::unique_ptr<ChildProcess> BlockedChild(std::function<int()> body) {
+        auto child = std::make_unique<ChildProcess>([body](ChildLink &link) {
+            link.Ready();
+            return body();
+        });
+        EXPECT_TRUE(child->WaitReady());
+        EXPECT_TRUE(WaitUntilBlockedOnFutex(child->pid()));
+        return child;
+    }
+    void PostSemaphore() {
+        ASSERT_EQ(sem_post(sem_), 0);
+        sem_close(sem_);
+    }
+    dnx_pmdb_shrd_ctx_t *raw_ = nullptr;
+    sem_t *sem_ = nullptr;
+};
+
 TEST_F(FrameRegionTest, ObjectIsSizedToWholePages) {
     EXPECT_EQ(pmdb_region_length(PMDB_SHM_SIZE, 4096), 2625536);
     EXPECT_EQ(pmdb_region_length(PMDB_SHM_SIZE, 65536), 2686976);
@@ -60,16 +112,18 @@ TEST_F(FrameRegionTest, ObjectIsSizedToWholePages) {
 
     dnx_db_hdl_t *hdl = nullptr;
     ASSERT_EQ(dpa_chk_shrd_ctx_open(nullptr, &hdl, PMDB_TYPE_PUNT), 0u);
-    EXPECT_EQ(frame_test::RegionObjectSize("dnx_pmdb_punt_shrd"),
-              pmdb_region_length(PMDB_SHM_SIZE, sysconf(_SC_PAGESIZE)));
+    struct stat st;
+    const std::string path =
+        std::string("/dev/shm/") + vorn_host_namespace() + ".dnx_pmdb_punt_shrd";
+    ASSERT_EQ(stat(path.c_str(), &st), 0);
+    EXPECT_EQ(st.st_size, pmdb_region_length(PMDB_SHM_SIZE, sysconf(_SC_PAGESIZE)));
     ExpectTrace(VESK_DATABASE, 62, {2621472}, "dnx_pmdb_punt_shrd");
     // The semaphore exists only while a region is being initialised.
-    sem_t *probe = vorn_sem_open(PMDB_SHM_SEMAPHORE_NAME, 0, 0, 0);
-    EXPECT_EQ(probe, SEM_FAILED);
+    EXPECT_EQ(vorn_sem_open(PMDB_SHM_SEMAPHORE_NAME, 0, 0, 0), SEM_FAILED);
 }
 
 TEST_F(FrameRegionTest, LaterProcessesTouchNeitherTheSemaphoreNorTheContents) {
-    auto r = RunInChild([] { return MapAndMark(0x1); });
+    auto r = pmdb::test::RunInChild([] { return MapAndMark(0x1); });
     ASSERT_TRUE(r.ExitedWith(0)) << r.Describe();
 
     pm_calllog_enable(1);
@@ -77,91 +131,51 @@ TEST_F(FrameRegionTest, LaterProcessesTouchNeitherTheSemaphoreNorTheContents) {
     ASSERT_EQ(dpa_chk_shrd_ctx_open(nullptr, &hdl, PMDB_TYPE_IFH), 0u);
     EXPECT_EQ(hdl->shrd_ctx->glbls.hs_node_mask, 0x1u);
     EXPECT_TRUE(CallNames("vorn_sem").empty());
-
-    // A second type's mapping in the same process: no semaphore either.
     pm_calllog_clear();
     ASSERT_EQ(dpa_chk_shrd_ctx_open(nullptr, &hdl, PMDB_TYPE_IFH), 0u);
-    EXPECT_TRUE(frame_test::RegionObjectOpens().empty()) << "mapped once per process";
-}
-
-TEST_F(FrameRegionTest, RegionWithoutMagicIsZeroedByTheNextProcess) {
-    dnx_pmdb_shrd_ctx_t *raw = MapRegionObject("dnx_pmdb_oam_shrd");
-    ASSERT_NE(raw, nullptr);
-    MakeGarbageRegion(raw);
-
-    auto r = RunInChild([] {
-        dnx_db_hdl_t *hdl = nullptr;
-        return dpa_chk_shrd_ctx_open(nullptr, &hdl, PMDB_TYPE_OAM) == 0 ? 0 : 1;
-    });
-    ASSERT_TRUE(r.ExitedWith(0)) << r.Describe();
-    EXPECT_EQ(raw->magic, PMDB_SHRD_CTX_MAGIC);
-    EXPECT_TRUE(RegionContentsZero(raw));
+    EXPECT_TRUE(RegionObjectOpens().empty()) << "mapped once per process";
 }
 
 // The test holds the semaphore while the child waits for it, and meanwhile
 // finishes the region itself: the child must see the magic under the
 // semaphore and leave the contents alone.
 TEST_F(FrameRegionTest, MagicThatAppearsDuringTheWaitIsNotZeroedAgain) {
-    dnx_pmdb_shrd_ctx_t *raw = nullptr;
-    sem_t *sem = nullptr;
-    ASSERT_NO_FATAL_FAILURE(GarbageRegionBehindTheSemaphore(&raw, &sem));
-
-    ChildProcess child([](ChildLink &link) {
-        link.Ready();
+    ASSERT_NO_FATAL_FAILURE(GarbageBehindTheSemaphore());
+    auto child = BlockedChild([] {
         dnx_db_hdl_t *hdl = nullptr;
         return dpa_chk_shrd_ctx_open(nullptr, &hdl, PMDB_TYPE_IFH) == 0 ? 0 : 1;
     });
-    ASSERT_TRUE(child.WaitReady());
-    ASSERT_TRUE(frame_test::WaitUntilBlockedOnFutex(child.pid()));
-    raw->glbls.inv_node_id = kMarker;
-    __atomic_store_n(&raw->magic, PMDB_SHRD_CTX_MAGIC, __ATOMIC_RELEASE);
-    ASSERT_EQ(sem_post(sem), 0);
-    sem_close(sem);
-
-    const auto r = child.Wait();
+    raw_->glbls.inv_node_id = kMarker;
+    __atomic_store_n(&raw_->magic, PMDB_SHRD_CTX_MAGIC, __ATOMIC_RELEASE);
+    PostSemaphore();
+    const auto r = child->Wait();
     ASSERT_TRUE(r.ExitedWith(0)) << r.Describe();
-    EXPECT_EQ(raw->glbls.inv_node_id, kMarker);
-    EXPECT_EQ(raw->entry_lock[7].__size[3], static_cast<char>(0xAB));
+    EXPECT_EQ(raw_->glbls.inv_node_id, kMarker);
+    EXPECT_EQ(raw_->entry_lock[7].__size[3], static_cast<char>(0xAB));
 }
 
 // Two processes find the magic missing and queue on the semaphore; each
 // marks the region once it returns.  A second zeroing after the first
 // process's return would wipe that process's mark.
 TEST_F(FrameRegionTest, RacingProcessesZeroTheRegionOnce) {
-    dnx_pmdb_shrd_ctx_t *raw = nullptr;
-    sem_t *sem = nullptr;
-    ASSERT_NO_FATAL_FAILURE(GarbageRegionBehindTheSemaphore(&raw, &sem));
-
-    auto body = [](u32 bit) {
-        return [bit](ChildLink &link) {
-            link.Ready();
-            return MapAndMark(bit);
-        };
-    };
-    ChildProcess a(body(0x2));
-    ChildProcess b(body(0x4));
-    ASSERT_TRUE(a.WaitReady());
-    ASSERT_TRUE(b.WaitReady());
-    ASSERT_TRUE(frame_test::WaitUntilBlockedOnFutex(a.pid()));
-    ASSERT_TRUE(frame_test::WaitUntilBlockedOnFutex(b.pid()));
-    ASSERT_EQ(raw->magic, 0u);
-    ASSERT_EQ(sem_post(sem), 0);
-    sem_close(sem);
-
-    const auto ra = a.Wait();
-    const auto rb = b.Wait();
-    ASSERT_TRUE(ra.ExitedWith(0)) << ra.Describe();
-    ASSERT_TRUE(rb.ExitedWith(0)) << rb.Describe();
-    EXPECT_EQ(raw->magic, PMDB_SHRD_CTX_MAGIC);
-    EXPECT_EQ(raw->glbls.hs_node_mask, 0x6u);
-    raw->glbls.hs_node_mask = 0;
-    EXPECT_TRUE(RegionContentsZero(raw));
+    ASSERT_NO_FATAL_FAILURE(GarbageBehindTheSemaphore());
+    auto a = BlockedChild([] { return MapAndMark(0x2); });
+    auto b = BlockedChild([] { return MapAndMark(0x4); });
+    ASSERT_EQ(raw_->magic, 0u);
+    PostSemaphore();
+    for (auto *child : {a.get(), b.get()}) {
+        const auto r = child->Wait();
+        ASSERT_TRUE(r.ExitedWith(0)) << r.Describe();
+    }
+    EXPECT_EQ(raw_->magic, PMDB_SHRD_CTX_MAGIC);
+    EXPECT_EQ(raw_->glbls.hs_node_mask, 0x6u);
+    raw_->glbls.hs_node_mask = 0;
+    EXPECT_TRUE(RegionContentsZero(raw_));
 }
 
 TEST_F(FrameRegionTest, SemaphoreLeftTakenByADeadProcessIsRecovered) {
-    dnx_pmdb_shrd_ctx_t *raw = MapRegionObject("dnx_pmdb_punt_shrd");
+    dnx_pmdb_shrd_ctx_t *raw = GarbageRegion("dnx_pmdb_punt_shrd");
     ASSERT_NE(raw, nullptr);
-    MakeGarbageRegion(raw);
     auto holder = pmdb::test::StartHeldChild([] {
         sem_t *sem = vorn_sem_open(PMDB_SHM_SEMAPHORE_NAME, O_CREAT, 0777, 1);
         if (sem == SEM_FAILED || sem_wait(sem) != 0) _exit(9);
@@ -182,10 +196,11 @@ TEST_F(FrameRegionTest, SemaphoreLeftTakenByADeadProcessIsRecovered) {
     EXPECT_EQ(vorn_sem_open(PMDB_SHM_SEMAPHORE_NAME, 0, 0, 0), SEM_FAILED);
 }
 
-TEST_F(FrameRegionTest, SemaphoreThatCannotBeObtainedFailsWithoutLeavingAMapping) {
-    dnx_pmdb_shrd_ctx_t *raw = MapRegionObject("dnx_pmdb_ifh_shrd");
+// A failed mapping keeps nothing: the next call maps and initialises afresh
+// (an exclusive create, 194, then a plain open, 66, of the existing object).
+TEST_F(FrameRegionTest, EachMappingStepFailureHasItsResultAndTrace) {
+    dnx_pmdb_shrd_ctx_t *raw = GarbageRegion("dnx_pmdb_ifh_shrd");
     ASSERT_NE(raw, nullptr);
-    MakeGarbageRegion(raw);
     pm_fault_set("vorn_sem_open", EACCES, 2);
     dnx_db_hdl_t *hdl = nullptr;
     EXPECT_EQ(dpa_chk_shrd_ctx_open(nullptr, &hdl, PMDB_TYPE_IFH), PMDB_ESHM);
@@ -193,25 +208,20 @@ TEST_F(FrameRegionTest, SemaphoreThatCannotBeObtainedFailsWithoutLeavingAMapping
     ExpectTrace(VESK_ERROR, 65, {0, PMDB_ESHM});
     EXPECT_EQ(raw->magic, 0u);
     EXPECT_EQ(hdl, nullptr);
-
-    // Nothing was kept: the next call maps and initialises afresh.
     pm_calllog_enable(1);
     ASSERT_EQ(dpa_chk_shrd_ctx_open(nullptr, &hdl, PMDB_TYPE_IFH), 0u);
-    const auto opens = frame_test::RegionObjectOpens();
+    auto opens = RegionObjectOpens();
     ASSERT_EQ(opens.size(), 2u);
-    EXPECT_EQ(opens[0].args[0], 194u);  // exclusive create: the object exists
+    EXPECT_EQ(opens[0].args[0], 194u);
     EXPECT_EQ(opens[1].args[0], 66u);
     EXPECT_EQ(raw->magic, PMDB_SHRD_CTX_MAGIC);
-}
 
-TEST_F(FrameRegionTest, EachMappingStepFailureHasItsResultAndTrace) {
-    dnx_db_hdl_t *hdl = nullptr;
+    MarkTraces();
     pm_fault_set("_shm_open", EACCES, 2);
     EXPECT_EQ(dpa_chk_shrd_ctx_open(nullptr, &hdl, PMDB_TYPE_OAM), PMDB_ESHM);
     ExpectTrace(VESK_ERROR, 58, {2621472}, "dnx_pmdb_oam_shrd");
     ExpectTrace(VESK_ERROR, 65, {2, PMDB_ESHM});
-
-    // Exclusive create refused, plain open works: success.
+    // Exclusive create refused, plain open works, the mapping fails.
     MarkTraces();
     pm_fault_set("_shm_open", EEXIST, 1);
     pm_fault_set("vornos_mmap", ENOMEM, 1);
@@ -219,10 +229,13 @@ TEST_F(FrameRegionTest, EachMappingStepFailureHasItsResultAndTrace) {
     ExpectNoTrace(VESK_ERROR, 58);
     ExpectTrace(VESK_ERROR, 60, {2625536}, "dnx_pmdb_oam_shrd");
     ExpectTrace(VESK_ERROR, 65, {2, PMDB_ENOMEM});
-
     MarkTraces();
+    pm_calllog_clear();
     ASSERT_EQ(dpa_chk_shrd_ctx_open(nullptr, &hdl, PMDB_TYPE_OAM), 0u);
     ExpectTrace(VESK_DATABASE, 62, {2621472}, "dnx_pmdb_oam_shrd");
+    opens = RegionObjectOpens();
+    ASSERT_EQ(opens.size(), 2u);
+    EXPECT_EQ(opens[0].args[0], 194u);
 }
 
 TEST_F(FrameRegionTest, RegionThatLostItsMagicIsRefused) {
