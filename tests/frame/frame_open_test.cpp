@@ -157,29 +157,19 @@ TEST_F(FrameOpenTest, FirstWriteOpenOpensProtectsLaterThenMakesWritable) {
     ExpectTrace(VESK_DATABASE, 55, {2});
     ExpectTrace(VESK_DATABASE, 57, {2});
 
+    // Overlapping writers change protection only at the edges.
     pm_calllog_clear();
+    EXPECT_EQ(Open(PMDB_TYPE_OAM, 1), hdl);
+    EXPECT_TRUE(CallNames("tabra_").empty());
+    EXPECT_EQ(pmdb_frame_wr_refcnt(PMDB_TYPE_OAM), 2);
+    ASSERT_EQ(Release(hdl, PMDB_TYPE_OAM), 0u);
+    EXPECT_TRUE(CallNames("tabra_").empty());
+    EXPECT_EQ(pmdb_frame_wr_refcnt(PMDB_TYPE_OAM), 1);
+    EXPECT_EQ(hdl->prot_state, PMDB_PROT_WRITABLE);
     ASSERT_EQ(Release(hdl, PMDB_TYPE_OAM), 0u);
     EXPECT_EQ(CallNames("tabra_"), kProtect);
     EXPECT_EQ(pmdb_frame_wr_refcnt(PMDB_TYPE_OAM), 0);
     EXPECT_EQ(hdl->prot_state, PMDB_PROT_READONLY);
-}
-
-TEST_F(FrameOpenTest, OverlappingWritersChangeProtectionOnlyAtTheEdges) {
-    dnx_db_hdl_t *first = Open(PMDB_TYPE_OAM, 1);
-    pm_calllog_clear();
-    EXPECT_EQ(Open(PMDB_TYPE_OAM, 1), first);
-    EXPECT_TRUE(CallNames("tabra_").empty());
-    EXPECT_EQ(pmdb_frame_wr_refcnt(PMDB_TYPE_OAM), 2);
-
-    ASSERT_EQ(Release(first, PMDB_TYPE_OAM), 0u);
-    EXPECT_TRUE(CallNames("tabra_").empty());
-    EXPECT_EQ(pmdb_frame_wr_refcnt(PMDB_TYPE_OAM), 1);
-    EXPECT_EQ(first->prot_state, PMDB_PROT_WRITABLE);
-
-    ASSERT_EQ(Release(first, PMDB_TYPE_OAM), 0u);
-    EXPECT_EQ(CallNames("tabra_"), kProtect);
-    EXPECT_EQ(pmdb_frame_wr_refcnt(PMDB_TYPE_OAM), 0);
-    EXPECT_EQ(first->prot_state, PMDB_PROT_READONLY);
 }
 
 TEST_F(FrameOpenTest, ConcurrentWritersInThreadsBalanceTheCount) {
@@ -243,25 +233,21 @@ TEST_F(FrameOpenTest, ShrdCtxOpenFirstMapsTheRegionAndTheOpenAddsTheTable) {
 
 // While another thread initialises a second type (and so holds the
 // initialisation mutex through its 100 ms pause), opens of an initialised
-// type must neither wait nor call the table store.
+// type must neither wait nor call the table store: an open that tried the
+// mutex would have registered a wait.
 TEST_F(FrameOpenTest, InitialisedTypeIsOpenedWithoutAnyLock) {
     dnx_db_hdl_t *hdl = Open(PMDB_TYPE_OAM, 0);
     kemt_host_reset();
     std::thread initialiser([] { Open(PMDB_TYPE_PUNT, 0); });
     while (CountTraces(VESK_DATABASE, 55) < 2) std::this_thread::sleep_for(1ms);
-    const auto paused_at = std::chrono::steady_clock::now();
     pm_calllog_clear();
 
     dnx_db_hdl_t *ctx_hdl = nullptr;
     EXPECT_EQ(dpa_chk_shrd_ctx_open(nullptr, &ctx_hdl, PMDB_TYPE_OAM), 0u);
     EXPECT_EQ(Open(PMDB_TYPE_OAM, 0), hdl);
     const auto calls = CallNames("tabra_");
-    const auto took = std::chrono::steady_clock::now() - paused_at;
     initialiser.join();
 
-    // Had the two opens waited for the mutex they would have taken about
-    // as long as the initialiser's pause.
-    EXPECT_LT(took, 50ms);
     EXPECT_EQ(ctx_hdl, hdl);
     EXPECT_EQ(kemt_host_location_waits("dpa_pmdb_shrd_ctx_init", -1), 0u);
     EXPECT_EQ(kemt_host_location_waits("dpa_pmdb_init", -1), 0u);

@@ -14,8 +14,8 @@
 #include <nlohmann/json.hpp>
 #include <string>
 
-#include "pmdb.h"
 #include "card.h"
+#include "pmdb.h"
 #include "pmdb_test.h"
 #include "vorn_os.h"
 
@@ -28,10 +28,10 @@ using pmdb::test::PmdbTest;
 constexpr int kNeverTid = 0x3ffffffe;
 
 class FrameRegionsCommandTest : public PmdbTest {
-protected:
+  protected:
     nlohmann::json RunRegions() {
-        const pmdb::test::ToolRun r = pmdb::test::RunTool(
-            PMDBCTL, {"--ns", ns(), "regions", "--json", "--wait-ms", "100"});
+        const pmdb::test::ToolRun r =
+            pmdb::test::RunTool(PMDBCTL, {"--ns", ns(), "regions", "--json", "--wait-ms", "100"});
         EXPECT_EQ(r.status, 0) << r.err;
         return nlohmann::json::parse(r.out, nullptr, false);
     }
@@ -77,9 +77,12 @@ TEST_F(FrameRegionsCommandTest, CountsLockStatesAndShowsTheGlobals) {
     EXPECT_EQ(live["alive"], true);
     EXPECT_EQ(live["still_held"], true);
     EXPECT_GE(live["held_ms"].get<int>(), 100);  // sampled for all of --wait-ms
-    EXPECT_EQ(l["holders"][1],
-              nlohmann::json({{"slot", 14}, {"tid", kNeverTid}, {"pid", 0}, {"alive", false},
-                              {"still_held", true}, {"held_ms", 0}}));
+    EXPECT_EQ(l["holders"][1], nlohmann::json({{"slot", 14},
+                                               {"tid", kNeverTid},
+                                               {"pid", 0},
+                                               {"alive", false},
+                                               {"still_held", true},
+                                               {"held_ms", 0}}));
     EXPECT_FALSE(out["regions"][1]["present"].get<bool>());
 
     // Reading took nothing: the live holder still holds, the dead owner's
@@ -100,7 +103,9 @@ struct RegionDamage {
     const char *says;
 };
 
-void PrintTo(const RegionDamage &d, std::ostream *os) { *os << d.what; }
+void PrintTo(const RegionDamage &d, std::ostream *os) {
+    *os << d.what;
+}
 
 std::unique_ptr<ChildProcess> Hold(pellin_mutex_type *lock) {
     auto child = card::HoldInChild(lock);
@@ -129,16 +134,21 @@ const RegionDamage kRegionDamages[] = {
          EXPECT_TRUE(child->Wait().KilledBy(SIGKILL));
          return std::unique_ptr<ChildProcess>();  // its next writer recovers the lock
      },
-     1, "dnx_pmdb_ifh_shrd slot 12        left by a dead owner: its entry may hold a half-done "
-        "change"},
+     1,
+     "dnx_pmdb_ifh_shrd slot 12        left by a dead owner: its entry may hold a half-done "
+     "change"},
     {"lock naming a thread that never existed",
      [](dnx_pmdb_shrd_ctx_t *c) {
          c->entry_lock[10].__data.__lock = kNeverTid;
          return nullptr;
      },
      1, "dnx_pmdb_ifh_shrd slot 10        names tid 1073741822 (gone): its writers wait for ever"},
-    {"zeroed magic", [](dnx_pmdb_shrd_ctx_t *c) { c->magic = 0; return nullptr; }, 1,
-     "dnx_pmdb_ifh_shrd                magic 0x00000000, not 0xc0dec0de"},
+    {"zeroed magic",
+     [](dnx_pmdb_shrd_ctx_t *c) {
+         c->magic = 0;
+         return nullptr;
+     },
+     1, "dnx_pmdb_ifh_shrd                magic 0x00000000, not 0xc0dec0de"},
     {"truncated object",
      [](dnx_pmdb_shrd_ctx_t *) {
          TruncateRegion();
