@@ -111,12 +111,13 @@ class FrameLockTest : public pmdb::test::PmdbTest {
         child->Kill(SIGKILL);
         ASSERT_TRUE(child->Wait().KilledBy(SIGKILL));
     }
-    // pmdb_entry_lock on lock_, counting its try-locks.
-    cerrno LockCounting(int *trylocks) {
+    // pmdb_entry_lock takes lock_ in `attempts` try-locks; the unlock works.
+    void ExpectTakenIn(int attempts, int line = __builtin_LINE()) {
+        SCOPED_TRACE("taken at line " + std::to_string(line));
         const int before = g_trylocks.load();
-        const cerrno rc = pmdb_entry_lock(lock_);
-        *trylocks = g_trylocks.load() - before;
-        return rc;
+        EXPECT_EQ(pmdb_entry_lock(lock_), 0u);
+        EXPECT_EQ(g_trylocks.load() - before, attempts);
+        EXPECT_EQ(pmdb_entry_unlock(lock_), 0u);
     }
     pellin_mutex_type *lock_ = nullptr;
 };
@@ -172,10 +173,7 @@ TEST_F(FrameLockDeathTest, EachFailingInitialisationCallStopsAtItsLine) {
 TEST_F(FrameLockDeathTest, EntryLockStopsAfterNineAttemptsOrAnInconsistentLock) {
     GTEST_FLAG_SET(death_test_style, "threadsafe");
     Arm("trylock", 1, EAGAIN, 8);
-    int trylocks = 0;
-    EXPECT_EQ(LockCounting(&trylocks), 0u);
-    EXPECT_EQ(trylocks, 9);
-    EXPECT_EQ(pmdb_entry_unlock(lock_), 0u);
+    ExpectTakenIn(9);
 
     const char *const fn = "cerrno pmdb_entry_lock(pellin_mutex_type *)";
     EXPECT_DEATH(
@@ -200,26 +198,18 @@ TEST_F(FrameLockDeathTest, EntryLockStopsAfterNineAttemptsOrAnInconsistentLock) 
 }
 
 TEST_F(FrameLockTest, BrokenLocksTakeOneRebuildEach) {
-    int trylocks = 0;
-    // destroyed: rejected as invalid, rebuilt, taken
+    // destroyed: rejected as invalid, rebuilt, taken; retired by a remover:
+    // the same
     pthread_mutex_destroy(lock_);
-    EXPECT_EQ(LockCounting(&trylocks), 0u);
-    EXPECT_EQ(trylocks, 2);
-    EXPECT_EQ(pmdb_entry_unlock(lock_), 0u);
-
-    // retired by a remover: the same
+    ExpectTakenIn(2);
     ASSERT_EQ(pmdb_lock_destroy(lock_), 0u);
-    EXPECT_EQ(LockCounting(&trylocks), 0u);
-    EXPECT_EQ(trylocks, 2);
-    EXPECT_EQ(pmdb_entry_unlock(lock_), 0u);
+    ExpectTakenIn(2);
 
     // holder killed: one attempt, traced once
     ASSERT_NO_FATAL_FAILURE(KillHolder());
-    EXPECT_EQ(LockCounting(&trylocks), 0u);
-    EXPECT_EQ(trylocks, 1);
+    ExpectTakenIn(1);
     EXPECT_EQ(CountTraces(VESK_DATABASE, 69), 1u);
     ExpectTrace(VESK_DATABASE, 69, {});
-    ASSERT_EQ(pmdb_entry_unlock(lock_), 0u);
 
     // consistent again: another process uses it normally, and ends holding it
     MarkTraces();
@@ -241,10 +231,8 @@ TEST_F(FrameLockTest, BrokenLocksTakeOneRebuildEach) {
         10s);
     ASSERT_TRUE(spoil.ExitedWith(0)) << spoil.Describe();
     ASSERT_EQ(lock_->__data.__owner, INT_MAX - 1) << "not in the unrecoverable state";
-    EXPECT_EQ(LockCounting(&trylocks), 0u);
-    EXPECT_EQ(trylocks, 2);
+    ExpectTakenIn(2);
     ExpectNoTrace(VESK_DATABASE, 69);
-    EXPECT_EQ(pmdb_entry_unlock(lock_), 0u);
 }
 
 // Retirement refuses a lock held by another thread or the caller (traced
