@@ -1,6 +1,6 @@
-// The entry change cycle: every path of an add, a refresh and a removal,
-// which step is reported when one fails, and a removal that waits for a
-// holder of the slot lock in another process.
+// The entry change cycle: an add, a refresh and a removal, two entries
+// under one open, the add's retry, the release's result, and a removal of
+// an entry the cycle holds.
 #include <errno.h>
 #include <gtest/gtest.h>
 #include <string.h>
@@ -119,24 +119,14 @@ TEST_F(FrameCycleTest, AddRetriesWhenItsKeyVanishedInBetween) {
     EXPECT_EQ(pmdb_cycle_release(&cyc, 0), 0u);
 }
 
+// A failing release replaces the cycle's result, even a failure.  (The
+// operations' failing steps, the release included: tests/ops/failure_test.cpp.)
 TEST_F(FrameCycleTest, FailingReleaseReplacesTheResult) {
     pmdb_cycle_t cyc;
     ASSERT_EQ(pmdb_cycle_open(&cyc, PMDB_TYPE_OAM), 0u);
-    pm_fault_set("tabra_make_shm_readonly_protected", TABRA_E_PROT, 2);
-    EXPECT_EQ(pmdb_cycle_release(&cyc, 0), TABRA_E_PROT);
-    EXPECT_EQ(cyc.failed_step, PMDB_STEP_RELEASE);
-
-    ASSERT_EQ(pmdb_cycle_open(&cyc, PMDB_TYPE_OAM), 0u);
+    pm_fault_set("tabra_make_shm_readonly_protected", TABRA_E_PROT, 1);
     EXPECT_EQ(pmdb_cycle_release(&cyc, TABRA_E_FULL), TABRA_E_PROT);
-    ASSERT_EQ(pmdb_cycle_open(&cyc, PMDB_TYPE_OAM), 0u);
-    EXPECT_EQ(pmdb_cycle_release(&cyc, TABRA_E_FULL), TABRA_E_FULL);
-
-    // A failed open needs no release: releasing it anyway calls nothing.
-    pm_fault_set("tabra_make_shm_writable", TABRA_E_PROT, 1);
-    EXPECT_EQ(pmdb_cycle_open(&cyc, PMDB_TYPE_OAM), TABRA_E_PROT);
-    pm_calllog_enable(1);
-    EXPECT_EQ(pmdb_cycle_release(&cyc, TABRA_E_PROT), TABRA_E_PROT);
-    EXPECT_TRUE(pmdb::test::CallNames("tabra_").empty());
+    EXPECT_EQ(cyc.failed_step, PMDB_STEP_RELEASE);
 }
 
 TEST_F(FrameCycleTest, TwoEntriesUnderOneOpen) {
