@@ -51,8 +51,8 @@ pmdb_lock_view_t SlotLockView(pmdb_cycle_t *cyc, i32 slot) {
 // An add creates the entry under a fresh lock and releases; another process
 // reads it.  A second add finds the key in its slot (the refresh hook runs)
 // and takes the same lock.  The removal retires the lock and removes the
-// entry (its failing steps: tests/ops/failure_test.cpp), and the slot's new
-// lock works.
+// entry, and the slot's new lock works.  (The failing steps of every
+// operation, the release included: tests/ops/failure_test.cpp.)
 TEST_F(FrameCycleTest, AddRefreshAndRemovalOfAnEntry) {
     pmdb_cycle_t cyc;
     ASSERT_EQ(pmdb_cycle_open(&cyc, PMDB_TYPE_OAM), 0u);
@@ -102,6 +102,12 @@ TEST_F(FrameCycleTest, AddRefreshAndRemovalOfAnEntry) {
     ExpectNoTrace(VESK_DATABASE, 71);
     EXPECT_EQ(pmdb::test::SlotOf(PMDB_TYPE_OAM, kKey), -1);
     ASSERT_EQ(AddOam(kKey, 2), 0u);
+
+    // A failing release replaces the cycle's result, even a failure.
+    ASSERT_EQ(pmdb_cycle_open(&cyc, PMDB_TYPE_OAM), 0u);
+    pm_fault_set("tabra_make_shm_readonly_protected", TABRA_E_PROT, 1);
+    EXPECT_EQ(pmdb_cycle_release(&cyc, TABRA_E_FULL), TABRA_E_PROT);
+    EXPECT_EQ(cyc.failed_step, PMDB_STEP_RELEASE);
 }
 
 // "Already present" from an add whose lookup then finds nothing: the key
@@ -119,17 +125,7 @@ TEST_F(FrameCycleTest, AddRetriesWhenItsKeyVanishedInBetween) {
     EXPECT_EQ(pmdb_cycle_release(&cyc, 0), 0u);
 }
 
-// A failing release replaces the cycle's result, even a failure.  (The
-// operations' failing steps, the release included: tests/ops/failure_test.cpp.)
-TEST_F(FrameCycleTest, FailingReleaseReplacesTheResult) {
-    pmdb_cycle_t cyc;
-    ASSERT_EQ(pmdb_cycle_open(&cyc, PMDB_TYPE_OAM), 0u);
-    pm_fault_set("tabra_make_shm_readonly_protected", TABRA_E_PROT, 1);
-    EXPECT_EQ(pmdb_cycle_release(&cyc, TABRA_E_FULL), TABRA_E_PROT);
-    EXPECT_EQ(cyc.failed_step, PMDB_STEP_RELEASE);
-}
-
-TEST_F(FrameCycleTest, TwoEntriesUnderOneOpen) {
+TEST_F(FrameCycleTest, TwoEntriesUnderOneOpenAndARemovalUnderTheCyclesLock) {
     ASSERT_EQ(AddOam(1, 1), 0u);
     ASSERT_EQ(AddOam(2, 1), 0u);
     pmdb_cycle_t member;
@@ -145,15 +141,13 @@ TEST_F(FrameCycleTest, TwoEntriesUnderOneOpen) {
     EXPECT_EQ(pmdb_cycle_release(&member, 0), 0u);
     EXPECT_EQ(member.hdl->prot_state, PMDB_PROT_READONLY);
     EXPECT_FALSE(SlotLockView(&member, bundle.slot).held);
-}
 
-TEST_F(FrameCycleTest, RemovalOfAnEntryThisCycleHoldsDoesNotWaitForItself) {
-    ASSERT_EQ(AddOam(kKey, 1), 0u);
+    // The removal of an entry the cycle holds does not wait for itself.
     auto r = RunInChild(
         [] {
             pmdb_cycle_t cyc;
             if (pmdb_cycle_open(&cyc, PMDB_TYPE_OAM) != 0) return 1;
-            if (pmdb_cycle_find_lock(&cyc, kKey) != 0) return 2;
+            if (pmdb_cycle_find_lock(&cyc, 1) != 0) return 2;
             if (pmdb_cycle_remove_found(&cyc) != 0) return 3;
             return pmdb_cycle_release(&cyc, 0) == 0 ? 0 : 4;
         },

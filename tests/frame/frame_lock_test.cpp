@@ -268,8 +268,11 @@ TEST_F(FrameLockTest, LockerThatReadTheKindBeforeRetirementFindsItNotRecoverable
 TEST_F(FrameLockTest, WaiterAtRetirementGetsARebuiltLock) {
     ASSERT_EQ(pmdb_entry_lock(lock_), 0u);
     std::atomic<cerrno> waiter_rc{12345};
+    kemt_wait_t wait;
+    int last_wait = -1;
     std::thread waiter([&] {
         waiter_rc = pmdb_entry_lock(lock_);
+        last_wait = kemt_host_last_wait(&wait);
         if (waiter_rc == 0) pmdb_entry_unlock(lock_);
     });
     while (kemt_host_location_waits("pmdb_entry_lock", 101) == 0) std::this_thread::sleep_for(1ms);
@@ -280,6 +283,11 @@ TEST_F(FrameLockTest, WaiterAtRetirementGetsARebuiltLock) {
     waiter.join();
     EXPECT_EQ(destroyed, 0u);
     EXPECT_EQ(waiter_rc.load(), 0u);
+    ASSERT_EQ(last_wait, 0);
+    EXPECT_STREQ(wait.location, "pmdb_entry_lock");
+    EXPECT_EQ(wait.line, 101);
+    EXPECT_EQ(wait.mutex, lock_);
+    EXPECT_NE(wait.until_ns, 0u);
 }
 
 // A locker racing a remover, many times: a destroy that succeeded while
