@@ -437,34 +437,7 @@ int MapAndMark(u32 bit) {
     return 0;
 }
 
-class FrameRegionTest : public FrameOpenTest {
-  protected:
-    // The IFH region as a creator that died before zeroing it leaves it,
-    // with the region semaphore taken by this test.
-    void GarbageBehindTheSemaphore() {
-        raw_ = GarbageRegion("dnx_pmdb_ifh_shrd");
-        ASSERT_NE(raw_, nullptr);
-        sem_ = vorn_sem_open(PMDB_SHM_SEMAPHORE_NAME, O_CREAT, 0777, 1);
-        ASSERT_NE(sem_, SEM_FAILED);
-        ASSERT_EQ(sem_wait(sem_), 0);
-    }
-    // A child that runs `body` once it has waited for that semaphore.
-    static std::unique_ptr<ChildProcess> BlockedChild(std::function<int()> body) {
-        auto child = std::make_unique<ChildProcess>([body](ChildLink &link) {
-            link.Ready();
-            return body();
-        });
-        EXPECT_TRUE(child->WaitReady());
-        EXPECT_TRUE(WaitUntilBlockedOnFutex(child->pid()));
-        return child;
-    }
-    void PostSemaphore() {
-        ASSERT_EQ(sem_post(sem_), 0);
-        sem_close(sem_);
-    }
-    dnx_pmdb_shrd_ctx_t *raw_ = nullptr;
-    sem_t *sem_ = nullptr;
-};
+using FrameRegionTest = FrameOpenTest;
 
 TEST_F(FrameRegionTest, LaterProcessesTouchNeitherTheSemaphoreNorTheContents) {
     auto r = pmdb::test::RunInChild([] { return MapAndMark(0x1); });
@@ -485,17 +458,29 @@ TEST_F(FrameRegionTest, LaterProcessesTouchNeitherTheSemaphoreNorTheContents) {
 // the magic under the semaphore, leave the contents (the garbage) alone,
 // and mark the region once it returns.
 TEST_F(FrameRegionTest, MagicThatAppearsDuringTheWaitIsNotZeroedAgain) {
-    ASSERT_NO_FATAL_FAILURE(GarbageBehindTheSemaphore());
-    auto a = BlockedChild([] { return MapAndMark(0x2); });
-    auto b = BlockedChild([] { return MapAndMark(0x4); });
-    __atomic_store_n(&raw_->magic, PMDB_SHRD_CTX_MAGIC, __ATOMIC_RELEASE);
-    PostSemaphore();
-    for (auto *child : {a.get(), b.get()}) {
+    dnx_pmdb_shrd_ctx_t *raw = GarbageRegion("dnx_pmdb_ifh_shrd");
+    ASSERT_NE(raw, nullptr);
+    sem_t *sem = vorn_sem_open(PMDB_SHM_SEMAPHORE_NAME, O_CREAT, 0777, 1);
+    ASSERT_NE(sem, SEM_FAILED);
+    ASSERT_EQ(sem_wait(sem), 0);
+    std::vector<std::unique_ptr<ChildProcess>> waiters;
+    for (u32 bit : {0x2u, 0x4u}) {
+        waiters.push_back(std::make_unique<ChildProcess>([bit](ChildLink &link) {
+            link.Ready();
+            return MapAndMark(bit);
+        }));
+        ASSERT_TRUE(waiters.back()->WaitReady());
+        ASSERT_TRUE(WaitUntilBlockedOnFutex(waiters.back()->pid()));
+    }
+    __atomic_store_n(&raw->magic, PMDB_SHRD_CTX_MAGIC, __ATOMIC_RELEASE);
+    ASSERT_EQ(sem_post(sem), 0);
+    sem_close(sem);
+    for (auto &child : waiters) {
         const auto r = child->Wait();
         ASSERT_TRUE(r.ExitedWith(0)) << r.Describe();
     }
-    EXPECT_EQ(raw_->glbls.hs_node_mask, 0xABABABABu | 0x6u);
-    EXPECT_EQ(raw_->entry_lock[7].__size[3], static_cast<char>(0xAB));
+    EXPECT_EQ(raw->glbls.hs_node_mask, 0xABABABABu | 0x6u);
+    EXPECT_EQ(raw->entry_lock[7].__size[3], static_cast<char>(0xAB));
 }
 
 TEST_F(FrameRegionTest, SemaphoreLeftTakenByADeadProcessIsRecovered) {
@@ -540,6 +525,7 @@ TEST_F(FrameRegionTest, EachMappingStepFailureHasItsResultAndTrace) {
     EXPECT_EQ(opens[0].args[0], 194u);
     EXPECT_EQ(opens[1].args[0], 66u);
     EXPECT_EQ(raw->magic, PMDB_SHRD_CTX_MAGIC);
+    EXPECT_TRUE(RegionContentsZero(raw));
 
     MarkTraces();
     pm_fault_set("_shm_open", EACCES, 2);
