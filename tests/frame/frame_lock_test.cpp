@@ -175,19 +175,16 @@ TEST_F(FrameLockDeathTest, EntryLockStopsAfterNineAttemptsOrAnInconsistentLock) 
     Arm("trylock", 1, EAGAIN, 8);
     ExpectTakenIn(9);
 
+    // The tenth try-lock succeeds, or a rebuild never sticks.
     const char *const fn = "cerrno pmdb_entry_lock(pellin_mutex_type *)";
-    EXPECT_DEATH(
-        {
-            Arm("trylock", 1, EAGAIN, 9);  // the tenth try-lock succeeds
-            pmdb_entry_lock(lock_);
-        },
-        LockAssertion(fn, "loop_count < 10", 125));
-    EXPECT_DEATH(
-        {
-            Arm("trylock", 1, EINVAL, 1000);  // a rebuild that never sticks
-            pmdb_entry_lock(lock_);
-        },
-        LockAssertion(fn, "loop_count < 10", 125));
+    for (const auto &[result, times] : {std::pair{EAGAIN, 9}, std::pair{EINVAL, 1000}}) {
+        EXPECT_DEATH(
+            {
+                Arm("trylock", 1, result, times);
+                pmdb_entry_lock(lock_);
+            },
+            LockAssertion(fn, "loop_count < 10", 125));
+    }
     EXPECT_DEATH(
         {
             KillHolder();
@@ -294,27 +291,21 @@ TEST_F(FrameLockTest, WaiterAtRetirementGetsARebuiltLock) {
 // the locker held the lock would leave the locker's unlock failing (the
 // object is no longer a valid mutex).
 TEST_F(FrameLockTest, DestroyNeverSucceedsUnderAHolder) {
-    auto r = RunInChild(
-        [this] {
-            for (int round = 0; round < 500; round++) {
-                pmdb_lock_init(lock_);
-                std::atomic<cerrno> unlock_rc{0};
-                std::thread locker([&] {
-                    if (pmdb_entry_lock(lock_) != 0) return;
-                    usleep(round % 3 == 0 ? 0 : 20);
-                    unlock_rc = pmdb_entry_unlock(lock_);
-                });
-                if (round % 2 == 0) usleep(10);
-                cerrno rc = PMDB_EBUSY;
-                while (rc == PMDB_EBUSY) rc = pmdb_lock_destroy(lock_);
-                locker.join();
-                if (rc != 0) return 1;
-                if (unlock_rc != 0) return 2;
-            }
-            return 0;
-        },
-        60s);
-    EXPECT_TRUE(r.ExitedWith(0)) << r.Describe();
+    for (int round = 0; round < 500; round++) {
+        pmdb_lock_init(lock_);
+        std::atomic<cerrno> unlock_rc{0};
+        std::thread locker([&] {
+            if (pmdb_entry_lock(lock_) != 0) return;
+            usleep(round % 3 == 0 ? 0 : 20);
+            unlock_rc = pmdb_entry_unlock(lock_);
+        });
+        if (round % 2 == 0) usleep(10);
+        cerrno rc = PMDB_EBUSY;
+        while (rc == PMDB_EBUSY) rc = pmdb_lock_destroy(lock_);
+        locker.join();
+        ASSERT_EQ(rc, 0u) << "round " << round;
+        ASSERT_EQ(unlock_rc.load(), 0u) << "round " << round;
+    }
 }
 
 }  // namespace
