@@ -367,14 +367,11 @@ TEST_F(FrameOpenTest, FailedProtectionChangesAreMadeByTheNextWriter) {
 // failed open, and the open stops at the line of the path it took.
 TEST_F(FrameOpenDeathTest, OpenWithoutATableStopsAtItsLine) {
     GTEST_FLAG_SET(death_test_style, "threadsafe");
-    const std::string assertion =
-        "platforms/common/dnx/port-mapper/lib/pmdb/src/dnx_pmdb_init:%u: cerrno "
-        "dpa_chk_pmdb_open\\(event_mgr_p, dnx_db_hdl_t \\*\\*, pmdb_type_t, int\\): Assertion "
-        "`pmdb_hdl\\[db_type\\]->tabra' failed";
-    auto at = [&](unsigned line) {
-        char buf[512];
-        snprintf(buf, sizeof buf, assertion.c_str(), line);
-        return std::string(buf);
+    auto at = [](unsigned line) {
+        return "platforms/common/dnx/port-mapper/lib/pmdb/src/dnx_pmdb_init:" +
+               std::to_string(line) +
+               ": cerrno dpa_chk_pmdb_open\\(event_mgr_p, dnx_db_hdl_t \\*\\*, pmdb_type_t, "
+               "int\\): Assertion `pmdb_hdl\\[db_type\\]->tabra' failed";
     };
     pm_fault_set("tabra_open", 0, 1);  // success, but no handle
     EXPECT_EQ(dpa_pmdb_init(nullptr, PMDB_TYPE_OAM, 0), 0u);
