@@ -4,10 +4,10 @@
 // The map names exactly what the public header declares exported.
 // Names of the map not built yet are simply absent, and show up here once
 // they are.
+#include <ctype.h>
 #include <gtest/gtest.h>
 
 #include <fstream>
-#include <regex>
 #include <set>
 #include <sstream>
 #include <string>
@@ -26,13 +26,14 @@ std::string ReadFile(const char *path) {
     return text.str();
 }
 
-// The first group of every match of `re` in `text` (^ and $ match at lines).
-Names Matches(const std::string &text, const char *re) {
-    const std::regex r(re, std::regex::ECMAScript | std::regex::multiline);
-    Names names;
-    for (std::sregex_iterator m(text.begin(), text.end(), r), end; m != end; ++m)
-        names.insert((*m)[1]);
-    return names;
+// The identifier that ends `text` (trailing characters that cannot be part
+// of one skipped).
+std::string LastName(const std::string &text) {
+    auto in_name = [](char c) { return isalnum(static_cast<unsigned char>(c)) || c == '_'; };
+    size_t end = text.size(), begin;
+    while (end > 0 && !in_name(text[end - 1])) end--;
+    for (begin = end; begin > 0 && in_name(text[begin - 1]);) begin--;
+    return text.substr(begin, end - begin);
 }
 
 // Global names that `file` defines (nm kinds in upper case), from its
@@ -42,18 +43,31 @@ Names Definitions(const char *file, bool dynamic) {
     if (dynamic) args.insert(args.begin(), "-D");
     const pmdb::test::ToolRun r = pmdb::test::RunTool("nm", args);
     EXPECT_EQ(r.status, 0) << r.err;
-    return Matches(r.out, R"(^\S+ [A-Z] (\S+)$)");
+    Names names;
+    std::istringstream lines(r.out);
+    for (std::string line, addr, kind, name; std::getline(lines, line);) {
+        std::istringstream in(line);
+        if (in >> addr >> kind >> name && kind.size() == 1 && isupper(kind[0])) names.insert(name);
+    }
+    return names;
 }
 
 TEST(FrameExportsTest, SharedObjectExportsTheMapsBuiltNamesAndNothingElse) {
-    const std::string map_file =
-        std::regex_replace(ReadFile(PMDB_EXPORT_MAP), std::regex(R"(/\*[\s\S]*?\*/)"), "");
+    std::string map_file = ReadFile(PMDB_EXPORT_MAP);
+    for (size_t open; (open = map_file.find("/*")) != std::string::npos;)
+        map_file.erase(open, map_file.find("*/", open) + 2 - open);
     const size_t global = map_file.find("global:"), local = map_file.find("local:");
     ASSERT_TRUE(global != std::string::npos && local != std::string::npos && global < local);
-    const Names map = Matches(map_file.substr(global, local - global), R"((\w+) *;)");
+    Names map, header;
+    std::istringstream words(map_file.substr(global + 7, local - global - 7));
+    for (std::string word; words >> word;)
+        if (word.back() == ';') map.insert(LastName(word));
     ASSERT_GT(map.size(), 30u) << "the map's global names were not read";
-    EXPECT_EQ(map, Matches(ReadFile(PMDB_PUBLIC_HEADER), R"(^PMDB_EXPORT [^(;]*?(\w+) *[(;])"))
-        << "pmdb.map and the PMDB_EXPORT declarations of pmdb.h differ";
+    std::istringstream lines(ReadFile(PMDB_PUBLIC_HEADER));
+    for (std::string line; std::getline(lines, line);)
+        if (line.rfind("PMDB_EXPORT ", 0) == 0)
+            header.insert(LastName(line.substr(0, line.find_first_of("(;"))));
+    EXPECT_EQ(map, header) << "pmdb.map and the PMDB_EXPORT declarations of pmdb.h differ";
     const Names exported = Definitions(PMDB_SHARED_OBJECT, true);
     const Names defined = Definitions(PMDB_STATIC_ARCHIVE, false);
     for (const std::string &name : exported)
