@@ -1,14 +1,12 @@
 // The entry change cycle: an add, a refresh and a removal, two entries
 // under one open, the add's retry, the release's result, and a removal of
 // an entry the cycle holds.
-#include <errno.h>
 #include <gtest/gtest.h>
 #include <string.h>
 #include <unistd.h>
 
 #include <atomic>
 #include <chrono>
-#include <vector>
 
 #include "host/pm_fault.h"
 #include "pmdb.h"
