@@ -5,7 +5,6 @@
 #include <fcntl.h>
 #include <gtest/gtest.h>
 #include <signal.h>
-#include <sys/mman.h>
 #include <unistd.h>
 
 #include <cctype>
@@ -14,47 +13,60 @@
 #include <nlohmann/json.hpp>
 #include <string>
 
-#include "pmdb.h"
 #include "card.h"
+#include "pmdb.h"
 #include "pmdb_test.h"
 #include "vorn_os.h"
 
 namespace {
 
 using pmdb::test::ChildProcess;
-using pmdb::test::PmdbTest;
 
 /* A thread id no kernel hands out (above the largest pid_max). */
 constexpr int kNeverTid = 0x3ffffffe;
 
-class FrameRegionsCommandTest : public PmdbTest {
-protected:
-    nlohmann::json RunRegions() {
-        const pmdb::test::ToolRun r = pmdb::test::RunTool(
-            PMDBCTL, {"--ns", ns(), "regions", "--json", "--wait-ms", "100"});
-        EXPECT_EQ(r.status, 0) << r.err;
-        return nlohmann::json::parse(r.out, nullptr, false);
+// The IFH region, with the entry locks of slots 10 to 14 initialised.
+class FrameRegionsCommandTest : public pmdb::test::PmdbTest {
+  protected:
+    void SetUp() override {
+        PmdbTest::SetUp();
+        dnx_db_hdl_t *hdl = nullptr;
+        ASSERT_EQ(dpa_chk_shrd_ctx_open(nullptr, &hdl, PMDB_TYPE_IFH), 0u);
+        ctx_ = hdl->shrd_ctx;
+        for (int slot = 10; slot < 15; slot++) pmdb_lock_init(&ctx_->entry_lock[slot]);
     }
+    dnx_pmdb_shrd_ctx_t *ctx_ = nullptr;
 };
 
-TEST_F(FrameRegionsCommandTest, CountsLockStatesAndShowsTheGlobals) {
-    dnx_db_hdl_t *hdl = nullptr;
-    ASSERT_EQ(dpa_chk_shrd_ctx_open(nullptr, &hdl, PMDB_TYPE_IFH), 0u);
-    pellin_mutex_type *locks = hdl->shrd_ctx->entry_lock;
-    for (int slot : {10, 11, 12, 13, 14}) pmdb_lock_init(&locks[slot]);
-    hdl->shrd_ctx->glbls.inv_node_id = 7;
-    hdl->shrd_ctx->glbls.inv_node_mac[5] = 0x42;
+using Holder = std::unique_ptr<ChildProcess>;
 
-    auto alive = pmdb::test::StartHeldChild([&] { pmdb_entry_lock(&locks[11]); });
-    ASSERT_TRUE(alive->WaitReady());
-    auto dead = pmdb::test::StartHeldChild([&] { pmdb_entry_lock(&locks[12]); });
-    ASSERT_TRUE(dead->WaitReady());
-    dead->Kill(SIGKILL);
-    ASSERT_TRUE(dead->Wait().KilledBy(SIGKILL));
+Holder Hold(pellin_mutex_type *lock) {
+    auto child = card::HoldInChild(lock);
+    EXPECT_TRUE(child->WaitReady());
+    return child;
+}
+
+// Leaves `lock` with a dead owner; its next writer recovers it.
+Holder KillHolder(pellin_mutex_type *lock) {
+    const Holder child = Hold(lock);
+    child->Kill(SIGKILL);
+    EXPECT_TRUE(child->Wait().KilledBy(SIGKILL));
+    return Holder();
+}
+
+TEST_F(FrameRegionsCommandTest, CountsLockStatesAndShowsTheGlobals) {
+    pellin_mutex_type *locks = ctx_->entry_lock;
+    ctx_->glbls.inv_node_id = 7;
+    ctx_->glbls.inv_node_mac[5] = 0x42;
+    const Holder alive = Hold(&locks[11]);
+    KillHolder(&locks[12]);
     ASSERT_EQ(pmdb_lock_destroy(&locks[13]), 0u);
     locks[14].__data.__lock = kNeverTid;  // left by a thread the kernel never marked dead
 
-    const nlohmann::json out = RunRegions();
+    const pmdb::test::ToolRun r =
+        pmdb::test::RunTool(PMDBCTL, {"--ns", ns(), "regions", "--json", "--wait-ms", "100"});
+    EXPECT_EQ(r.status, 0) << r.err;
+    const nlohmann::json out = nlohmann::json::parse(r.out, nullptr, false);
     ASSERT_FALSE(out.is_discarded());
     EXPECT_EQ(out["namespace"], ns());
     ASSERT_EQ(out["regions"].size(), 3u);
@@ -77,9 +89,8 @@ TEST_F(FrameRegionsCommandTest, CountsLockStatesAndShowsTheGlobals) {
     EXPECT_EQ(live["alive"], true);
     EXPECT_EQ(live["still_held"], true);
     EXPECT_GE(live["held_ms"].get<int>(), 100);  // sampled for all of --wait-ms
-    EXPECT_EQ(l["holders"][1],
-              nlohmann::json({{"slot", 14}, {"tid", kNeverTid}, {"pid", 0}, {"alive", false},
-                              {"still_held", true}, {"held_ms", 0}}));
+    EXPECT_EQ(l["holders"][1], nlohmann::json::parse(R"({"slot": 14, "tid": 1073741822, "pid": 0,
+        "alive": false, "still_held": true, "held_ms": 0})"));
     EXPECT_FALSE(out["regions"][1]["present"].get<bool>());
 
     // Reading took nothing: the live holder still holds, the dead owner's
@@ -89,71 +100,58 @@ TEST_F(FrameRegionsCommandTest, CountsLockStatesAndShowsTheGlobals) {
     EXPECT_EQ(pmdb_lock_destroy(&locks[11]), PMDB_EBUSY);
 }
 
-/* What is done to the IFH region (locks of slots 10 to 12 initialised) and
- * what check says about it on one line; {pid} is the pid of the child a
- * row keeps alive meanwhile.  No table exists: only the regions are
- * checked. */
+/* What is done to the IFH region and what check says about it on one
+ * line; {pid} is the pid of the child a row keeps alive meanwhile.  No
+ * table exists: only the regions are checked. */
 struct RegionDamage {
     const char *what;
-    std::function<std::unique_ptr<ChildProcess>(dnx_pmdb_shrd_ctx_t *)> apply;
+    std::function<Holder(dnx_pmdb_shrd_ctx_t *)> apply;
     int status;
     const char *says;
 };
 
-void PrintTo(const RegionDamage &d, std::ostream *os) { *os << d.what; }
-
-std::unique_ptr<ChildProcess> Hold(pellin_mutex_type *lock) {
-    auto child = card::HoldInChild(lock);
-    EXPECT_TRUE(child->WaitReady());
-    return child;
+void PrintTo(const RegionDamage &d, std::ostream *os) {
+    *os << d.what;
 }
 
-void TruncateRegion() {
+Holder Truncate(dnx_pmdb_shrd_ctx_t *) {
     const int fd = _shm_open(PMDB_IFH_SHM_NAME, O_RDWR, 0);
-    ASSERT_GE(fd, 0);
     EXPECT_EQ(ftruncate(fd, 4096), 0);
     close(fd);
+    return Holder();
 }
 
 const RegionDamage kRegionDamages[] = {
-    {"sound", [](dnx_pmdb_shrd_ctx_t *) { return nullptr; }, 0,
+    {"sound", [](dnx_pmdb_shrd_ctx_t *) { return Holder(); }, 0,
      "dnx_pmdb_ifh_shrd                ok"},
     {"lock held by a live thread", [](dnx_pmdb_shrd_ctx_t *c) { return Hold(&c->entry_lock[11]); },
      1,
      "dnx_pmdb_ifh_shrd slot 11        held by pid {pid} tid {pid} (alive) at every sample "
      "over "},
-    {"holder killed",
-     [](dnx_pmdb_shrd_ctx_t *c) {
-         auto child = Hold(&c->entry_lock[12]);
-         child->Kill(SIGKILL);
-         EXPECT_TRUE(child->Wait().KilledBy(SIGKILL));
-         return std::unique_ptr<ChildProcess>();  // its next writer recovers the lock
-     },
-     1, "dnx_pmdb_ifh_shrd slot 12        left by a dead owner: its entry may hold a half-done "
-        "change"},
+    {"holder killed", [](dnx_pmdb_shrd_ctx_t *c) { return KillHolder(&c->entry_lock[12]); }, 1,
+     "dnx_pmdb_ifh_shrd slot 12        left by a dead owner: its entry may hold a half-done "
+     "change"},
     {"lock naming a thread that never existed",
      [](dnx_pmdb_shrd_ctx_t *c) {
          c->entry_lock[10].__data.__lock = kNeverTid;
-         return nullptr;
+         return Holder();
      },
      1, "dnx_pmdb_ifh_shrd slot 10        names tid 1073741822 (gone): its writers wait for ever"},
-    {"zeroed magic", [](dnx_pmdb_shrd_ctx_t *c) { c->magic = 0; return nullptr; }, 1,
-     "dnx_pmdb_ifh_shrd                magic 0x00000000, not 0xc0dec0de"},
-    {"truncated object",
-     [](dnx_pmdb_shrd_ctx_t *) {
-         TruncateRegion();
-         return std::unique_ptr<ChildProcess>();
+    {"zeroed magic",
+     [](dnx_pmdb_shrd_ctx_t *c) {
+         c->magic = 0;
+         return Holder();
      },
-     1, "dnx_pmdb_ifh_shrd                object is 4096 bytes, a region 2625536: truncated"},
+     1, "dnx_pmdb_ifh_shrd                magic 0x00000000, not 0xc0dec0de"},
+    {"truncated object", Truncate, 1,
+     "dnx_pmdb_ifh_shrd                object is 4096 bytes, a region 2625536: truncated"},
 };
 
-class FrameRegionsCheck : public PmdbTest, public ::testing::WithParamInterface<RegionDamage> {};
+class FrameRegionsCheck : public FrameRegionsCommandTest,
+                          public ::testing::WithParamInterface<RegionDamage> {};
 
 TEST_P(FrameRegionsCheck, ReportsEachFindingOnOneLine) {
-    dnx_db_hdl_t *hdl = nullptr;
-    ASSERT_EQ(dpa_chk_shrd_ctx_open(nullptr, &hdl, PMDB_TYPE_IFH), 0u);
-    for (int slot : {10, 11, 12}) pmdb_lock_init(&hdl->shrd_ctx->entry_lock[slot]);
-    const auto child = GetParam().apply(hdl->shrd_ctx);
+    const Holder child = GetParam().apply(ctx_);
     std::string says = GetParam().says;
     for (size_t at; child && (at = says.find("{pid}")) != std::string::npos;)
         says.replace(at, 5, std::to_string(child->pid()));
