@@ -55,43 +55,6 @@ TEST_F(Tabra, RefusesBadParameterRecords) {
     EXPECT_EQ(Attach("T"), TABRA_E_NOTFOUND) << "a refused open created the object";
 }
 
-TEST_F(Tabra, FirstOpenCreatesLaterOpensAttachInAnyProcess) {
-    /* The child creates the table; this process attaches to its object. */
-    auto r = RunInChild([] {
-        tabra_hdl_t h = OpenOrDie(Params("SHARED"));
-        i32 slot = -1;
-        void *e = AddOrDie(h, 0x1234, &slot), *again = nullptr;
-        tabra_make_shm_writable(h, nullptr);
-        tabra_get_entry_by_key(h, 0x1234, &again, &slot);
-        *static_cast<u32 *>(again) = 0xCAFE;
-        return e == again && slot == 0 ? 0 : 1;
-    });
-    ASSERT_TRUE(r.ExitedWith(0)) << r.Describe();
-    tabra_params_t p = Params("SHARED");
-    tabra_hdl_t h = OpenOrDie(p);
-    EXPECT_EQ(OpenOrDie(p), h) << "a second open in one process gives the same handle";
-    void *e = nullptr;
-    i32 slot = -1;
-    ASSERT_EQ(tabra_get_entry_by_key(h, 0x1234, &e, &slot), 0u);
-    EXPECT_EQ(slot, 0);
-    EXPECT_EQ(*static_cast<u32 *>(e), 0xCAFEu);
-    tabra_info_t info{};
-    ASSERT_EQ(tabra_get_info(h, &info), 0u);
-    EXPECT_STREQ(info.name, "SHARED");
-    EXPECT_EQ(std::make_tuple(info.entry_size, info.count, info.capacity),
-              std::make_tuple(328u, 1u, TABRA_CAPACITY));
-    EXPECT_GE(info.object_size, 65536ull * 328);
-    /* Another process's protection call sets the entry bound for everyone. */
-    r = RunInChild([] {
-        tabra_params_t q = Params("SHARED", 328, Low16, 65536, 2);
-        tabra_hdl_t h2 = nullptr;
-        return tabra_attach("SHARED", &h2) == 0 && tabra_make_shm_readonly_protected(h2, &q) == 0 ? 0 : 1;
-    });
-    ASSERT_TRUE(r.ExitedWith(0)) << r.Describe();
-    AddOrDie(h, 2);
-    EXPECT_EQ(tabra_add_entry(h, 3, &e, &slot), TABRA_E_FULL);
-}
-
 TEST_F(Tabra, OtherEntrySizeOrHashRangeIsAMismatch) {
     auto r = RunInChild([] { return OpenOrDie(Params("SIZED", 328)) ? 0 : 1; });
     ASSERT_TRUE(r.ExitedWith(0)) << r.Describe();
@@ -165,11 +128,13 @@ TEST_F(Tabra, AllSixtyFiveThousandSlotsAndNoMore) {
     EXPECT_EQ(slot, 0);
 }
 
-/* Another process copies, finds and walks a table it never made: this
- * process fills it in a child, so later children attach by name.  A handle
- * without a hash function finds keys of a low-16 hash in their bucket and
- * keys of any other hash by a scan; a hashed attach gives the same handle. */
-TEST_F(Tabra, AttachedHandlesCopyAndWalkFromAnotherProcess) {
+/* Another process copies, finds and walks a table it never made: a child
+ * makes and fills it, so later children attach by name.  A handle without a
+ * hash function finds keys of a low-16 hash in their bucket and keys of any
+ * other hash by a scan; a hashed attach gives the same handle.  An open in
+ * this process then takes the table as it is, and another process's
+ * protection call sets the entry bound for every process. */
+TEST_F(Tabra, TablesMadeInOneProcessAreOpenedAndAttachedInOthers) {
     const struct {
         const char *name;
         dpa_pmdb_hash_fn_t fn;
@@ -202,6 +167,28 @@ TEST_F(Tabra, AttachedHandlesCopyAndWalkFromAnotherProcess) {
         });
         EXPECT_TRUE(r.ExitedWith(0)) << r.Describe();
     }
+    tabra_params_t p = Params("RD");
+    tabra_hdl_t h = OpenOrDie(p);
+    EXPECT_EQ(OpenOrDie(p), h) << "a second open in one process gives the same handle";
+    void *e = nullptr;
+    i32 slot = -1;
+    ASSERT_EQ(tabra_get_entry_by_key(h, 0x10001, &e, &slot), 0u);
+    EXPECT_EQ(std::make_pair(slot, static_cast<u8 *>(e)[327]), std::make_pair(0, u8{1}));
+    tabra_info_t info{};
+    ASSERT_EQ(tabra_get_info(h, &info), 0u);
+    EXPECT_STREQ(info.name, "RD");
+    EXPECT_EQ(std::make_tuple(info.entry_size, info.count, info.capacity),
+              std::make_tuple(328u, 50u, TABRA_CAPACITY));
+    EXPECT_GE(info.object_size, 65536ull * 328);
+    auto r = RunInChild([] {
+        tabra_params_t q = Params("RD", 328, Low16, 65536, 51);
+        tabra_hdl_t h2 = nullptr;
+        if (tabra_attach("RD", &h2) != 0) return 1;
+        return tabra_make_shm_readonly_protected(h2, &q) == 0 ? 0 : 2;
+    });
+    ASSERT_TRUE(r.ExitedWith(0)) << r.Describe();
+    AddOrDie(h, 2);
+    EXPECT_EQ(tabra_add_entry(h, 3, &e, &slot), TABRA_E_FULL);
 }
 
 TEST_F(Tabra, InjectedFailuresAndCallLog) {
