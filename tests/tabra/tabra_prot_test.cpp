@@ -16,8 +16,6 @@
 #include "host_tabra.h"
 
 using namespace host_test;
-using pmdb::test::ChildLink;
-using pmdb::test::ChildProcess;
 using pmdb::test::PmdbTest;
 using pmdb::test::RunInChild;
 using pmdb::test::StartHeldChild;
@@ -252,9 +250,9 @@ TEST_F(TabraProtection, CopiesAtRestRefuseEntriesOpenForWritingUntilProtectedOrR
  * key is absent (an answer, not a fault: nothing traced), its entry does
  * not begin with its key, or another process has it open for writing (its
  * window covers that entry, not its neighbour; what it wrote is copied once
- * it protects the table again).  Tables whose keys are not all in bucket key % buckets
- * (another hash) and whose bucket count is not a power of two take the same
- * answers, and so does a call the fault hooks see.  The inline attempt on a
+ * it protects the table again).  Tables whose keys are not all in bucket
+ * key % buckets (another hash) and whose bucket count is not a power of two
+ * take the same answers, and so does a call the fault hooks see.  The inline attempt on a
  * table's view, which the reader library makes, gives the same answers,
  * except that it leaves a table with another hash to the exported call. */
 TEST_F(TabraProtection, CopiesAtRestWriteTheBufferOnlyWithAnEntryThatCanStand) {
