@@ -27,6 +27,7 @@
 #include "host/os_host.h"
 #include "tabra.h"
 #include "tabra_layout.h"
+#include "tabra_params.h"
 
 namespace {
 
@@ -38,17 +39,7 @@ constexpr u32 kWriterOff = 128, kWriterEnd = 168;
 
 u32 Mod7(u32 key) { return key % kBuckets; }
 
-tabra_params_t Params() {
-    tabra_params_t p{};
-    p.version = PMDB_TABRA_PARAMS_VERSION;
-    p.table_name = kTable;
-    p.open_flags = PMDB_TABRA_OPEN_WRITE;
-    p.hash_buckets = kBuckets;
-    p.hash_fn = Mod7;
-    p.max_entries = 64;
-    p.entry_size = kEntrySize;
-    return p;
-}
+tabra_params_t Params() { return pmdb::test::Params(kTable, kEntrySize, Mod7, kBuckets, 64); }
 
 /* The sound object: its length and its pages that are not all zero. */
 struct Page {
@@ -78,8 +69,7 @@ void KeepPages(const u8 *m) {
 }
 
 void MakeSoundObject() {
-    tabra_params_t p = Params();
-    p.open_flags |= O_CREAT;
+    const tabra_params_t p = Params(); /* creates */
     tabra_hdl_t h = nullptr;
     if (tabra_open(&p, &h) != 0) fuzz::Broken("sound table not made");
     void *e = nullptr;
@@ -138,17 +128,11 @@ void WriteDamagedCopy(fuzz::Input &in, uint8_t mode) {
     close(fd);
 }
 
-int NoteKey(void *ctx, u32, i32, const void *) {
-    ++*static_cast<u32 *>(ctx);
-    return 0;
-}
-
 /* Reading calls on any table the store accepted; the check's status. */
 cerrno ReadAll(tabra_hdl_t h) {
     u8 buf[kEntrySize];
     for (u32 key = 0; key < 16; key++) tabra_copy_entry_by_key(h, key, buf, sizeof buf, nullptr);
-    u32 walked = 0;
-    tabra_walk(h, NoteKey, &walked);
+    tabra_walk(h, [](void *, u32, i32, const void *) { return 0; }, nullptr);
     tabra_info_t info;
     tabra_get_info(h, &info);
     (void)tabra_count(h);
@@ -195,7 +179,7 @@ int FuzzTabra(const uint8_t *data, size_t size) {
     vorn_host_set_namespace(ns);
     WriteDamagedCopy(in, mode);
     tabra_hdl_t h = nullptr;
-    tabra_params_t p = Params();
+    const tabra_params_t p = Params();
     const cerrno st = (mode & 1) != 0 ? tabra_attach_hashed(kTable, Mod7, &h) : tabra_open(&p, &h);
     if (st == 0 && ReadAll(h) == 0 && (mode & 1) == 0) ChangeSound(h, in);
     vorn_host_remove_namespace(ns);

@@ -29,7 +29,7 @@ Output Pmdbctl(const std::string &args) {
     return {r.status, r.out + r.err};
 }
 
-TEST_F(TabraTool, TablesListsEachTableWithItsFigures) {
+TEST_F(TabraTool, TablesListsEachTableWithItsFiguresAndCheckSelectsOne) {
     tabra_hdl_t a = OpenOrDie(Params("ALPHA", 328));
     tabra_hdl_t b = OpenOrDie(Params("BETA", 80, Mod7, 7, 1000));
     for (u32 k = 1; k <= 655; k++) AddOrDie(a, k);
@@ -55,6 +55,11 @@ TEST_F(TabraTool, TablesListsEachTableWithItsFigures) {
     ASSERT_EQ(text.status, 0) << text.out;
     EXPECT_NE(text.out.find("ALPHA"), std::string::npos) << text.out;
     EXPECT_NE(text.out.find("1.0%"), std::string::npos) << text.out;
+
+    EXPECT_EQ(Pmdbctl("check --table BETA").status, 0);
+    const Output unknown = Pmdbctl("check --table NOSUCH");
+    EXPECT_EQ(unknown.status, 1);
+    EXPECT_NE(unknown.out.find("no table NOSUCH"), std::string::npos) << unknown.out;
 }
 
 /* What is done to table BAD (10 entries, beside a sound table GOOD) and
@@ -77,25 +82,10 @@ std::unique_ptr<pmdb::test::ChildProcess> HoldWriterLock(tabra_shm_hdr_t *h) {
     return child;
 }
 
-void TruncateObject(const char *name, off_t size) {
-    char object[128];
-    vorn_host_shm_name((std::string(TABRA_SHM_PREFIX) + name).c_str(), object, sizeof object);
-    const int fd = shm_open(object, O_RDWR, 0);
-    ASSERT_GE(fd, 0);
-    EXPECT_EQ(ftruncate(fd, size), 0);
-    close(fd);
-}
-
 const Damage kDamages[] = {
     {"count", [](tabra_shm_hdr_t *h) { h->count = 3; return nullptr; },
      "count 3, occupied slots 10"},
     {"zeroed magic", [](tabra_shm_hdr_t *h) { h->magic = 0; return nullptr; },
-     "cannot be attached: "},
-    {"truncated object",
-     [](tabra_shm_hdr_t *) {
-         TruncateObject("BAD", TABRA_OFF_ENTRIES);
-         return std::unique_ptr<pmdb::test::ChildProcess>();
-     },
      "cannot be attached: "},
     {"writer lock held by a live thread", HoldWriterLock,
      "gave up after 200 ms: writer lock held by pid {pid} tid {pid} (alive)"},
@@ -152,14 +142,6 @@ INSTANTIATE_TEST_SUITE_P(Rows, TabraToolDamage, ::testing::ValuesIn(kDamages),
                              for (char &c : n) c = isalnum(static_cast<unsigned char>(c)) ? c : '_';
                              return n;
                          });
-
-TEST_F(TabraTool, CheckSelectsOneTableAndRefusesAnUnknownOne) {
-    OpenOrDie(Params("GOOD", 80));
-    EXPECT_EQ(Pmdbctl("check --table GOOD").status, 0);
-    const Output o = Pmdbctl("check --table NOSUCH");
-    EXPECT_EQ(o.status, 1);
-    EXPECT_NE(o.out.find("no table NOSUCH"), std::string::npos) << o.out;
-}
 
 TEST_F(TabraTool, InterruptEndsTheWaitForAWriterLockAndSaysWhatItWaitedFor) {
     OpenOrDie(Params("BAD", 80));
