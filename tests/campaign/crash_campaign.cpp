@@ -1,36 +1,32 @@
 // crash_campaign: writer processes replay disjoint parts of a generated card
-// (bring-up, churn, teardown) while this supervisor kills a writer with
-// SIGKILL at a moment chosen at random from the seed (an item and an offset
-// into it; a timer the writer arms on the supervisor's word delivers the
-// kill on time, see MaybeKill) and restarts it from the item after the last
-// one it reported done.  The item it was killed in is thus applied again
-// from its start.
+// (bring-up, churn, teardown) while this supervisor kills one with SIGKILL at
+// a moment chosen at random from the seed (an item and an offset into it,
+// delivered on time by a timer the writer arms, see MaybeKill) and restarts
+// it from the item after the last one it reported done, which it thus
+// applies again from its start.
 //
-// A round is one kill: the other writers are paused after their current
-// item, the killed writer restarts and re-applies its interrupted item,
-// then
-//   - `pmdbctl check` must pass, or pass after `pmdbctl repair` (counted as
-//     a violation found and repaired); what still fails after the repair
-//     is a known re-application finding, reported apart, only when a kill
-//     inside a known kind of item explains all of it (a removal's PUNT and
-//     OAM entries left behind); an entry lock that names a dead process
-//     after that next writer ends the campaign;
-//   - the tables must equal the shadow's: a process in a namespace of its
-//     own that applied every item the writers reported done, once each, in
-//     the order the reports came, without kills.  So every item a dead
-//     writer completed is fully visible, and re-applying an interrupted
-//     item leaves what one application leaves.
+// A round is one kill: the other writers pause after their current item, the
+// killed writer restarts and re-applies its interrupted item, then
+//   - `pmdbctl check` must pass, or pass after `pmdbctl repair` (a violation
+//     found and repaired); what still fails after the repair is a known
+//     re-application finding only when a kill inside a known kind of item
+//     explains all of it; an entry lock that names a dead process after that
+//     next writer ends the campaign;
+//   - the tables must equal the shadow's: a process in a namespace of its own
+//     that applied every item the writers reported done, once each, in the
+//     order the reports came, without kills.  So every item a dead writer
+//     completed is fully visible, and re-applying an interrupted item leaves
+//     what one application leaves.
 // At the end of each pass's churn and teardown the tables must also equal
-// those of the same stream applied in stream order by one process, which
-// shows that the phases' interleavings do not matter.  A difference after a
-// round is a re-application finding: the kind of item is reported, known
-// kinds (--known-unsafe) do not fail the campaign, and the pass goes on from
-// fresh tables at its end.
+// those of the stream applied in stream order by one process: the phases'
+// interleavings do not matter.  A difference after a round is a
+// re-application finding about the kind of item; known kinds
+// (--known-unsafe) do not fail the campaign, and the pass goes on from fresh
+// tables at its end.
 //
 // Every wait is bounded (--hang-ms without any report is a hang, which ends
 // the campaign naming what it waited for).  Exit status 0 when every round
 // passed or found only known kinds, 1 otherwise, 2 on bad options.
-#include <fcntl.h>
 #include <poll.h>
 #include <signal.h>
 #include <stdlib.h>
@@ -92,13 +88,8 @@ bool TimedOut(const ToolRun &r) { return r.status == 124 || r.status == 137; }
 // flaps of different writers commute.
 
 struct CardShape {
-    unsigned seed = 1;
-    unsigned writers = 3;
-    unsigned nodes = 2;
-    unsigned ports = 4;    // per node
-    unsigned bundles = 2;
-    unsigned members = 4;  // per bundle; more than writers
-    unsigned churn = 30;
+    unsigned seed = 1, writers = 3, churn = 30;
+    unsigned nodes = 2, ports = 4, bundles = 2, members = 4;  // ports and members: each
 };
 
 // A line every process applies for itself (the inventory list is process
@@ -108,7 +99,7 @@ constexpr int kEveryWriter = -1;
 struct Line {
     StreamLine parsed;
     int writer = kEveryWriter;
-    std::string kind;  // "member_leave of a member", ...: the item's kind and its interface's role
+    std::string item, kind;  // "member_leave", and "member_leave of a member"
 };
 
 struct Plan {
@@ -171,9 +162,9 @@ std::string ParseAll(const std::string &text, const CardShape &s, Plan *plan) {
         if (!bad.empty()) return "gen wrote a line the stream parser refuses: " + bad;
         const StreamLine &l = line.parsed;
         const Owner o = OwnerOf(l);
-        line.kind = std::string(l.op == StreamOp::kEvent ? pmdbctl::EventTypeName(l.event.event_type)
-                                                         : pmdbctl::StreamOpName(l.op)) +
-                    " of a " + o.role;
+        line.item = l.op == StreamOp::kEvent ? pmdbctl::EventTypeName(l.event.event_type)
+                                             : pmdbctl::StreamOpName(l.op);
+        line.kind = line.item + " of a " + o.role;
         if (l.op != StreamOp::kInventoryAdd) {
             auto [it, fresh] = writer_of.try_emplace(o.key, static_cast<int>(owners % s.writers));
             owners += fresh;
@@ -284,18 +275,14 @@ void ApplyLine(StreamLine l) {
     case StreamOp::kOamEvent:
         return dpa_pmdb_oam_oper(&l.event);
     case StreamOp::kOor:
-        (void)dpa_pmdb_update_bundle_oor_state(l.ifh, l.state, l.reason, &bundle, &state,
-                                               &changed, &slot);
-        return;
+        return (void)dpa_pmdb_update_bundle_oor_state(l.ifh, l.state, l.reason, &bundle, &state,
+                                                      &changed, &slot);
     case StreamOp::kBundleOor:
-        (void)dpa_pmdb_set_bundle_oor_state(l.ifh, static_cast<i32>(l.state), l.reason, &slot);
-        return;
+        return (void)dpa_pmdb_set_bundle_oor_state(l.ifh, static_cast<i32>(l.state), l.reason, &slot);
     case StreamOp::kInventoryAdd:
-        (void)pm_port_inv_entry_add(l.node_id, l.node_index, l.npu_index, l.high_scale);
-        return;
+        return (void)pm_port_inv_entry_add(l.node_id, l.node_index, l.npu_index, l.high_scale);
     case StreamOp::kInventoryRemove:
-        (void)pm_port_inv_entry_remove(l.node_id);
-        return;
+        return (void)pm_port_inv_entry_remove(l.node_id);
     }
 }
 
@@ -342,17 +329,17 @@ void ArmKill(uint32_t us) {
         _exit(6);
 }
 
-// A writer applies plan.items[w] (position p is item p % size, pass
-// p / size) from position `start` as told.
-[[noreturn]] void WriterMain(const Plan &plan, unsigned w, uint32_t start, InCall *in_call) {
+// A writer (w >= 0) applies plan.items[w] (position p is item p % size,
+// pass p / size) from position `start` as told; the shadow (w < 0) applies
+// the line indexes it is sent.
+[[noreturn]] void ChildMain(const Plan &plan, int w, uint32_t start, InCall *in_call) {
     Prepare(plan);
     Reply(kReady, start);
-    const std::vector<uint32_t> &items = plan.items[w];
     uint32_t pos = start, limit = start;
     for (;;) {
         pollfd p{kChildIn, POLLIN, 0};
         if (pos < limit && poll(&p, 1, 0) <= 0) {  // no command waiting
-            const uint32_t line = items[pos % items.size()];
+            const uint32_t line = plan.items[w][pos % plan.items[w].size()];
             in_call->line[w] = line + 1;
             ApplyLine(plan.lines[line].parsed);
             in_call->line[w] = 0;
@@ -363,21 +350,12 @@ void ArmKill(uint32_t us) {
         if (!ReadWord(kChildIn, &c)) _exit(0);
         if (c.kind == kRunTo) limit = c.value;
         if (c.kind == kArm) ArmKill(c.value);
+        if (c.kind == kApply && c.value < plan.lines.size()) ApplyLine(plan.lines[c.value].parsed);
+        if (c.kind == kSync) Reply(kSynced, 0);
         if (c.kind != kPause) continue;
         limit = pos;
         Reply(kPaused, pos);
     }
-}
-
-// The shadow applies the line indexes it is sent.
-[[noreturn]] void ShadowMain(const Plan &plan) {
-    Prepare(plan);
-    Reply(kReady, 0);
-    for (Word c{}; ReadWord(kChildIn, &c);) {
-        if (c.kind == kApply && c.value < plan.lines.size()) ApplyLine(plan.lines[c.value].parsed);
-        if (c.kind == kSync) Reply(kSynced, 0);
-    }
-    _exit(0);
 }
 
 void CloseChild(Child *c) {
@@ -390,12 +368,7 @@ void CloseChild(Child *c) {
 // ends (and stdin, stdout, stderr) open.
 Child Fork(const std::string &ns, const std::function<void()> &body) {
     int in[2], out[2];
-    if (pipe(in) != 0) return {};
-    if (pipe(out) != 0) {
-        close(in[0]);
-        close(in[1]);
-        return {};
-    }
+    if (pipe(in) != 0 || pipe(out) != 0) return {};  // the campaign ends: nothing to close
     const pid_t parent = getpid();
     Child c;
     c.pid = fork();
@@ -461,31 +434,11 @@ std::string Differences(const json &got, const json &want) {
     return text;
 }
 
-// The kind of item of a plan line ("sub_add" of "sub_add of a port
-// sub-interface").
-std::string ItemKind(const std::string &line_kind) { return line_kind.substr(0, line_kind.find(' ')); }
-
 struct Problem {
     std::string kind, line;  // the check item's kind; "\n    name: problem"
     bool dead_lock;          // an entry lock that names a dead process
     bool operator<(const Problem &o) const { return line < o.line; }
 };
-
-// What a check's JSON report names as problems (a report that is not JSON
-// is one problem too).
-std::set<Problem> Problems(const ToolRun &r) {
-    const json items = json::parse(r.out, nullptr, false);
-    if (!items.is_array())
-        return {{"", "\n    not a check report (status " + std::to_string(r.status) + "): " + (r.out + r.err).substr(0, 400), false}};
-    std::set<Problem> found;
-    for (const json &i : items) {
-        if (!i.is_object() || i.value("ok", true)) continue;
-        const std::string kind = i.value("kind", "");
-        found.insert({kind, "\n    " + i.value("name", "?") + ": " + i.value("problem", "?"),
-                      kind == "entry_lock" && !i.value("alive", true)});
-    }
-    return found;
-}
 
 std::string Lines(const std::set<Problem> &problems, bool dead_only = false) {
     std::string text;
@@ -539,10 +492,12 @@ private:
     std::mt19937_64 rng_;
     const std::string ns_, shadow_ns_, seq_ns_;
     InCall *in_call_ = nullptr;
-    std::vector<Child> writers_;
-    std::vector<uint32_t> done_, target_;
-    std::vector<bool> ready_, paused_;
-    std::vector<bool> armed_, died_;  // a kill armed in the writer; it died
+    struct Writer {
+        Child c;
+        uint32_t done = 0, target = 0;  // positions reported done; to reach in this phase
+        bool ready = false, paused = false, armed = false, died = false;  // armed: a kill
+    };
+    std::vector<Writer> writers_;
     Child shadow_;
     bool synced_ = false;
     bool diverged_ = false;       // this pass had a re-application finding
@@ -568,16 +523,16 @@ private:
         printf("  result         %s\n", f_.unknown_unsafe == 0 ? "passed" : "FAILED: new re-application findings");
     }
 
+    static void End(Child *c) {
+        if (c->pid > 0) kill(c->pid, SIGKILL);
+        CloseChild(c);
+        c->pid = -1;
+    }
+
     // Ends the writers and the shadow.
     void Stop() {
-        for (Child &c : writers_) {
-            if (c.pid > 0) kill(c.pid, SIGKILL);
-            CloseChild(&c);
-            c.pid = -1;
-        }
-        if (shadow_.pid > 0) kill(shadow_.pid, SIGKILL);
-        CloseChild(&shadow_);
-        shadow_.pid = -1;
+        for (Writer &w : writers_) End(&w.c);
+        End(&shadow_);
         while (wait(nullptr) > 0) {
         }
     }
@@ -610,14 +565,15 @@ private:
     // entry is changed by the writers of all its members, so which event
     // stamped it last and how often its out-of-resource state flipped depend
     // on how their items interleave: those two fields are left out of a
-    // bundle's entry (each member's own entry keeps them).  "" or the error.
-    std::string Tables(const std::string &ns, json *all) const {
-        *all = json::object();
+    // bundle's entry (each member's own entry keeps them).  A table that
+    // cannot be read is an "error" entry, and so a difference too.
+    json Tables(const std::string &ns) const {
+        json all = json::object();
         for (const char *t : {"ifh", "punt", "oam"}) {
             const ToolRun r = Pmdbctl(o_.pmdbctl, {"--ns", ns, "dump", t, "--json"}, 10000);
             json j = json::parse(r.out, nullptr, false);
-            if (r.status != 0 || !j.is_array()) return std::string("pmdbctl dump ") + t + " failed: " + r.err;
-            json &table = (*all)[t] = json::object();
+            if (r.status != 0 || !j.is_array()) return {{"error", std::string("pmdbctl dump ") + t + " failed: " + r.err}};
+            json &table = all[t] = json::object();
             for (json &e : j) {
                 e.erase("last_update");
                 if (e.contains("intf_info")) e["intf_info"].erase("oor_time");
@@ -628,20 +584,19 @@ private:
                 table[e["key"].get<std::string>()] = e;
             }
         }
-        return "";
+        return all;
     }
 
     json TablesOrFail(const std::string &ns) {
-        json all;
-        if (const std::string error = Tables(ns, &all); !error.empty()) Fail(error);
+        json all = Tables(ns);
+        if (all.contains("error")) Fail(all["error"].get<std::string>());
         return all;
     }
 
     // What in the tables of namespace `ns` differs from `want`, "" when
-    // nothing does; a table that cannot be read whole is a difference too.
+    // nothing does.
     std::string Against(const json &want, const std::string &ns) const {
-        json got;
-        if (const std::string error = Tables(ns, &got); !error.empty()) return "\n    " + error;
+        const json got = Tables(ns);
         return got == want ? "" : Differences(got, want);
     }
 
@@ -650,11 +605,11 @@ private:
             synced_ = m.kind == kSynced;
             return;
         }
-        if (m.kind == kReady) ready_[w] = true;
-        if (m.kind == kPaused) paused_[w] = true;
+        if (m.kind == kReady) writers_[w].ready = true;
+        if (m.kind == kPaused) writers_[w].paused = true;
         if (m.kind != kDone) return;
-        if (m.value != done_[w]) Fail("writer " + std::to_string(w) + " reported item " + std::to_string(m.value) + " out of order");
-        done_[w]++;
+        if (m.value != writers_[w].done) Fail("writer " + std::to_string(w) + " reported item " + std::to_string(m.value) + " out of order");
+        writers_[w].done++;
         const auto &items = plan_.items[w];
         if (!Send(shadow_.cmd, kApply, items[m.value % items.size()])) Fail("the shadow process is gone");
     }
@@ -664,7 +619,7 @@ private:
     // after a report that reaches it.
     bool Pump(int timeout_ms, bool kills) {
         std::vector<pollfd> p;
-        for (size_t w = 0; w < writers_.size(); w++) p.push_back({died_[w] ? -1 : writers_[w].rep, POLLIN, 0});
+        for (size_t w = 0; w < writers_.size(); w++) p.push_back({writers_[w].died ? -1 : writers_[w].c.rep, POLLIN, 0});
         p.push_back({shadow_.rep, POLLIN, 0});
         if (poll(p.data(), p.size(), timeout_ms) <= 0) return false;
         bool any = false;
@@ -674,8 +629,8 @@ private:
             Word m{};
             any = true;
             if (!ReadWord(p[i].fd, &m)) {
-                if (w < 0 || !armed_[w]) Fail(w < 0 ? "the shadow process ended" : "writer " + std::to_string(w) + " ended without being killed: " + EndOf(writers_[w].pid));
-                died_[w] = true;
+                if (w < 0 || !writers_[w].armed) Fail(w < 0 ? "the shadow process ended" : "writer " + std::to_string(w) + " ended without being killed: " + EndOf(writers_[w].c.pid));
+                writers_[w].died = true;
                 continue;
             }
             Handle(w, m);
@@ -703,9 +658,9 @@ private:
     }
 
     Child StartWriter(unsigned w) {
-        const Child c = Fork(ns_, [&] { WriterMain(plan_, w, done_[w], in_call_); });
+        const Child c = Fork(ns_, [&] { ChildMain(plan_, static_cast<int>(w), writers_[w].done, in_call_); });
         if (c.pid < 0) Fail("cannot start writer " + std::to_string(w));
-        ready_[w] = false;
+        writers_[w].ready = false;
         return c;
     }
 
@@ -715,32 +670,26 @@ private:
         void *shared = in_call_ != nullptr ? in_call_ : mmap(nullptr, sizeof(InCall), PROT_READ | PROT_WRITE, MAP_SHARED | MAP_ANONYMOUS, -1, 0);
         if (shared == MAP_FAILED) Fail("no shared page for the writers");
         in_call_ = static_cast<InCall *>(shared);
-        done_.assign(n, 0);
-        for (unsigned w = 0; w < n; w++) done_[w] = static_cast<uint32_t>(pass * plan_.items[w].size());
-        target_ = done_;
-        ready_.assign(n, false);
-        paused_.assign(n, false);
-        armed_.assign(n, false);
-        died_.assign(n, false);
-        writers_.assign(n, Child{});
+        writers_.assign(n, Writer{});
         StartShadow(shadow_ns_);
-        for (unsigned w = 0; w < n; w++) writers_[w] = StartWriter(w);
+        for (unsigned w = 0; w < n; w++) {
+            writers_[w].done = writers_[w].target = static_cast<uint32_t>(pass * plan_.items[w].size());
+            writers_[w].c = StartWriter(w);
+        }
         for (unsigned w = 0; w < n; w++)
-            WaitFor([&] { return ready_[w]; }, "writer " + std::to_string(w) + " to start");
+            WaitFor([&] { return writers_[w].ready; }, "writer " + std::to_string(w) + " to start");
     }
 
     void StartShadow(const std::string &ns) {
-        shadow_ = Fork(ns, [&] { ShadowMain(plan_); });
+        shadow_ = Fork(ns, [&] { ChildMain(plan_, -1, 0, in_call_); });
         if (shadow_.pid < 0) Fail("cannot start the shadow process");
     }
 
     // The position at which writer w is done with the lines before `end` of
     // pass `pass`.
     uint32_t PhaseTarget(unsigned w, unsigned pass, size_t end) const {
-        const auto &items = plan_.items[w];
-        uint32_t k = 0;
-        while (k < items.size() && items[k] < end) k++;
-        return static_cast<uint32_t>(pass * items.size() + k);
+        const auto &items = plan_.items[w];  // ascending
+        return static_cast<uint32_t>(pass * items.size() + (std::lower_bound(items.begin(), items.end(), end) - items.begin()));
     }
 
     // `count` kills at items of pass `pass` chosen at random, each at a
@@ -757,26 +706,25 @@ private:
         }
     }
 
-    // The first kill planned for writer w in the current phase: true with
-    // *it when there is one.  A kill at an item the writer has passed (the
-    // restart after a kill re-applies one item unasked) moves to its next
-    // item.
-    bool KillPlanned(unsigned w, KillMap::iterator *it) {
-        *it = kill_at_.lower_bound({w, 0});
-        while (*it != kill_at_.end() && (*it)->first.first == w && (*it)->first.second < done_[w]) {
-            const unsigned offset = (*it)->second;
-            kill_at_.erase(*it);
-            kill_at_.try_emplace({w, done_[w]}, offset);
-            *it = kill_at_.lower_bound({w, 0});
+    // The first kill planned for writer w in the current phase, or end().
+    // A kill at an item the writer has passed (the restart after a kill
+    // re-applies one item unasked) moves to its next item.
+    KillMap::iterator NextKill(unsigned w) {
+        auto it = kill_at_.lower_bound({w, 0});
+        for (; it != kill_at_.end() && it->first.first == w && it->first.second < writers_[w].done; it = kill_at_.lower_bound({w, 0})) {
+            const unsigned offset = it->second;
+            kill_at_.erase(it);
+            kill_at_.try_emplace({w, writers_[w].done}, offset);
         }
-        return *it != kill_at_.end() && (*it)->first.first == w && (*it)->first.second < target_[w];
+        const bool in_phase = it != kill_at_.end() && it->first.first == w && it->first.second < writers_[w].target;
+        return in_phase ? it : kill_at_.end();
     }
 
     // How far writer w is let run: to the end of its part of the phase, or
     // to the item of its next planned kill, where it waits to be let go.
     uint32_t Limit(unsigned w) {
-        KillMap::iterator it;
-        return KillPlanned(w, &it) ? it->first.second : target_[w];
+        const auto it = NextKill(w);
+        return it != kill_at_.end() ? it->first.second : writers_[w].target;
     }
 
     // Where each writer is ("writer 0 done 12, let run to 14 of 20; ..."),
@@ -784,14 +732,14 @@ private:
     std::string Positions() {
         std::string text;
         for (unsigned w = 0; w < writers_.size(); w++)
-            text += "writer " + std::to_string(w) + " done " + std::to_string(done_[w]) + ", let run to " +
-                    std::to_string(Limit(w)) + " of " + std::to_string(target_[w]) + "; ";
+            text += "writer " + std::to_string(w) + " done " + std::to_string(writers_[w].done) + ", let run to " +
+                    std::to_string(Limit(w)) + " of " + std::to_string(writers_[w].target) + "; ";
         return text;
     }
 
     void LetRun(unsigned w) {
         // An armed writer may be dead already: its round comes next.
-        if (!Send(writers_[w].cmd, kRunTo, Limit(w)) && !armed_[w]) Fail("writer " + std::to_string(w) + " is gone");
+        if (!Send(writers_[w].c.cmd, kRunTo, Limit(w)) && !writers_[w].armed) Fail("writer " + std::to_string(w) + " is gone");
     }
 
     // Kills are placed by timers in the writers (ArmKill): a writer waiting
@@ -802,18 +750,18 @@ private:
     // armed at a time, so that a round judges the tables with no other
     // writer lying dead in the middle of an item.
     bool MaybeKill() {
-        bool armed = std::find(armed_.begin(), armed_.end(), true) != armed_.end();
+        bool armed = std::any_of(writers_.begin(), writers_.end(), [](const Writer &x) { return x.armed; });
         for (unsigned w = 0; w < writers_.size(); w++) {
-            if (died_[w] || (armed_[w] && done_[w] == Limit(w))) {
+            if (writers_[w].died || (writers_[w].armed && writers_[w].done == Limit(w))) {
                 Round(w);
                 return true;
             }
-            KillMap::iterator it;
-            if (armed || !KillPlanned(w, &it) || it->first.second != done_[w]) continue;
+            const auto it = armed ? kill_at_.end() : NextKill(w);
+            if (it == kill_at_.end() || it->first.second != writers_[w].done) continue;
             const unsigned offset = it->second;
             kill_at_.erase(it);
-            armed_[w] = true;
-            Send(writers_[w].cmd, kArm, offset);
+            writers_[w].armed = true;
+            Send(writers_[w].c.cmd, kArm, offset);
             LetRun(w);
             armed = true;
         }
@@ -826,11 +774,20 @@ private:
         WaitFor([&] { return synced_; }, "the shadow to catch up");
     }
 
-    // The problems of a check report other than those already explained in
-    // this pass.
-    std::set<Problem> NewProblems(const ToolRun &r) {
-        std::set<Problem> found = Problems(r);
-        for (const Problem &p : accepted_) found.erase(p);
+    // What a check's JSON report names as problems (a report that is not
+    // JSON is one problem too), but those already explained in this pass.
+    std::set<Problem> NewProblems(const ToolRun &r) const {
+        const json items = json::parse(r.out, nullptr, false);
+        if (!items.is_array())
+            return {{"", "\n    not a check report (status " + std::to_string(r.status) + "): " + (r.out + r.err).substr(0, 400), false}};
+        std::set<Problem> found;
+        for (const json &i : items) {
+            if (!i.is_object() || i.value("ok", true)) continue;
+            const std::string kind = i.value("kind", "");
+            const Problem p{kind, "\n    " + i.value("name", "?") + ": " + i.value("problem", "?"),
+                            kind == "entry_lock" && !i.value("alive", true)};
+            if (accepted_.count(p) == 0) found.insert(p);
+        }
         return found;
     }
 
@@ -894,19 +851,17 @@ private:
         printf("known re-application finding (check after repair), %s:%s\n", round_.c_str(), Lines(after).c_str());
     }
 
-    // The tables after a round against the shadow's.  A difference means
-    // that the item the writer was killed in, applied again from its start,
-    // did not leave what one application leaves (or that a completed item
-    // was lost): it is reported as a finding about that kind of item, and
-    // the rest of the pass is compared only at its end, when the teardown
-    // has emptied both.
-    void CompareRound(const std::string &kind) {
+    // The tables after a round against the shadow's.  A difference (the
+    // re-applied item did not leave what one application leaves, or a
+    // completed item was lost) is a finding about that kind of item; the rest
+    // of the pass is compared only at its end, when the teardown has emptied
+    // both.
+    void CompareRound(const std::string &item) {
         const std::string apart = Against(TablesOrFail(shadow_ns_), ns_);
         if (apart.empty()) return;
         diverged_ = true;
-        const std::string name = ItemKind(kind);
-        const bool known = Known(name);
-        f_.unsafe[name]++;
+        const bool known = Known(item);
+        f_.unsafe[item]++;
         f_.unknown_unsafe += !known;
         printf("%s re-application finding, %s:\n  tables against the shadow's (every completed item applied once, no kills):%s\n",
                known ? "known" : "NEW", round_.c_str(), apart.c_str());
@@ -920,15 +875,15 @@ private:
     void PauseOthers(unsigned w) {
         for (unsigned o = 0; o < writers_.size(); o++) {
             if (o == w) continue;
-            paused_[o] = false;
-            if (!Send(writers_[o].cmd, kPause) && !armed_[o]) Fail("writer " + std::to_string(o) + " is gone");
-            if (died_[o]) continue;
-            WaitFor([&] { return paused_[o] || died_[o]; }, "writer " + std::to_string(o) + " to pause");
+            writers_[o].paused = false;
+            if (!Send(writers_[o].c.cmd, kPause) && !writers_[o].armed) Fail("writer " + std::to_string(o) + " is gone");
+            if (writers_[o].died) continue;
+            WaitFor([&] { return writers_[o].paused || writers_[o].died; }, "writer " + std::to_string(o) + " to pause");
         }
     }
 
     void Round(unsigned w) {
-        Child &c = writers_[w];
+        Child &c = writers_[w].c;
         kill(c.pid, SIGKILL);
         f_.kills++;
         f_.rounds++;
@@ -940,25 +895,25 @@ private:
         CloseChild(&c);
         const uint32_t line = in_call_->line[w];
         in_call_->line[w] = 0;
-        armed_[w] = died_[w] = false;
+        writers_[w].armed = writers_[w].died = false;
         f_.in_call += line != 0;
         const auto &items = plan_.items[w];
-        const uint32_t redo = done_[w];
+        const uint32_t redo = writers_[w].done;
         const uint32_t redo_line = items[redo % items.size()];
-        const std::string kind = plan_.lines[redo_line].kind;
+        const Line &l = plan_.lines[redo_line];
         round_ = "round " + std::to_string(f_.rounds) + ": writer " + std::to_string(w) + " killed " +
                  (line != 0 ? "inside" : "outside") + " the call of line " + std::to_string(redo_line + 1) +
-                 " (" + kind + "), which it then applied again from its start";
+                 " (" + l.kind + "), which it then applied again from its start";
         PauseOthers(w);
-        writers_[w] = StartWriter(w);
-        WaitFor([&] { return ready_[w]; }, "writer " + std::to_string(w) + " to restart");
-        if (redo < target_[w]) {
-            Send(writers_[w].cmd, kRunTo, redo + 1);
-            WaitFor([&] { return done_[w] > redo; }, "the restarted writer " + std::to_string(w) + " to re-apply its item");
+        writers_[w].c = StartWriter(w);
+        WaitFor([&] { return writers_[w].ready; }, "writer " + std::to_string(w) + " to restart");
+        if (redo < writers_[w].target) {
+            Send(writers_[w].c.cmd, kRunTo, redo + 1);
+            WaitFor([&] { return writers_[w].done > redo; }, "the restarted writer " + std::to_string(w) + " to re-apply its item");
         }
         SyncShadow();
-        Check(line != 0 && Known(ItemKind(kind)) ? ItemKind(kind) : "");
-        if (!diverged_) CompareRound(kind);
+        Check(line != 0 && Known(l.item) ? l.item : "");
+        if (!diverged_) CompareRound(l.item);
         if (o_.verbose) printf("  %s: done\n", round_.c_str());
         round_.clear();
         for (unsigned o = 0; o < writers_.size(); o++) LetRun(o);
@@ -969,14 +924,12 @@ private:
         PlanKills(pass, kills);
         for (size_t end : plan_.phase_end) {
             for (unsigned w = 0; w < writers_.size(); w++) {
-                target_[w] = PhaseTarget(w, pass, end);
+                writers_[w].target = PhaseTarget(w, pass, end);
                 LetRun(w);
             }
             const std::string what = "the writers to finish lines up to " + std::to_string(end) + " (" + plan_.lines[end - 1].kind + ")";
             WaitFor([&] {
-                for (unsigned w = 0; w < writers_.size(); w++)
-                    if (done_[w] < target_[w]) return false;
-                return true;
+                return std::all_of(writers_.begin(), writers_.end(), [](const Writer &x) { return x.done >= x.target; });
             }, what, true);
             if (end != plan_.churn_end || diverged_) continue;
             const std::string apart = Against(seq_card_, ns_);
