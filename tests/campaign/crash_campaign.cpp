@@ -3,26 +3,16 @@
 // a moment chosen at random from the seed (an item and an offset into it,
 // delivered on time by a timer the writer arms, see MaybeKill) and restarts
 // it from the item after the last one it reported done, which it thus
-// applies again from its start.
-//
-// A round is one kill: the other writers pause after their current item, the
-// killed writer restarts and re-applies its interrupted item, then
-//   - `pmdbctl check` must pass, or pass after `pmdbctl repair` (a violation
-//     found and repaired); what still fails after the repair is a known
-//     re-application finding only when a kill inside a known kind of item
-//     explains all of it; an entry lock that names a dead process after that
-//     next writer ends the campaign;
-//   - the tables must equal the shadow's: a process in a namespace of its own
-//     that applied every item the writers reported done, once each, in the
-//     order the reports came, without kills.  So every item a dead writer
-//     completed is fully visible, and re-applying an interrupted item leaves
-//     what one application leaves.
-// At the end of each pass's churn and teardown the tables must also equal
-// those of the stream applied in stream order by one process: the phases'
-// interleavings do not matter.  A difference after a round is a
-// re-application finding about the kind of item; known kinds
-// (--known-unsafe) do not fail the campaign, and the pass goes on from fresh
-// tables at its end.
+// applies again from its start.  After each kill (a round, see Round) the
+// tables must pass `pmdbctl check`, or pass it after `pmdbctl repair`, and
+// equal the shadow's: a process in a namespace of its own that applied every
+// item the writers reported done, once each, without kills.  So every item a
+// dead writer completed is fully visible, and re-applying an interrupted
+// item leaves what one application leaves.  At the end of each pass's churn
+// and teardown they must also equal the stream's applied in stream order by
+// one process: the phases' interleavings do not matter.  Kinds of item named
+// in --known-unsafe are known not to be safe to apply again: their findings
+// are reported and do not fail the campaign.
 //
 // Every wait is bounded (--hang-ms without any report is a hang, which ends
 // the campaign naming what it waited for).  Exit status 0 when every round
@@ -121,23 +111,16 @@ struct Owner {
 
 Owner OwnerOf(const StreamLine &l) {
     const pmdb_intf_info_t &in = l.event.intf_info;
+    const unsigned t = l.event.event_type;
     if (l.op == StreamOp::kOor || l.op == StreamOp::kBundleOor) return {l.ifh, "member"};
     if (l.op != StreamOp::kEvent) return {0, "node"};  // inventory; the OAM event entry is not in a card
-    switch (l.event.event_type) {
-    case PMDB_EV_BUNDLE_ADD:
-    case PMDB_EV_BUNDLE_REMOVE:
-        return {in.bundle_ifh, "bundle"};
-    case PMDB_EV_SUB_ADD:
-    case PMDB_EV_SUB_REMOVE:
-        return in.bundle_ifh != 0 ? Owner{in.bundle_ifh, "bundle sub-interface"}
-                                  : Owner{in.ifh, "port sub-interface"};
-    case PMDB_EV_MEMBER_JOIN:
-    case PMDB_EV_MEMBER_MODIFY:
-    case PMDB_EV_MEMBER_LEAVE:
+    if (t == PMDB_EV_BUNDLE_ADD || t == PMDB_EV_BUNDLE_REMOVE) return {in.bundle_ifh, "bundle"};
+    if ((t == PMDB_EV_SUB_ADD || t == PMDB_EV_SUB_REMOVE) && in.bundle_ifh != 0)
+        return {in.bundle_ifh, "bundle sub-interface"};
+    if (t == PMDB_EV_SUB_ADD || t == PMDB_EV_SUB_REMOVE) return {in.ifh, "port sub-interface"};
+    if (t == PMDB_EV_MEMBER_JOIN || t == PMDB_EV_MEMBER_MODIFY || t == PMDB_EV_MEMBER_LEAVE)
         return {in.ifh, "member"};
-    default:
-        return {in.ifh, in.intf_type == PMDB_INTF_TYPE_BVI ? "BVI" : "port"};
-    }
+    return {in.ifh, in.intf_type == PMDB_INTF_TYPE_BVI ? "BVI" : "port"};
 }
 
 std::string Gen(const std::string &pmdbctl, const CardShape &s, const std::string &extra,
@@ -469,9 +452,11 @@ class Campaign {
 public:
     Campaign(const Options &o, const Plan &plan)
         : o_(o), plan_(plan), rng_(o.shape.seed), ns_("camp" + std::to_string(getpid())),
-          shadow_ns_(ns_ + "s"), seq_ns_(ns_ + "q") {}
+          shadow_ns_(ns_ + "s"), seq_ns_(ns_ + "q"),
+          in_call_(static_cast<InCall *>(mmap(nullptr, sizeof(InCall), PROT_READ | PROT_WRITE, MAP_SHARED | MAP_ANONYMOUS, -1, 0))) {}
 
     int Run() {
+        if (in_call_ == MAP_FAILED) Fail("no shared page for the writers");
         References();
         f_ = Figures{};
         Start(0);
@@ -491,7 +476,7 @@ private:
     const Plan &plan_;
     std::mt19937_64 rng_;
     const std::string ns_, shadow_ns_, seq_ns_;
-    InCall *in_call_ = nullptr;
+    InCall *const in_call_;
     struct Writer {
         Child c;
         uint32_t done = 0, target = 0;  // positions reported done; to reach in this phase
@@ -667,9 +652,6 @@ private:
     // Starts the shadow and the writers at the beginning of pass `pass`.
     void Start(unsigned pass) {
         const size_t n = o_.shape.writers;
-        void *shared = in_call_ != nullptr ? in_call_ : mmap(nullptr, sizeof(InCall), PROT_READ | PROT_WRITE, MAP_SHARED | MAP_ANONYMOUS, -1, 0);
-        if (shared == MAP_FAILED) Fail("no shared page for the writers");
-        in_call_ = static_cast<InCall *>(shared);
         writers_.assign(n, Writer{});
         StartShadow(shadow_ns_);
         for (unsigned w = 0; w < n; w++) {
@@ -809,11 +791,13 @@ private:
         return n;
     }
 
-    // `pmdbctl check` must pass, or pass after `pmdbctl repair`.  What still
-    // fails after the repair is a known re-application finding when every
-    // problem is explained by a kill inside the round's item, of a kind in
-    // --known-unsafe (`known_kind`, "" when none); those problems are then
-    // expected for the rest of the pass.  Anything else ends the campaign.
+    // `pmdbctl check` must pass, or pass after `pmdbctl repair` (a violation
+    // found and repaired).  An entry lock that names a dead process after
+    // the next writer ends the campaign.  What still fails after the repair
+    // is a known re-application finding when every problem is explained by a
+    // kill inside the round's item, of a kind in --known-unsafe (`known_kind`,
+    // "" when none); those problems are then expected for the rest of the
+    // pass.  Anything else ends the campaign.
     void Check(const std::string &known_kind) {
         const auto since = Clock::now();
         ToolRun r = CheckRun();
@@ -882,6 +866,9 @@ private:
         }
     }
 
+    // A round: the other writers pause after their current item, the killed
+    // writer restarts and re-applies its interrupted item, then the tables
+    // are checked (Check) and compared with the shadow's (CompareRound).
     void Round(unsigned w) {
         Child &c = writers_[w].c;
         kill(c.pid, SIGKILL);
