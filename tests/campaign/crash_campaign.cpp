@@ -514,7 +514,6 @@ private:
         c->pid = -1;
     }
 
-    // Ends the writers and the shadow.
     void Stop() {
         for (Writer &w : writers_) End(&w.c);
         End(&shadow_);
@@ -642,29 +641,25 @@ private:
         }
     }
 
-    Child StartWriter(unsigned w) {
-        const Child c = Fork(ns_, [&] { ChildMain(plan_, static_cast<int>(w), writers_[w].done, in_call_); });
-        if (c.pid < 0) Fail("cannot start writer " + std::to_string(w));
-        writers_[w].ready = false;
+    // Starts writer w from the position after the last it reported done,
+    // or (w < 0) the shadow, in namespace ns.
+    Child Spawn(const std::string &ns, int w) {
+        const uint32_t from = w < 0 ? 0 : writers_[w].done;
+        const Child c = Fork(ns, [&] { ChildMain(plan_, w, from, in_call_); });
+        if (c.pid < 0) Fail(w < 0 ? "cannot start the shadow process" : "cannot start writer " + std::to_string(w));
         return c;
     }
 
-    // Starts the shadow and the writers at the beginning of pass `pass`.
     void Start(unsigned pass) {
         const size_t n = o_.shape.writers;
         writers_.assign(n, Writer{});
-        StartShadow(shadow_ns_);
+        shadow_ = Spawn(shadow_ns_, -1);
         for (unsigned w = 0; w < n; w++) {
             writers_[w].done = writers_[w].target = static_cast<uint32_t>(pass * plan_.items[w].size());
-            writers_[w].c = StartWriter(w);
+            writers_[w].c = Spawn(ns_, static_cast<int>(w));
         }
         for (unsigned w = 0; w < n; w++)
             WaitFor([&] { return writers_[w].ready; }, "writer " + std::to_string(w) + " to start");
-    }
-
-    void StartShadow(const std::string &ns) {
-        shadow_ = Fork(ns, [&] { ChildMain(plan_, -1, 0, in_call_); });
-        if (shadow_.pid < 0) Fail("cannot start the shadow process");
     }
 
     // The position at which writer w is done with the lines before `end` of
@@ -866,9 +861,9 @@ private:
         }
     }
 
-    // A round: the other writers pause after their current item, the killed
-    // writer restarts and re-applies its interrupted item, then the tables
-    // are checked (Check) and compared with the shadow's (CompareRound).
+    // The other writers pause after their current item, the killed writer
+    // restarts and re-applies its interrupted item, then the tables are
+    // checked and compared with the shadow's.
     void Round(unsigned w) {
         Child &c = writers_[w].c;
         kill(c.pid, SIGKILL);
@@ -892,7 +887,8 @@ private:
                  (line != 0 ? "inside" : "outside") + " the call of line " + std::to_string(redo_line + 1) +
                  " (" + l.kind + "), which it then applied again from its start";
         PauseOthers(w);
-        writers_[w].c = StartWriter(w);
+        writers_[w].ready = false;
+        writers_[w].c = Spawn(ns_, static_cast<int>(w));
         WaitFor([&] { return writers_[w].ready; }, "writer " + std::to_string(w) + " to restart");
         if (redo < writers_[w].target) {
             Send(writers_[w].c.cmd, kRunTo, redo + 1);
@@ -951,7 +947,7 @@ private:
     // callback, so its bundle counters are not a port mapper's), at the end
     // of the churn and of the whole card.
     void References() {
-        StartShadow(seq_ns_);
+        shadow_ = Spawn(seq_ns_, -1);
         for (uint32_t i = 0; i < plan_.lines.size(); i++) {
             if (plan_.lines[i].writer == kEveryWriter) continue;
             if (!Send(shadow_.cmd, kApply, i)) Fail("the reference process is gone");
