@@ -12,7 +12,6 @@
 #include <gtest/gtest.h>
 #include <rapidcheck.h>
 
-#include <map>
 #include <ostream>
 #include <optional>
 #include <set>
