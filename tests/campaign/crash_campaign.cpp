@@ -111,7 +111,8 @@ Owner OwnerOf(const StreamLine &l) {
     const pmdb_intf_info_t &in = l.event.intf_info;
     const unsigned t = l.event.event_type;
     if (l.op == StreamOp::kOor || l.op == StreamOp::kBundleOor) return {l.ifh, "member"};
-    if (l.op != StreamOp::kEvent) return {0, "node"};  // inventory; the OAM event entry is not in a card
+    // Inventory lines; the OAM event entry is not in a card.
+    if (l.op != StreamOp::kEvent) return {0, "node"};
     if (t == PMDB_EV_BUNDLE_ADD || t == PMDB_EV_BUNDLE_REMOVE) return {in.bundle_ifh, "bundle"};
     if ((t == PMDB_EV_SUB_ADD || t == PMDB_EV_SUB_REMOVE) && in.bundle_ifh != 0)
         return {in.bundle_ifh, "bundle sub-interface"};
@@ -258,7 +259,8 @@ void ApplyLine(StreamLine l) {
         return (void)dpa_pmdb_update_bundle_oor_state(l.ifh, l.state, l.reason, &bundle, &state,
                                                       &changed, &slot);
     case StreamOp::kBundleOor:
-        return (void)dpa_pmdb_set_bundle_oor_state(l.ifh, static_cast<i32>(l.state), l.reason, &slot);
+        return (void)dpa_pmdb_set_bundle_oor_state(l.ifh, static_cast<i32>(l.state), l.reason,
+                                                   &slot);
     case StreamOp::kInventoryAdd:
         return (void)pm_port_inv_entry_add(l.node_id, l.node_index, l.npu_index, l.high_scale);
     case StreamOp::kInventoryRemove:
@@ -448,7 +450,8 @@ public:
     Campaign(const Options &o, const Plan &plan)
         : o_(o), plan_(plan), rng_(o.shape.seed), ns_("camp" + std::to_string(getpid())),
           shadow_ns_(ns_ + "s"), seq_ns_(ns_ + "q"),
-          in_call_(static_cast<InCall *>(mmap(nullptr, sizeof(InCall), PROT_READ | PROT_WRITE, MAP_SHARED | MAP_ANONYMOUS, -1, 0))) {}
+          in_call_(static_cast<InCall *>(mmap(nullptr, sizeof(InCall), PROT_READ | PROT_WRITE,
+                                              MAP_SHARED | MAP_ANONYMOUS, -1, 0))) {}
 
     int Run() {
         if (in_call_ == MAP_FAILED) Fail("no shared page for the writers");
@@ -641,7 +644,8 @@ private:
     Child Spawn(const std::string &ns, int w) {
         const uint32_t from = w < 0 ? 0 : writers_[w].done;
         const Child c = Fork(ns, [&] { ChildMain(plan_, w, from, in_call_); });
-        if (c.pid < 0) Fail(w < 0 ? "cannot start the shadow process" : "cannot start writer " + std::to_string(w));
+        if (c.pid < 0)
+            Fail(w < 0 ? "cannot start the shadow process" : "cannot start writer " + std::to_string(w));
         return c;
     }
 
@@ -661,7 +665,8 @@ private:
     // pass `pass`.
     uint32_t PhaseTarget(unsigned w, unsigned pass, size_t end) const {
         const auto &items = plan_.items[w];  // ascending
-        return static_cast<uint32_t>(pass * items.size() + (std::lower_bound(items.begin(), items.end(), end) - items.begin()));
+        const auto k = std::lower_bound(items.begin(), items.end(), end) - items.begin();
+        return static_cast<uint32_t>(pass * items.size() + k);
     }
 
     // `count` kills at items of pass `pass` chosen at random, each at a
@@ -682,13 +687,15 @@ private:
     // A kill at an item the writer has passed (the restart after a kill
     // re-applies one item unasked) moves to its next item.
     KillMap::iterator NextKill(unsigned w) {
+        const Writer &x = writers_[w];
         auto it = kill_at_.lower_bound({w, 0});
-        for (; it != kill_at_.end() && it->first.first == w && it->first.second < writers_[w].done; it = kill_at_.lower_bound({w, 0})) {
+        while (it != kill_at_.end() && it->first.first == w && it->first.second < x.done) {
             const unsigned offset = it->second;
             kill_at_.erase(it);
-            kill_at_.try_emplace({w, writers_[w].done}, offset);
+            kill_at_.try_emplace({w, x.done}, offset);
+            it = kill_at_.lower_bound({w, 0});
         }
-        const bool in_phase = it != kill_at_.end() && it->first.first == w && it->first.second < writers_[w].target;
+        const bool in_phase = it != kill_at_.end() && it->first.first == w && it->first.second < x.target;
         return in_phase ? it : kill_at_.end();
     }
 
@@ -722,7 +729,8 @@ private:
     // armed at a time, so that a round judges the tables with no other
     // writer lying dead in the middle of an item.
     bool MaybeKill() {
-        bool armed = std::any_of(writers_.begin(), writers_.end(), [](const Writer &x) { return x.armed; });
+        bool armed = std::any_of(writers_.begin(), writers_.end(),
+                                 [](const Writer &x) { return x.armed; });
         for (unsigned w = 0; w < writers_.size(); w++) {
             if (writers_[w].died || (writers_[w].armed && writers_[w].done == Limit(w))) {
                 Round(w);
@@ -758,7 +766,8 @@ private:
         std::string dead;
         for (const json &i : items) {
             if (!i.is_object() || i.value("ok", true)) continue;
-            const Problem p{i.value("kind", ""), "\n    " + i.value("name", "?") + ": " + i.value("problem", "?")};
+            const Problem p{i.value("kind", ""),
+                            "\n    " + i.value("name", "?") + ": " + i.value("problem", "?")};
             if (accepted_.count(p) != 0) continue;
             found.insert(p);
             if (p.kind == "entry_lock" && !i.value("alive", true)) dead += p.line;
@@ -908,7 +917,8 @@ private:
             }
             const std::string what = "the writers to finish lines up to " + std::to_string(end) + " (" + plan_.lines[end - 1].kind + ")";
             WaitFor([&] {
-                return std::all_of(writers_.begin(), writers_.end(), [](const Writer &x) { return x.done >= x.target; });
+                return std::all_of(writers_.begin(), writers_.end(),
+                                   [](const Writer &x) { return x.done >= x.target; });
             }, what, true);
             if (end != plan_.churn_end || diverged_) continue;
             const std::string apart = Against(seq_card_, ns_);

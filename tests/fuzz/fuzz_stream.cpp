@@ -22,7 +22,8 @@ void CheckLine(const std::string &text) {
     if (!reason.empty()) return;
     const std::string written = pmdbctl::StreamLineJson(line).dump();
     const std::string why = pmdbctl::ParseStreamLine(written, &again);
-    const std::string back = why.empty() ? pmdbctl::StreamLineJson(again).dump() : "refused: " + why;
+    const std::string back =
+        why.empty() ? pmdbctl::StreamLineJson(again).dump() : "refused: " + why;
     if (back != written) {
         fprintf(stderr, "fuzz: %s\nfuzz: reads back as %s\n", written.c_str(), back.c_str());
         fuzz::Broken("written line reads back otherwise");
