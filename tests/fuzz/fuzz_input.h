@@ -1,12 +1,9 @@
 /*
- * fuzz_input.h - what the fuzz harnesses share: a reader of the input's
- * bytes, the report of a broken invariant, and the entry points.
- *
- * Each harness defines one body `int Fuzz<Name>(const uint8_t *, size_t)`
- * and names it in PMDB_FUZZ_TARGET.  Built with PMDB_LIBFUZZER the macro
- * makes the body libFuzzer's target (and runs the harness's setup once);
- * without it the body is an ordinary function that fuzz_regress_test feeds
- * the kept inputs through, so that a fixed crash stays fixed in `make test`.
+ * fuzz_input.h - what the fuzz harnesses share.  Each defines one body
+ * `int Fuzz<Name>(const uint8_t *, size_t)` and names it in
+ * PMDB_FUZZ_TARGET: with PMDB_LIBFUZZER it is libFuzzer's target (the setup
+ * runs once), without it fuzz_regress_test feeds it the kept inputs, so that
+ * a fixed crash stays fixed in `make test`.
  */
 #ifndef PMDB_TESTS_FUZZ_INPUT_H
 #define PMDB_TESTS_FUZZ_INPUT_H
@@ -32,18 +29,9 @@ public:
     }
     uint16_t U16() { return static_cast<uint16_t>(Byte() | (Byte() << 8)); }
     uint32_t U32() { return U16() | (static_cast<uint32_t>(U16()) << 16); }
-    /* One of `n` values (n > 0). */
     template <class T, size_t N>
     T Pick(const T (&values)[N]) {
         return values[Byte() % N];
-    }
-    /* Up to `n` bytes into `out`; the number copied. */
-    size_t Bytes(void *out, size_t n) {
-        const size_t k = n < left_ ? n : left_;
-        memcpy(out, p_, k);
-        p_ += k;
-        left_ -= k;
-        return k;
     }
 
 private:

@@ -3,20 +3,16 @@
  * dpa_pmdb_oper against a small card.
  *
  * Input: one byte of settings (OAM, LCVM redundancy, egress punt entries,
- * route processor with a data path), then events of 8 bytes each and their
- * body patches: type, valid_flags, node, picks of the interface, sub-
- * interface and bundle handles from a small set (so that events meet the
- * entries earlier events made), the interface type, the punt handle, the
- * number of patches, then that many (offset, byte) pairs written into the
- * 256-byte body.
+ * route processor with a data path), then per event: type, valid_flags,
+ * node, picks of the interface, sub-interface and bundle handles from a
+ * small set (so that events meet the entries earlier events made), the
+ * interface type, the punt handle, and (offset, byte) patches of the body.
  *
- * What must hold: no crash or sanitizer report; after every event, each
- * bundle whose counters disagree with its members is put right by the
- * repair (an event's interface block is copied whole into its IFH entry,
- * counters and member fields included, so an event may well leave them
- * apart: the operator's repair is what brings them back); after the input
- * the three tables pass the table store's check.  Then every entry is
- * removed, so that the next input starts on empty tables.
+ * What must hold: no crash or sanitizer report; after every event the
+ * repair puts right every bundle whose counters disagree with its members
+ * (an event's interface block is copied whole into its IFH entry, counters
+ * included, so an event may leave them apart); after the input the three
+ * tables pass the table store's check.  Then every entry is removed.
  */
 #include <unistd.h>
 

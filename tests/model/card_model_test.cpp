@@ -1,21 +1,17 @@
-// The card's interfaces against a reference model: random sequences of
-// port, bundle, member and bundle sub-interface events handed to
-// dpa_pmdb_oper on four ports, two bundles and a sub-interface of each.
-// The model knows which IFH entries exist, which ports are active members
-// of which bundle, each bundle's stored member count (which follows joins
-// and leaves only while the bundle's entry exists) and each sub-
-// interface's node list; an active member's removal counts it out.  Where
-// the model says what an event leaves alone (an event it must ignore, a
-// join to a bundle without an entry), nothing else of the three tables
-// changes.  After every event the tables are the model's,
-// and the library's bundle counter check names exactly the bundles whose
-// stored count the model says differs from their members.  The events are
-// the ones a port mapper sends: a member's own events name the bundle it
-// belongs to.  A failing sequence is shrunk to the shortest that fails.
+// The card's interfaces against a reference model: random sequences of the
+// port, bundle, member and bundle sub-interface events a port mapper sends
+// (a member's own events name its bundle), on four ports, two bundles and a
+// sub-interface of each.  The model knows which IFH entries exist, which
+// ports are active members of which bundle, each bundle's stored member
+// count (which follows joins and leaves only while the bundle's entry
+// exists; an active member's removal counts it out) and each sub-interface's
+// node list.  After every event the tables are the model's, nothing the
+// model says an event leaves alone changes, and the library's bundle counter
+// check names exactly the bundles whose stored count differs from their
+// members.  A failing sequence is shrunk to the shortest that fails.
 #include <gtest/gtest.h>
 #include <rapidcheck.h>
 
-#include <map>
 #include <ostream>
 #include <optional>
 #include <set>
@@ -62,12 +58,9 @@ struct Port {
     u16 member_port = 0;
 };
 struct Bundle {
-    bool exists = false;
-    u8 count = 0;  // stored member_count
-};
-struct Sub {
-    bool exists = false;
-    u16 mask = 0;
+    bool exists = false, sub = false;  // the bundle's entry; its sub-interface's
+    u8 count = 0;                      // stored member_count
+    u16 mask = 0;                      // the sub-interface's node list
 };
 
 class Card {
@@ -101,10 +94,6 @@ private:
     }
     u8 StoredCount(u32 b) const { return bundles_[b].exists ? bundles_[b].count : 0; }
     void Member(const Op &op);
-    void RemoveBundle(u32 b) {
-        bundles_[b] = Bundle{};
-        subs_[b] = Sub{};
-    }
     u32 Derived(u32 b) const {
         u32 n = 0;
         for (const Port &p : ports_) n += p.exists && p.active && p.bundle_ifh == BundleIfh(b);
@@ -113,7 +102,6 @@ private:
 
     Port ports_[kPorts];
     Bundle bundles_[kBundles];
-    Sub subs_[kBundles];
     u32 events_ = 0;
     Tables before_;                  // the tables before the last event
     std::optional<std::string> only_;  // all that event may have changed (Diff)
@@ -157,7 +145,7 @@ void Card::Member(const Op &op) {
     Bundle &bundle = bundles_[b];
     if (counted && p.active) bundle.count++;
     if (counted && !p.active && bundle.count > 0) bundle.count--;
-    if (op.kind == kLeave && StoredCount(b) == 0) RemoveBundle(b);
+    if (op.kind == kLeave && StoredCount(b) == 0) bundle = Bundle{};
 }
 
 bool Card::Apply(const Op &op) {
@@ -189,24 +177,24 @@ bool Card::Apply(const Op &op) {
         case kRemoveBundle:
             Send(PMDB_EV_BUNDLE_REMOVE, BundleInfo(op.bundle));
             if (StoredCount(op.bundle) == 0)
-                RemoveBundle(op.bundle);
+                bundles_[op.bundle] = Bundle{};
             else
                 only_ = "";
             break;
         case kAddSub:
             Send(PMDB_EV_SUB_ADD, SubInfo(op.bundle), op.node);
-            subs_[op.bundle].exists = true;
-            subs_[op.bundle].mask |= static_cast<u16>(1u << op.node);
+            bundles_[op.bundle].sub = true;
+            bundles_[op.bundle].mask |= static_cast<u16>(1u << op.node);
             break;
         case kRemoveSub: {
             Send(PMDB_EV_SUB_REMOVE, SubInfo(op.bundle), op.node);
-            Sub &s = subs_[op.bundle];
-            if (StoredCount(op.bundle) == 0 || !s.exists) {
+            Bundle &s = bundles_[op.bundle];
+            if (StoredCount(op.bundle) == 0 || !s.sub) {
                 only_ = "";
                 break;
             }
             s.mask &= static_cast<u16>(~(1u << op.node));
-            if (s.mask == 0) s = Sub{};
+            if (s.mask == 0) s.sub = false;
             break;
         }
         default:
@@ -220,35 +208,31 @@ void CollectWrong(void *ctx, const dpa_pmdb_bundle_counts_t *c, cerrno status) {
     if (status == 0) static_cast<std::set<u32> *>(ctx)->insert(c->bundle_ifh);
 }
 
+// The IFH entry `key`, which must exist; its key joins *keys.
+pmdb_ifh_entry_t Entry(u32 key, std::set<u32> *keys) {
+    pmdb_ifh_entry_t e{};
+    RC_ASSERT(dpa_pmdb_copy_entry(PMDB_TYPE_IFH, key, &e, sizeof e) == PMDB_OK);
+    keys->insert(key);
+    return e;
+}
+
 void Card::Check() const {
     std::set<u32> want_keys, want_wrong;
     for (u32 i = 0; i < kPorts; i++) {
         if (!ports_[i].exists) continue;
-        want_keys.insert(PortIfh(i));
-        pmdb_ifh_entry_t e{};
-        RC_ASSERT(dpa_pmdb_copy_entry(PMDB_TYPE_IFH, PortIfh(i), &e, sizeof e) == PMDB_OK);
+        const pmdb_ifh_entry_t e = Entry(PortIfh(i), &want_keys);
         RC_ASSERT(((e.ifh_flags & PMDB_IFH_MEMBER_ACTIVE) != 0) == ports_[i].active);
         RC_ASSERT(e.intf_info.bundle_ifh == ports_[i].bundle_ifh);
     }
     for (u32 b = 0; b < kBundles; b++) {
         if (bundles_[b].exists) {
-            want_keys.insert(BundleIfh(b));
-            pmdb_ifh_entry_t e{};
-            RC_ASSERT(dpa_pmdb_copy_entry(PMDB_TYPE_IFH, BundleIfh(b), &e, sizeof e) == PMDB_OK);
-            RC_ASSERT(e.member_count == bundles_[b].count);
+            RC_ASSERT(Entry(BundleIfh(b), &want_keys).member_count == bundles_[b].count);
             if (bundles_[b].count != Derived(b)) want_wrong.insert(BundleIfh(b));
         }
-        if (!subs_[b].exists) continue;
-        want_keys.insert(SubIfh(b));
-        pmdb_ifh_entry_t e{};
-        RC_ASSERT(dpa_pmdb_copy_entry(PMDB_TYPE_IFH, SubIfh(b), &e, sizeof e) == PMDB_OK);
-        RC_ASSERT(e.node_mask == subs_[b].mask);
+        if (bundles_[b].sub) RC_ASSERT(Entry(SubIfh(b), &want_keys).node_mask == bundles_[b].mask);
     }
-    const Tables now = Snapshot();
-    if (only_) RC_ASSERT(Diff(before_, now) == *only_);
-    std::set<u32> keys;
-    for (const auto &[key, bytes] : now.t[PMDB_TYPE_IFH]) keys.insert(key);
-    RC_ASSERT(keys == want_keys);
+    if (only_) RC_ASSERT(Diff(before_, Snapshot()) == *only_);
+    RC_ASSERT(Keys(PMDB_TYPE_IFH) == want_keys);
     std::set<u32> wrong;
     RC_ASSERT(dpa_pmdb_check_bundle_counts(0, CollectWrong, &wrong) == PMDB_OK);
     RC_ASSERT(wrong == want_wrong);
