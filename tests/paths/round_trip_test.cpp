@@ -1,7 +1,7 @@
 // Round trips: every kind of interface added with all its entries and then
 // removed with all of them leaves the three tables as they were, except for
-// the entries that the removal leaves behind by design - in one process, and
-// from two processes at once on disjoint interfaces.
+// the entries that the removal leaves behind by design.  (Two processes at
+// once on disjoint interfaces: the dispatcher's card test.)
 #include <gtest/gtest.h>
 
 #include <set>
@@ -101,16 +101,15 @@ void Configure(bool oam) {
 
 // What the round trip should leave: `before` plus the left-behind keys.
 ::testing::AssertionResult LeavesOnlyWhatIsLeftBehind(const Tables &before, const Tables &after,
-                                                      const std::vector<Scenario> &all) {
+                                                      const Scenario &s) {
     Tables want = before;
-    for (const Scenario &s : all)
-        for (int type = 0; type < PMDB_NUM_TYPES; type++)
-            for (u32 key : s.LeftBehind(static_cast<pmdb_type_t>(type))) {
-                auto it = after.t[type].find(key);
-                if (it == after.t[type].end())
-                    return ::testing::AssertionFailure() << "not left behind: 0x" << std::hex << key;
-                want.t[type][key] = it->second;
-            }
+    for (int type = 0; type < PMDB_NUM_TYPES; type++)
+        for (u32 key : s.LeftBehind(static_cast<pmdb_type_t>(type))) {
+            auto it = after.t[type].find(key);
+            if (it == after.t[type].end())
+                return ::testing::AssertionFailure() << "not left behind: 0x" << std::hex << key;
+            want.t[type][key] = it->second;
+        }
     if (want == after) return ::testing::AssertionSuccess();
     return ::testing::AssertionFailure() << Diff(want, after);
 }
@@ -127,7 +126,7 @@ TEST_P(RoundTrip, RemovingAllUndoesAddingAll) {
     EXPECT_GT(added.t[PMDB_TYPE_PUNT].size(), before.t[PMDB_TYPE_PUNT].size());
     EXPECT_TRUE(Has(PMDB_TYPE_IFH, s.ifh()));
     s.Remove();
-    EXPECT_TRUE(LeavesOnlyWhatIsLeftBehind(before, Snapshot(), {s}));
+    EXPECT_TRUE(LeavesOnlyWhatIsLeftBehind(before, Snapshot(), s));
 }
 
 std::vector<Case> AllCases() {
@@ -144,33 +143,5 @@ INSTANTIATE_TEST_SUITE_P(Kinds, RoundTrip, ::testing::ValuesIn(AllCases()),
                                     (i.param.oam ? "_Oam" : "_NoOam") +
                                     (i.param.egress ? "_Egress" : "_Ingress");
                          });
-
-// Two processes, each running every kind's round trip on its own
-// interfaces, released together: the tables end as one process leaves them.
-class TwoProcessRoundTrip : public pmdb::test::PmdbTest {};
-
-TEST_F(TwoProcessRoundTrip, DisjointInterfacesEndInTheSameTables) {
-    Configure(true);
-    std::vector<Scenario> mine[2];
-    for (int p = 0; p < 2; p++)
-        for (Kind k : {kPort, kPortSub, kBundle, kMember, kBundleSub})
-            for (bool egress : {false, true})
-                mine[p].push_back({{k, true, egress}, static_cast<u32>(p * 32 + k * 2 + egress)});
-    for (const auto &list : mine)
-        for (const Scenario &s : list) s.Setup();
-    const Tables before = Snapshot();
-    pmdb::test::RunAtOnce(
-        2, [] { Configure(true); },
-        [&mine](size_t p) {
-            for (int round = 0; round < 3; round++)
-                for (const Scenario &s : mine[p]) {
-                    s.Add();
-                    s.Remove();
-                }
-        });
-    std::vector<Scenario> all = mine[0];
-    all.insert(all.end(), mine[1].begin(), mine[1].end());
-    EXPECT_TRUE(LeavesOnlyWhatIsLeftBehind(before, Snapshot(), all));
-}
 
 }  // namespace
