@@ -113,23 +113,6 @@ TEST_F(MemberPath, JoinModifyLeaveUseTheMembersFourKeys) {
     EXPECT_TRUE(Has(PMDB_TYPE_IFH, kIfh));
 }
 
-TEST_F(MemberPath, RemovalOfAnActiveMemberUsesItsMemberKey) {
-    // port_lo 0x15, port_hi 2, shift 1: 0x8415 : 0.
-    AddBundle();
-    pmdb_intf_info_t m = AddPort(kIfh, 0);
-    m.member_port = (2 << 10) | 0x15;
-    m.member_port_shift = 1;
-    Member(PMDB_EV_MEMBER_JOIN, m);
-    Member(PMDB_EV_MEMBER_MODIFY, m);
-    ASSERT_TRUE(Has(PMDB_TYPE_PUNT, 0x84150000));
-    MarkTraces();
-    (void)dpa_pmdb_remove_all_entries(kIfh, PMDB_EV_INTF_REMOVE, 0, 0, 9);
-    ExpectTrace(VESK_EVENT, 215, {kIfh, 0x84150000, 0, 0});
-    ExpectTrace(VESK_EVENT, 254, {7, kBundle, kIfh, 1024, 1});
-    EXPECT_FALSE(Has(PMDB_TYPE_PUNT, 0x84150000));
-    EXPECT_FALSE(Has(PMDB_TYPE_PUNT, 0x12340000));
-}
-
 TEST_F(MemberPath, BundlePuntEventRefreshesTheKeysOfItsMembers) {
     AddBundle();
     pmdb_event_t punt = PuntEvent(PMDB_EV_BUNDLE_PUNT, kBundle);

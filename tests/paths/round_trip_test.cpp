@@ -96,6 +96,12 @@ TEST_P(RoundTrip, RemovingAllUndoesAddingAll) {
                                  PMDB_EV_INTF_REMOVE, PMDB_EV_SUB_REMOVE};
     (void)dpa_pmdb_remove_all_entries(kIfh, kRemove[c.kind], Own(c).ingress_lif,
                                       c.kind == kBundle, 3);
+    // An active member's removal takes its member key, then walks its
+    // bundle's sub-interfaces.
+    if (c.kind == kMember && !c.egress) {
+        ExpectTrace(VESK_EVENT, 215, {kIfh, 0x82010000, 0, 0});
+        ExpectTrace(VESK_EVENT, 254, {7, kParent, kIfh, 1024, 1});
+    }
     EXPECT_EQ(Diff(before, Snapshot()), LeftBehind(c));
 }
 
