@@ -1,7 +1,7 @@
 // The bundle member event path: a member joining, changing and leaving its
-// bundle, the member keys it works on (worked examples), an inactive member
-// leaving, the last member leaving, and a bundle's punt event refreshing the
-// keys its members gave it.
+// bundle, the member keys it works on (worked examples), an event naming no
+// bundle, an inactive member leaving, the last member leaving, and a
+// bundle's punt event refreshing the keys its members gave it.
 #include <gtest/gtest.h>
 
 #include "paths_support.h"
@@ -46,22 +46,20 @@ protected:
     }
 };
 
-TEST_F(MemberPath, EventWithoutABundleChangesNothing) {
-    AddBundle();
-    pmdb_intf_info_t m = AddPort(kIfh, 0);
-    m.bundle_ifh = 0;
-    const Tables before = Snapshot();
-    MarkTraces();
-    Member(PMDB_EV_MEMBER_JOIN, m);
-    ExpectTrace(VESK_EVENT, 282, {PMDB_EV_MEMBER_JOIN, kIfh, 0, 5, 3, 7});
-    EXPECT_EQ(Diff(before, Snapshot()), "");
-    EXPECT_EQ(Traces(VESK_DATABASE).size() + Traces(VESK_ERROR).size(), 0u);
-}
-
-TEST_F(MemberPath, JoinModifyLeaveUseTheMembersFourKeys) {
+TEST_F(MemberPath, JoinModifyLeaveUseTheMembersFourKeysAndNeedABundle) {
     AddBundle();
     const pmdb_intf_info_t m = AddPort(kIfh, 0);
     const pmdb_intf_info_t other = AddPort(kIfh + 1, 1);
+    // An event that names no bundle changes nothing.
+    pmdb_intf_info_t unbundled = m;
+    unbundled.bundle_ifh = 0;
+    const Tables before = Snapshot();
+    MarkTraces();
+    Member(PMDB_EV_MEMBER_JOIN, unbundled);
+    ExpectTrace(VESK_EVENT, 282, {PMDB_EV_MEMBER_JOIN, kIfh, 0, 5, 3, 7});
+    EXPECT_EQ(Diff(before, Snapshot()), "");
+    EXPECT_EQ(Traces(VESK_DATABASE).size() + Traces(VESK_ERROR).size(), 0u);
+
     Member(PMDB_EV_MEMBER_JOIN, other);
     const std::set<u32> punt_before = Keys(PMDB_TYPE_PUNT);
 
