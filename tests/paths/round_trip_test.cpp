@@ -24,6 +24,7 @@ struct Case {
 };
 
 constexpr u32 kIfh = 0x5001, kParent = 0x6001;
+constexpr u32 kMemberKey = 0x82010000;  // of member port (1 << 10) | 1, shift 1
 
 // Interface 1 of its kind; a port sub-interface sits on its parent port's
 // system port.
@@ -56,7 +57,7 @@ std::string LeftBehind(const Case &c) {
     std::ostringstream out;
     out << std::hex;
     // Written without bit 30 by the modify; removed with it.
-    if (c.kind == kMember && c.egress) out << "PUNT +0x" << (0x80000000u | (0x201u << 16)) << " ";
+    if (c.kind == kMember && c.egress) out << "PUNT +0x" << kMemberKey << " ";
     if (c.kind != kBundleSub) return out.str();
     const u32 punt = c.egress ? ((in.egress_lif & 0xFFFF) | 0x40000000u) : in.ingress_lif;
     out << "PUNT +0x" << punt << " ";
@@ -94,12 +95,13 @@ TEST_P(RoundTrip, RemovingAllUndoesAddingAll) {
     EXPECT_TRUE(Has(PMDB_TYPE_IFH, kIfh));
     static const u8 kRemove[] = {PMDB_EV_INTF_REMOVE, PMDB_EV_SUB_REMOVE, PMDB_EV_BUNDLE_REMOVE,
                                  PMDB_EV_INTF_REMOVE, PMDB_EV_SUB_REMOVE};
+    MarkTraces();
     (void)dpa_pmdb_remove_all_entries(kIfh, kRemove[c.kind], Own(c).ingress_lif,
                                       c.kind == kBundle, 3);
     // An active member's removal takes its member key, then walks its
     // bundle's sub-interfaces.
     if (c.kind == kMember && !c.egress) {
-        ExpectTrace(VESK_EVENT, 215, {kIfh, 0x82010000, 0, 0});
+        ExpectTrace(VESK_EVENT, 215, {kIfh, kMemberKey, 0, 0});
         ExpectTrace(VESK_EVENT, 254, {7, kParent, kIfh, 1024, 1});
     }
     EXPECT_EQ(Diff(before, Snapshot()), LeftBehind(c));
