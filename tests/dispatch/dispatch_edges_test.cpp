@@ -27,24 +27,18 @@ constexpr u32 kLoneSub = 0x3102;  // and its sub-interface
 constexpr u32 kMissing = 0x9999;  // no entry anywhere
 constexpr u32 kId = 77;
 
-pmdb_intf_info_t PortInfo(u32 ifh, u32 n) {
+// Interface n as port `ifh`, bundle `bundle` or, with `sub`, the valid
+// sub-interface `sub` of that bundle.
+pmdb_intf_info_t Intf(u32 n, u32 ifh, u32 bundle = 0, u32 sub = 0) {
     pmdb_intf_info_t in = Info(n, false);
     in.ifh = ifh;
-    return in;
-}
-pmdb_intf_info_t BundleInfo(u32 bundle, u32 n) {
-    pmdb_intf_info_t in = Info(n, false);
     in.bundle_ifh = bundle;
-    return in;
-}
-pmdb_intf_info_t SubInfo(u32 sub, u32 bundle, u32 n) {
-    pmdb_intf_info_t in = BundleInfo(bundle, n);
     in.sub_ifh = sub;
-    in.sub_flags = PMDB_SUB_VALID;
+    in.sub_flags = sub != 0 ? PMDB_SUB_VALID : 0;
     return in;
 }
 pmdb_intf_info_t MemberInfo(u32 i) {
-    pmdb_intf_info_t in = PortInfo(kMembers[i], 10 + i);
+    pmdb_intf_info_t in = Intf(10 + i, kMembers[i]);
     in.bundle_ifh = kBundle;
     in.member_port = static_cast<u16>((1u << 10) | (i + 1));
     in.member_port_shift = 1;
@@ -57,30 +51,6 @@ void Oper(u8 type, const pmdb_intf_info_t &in, u32 node = 1, u8 flags = PMDB_VF_
     dpa_pmdb_oper(&ev, node);
 }
 
-// Every byte of every entry, change stamps included.
-using Raw = std::map<u32, std::vector<u8>>;
-int KeepRaw(void *ctx, u32 key, const void *entry) {
-    auto *t = static_cast<std::pair<u32, Raw *> *>(ctx);
-    const auto *p = static_cast<const u8 *>(entry);
-    (*t->second)[key] = std::vector<u8>(p, p + t->first);
-    return 0;
-}
-std::vector<Raw> RawTables() {
-    static const u32 kSize[] = {PMDB_IFH_ENTRY_SIZE, PMDB_PUNT_ENTRY_SIZE, PMDB_OAM_ENTRY_SIZE};
-    std::vector<Raw> all(PMDB_NUM_TYPES);
-    for (int t = 0; t < PMDB_NUM_TYPES; t++) {
-        std::pair<u32, Raw *> ctx{kSize[t], &all[t]};
-        EXPECT_EQ(dpa_pmdb_walk(static_cast<pmdb_type_t>(t), KeepRaw, &ctx), PMDB_OK);
-    }
-    return all;
-}
-
-pmdb_ifh_entry_t Ifh(u32 key) {
-    pmdb_ifh_entry_t e{};
-    EXPECT_EQ(dpa_pmdb_copy_entry(PMDB_TYPE_IFH, key, &e, sizeof e), PMDB_OK) << std::hex << key;
-    return e;
-}
-
 // A port, a bundle with three members and a sub-interface on nodes 1 and 2,
 // and a bundle without members with a sub-interface: all through events.
 class Dispatch : public pmdb::test::PmdbTest {
@@ -88,16 +58,16 @@ protected:
     void SetUp() override {
         PmdbTest::SetUp();
         Set("oam_enable", 1);
-        Oper(PMDB_EV_INTF_ADD, PortInfo(kPort, 1));
-        Oper(PMDB_EV_BUNDLE_ADD, BundleInfo(kBundle, 3));
-        Oper(PMDB_EV_BUNDLE_ADD, BundleInfo(kLone, 4));
+        Oper(PMDB_EV_INTF_ADD, Intf(1, kPort));
+        Oper(PMDB_EV_BUNDLE_ADD, Intf(3, 0, kBundle));
+        Oper(PMDB_EV_BUNDLE_ADD, Intf(4, 0, kLone));
         for (u32 i = 0; i < 3; i++) {
-            Oper(PMDB_EV_INTF_ADD, PortInfo(kMembers[i], 10 + i));
+            Oper(PMDB_EV_INTF_ADD, Intf(10 + i, kMembers[i]));
             Oper(PMDB_EV_MEMBER_JOIN, MemberInfo(i));
         }
-        Oper(PMDB_EV_SUB_ADD, SubInfo(kSub, kBundle, 5), 1);
-        Oper(PMDB_EV_SUB_ADD, SubInfo(kSub, kBundle, 5), 2);
-        Oper(PMDB_EV_SUB_ADD, SubInfo(kLoneSub, kLone, 6), 1);
+        Oper(PMDB_EV_SUB_ADD, Intf(5, 0, kBundle, kSub), 1);
+        Oper(PMDB_EV_SUB_ADD, Intf(5, 0, kBundle, kSub), 2);
+        Oper(PMDB_EV_SUB_ADD, Intf(6, 0, kLone, kLoneSub), 1);
         u8 members = 0;
         ASSERT_EQ(dpa_pmdb_get_num_members(&members, kBundle), PMDB_OK);
         ASSERT_EQ(members, 3);
@@ -120,7 +90,7 @@ struct NoChange {
     bool only;  // no other record in any buffer
 };
 
-void Typed(u8 type, u8 flags) { Oper(type, PortInfo(kPort, 1), 1, flags); }
+void Typed(u8 type, u8 flags) { Oper(type, Intf(1, kPort), 1, flags); }
 pmdb_intf_info_t Unflagged(pmdb_intf_info_t in) {
     in.sub_flags = 0;
     return in;
@@ -134,26 +104,26 @@ const NoChange kNoChange[] = {
     {"Type23", [] { Typed(23, PMDB_VF_INTF); }, {{VESK_ERROR, 277, {23, 0}}}, true},
     {"Type255", [] { Typed(255, PMDB_VF_INTF); }, {{VESK_ERROR, 277, {255, 0}}}, true},
     {"NullEvent", [] { dpa_pmdb_oper(nullptr, 1); }, {{VESK_ERROR, 284, {}}}, true},
-    {"SubAddNotValid", [] { Oper(4, Unflagged(SubInfo(0x3103, kBundle, 7))); }, {}, true},
-    {"SubRemoveNotValid", [] { Oper(15, Unflagged(SubInfo(kSub, kBundle, 5))); }, {}, true},
-    {"SubPuntNotValid", [] { Oper(11, Unflagged(SubInfo(kSub, kBundle, 5))); }, {}, true},
+    {"SubAddNotValid", [] { Oper(4, Unflagged(Intf(7, 0, kBundle, 0x3103))); }, {}, true},
+    {"SubRemoveNotValid", [] { Oper(15, Unflagged(Intf(5, 0, kBundle, kSub))); }, {}, true},
+    {"SubPuntNotValid", [] { Oper(11, Unflagged(Intf(5, 0, kBundle, kSub))); }, {}, true},
     {"PortPuntNoReading", [] { Typed(8, 0); },
      {{VESK_EVENT, 278, {8, 0, kId}}, {VESK_ERROR, 289, {0, kId, 22}}}, false},
-    {"BundlePuntNoReading", [] { Oper(9, BundleInfo(kBundle, 3), 1, 0); },
+    {"BundlePuntNoReading", [] { Oper(9, Intf(3, 0, kBundle), 1, 0); },
      {{VESK_EVENT, 278, {9, 0, kId}}, {VESK_ERROR, 289, {0, kId, 22}}}, false},
-    {"SubPuntNoReading", [] { Oper(11, SubInfo(kSub, kBundle, 5), 1, 0); },
+    {"SubPuntNoReading", [] { Oper(11, Intf(5, 0, kBundle, kSub), 1, 0); },
      {{VESK_EVENT, 278, {11, 0, kId}}, {VESK_ERROR, 289, {0, kId, 22}}}, false},
-    {"BundleWithMembers", [] { Oper(13, BundleInfo(kBundle, 3)); },
+    {"BundleWithMembers", [] { Oper(13, Intf(3, 0, kBundle)); },
      {{VESK_EVENT, 278, {13, kBundle, kId}}}, false},
     {"PortOfBundleWithMembers", [] { Oper(12, MemberInfo(0)); },
      {{VESK_EVENT, 278, {12, kMembers[0], kId}}}, false},
-    {"SubOfBundleWithoutMembers", [] { Oper(15, SubInfo(kLoneSub, kLone, 6)); },
+    {"SubOfBundleWithoutMembers", [] { Oper(15, Intf(6, 0, kLone, kLoneSub)); },
      {{VESK_DATABASE, 256, {kLoneSub, kLone, 0}}}, false},
-    {"RemoveMissingPort", [] { Oper(14, PortInfo(kMissing, 9)); },
+    {"RemoveMissingPort", [] { Oper(14, Intf(9, kMissing)); },
      {{VESK_ERROR, 210, {kMissing, TABRA_E_NOTFOUND}}}, false},
-    {"MacOfMissingBundle", [] { Oper(22, BundleInfo(kMissing, 9)); },
+    {"MacOfMissingBundle", [] { Oper(22, Intf(9, 0, kMissing)); },
      {{VESK_DATABASE, 258, {kMissing, 0, 0}}}, false},
-    {"ReKeyOfMissingBundle", [] { Oper(10, BundleInfo(kMissing, 9)); },
+    {"ReKeyOfMissingBundle", [] { Oper(10, Intf(9, 0, kMissing)); },
      {{VESK_DATABASE, 258, {kMissing, 0, 0}}}, false},
     {"PuntAndBit5", [] { Typed(8, PMDB_VF_PUNT | PMDB_VF_NO_PUNT); },
      {{VESK_ERROR, 142, {}}}, false},
@@ -162,9 +132,9 @@ const NoChange kNoChange[] = {
 class DispatchNoChange : public Dispatch, public ::testing::WithParamInterface<NoChange> {};
 
 TEST_P(DispatchNoChange, TablesStayByteForByte) {
-    const std::vector<Raw> before = RawTables();
+    const Tables before = Snapshot(true);  // change stamps too
     GetParam().act();
-    EXPECT_TRUE(RawTables() == before);
+    EXPECT_EQ(Diff(before, Snapshot(true)), "");
     for (const Want &w : GetParam().traces) {
         EXPECT_TRUE(pmdb::test::TraceWritten(mark(), w.kind, w.point, w.args)) << w.point;
     }
@@ -193,7 +163,7 @@ class DispatchNode : public Dispatch, public ::testing::WithParamInterface<NodeC
 TEST_P(DispatchNode, RecordAndMaskTakeTheSelectedNode) {
     const NodeCase c = GetParam();
     platform_host_set_node_id(42);
-    pmdb_intf_info_t in = PortInfo(0x1010, 20);
+    pmdb_intf_info_t in = Intf(20, 0x1010);
     in.intf_type = c.intf_type;
     in.node_id = 7;
     pmdb_event_t ev = Event(c.type, in, kId);
@@ -216,7 +186,7 @@ INSTANTIATE_TEST_SUITE_P(
 // A punt image reaches the add path with node 0: with the interface reading
 // beside it no node bit is set; without the punt image the bit is set.
 TEST_F(Dispatch, PuntImageUsesNodeZero) {
-    const pmdb_intf_info_t in = PortInfo(kPort, 1);
+    const pmdb_intf_info_t in = Intf(1, kPort);
     Oper(PMDB_EV_INTF_PUNT, in, 5, PMDB_VF_INTF | PMDB_VF_PUNT);
     ExpectTrace(VESK_EVENT, 280, {0, in.egress_lif, in.oam_id, 0, 0});
     EXPECT_EQ(Ifh(kPort).node_mask, 1u << 1);
@@ -228,7 +198,7 @@ TEST_F(Dispatch, PuntImageUsesNodeZero) {
 // ---- paths ---------------------------------------------------------------
 
 TEST_F(Dispatch, BundleSubInterfaceGoesWithTheLastNode) {
-    const pmdb_intf_info_t sub = SubInfo(kSub, kBundle, 5);
+    const pmdb_intf_info_t sub = Intf(5, 0, kBundle, kSub);
     const u32 punt_key = sub.ingress_lif;
     const u32 oam_key = (sub.oam_id << 16) | 28;
     ASSERT_TRUE(Has(PMDB_TYPE_PUNT, punt_key) && Has(PMDB_TYPE_OAM, oam_key));
@@ -267,7 +237,7 @@ TEST_F(Dispatch, ReKeyRemovesOldMemberKeysAndWritesOnePerMember) {
     };
     for (const ReKey &s : steps) {
         SCOPED_TRACE(s.traced_handle);
-        pmdb_intf_info_t in = BundleInfo(kBundle, 3);
+        pmdb_intf_info_t in = Intf(3, 0, kBundle);
         in.intf_flags = s.egress ? PMDB_INTF_EGRESS_KEY : 0;
         in.egress_lif = s.egress_lif;
         in.ingress_lif = s.ingress_lif;
@@ -295,7 +265,7 @@ TEST_F(Dispatch, ReKeyRemovesOldMemberKeysAndWritesOnePerMember) {
 }
 
 TEST_F(Dispatch, MacChangeWalksSubInterfacesOncePerMemberThenTheBundle) {
-    pmdb_intf_info_t in = BundleInfo(kBundle, 3);
+    pmdb_intf_info_t in = Intf(3, 0, kBundle);
     const u8 mac[6] = {0x0a, 1, 2, 3, 4, 5};
     memcpy(in.mac_addr, mac, 6);
     const Tables before = Snapshot();
@@ -323,7 +293,7 @@ class DispatchRefresh : public Dispatch, public ::testing::WithParamInterface<Re
 
 TEST_P(DispatchRefresh, NodeLocalPortsPuntEntriesTakeTheWords) {
     const Refresh c = GetParam();
-    pmdb_intf_info_t in = PortInfo(0x1020, 30);
+    pmdb_intf_info_t in = Intf(30, 0x1020);
     in.intf_type = c.intf_type;
     Oper(PMDB_EV_INTF_ADD, in);
     pmdb_event_t ev = PuntEvent(c.type, 0x1020, kId);

@@ -53,6 +53,7 @@ constexpr u32 kSize[PMDB_NUM_TYPES] = {PMDB_IFH_ENTRY_SIZE, PMDB_PUNT_ENTRY_SIZE
 
 struct WalkCtx {
     int type;
+    bool stamps;
     std::map<u32, std::vector<u8>> *into;
 };
 
@@ -60,7 +61,7 @@ int Keep(void *ctx, u32 key, const void *entry) {
     auto *w = static_cast<WalkCtx *>(ctx);
     const auto *p = static_cast<const u8 *>(entry);
     std::vector<u8> bytes(p, p + kSize[w->type]);
-    memset(bytes.data() + kStampAt[w->type], 0, kStampLen[w->type]);
+    if (!w->stamps) memset(bytes.data() + kStampAt[w->type], 0, kStampLen[w->type]);
     (*w->into)[key] = bytes;
     return 0;
 }
@@ -70,10 +71,10 @@ bool g_sub_list_set = false;
 
 }  // namespace
 
-Tables Snapshot() {
+Tables Snapshot(bool stamps) {
     Tables t;
     for (int type = 0; type < PMDB_NUM_TYPES; type++) {
-        WalkCtx ctx{type, &t.t[type]};
+        WalkCtx ctx{type, stamps, &t.t[type]};
         const cerrno rc = dpa_pmdb_walk(static_cast<pmdb_type_t>(type), Keep, &ctx);
         EXPECT_TRUE(rc == PMDB_OK || rc == PMDB_ENOTFOUND) << "walk of type " << type << ": " << rc;
     }
@@ -137,6 +138,12 @@ pmdb_intf_info_t PuntInfo(u32 key) {
     pmdb_intf_info_t in;
     memcpy(&in, buf, sizeof in);
     return in;
+}
+
+pmdb_ifh_entry_t Ifh(u32 key) {
+    pmdb_ifh_entry_t e{};
+    EXPECT_EQ(dpa_pmdb_copy_entry(PMDB_TYPE_IFH, key, &e, sizeof e), PMDB_OK) << std::hex << key;
+    return e;
 }
 
 void Set(const char *name, int64_t value) { ASSERT_EQ(halvo_host_set(name, value), 0) << name; }

@@ -20,13 +20,13 @@ pmdb_intf_info_t Info(u32 n, bool egress_key);
 pmdb_event_t Event(u8 type, const pmdb_intf_info_t &in, u32 event_id = 1);
 pmdb_event_t PuntEvent(u8 type, u32 ifh, u32 event_id = 1);
 
-// Every entry of every table (key -> bytes), with the change stamps cleared:
-// what another process sees, less the time of the last change.
+// Every entry of every table (key -> bytes), with the change stamps cleared
+// unless `stamps`: what another process sees, less the time of the last change.
 struct Tables {
     std::map<u32, std::vector<u8>> t[PMDB_NUM_TYPES];
     bool operator==(const Tables &) const = default;
 };
-Tables Snapshot();
+Tables Snapshot(bool stamps = false);
 // Keys present in `after` and not in `before`, and the reverse, per table;
 // entries changed under a common key; "" when equal.
 std::string Diff(const Tables &before, const Tables &after);
@@ -39,8 +39,10 @@ std::set<u32> Keys(pmdb_type_t type);
 pmdb_intf_info_t Worked(bool egress_key);
 // An IFH entry holding only `in`, written as the library writes one.
 void PutIfh(u32 key, const pmdb_intf_info_t &in, u8 member_count = 0);
-// The stored interface block of a PUNT entry (fails the test when absent).
+// The stored interface block of a PUNT entry, and an IFH entry (each fails
+// the test when absent).
 pmdb_intf_info_t PuntInfo(u32 key);
+pmdb_ifh_entry_t Ifh(u32 key);
 
 // Overrides one host setting (halvo name) for this process.
 void Set(const char *name, int64_t value);

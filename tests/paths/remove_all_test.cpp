@@ -8,7 +8,6 @@
 #include "host/os_host.h"
 #include "host/pm_fault.h"
 #include "paths_support.h"
-#include "pmdb_db_test.h"
 #include "pmdb_ops.h"
 #include "tabra.h"
 
@@ -128,24 +127,10 @@ TEST_F(RemoveAll, BundlePathGivesZeroWhenEveryRemovalFailed) {
     EXPECT_TRUE(Keys(PMDB_TYPE_IFH).empty());
 }
 
-// The walk over a bundle's sub-interfaces.
-class SubWalk : public RemoveAll {};
-
-TEST_F(SubWalk, SkipsAZeroInTheMiddleOfTheList) {
-    PutBundleSub(5);
-    PutBundleSub(9);
-    OverrideSubList({5, 0, 9});
-    dpa_pmdb_bundle_sub_intf_oper(PMDB_EV_MEMBER_LEAVE, 0, kBundle, 0, nullptr, 4);
-    EXPECT_TRUE(Keys(PMDB_TYPE_IFH).empty());
-    EXPECT_TRUE(Keys(PMDB_TYPE_PUNT).empty());
-    for (u32 h : {5u, 9u}) {
-        ExpectTrace(VESK_EVENT, 252, {7, h, 0});
-        ExpectTrace(VESK_EVENT, 253, {h, Info(h, false).ingress_lif, 0, 0});
-    }
-    ExpectTrace(VESK_EVENT, 255, {7, kBundle, 0, 1024, 0});
-}
-
-TEST_F(SubWalk, MemberFlagOnlyLooksTheListUpAndMacReachesEverySub) {
+// The walk over a bundle's sub-interfaces: with the member flag it only
+// looks the list up; a MAC reaches every sub-interface; a removal skips a
+// zero in the middle of the list.
+TEST_F(RemoveAll, SubInterfaceWalk) {
     PutBundleSub(5);
     PutBundleSub(9);
     const Tables before = Snapshot();
@@ -156,11 +141,19 @@ TEST_F(SubWalk, MemberFlagOnlyLooksTheListUpAndMacReachesEverySub) {
     const u8 mac[6] = {2, 4, 6, 8, 10, 12};
     dpa_pmdb_bundle_sub_intf_oper(PMDB_EV_BUNDLE_MAC, 0, kBundle, 0, mac, 4);
     for (u32 h : {5u, 9u}) {
-        pmdb_ifh_entry_t e;
-        ASSERT_TRUE(pmdb::test::CopyEntry(PMDB_TYPE_IFH, h, &e, sizeof e));
+        const pmdb_ifh_entry_t e = Ifh(h);
         EXPECT_EQ(memcmp(e.intf_info.mac_addr, mac, sizeof mac), 0) << h;
         EXPECT_EQ(e.intf_info.ingress_lif, Info(h, false).ingress_lif);  // nothing else
     }
+    OverrideSubList({5, 0, 9});
+    dpa_pmdb_bundle_sub_intf_oper(PMDB_EV_MEMBER_LEAVE, 0, kBundle, 0, nullptr, 4);
+    EXPECT_TRUE(Keys(PMDB_TYPE_IFH).empty());
+    EXPECT_TRUE(Keys(PMDB_TYPE_PUNT).empty());
+    for (u32 h : {5u, 9u}) {
+        ExpectTrace(VESK_EVENT, 252, {7, h, 0});
+        ExpectTrace(VESK_EVENT, 253, {h, Info(h, false).ingress_lif, 0, 0});
+    }
+    ExpectTrace(VESK_EVENT, 255, {7, kBundle, 0, 1024, 0});
 }
 
 // Walk size: the sysctl key's low 32 bits, else the platform's limit.

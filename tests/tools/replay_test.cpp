@@ -1,10 +1,8 @@
-// pmdbctl replay, gen, graph and check as a user runs them: refused lines, a
-// generated card against the same card built by calling the library, its
-// teardown, its drawing, and the check of it damaged the way faults do.
-// pmdbctl replay and gen as a user runs them: refused lines, a generated
-// card against the same card built by calling the library, and its teardown.
-// pmdbctl save, load and diff on generated cards: a card saved and loaded
-// elsewhere, a save taken during churn, refused files, the diff of a churn.
+// pmdbctl replay, gen, graph, check, save, load and diff as a user runs
+// them: refused lines, a generated card against the same card built by
+// calling the library, its teardown, its drawing, the check of it damaged the
+// way faults do, a card saved and loaded elsewhere (also during churn),
+// refused snapshot files, and the diff of a churn.
 #include <gtest/gtest.h>
 #include <signal.h>
 #include <stdlib.h>
@@ -35,6 +33,11 @@ ToolRun Pmdbctl(const std::vector<std::string> &args) {
     return pmdb::test::RunTool(PMDBCTL_PATH, args);
 }
 
+std::string Read(const std::string &path) {
+    std::ifstream in(path, std::ios::binary);
+    return std::string(std::istreambuf_iterator<char>(in), std::istreambuf_iterator<char>());
+}
+
 class ReplayTest : public pmdb::test::PmdbTest {
 protected:
     void TearDown() override {
@@ -52,6 +55,20 @@ protected:
     std::string OtherNs() {
         others_.push_back(pmdb::test::UniqueNamespace());
         return others_.back();
+    }
+    // Loads `snap` into a new namespace, which must check clean and hold
+    // every entry of the file in its slot (diff); returns the namespace.
+    std::string LoadElsewhere(const std::string &snap) {
+        const std::string other = OtherNs();
+        const ToolRun load = Pmdbctl({"load", snap, "--ns", other});
+        EXPECT_EQ(load.status, 0) << load.err;
+        const ToolRun check = Pmdbctl({"--ns", other, "check"});
+        EXPECT_EQ(check.status, 0) << check.out << check.err;
+        const json d = json::parse(Pmdbctl({"diff", snap, other, "--json"}).out);
+        for (const char *t : {"ifh", "punt", "oam"})
+            for (const char *what : {"added", "removed", "changed"})
+                EXPECT_EQ(d["tables"][t][what], json::array()) << t << " " << what;
+        return other;
     }
 
 private:
@@ -176,18 +193,6 @@ TEST_F(ReplayTest, GeneratedCardReplaysAsTheLibraryCalledDirectly) {
     }
 }
 
-TEST_F(ReplayTest, TeardownLeavesNothing) {
-    std::vector<std::string> args = kCard;
-    args.push_back("--teardown");
-    const ToolRun gen = Pmdbctl(args);
-    ASSERT_EQ(gen.status, 0) << gen.err;
-    const ToolRun r = Pmdbctl({"replay", "--json", File(gen.out)});
-    ASSERT_EQ(r.status, 0) << r.err;
-    const json s = json::parse(r.out);
-    EXPECT_EQ(s["failed"], 0);
-    for (const char *t : {"ifh", "punt", "oam"}) EXPECT_EQ(s["tables"][t]["after"], 0) << t;
-}
-
 // A small card: ports 0x11000 0x11001 0x21000 0x21001, each with one
 // sub-interface (0xn2001, 0xn2011); bundle 0xb00100 with two members and
 // sub-interface 0xb00101; BVI 0xe00001 on node 1.
@@ -233,15 +238,11 @@ TEST_F(CardToolTest, GraphNamesTheCardsInterfacesAndRendersToSvg) {
     for (const std::string &w : want) EXPECT_NE(dot.out.find(w), std::string::npos) << w << "\n" << dot.out;
 
     const std::string svg = File("");
-    if (system("command -v dot >/dev/null") == 0) {  // graphviz is installed
-        const ToolRun r = Pmdbctl({"graph", "--svg", svg});
-        ASSERT_EQ(r.status, 0) << r.err;
-        EXPECT_EQ(r.out, "");
-        std::ifstream in(svg);
-        const std::string text((std::istreambuf_iterator<char>(in)), std::istreambuf_iterator<char>());
-        EXPECT_NE(text.find("<svg"), std::string::npos);
-        EXPECT_NE(text.find("bundle 0x00b00100"), std::string::npos);
-    }
+    const ToolRun r = Pmdbctl({"graph", "--svg", svg});
+    ASSERT_EQ(r.status, 0) << r.err;
+    EXPECT_EQ(r.out, "");
+    EXPECT_NE(Read(svg).find("<svg"), std::string::npos);
+    EXPECT_NE(Read(svg).find("bundle 0x00b00100"), std::string::npos);
     // Without dot: one line, and a non-zero exit.
     const std::string path = getenv("PATH");
     setenv("PATH", "/nonexistent", 1);
@@ -360,12 +361,17 @@ std::map<std::string, json> TraceRecords(const std::string &ns) {
     return out;
 }
 
-TEST_F(ReplayTest, SavedCardLoadsElsewhereAsItWas) {
-    // The card, then its teardown's last port removal: the first slots are
-    // free, so a load that lets the table store choose slots moves entries.
+TEST_F(ReplayTest, TeardownLeavesNothingAndASavedCardLoadsElsewhereAsItWas) {
     std::vector<std::string> teardown = kCard;
     teardown.push_back("--teardown");
     const std::string full = Pmdbctl(teardown).out;
+    const ToolRun gone = Pmdbctl({"--ns", OtherNs(), "replay", "--json", File(full)});
+    ASSERT_EQ(gone.status, 0) << gone.err;
+    const json s = json::parse(gone.out);
+    EXPECT_EQ(s["failed"], 0);
+    for (const char *t : {"ifh", "punt", "oam"}) EXPECT_EQ(s["tables"][t]["after"], 0) << t;
+    // The card, then its teardown's last port removal: the first slots are
+    // free, so a load that lets the table store choose slots moves entries.
     const size_t last_port = full.rfind(R"({"type":"main_remove")");
     ASSERT_NE(last_port, std::string::npos);
     const std::string removal = full.substr(last_port, full.find('\n', last_port) - last_port + 1);
@@ -374,18 +380,11 @@ TEST_F(ReplayTest, SavedCardLoadsElsewhereAsItWas) {
     const ToolRun save = Pmdbctl({"save", snap});
     ASSERT_EQ(save.status, 0) << save.err;
     const std::map<std::string, json> traces = TraceRecords(ns());
-    const std::string other = OtherNs();
-    const ToolRun load = Pmdbctl({"load", snap, "--ns", other});
-    ASSERT_EQ(load.status, 0) << load.err;
+    const std::string other = LoadElsewhere(snap);
     const json tables = Tables(ns(), true);
     ASSERT_GT(tables["punt"].size(), 20u);
     EXPECT_EQ(json::diff(tables, Tables(other, true)), json::array());
     EXPECT_EQ(Globals(other), Globals(ns()));
-    const json d = json::parse(Pmdbctl({"diff", snap, other, "--json"}).out);  // slots too
-    for (const char *t : {"ifh", "punt", "oam"})
-        EXPECT_EQ(d["tables"][t]["changed"], json::array()) << t;
-    const ToolRun check = Pmdbctl({"--ns", other, "check"});
-    EXPECT_EQ(check.status, 0) << check.out << check.err;
     // The saved records keep their numbers, times and writers; the load's
     // own opens follow them.
     const std::map<std::string, json> loaded = TraceRecords(other);
@@ -413,37 +412,24 @@ TEST_F(ReplayTest, SaveDuringChurnLoadsACardThatChecks) {
         EXPECT_EQ(save.err, "");  // every bundle agreed with its members
     }
     EXPECT_EQ(replay.Finish().status, 0);
-    for (const std::string &snap : snaps) {
-        const std::string other = OtherNs();
-        ASSERT_EQ(Pmdbctl({"load", snap, "--ns", other}).status, 0);
-        const ToolRun check = Pmdbctl({"--ns", other, "check"});
-        EXPECT_EQ(check.status, 0) << check.out << check.err;
-        const json d = json::parse(Pmdbctl({"diff", snap, other, "--json"}).out);
-        for (const char *t : {"ifh", "punt", "oam"})
-            for (const char *what : {"added", "removed", "changed"})
-                EXPECT_EQ(d["tables"][t][what], json::array()) << t << " " << what;
-    }
+    for (const std::string &snap : snaps) LoadElsewhere(snap);
 }
 
 TEST_F(ReplayTest, DamagedForeignOrMisdirectedLoadCreatesNothing) {
     ASSERT_EQ(Pmdbctl({"replay", File(Pmdbctl(kCard).out)}).status, 0);
     const std::string snap = File("");
     ASSERT_EQ(Pmdbctl({"save", snap}).status, 0);
-    std::ifstream in(snap, std::ios::binary);
-    const std::string good((std::istreambuf_iterator<char>(in)), std::istreambuf_iterator<char>());
+    const std::string good = Read(snap);
     std::string flipped = good, other_version = good;
     flipped[good.size() / 2] ^= 0x10;
     other_version[8] = 2;  // the format version follows the 8-byte magic
     // A compressed save holds the same card; flipped, it is refused too.
     const std::string zsnap = File("");
     ASSERT_EQ(Pmdbctl({"save", "--compress", zsnap}).status, 0);
-    std::ifstream zin(zsnap, std::ios::binary);
-    std::string zflipped((std::istreambuf_iterator<char>(zin)), std::istreambuf_iterator<char>());
+    std::string zflipped = Read(zsnap);
     ASSERT_LT(zflipped.size(), good.size() / 2);
     zflipped[zflipped.size() / 2] ^= 0x10;
-    const std::string unpacked = OtherNs();
-    ASSERT_EQ(Pmdbctl({"load", zsnap, "--ns", unpacked}).status, 0);
-    EXPECT_EQ(Tables(unpacked, true), Tables(ns(), true));
+    EXPECT_EQ(Tables(LoadElsewhere(zsnap), true), Tables(ns(), true));
     const json before = Tables(ns(), true);
     struct Case {
         const char *what;
