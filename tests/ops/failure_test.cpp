@@ -402,8 +402,7 @@ TEST_F(NullArguments, EveryExportedCallRefusesNullPointersAndKeyZeroAndChangesNo
         {"dpa_pmdb_update_sub_intf_count(0)", [] { return dpa_pmdb_update_sub_intf_count(0, 1, 1); },
          PMDB_EINVAL, 129},
         {"dpa_pmdb_remove_ifh_entry(0)",
-         [&a] { return dpa_pmdb_remove_ifh_entry(0, &a.summary, 1); }, PMDB_EINVAL, 161, {}, 0,
-         "tabra_"}, /* the bundle member registry is mapped first */
+         [&a] { return dpa_pmdb_remove_ifh_entry(0, &a.summary, 1); }, PMDB_EINVAL, 161},
         {"dpa_pmdb_get_ifh_summary(0)", [&a] { return dpa_pmdb_get_ifh_summary(0, &a.summary); },
          PMDB_EINVAL},
         {"dpa_pmdb_add_punt_entry(0)",

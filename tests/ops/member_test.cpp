@@ -4,7 +4,9 @@
 // with writers killed between a member's change and its bundle's.
 #include <gtest/gtest.h>
 
+#include <fcntl.h>
 #include <sys/wait.h>
+#include <unistd.h>
 
 #include <cstring>
 #include <random>
@@ -13,6 +15,7 @@
 #include "pmdb_member_ops.h"
 #include "pmdb_ops.h"
 #include "tabra.h"
+#include "vorn_os.h"
 
 namespace {
 
@@ -376,5 +379,48 @@ INSTANTIATE_TEST_SUITE_P(EveryPoint, MemberCrash, ::testing::ValuesIn(kCrashCase
                              return std::string(info.param.point) + "_" +
                                     std::to_string(info.index);
                          });
+
+// The member operation log as an earlier process may have left it.  One
+// whose creator died before writing its magic holds no record and is set
+// up again; one of another size or with another magic is refused (error
+// trace 341 with the reason) and left as it is.
+struct LogState {
+    const char *name;
+    off_t size;
+    u32 magic, size_word;
+    cerrno rc;
+    u64 reason;
+};
+const LogState kLogStates[] = {
+    {"CreatorDiedBeforeTheMagic", PMDB_MEMBER_OPS_SIZE, 0, PMDB_MEMBER_OPS_SIZE, PMDB_OK, 0},
+    {"OtherSize", 4096, 0, 0, PMDB_ESHM, 3},
+    {"OtherMagic", PMDB_MEMBER_OPS_SIZE, 0x12345678, PMDB_MEMBER_OPS_SIZE, PMDB_ESHM, 4},
+};
+
+class MemberOpsLog : public CardTest, public ::testing::WithParamInterface<LogState> {};
+
+TEST_P(MemberOpsLog, IsSetUpAgainOrRefused) {
+    const LogState &c = GetParam();
+    const int fd = _shm_open(PMDB_MEMBER_OPS_NAME, O_CREAT | O_RDWR, 0600);
+    ASSERT_GE(fd, 0);
+    const u32 head[3] = {c.magic, c.size_word, c.size_word != 0 ? PMDB_MEMBER_OPS_RECORDS : 0};
+    ASSERT_EQ(ftruncate(fd, c.size), 0);
+    ASSERT_EQ(pwrite(fd, head, sizeof head, 0), static_cast<ssize_t>(sizeof head));
+    close(fd);
+    pmdb_member_ops_t *log = nullptr;
+    EXPECT_EQ(pmdb_member_ops_open(true, &log), c.rc);
+    if (c.rc != PMDB_OK) {
+        EXPECT_EQ(log, nullptr);
+        ExpectTrace(VESK_ERROR, 341, {c.reason}, PMDB_MEMBER_OPS_NAME);
+        return;
+    }
+    ASSERT_NE(log, nullptr);
+    EXPECT_EQ(log->magic, PMDB_MEMBER_OPS_MAGIC);
+    EXPECT_EQ(log->records, PMDB_MEMBER_OPS_RECORDS);
+    ExpectNoTrace(VESK_ERROR, 341);
+}
+
+INSTANTIATE_TEST_SUITE_P(Left, MemberOpsLog, ::testing::ValuesIn(kLogStates),
+                         [](const auto &info) { return std::string(info.param.name); });
 
 }  // namespace

@@ -264,8 +264,11 @@ cerrno dpa_pmdb_remove_ifh_entry(u32 ifh, dpa_pmdb_ifh_summary_t *summary, u32 e
     static const pmdb_cycle_traces_t kTraces = {.zero_key = tp::ifh_remove_zero_ifh,
                                                 .open_failed = tp::ifh_remove_open_failed,
                                                 .lookup_failed = tp::ifh_remove_lookup_failed};
-    pmdb_member_op_scope op;
     pmdb_cycle_t cyc;
+    /* A refused key leaves everything alone, the member operation log too
+     * (the scope below maps, and may create, it). */
+    if (ifh == 0) return pmdb_cycle_begin(&cyc, PMDB_TYPE_IFH, ifh, PMDB_CYCLE_FIND, &kTraces);
+    pmdb_member_op_scope op;
     cerrno rc = pmdb_cycle_begin(&cyc, PMDB_TYPE_IFH, ifh, PMDB_CYCLE_FIND, &kTraces);
     if (rc != PMDB_OK) return rc;
     PMDB_TRACE(tp::ifh_remove_found, ifh);

@@ -76,8 +76,11 @@ u32 ld(const u32 *p) { return __atomic_load_n(p, __ATOMIC_RELAXED); }
 
 /* ---- the object ---------------------------------------------------------- */
 
+/* The magic is written last (log_initialise) and no record is claimed
+ * before it, so a log without it holds nothing: also one whose creator was
+ * killed between the other header words and the magic. */
 bool header_blank(const pmdb_member_ops_t *log) {
-    return ld(&log->magic) == 0 && ld(&log->size) == 0 && ld(&log->records) == 0;
+    return __atomic_load_n(&log->magic, __ATOMIC_ACQUIRE) == 0;
 }
 
 bool header_valid(const pmdb_member_ops_t *log) {
