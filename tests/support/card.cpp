@@ -164,11 +164,6 @@ Bytes BytesOf(const void *p, size_t n) {
     return Bytes(b, b + n);
 }
 
-bool TableExists(const char *table_name) {
-    tabra_hdl_t table = nullptr;
-    return tabra_attach(table_name, &table) == 0;
-}
-
 timespec Now() {
     timespec t;
     clock_gettime(CLOCK_REALTIME, &t);

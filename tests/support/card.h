@@ -77,8 +77,6 @@ pmdb_oam_entry_t Oam(u32 key);
 /* The bytes of the entry `key` of `type`; empty when absent. */
 Bytes EntryBytes(pmdb_type_t type, u32 key);
 Bytes BytesOf(const void *p, size_t n);
-/* True when the named table exists in the test's namespace. */
-bool TableExists(const char *table_name);
 
 /* Now (CLOCK_REALTIME), and whether t lies in [a, b]. */
 timespec Now();
