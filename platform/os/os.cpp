@@ -421,14 +421,22 @@ sem_t *vorn_sem_open(const char *name, int oflag, mode_t mode, unsigned int valu
     if (!enter_named("vorn_sem_open", name, full, (uint64_t)oflag, mode, value)) {
         return SEM_FAILED;
     }
-    bool created = false;
-    sem_t *s = open_or_create(oflag, SEM_FAILED, &created, [&full, value](int flags) {
-        return sem_open(full, flags, vorn_host_object_mode(), value);
-    });
-    if (s == SEM_FAILED || adopt_semaphore(full, name, created) == 0) return s;
-    const int err = errno;
-    if (created) sem_unlink(full);
-    sem_close(s);
+    /* The owner check goes through the semaphore's file, by name, after the
+     * open: another process may unlink the name in between (the frame
+     * unlinks its first-init semaphore when done), so a file gone (ENOENT)
+     * means open again, as open_or_create does for an object that vanishes. */
+    int err = ENOENT;
+    for (int i = 0; i < kOpenTries && err == ENOENT; i++) {
+        bool created = false;
+        sem_t *s = open_or_create(oflag, SEM_FAILED, &created, [&full, value](int flags) {
+            return sem_open(full, flags, vorn_host_object_mode(), value);
+        });
+        if (s == SEM_FAILED || adopt_semaphore(full, name, created) == 0) return s;
+        err = errno;
+        /* Not ours to unlink once the name is gone: it may be another's by now. */
+        if (created && err != ENOENT) sem_unlink(full);
+        sem_close(s);
+    }
     errno = err;
     return SEM_FAILED;
 }
