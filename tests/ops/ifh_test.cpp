@@ -404,15 +404,13 @@ TEST_F(IfhEntry, NodeListBitsOfNodesModulo32InBundleSubInterfacesOnly) {
 }
 
 TEST_F(IfhEntry, SummaryFillsKeysAndFallsBackToTheFirstOamSlot) {
+    // The keys come as the add's summary has them (above); a read adds the
+    // bundle and the OAM identifier, not the slots or is_member.
     PutIfh(kSub, [](pmdb_ifh_entry_t &e) {
         e.ifh_flags = PMDB_IFH_MEMBER_ACTIVE;
         e.intf_info.sub_ifh = kSub;
         e.intf_info.bundle_ifh = kBundle;
         e.intf_info.egress_lif = 0x12345;
-        e.intf_info.ingress_lif = 0x77;
-        e.intf_info.sys_port = 0x1234;
-        e.intf_info.member_port = (3 << 10) | 5;
-        e.intf_info.member_port_shift = 0xFE;
         e.intf_info.intf_flags = PMDB_INTF_EGRESS_KEY;
         e.intf_info.oam_slots[5] = 0x5555;
         e.intf_info.oam_slots[9] = 0x9999;
@@ -423,14 +421,9 @@ TEST_F(IfhEntry, SummaryFillsKeysAndFallsBackToTheFirstOamSlot) {
     dpa_pmdb_ifh_summary_t want = {};
     want.oam_id = 0x5555;
     want.egress_lif = 0x12345;
-    want.ingress_lif = 0x77;
-    want.sys_port = 0x1234;
-    want.port_lo = 5;
-    want.port_hi = 3;
-    want.member_port_shift = 2;
     want.parent_ifh = want.bundle_ifh = kBundle;
-    want.sum_flags = 0x80 | PMDB_SUM_EGRESS_KEY | PMDB_SUM_IS_SUB_INTF |
-                     PMDB_SUM_IS_BUNDLE_SUB_INTF; /* no is_member on a read */
+    want.sum_flags =
+        0x80 | PMDB_SUM_EGRESS_KEY | PMDB_SUM_IS_SUB_INTF | PMDB_SUM_IS_BUNDLE_SUB_INTF;
     EXPECT_EQ(s, want);
     ExpectTrace(VESK_ERROR, 265, {kSub, 5, 0x5555});
 
