@@ -374,6 +374,8 @@ TEST_F(NullArguments, EveryExportedCallRefusesNullPointersAndKeyZeroAndChangesNo
         {CALL(dpa_pmdb_update_sub_intf_count(0, 1, 1)), PMDB_EINVAL, 129},
         {CALL(dpa_pmdb_remove_ifh_entry(0, &a.summary, 1)), PMDB_EINVAL, 161},
         {CALL(dpa_pmdb_get_ifh_summary(0, &a.summary)), PMDB_EINVAL},
+        {CALL(dpa_pmdb_update_ifh_entry_nodelist(0, 1, 1, 3, nullptr)), PMDB_OK},
+        {CALL(dpa_pmdb_update_ifh_entry_nodelist(kSub, 1, 1, 0x10000, nullptr)), PMDB_OK},
         {CALL(dpa_pmdb_add_punt_entry(0, &a.event, &a.slot, nullptr)), PMDB_EINVAL, 134},
         {CALL(dpa_pmdb_add_punt_entry(kPuntKey, nullptr, &a.slot, nullptr)), PMDB_OK, 135,
          {kPuntKey, 0}},

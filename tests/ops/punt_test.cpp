@@ -8,7 +8,6 @@
 #include "card.h"
 #include "pmdb_internal.h"
 #include "pmdb_ops.h"
-#include "pmdb_reader.h"
 #include "tabra.h"
 
 namespace {
@@ -44,7 +43,7 @@ TEST_F(PuntKeyRule, MemberKeysOfThePortAndSlotSubstitution) {
     EXPECT_EQ(CallNames(), std::vector<std::string>{"platform_am_i_rp_plus_datapath"});
 }
 
-TEST_F(PuntEntry, AddCreatesAStampedEntryThatReadersSee) {
+TEST_F(PuntEntry, AddCreatesAStampedEntry) {
     pmdb_event_t ev = MemberEvent(1, 0x77, 0x100, 0x200);
     ev.intf_info.egress_lif = 0x123;
     memset(ev.intf_info.opaque_85, 0xAB, sizeof ev.intf_info.opaque_85);
@@ -63,10 +62,6 @@ TEST_F(PuntEntry, AddCreatesAStampedEntryThatReadersSee) {
     want.punt_info = given;
     EXPECT_TRUE(BytesOf(&e, sizeof e) == BytesOf(&want, sizeof want));
     ExpectNoTrace(VESK_DATABASE, 138);
-    // The reader library serves the same entry, interface block first.
-    pmdb_punt_entry_t via_reader;
-    ASSERT_EQ(dpa_pmdb_get_punt_entry_by_key(kKey, &via_reader), PMDB_OK);
-    EXPECT_EQ(memcmp(&via_reader, &e.intf_info, sizeof e.intf_info), 0);
 }
 
 TEST_F(PuntEntry, RefreshKeepsOrReplacesThePuntBlockAsTheEventSaysAndRemovalFreesTheKey) {
