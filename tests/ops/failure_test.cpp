@@ -9,12 +9,11 @@
 // already made, while what follows the release (a bundle's count) must not
 // happen.  Each cell runs in a child of its own on a freshly written card.
 //
-// Besides, a null pointer where an exported call needs one, or key 0, is
-// refused before anything changes: with the call's own status and trace
-// where it has one for that argument, else with 22 and no trace; no platform
-// call is made (nothing is opened), the entries, the IFH globals and the
-// caller's objects stay byte-identical, no slot lock stays held and write
-// access is as before.
+// Besides, every exported call refuses a null pointer it needs, or key 0,
+// before anything changes: with its own status and trace where it has one,
+// else 22 and no trace; no platform call, no slot lock left held, write
+// access, the entries, the IFH globals and the caller's objects as before.
+
 #include <gtest/gtest.h>
 
 #include <cerrno>

@@ -60,7 +60,6 @@ TEST_F(OorState, WorkedCounterSequences) {
         u16 want_m1, want_m2;
         u32 changed, state;
     } cases[] = {
-        {0, 0, 0, 2, 0, 1, 1, 2},       // (0,0) -> (0,1), derived 0 -> 2
         {1, 0, 1, 2, 0, 1, 1, 2},       // (1,0) -> (0,1), derived 1 -> 2
         {0, 3, 2, 1, 1, 2, 0, kUnset},  // (0,3) -> (1,2), derived stays 2
         {0, 0, 1, 2, 0, 1, 1, 2},       // level-1 counter already 0 (293)
