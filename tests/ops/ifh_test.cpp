@@ -311,7 +311,6 @@ TEST_F(IfhAdd, ChangedIntfData64OfARefreshedPortIsReportedOnce) {
     pmdb_event_t ev = PortEvent(PMDB_EV_INTF_ADD, kIfh);
     ev.intf_info.intf_data_64 = 5;
     AddOk(kIfh, ev);
-    ev.event_type = PMDB_EV_INTF_REFRESH;
     // Each step: event type, intf_data_64, callbacks so far.
     const struct {
         u8 type;
