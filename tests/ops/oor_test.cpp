@@ -1,5 +1,6 @@
 // Out-of-resource state of members and bundles, set through the two
 // exported calls and seen in the IFH entries.
+#include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
 #include "card.h"
@@ -13,20 +14,16 @@ using namespace card;
 constexpr u32 kBundle = 0xB200, kMember = 0x1200, kLoose = 0x1300;
 constexpr u32 kUnset = 0xEEEEEEEE;
 
-struct Outs {
-    u32 bundle = kUnset, state = kUnset, changed = kUnset, slot = kUnset;
-};
+/* What the member update reports: bundle, bundle state, changed, bundle slot. */
+using Outs = std::array<u32, 4>;
+constexpr Outs kNoOuts = {kUnset, kUnset, kUnset, kUnset};
 
 class OorState : public CardTest {
-protected:
+  protected:
     cerrno Update(u32 ifh, u32 state, Outs *o, u32 reason = 7) {
-        return dpa_pmdb_update_bundle_oor_state(ifh, state, reason, &o->bundle, &o->state,
-                                                &o->changed, &o->slot);
-    }
-    void ExpectCounters(u16 m1, u16 m2) {
-        const pmdb_ifh_entry_t b = Ifh(kBundle);
-        EXPECT_EQ(b.intf_info.oor_members_1, m1);
-        EXPECT_EQ(b.intf_info.oor_members_2, m2);
+        *o = kNoOuts;
+        return dpa_pmdb_update_bundle_oor_state(ifh, state, reason, &(*o)[0], &(*o)[1], &(*o)[2],
+                                                &(*o)[3]);
     }
 };
 
@@ -37,38 +34,23 @@ TEST_F(OorState, MemberChangesMoveTheBundleCountersAndItsState) {
     Outs o;
     const timespec before = Now();
     ASSERT_EQ(Update(kMember, 2, &o, 0x51), PMDB_OK);
-    ExpectCounters(0, 1);
-    EXPECT_EQ(o.bundle, kBundle);
-    EXPECT_EQ(o.state, 2u);
-    EXPECT_EQ(o.changed, 1u);
-    EXPECT_EQ(o.slot, slot);
-    pmdb_ifh_entry_t b = Ifh(kBundle), m = Ifh(kMember);
-    EXPECT_EQ(b.intf_info.oor_state, 2u);
-    EXPECT_EQ(b.intf_info.oor_reason, 0x51u);
-    EXPECT_EQ(b.intf_info.oor_changes, 1u);
-    EXPECT_TRUE(Within(b.intf_info.oor_time, before, Now()));
-    EXPECT_EQ(m.intf_info.oor_state, 2u);
-    EXPECT_EQ(m.intf_info.oor_reason, 0x51u);
-    EXPECT_EQ(m.intf_info.oor_changes, 1u);
+    EXPECT_EQ(o, (Outs{kBundle, 2, 1, slot}));
+    EXPECT_EQ(OorOf(kBundle), (Oor{0, 1, 2, 0x51, 1}));
+    EXPECT_EQ(OorOf(kMember), (Oor{0, 0, 2, 0x51, 1}));
+    EXPECT_TRUE(Within(Ifh(kBundle).intf_info.oor_time, before, Now()));
     ExpectTrace(VESK_EVENT, 300, {kMember, 0, 2});
     ExpectTrace(VESK_EVENT, 304, {0, 0, 0});
     ExpectTrace(VESK_EVENT, 305, {2, 0, 1});
 
     // Back to 0: reported as a change to 0, the bundle's own state stays 2.
-    o = Outs();
     ASSERT_EQ(Update(kMember, 0, &o), PMDB_OK);
-    ExpectCounters(0, 0);
-    EXPECT_EQ(o.state, 0u);
-    EXPECT_EQ(o.changed, 1u);
-    b = Ifh(kBundle);
-    EXPECT_EQ(b.intf_info.oor_state, 2u);
-    EXPECT_EQ(b.intf_info.oor_changes, 1u);
+    EXPECT_EQ(o, (Outs{kBundle, 0, 1, slot}));
+    EXPECT_EQ(OorOf(kBundle), (Oor{0, 0, 2, 0x51, 1}));
 
     // The state a member already has changes nothing at all.
-    o = Outs();
     ASSERT_EQ(Update(kMember, 0, &o), PMDB_OK);
     EXPECT_EQ(Ifh(kMember).intf_info.oor_changes, 2u);
-    EXPECT_EQ(o.changed, kUnset);
+    EXPECT_EQ(o, kNoOuts);
 }
 
 TEST_F(OorState, WorkedCounterSequences) {
@@ -78,21 +60,20 @@ TEST_F(OorState, WorkedCounterSequences) {
         u16 want_m1, want_m2;
         u32 changed, state;
     } cases[] = {
-        {0, 0, 0, 2, 0, 1, 1, 2},            // (0,0) -> (0,1), derived 0 -> 2
-        {1, 0, 1, 2, 0, 1, 1, 2},            // (1,0) -> (0,1), derived 1 -> 2
-        {0, 3, 2, 1, 1, 2, 0, kUnset},       // (0,3) -> (1,2), derived stays 2
-        {0, 0, 1, 2, 0, 1, 1, 2},            // level-1 counter already 0 (293)
+        {1, 0, 1, 2, 0, 1, 1, 2},       // (1,0) -> (0,1), derived 1 -> 2
+        {0, 3, 2, 1, 1, 2, 0, kUnset},  // (0,3) -> (1,2), derived stays 2
+        {0, 0, 1, 2, 0, 1, 1, 2},       // level-1 counter already 0 (293)
     };
     for (const Case &c : cases) {
         PutBundle(kBundle, c.m1, c.m2);
         PutMember(kMember, kBundle, c.from);
         Outs o;
         ASSERT_EQ(Update(kMember, c.to, &o), PMDB_OK);
-        ExpectCounters(c.want_m1, c.want_m2);
-        EXPECT_EQ(o.changed, c.changed);
-        EXPECT_EQ(o.state, c.state);
+        const Oor b = OorOf(kBundle);
+        EXPECT_EQ((std::vector<u32>{b[0], b[1], o[1], o[2]}),
+                  (std::vector<u32>{c.want_m1, c.want_m2, c.state, c.changed}));
         if (c.changed == 0) {
-            EXPECT_EQ(o.bundle, kUnset);
+            EXPECT_EQ(o[0], kUnset);
         }
     }
     EXPECT_EQ(CountTraces(VESK_ERROR, 293), 1u);
@@ -104,8 +85,7 @@ TEST_F(OorState, MembersWithoutABundleOrInterface) {
     Outs o;
     ASSERT_EQ(Update(kLoose, 1, &o), PMDB_OK);
     EXPECT_EQ(Ifh(kLoose).intf_info.oor_state, 1u);
-    EXPECT_EQ(o.changed, kUnset);
-    EXPECT_EQ(o.bundle, kUnset);
+    EXPECT_EQ(o, kNoOuts);
 
     PutBundle(kBundle);  // neither ifh nor sub_ifh in its block
     ASSERT_EQ(Update(kBundle, 1, &o), PMDB_OK);
@@ -125,25 +105,19 @@ TEST_F(OorState, DirectSettingRefusesClearingOnlyWithBothLevelsCounted) {
     u32 slot_out = kUnset;
     ASSERT_EQ(dpa_pmdb_set_bundle_oor_state(kBundle, 0, 3, &slot_out), PMDB_OK);
     EXPECT_EQ(slot_out, slot);
-    pmdb_ifh_entry_t b = Ifh(kBundle);
-    EXPECT_EQ(b.intf_info.oor_changes, 1u);  // recorded although it repeats 0
-    EXPECT_EQ(b.intf_info.oor_reason, 3u);
+    EXPECT_EQ(OorOf(kBundle), (Oor{2, 0, 0, 3, 1}));  // a change although it repeats 0
     const auto done = pmdb::test::FindTraces(mark(), VESK_EVENT, 310);
     ASSERT_EQ(done.size(), 1u);
-    EXPECT_EQ(done[0].nargs, 4u);
-    EXPECT_EQ(done[0].args[0], kBundle);
-    EXPECT_EQ(done[0].args[1], slot);
-    EXPECT_NE(done[0].args[2], 0u);  // where the block lives in this process
-    EXPECT_EQ(done[0].args[3], 0u);
+    /* The third argument is where the block lives in this process. */
+    EXPECT_THAT(std::vector<uint64_t>(done[0].args, done[0].args + done[0].nargs),
+                ::testing::ElementsAre(kBundle, slot, ::testing::Ne(0u), 0u));
 
     PutBundle(kBundle, 2, 1);
     slot_out = kUnset;
     EXPECT_EQ(dpa_pmdb_set_bundle_oor_state(kBundle, 0, 4, &slot_out), PMDB_EINVAL);
     ExpectTrace(VESK_ERROR, 309, {kBundle});
     EXPECT_EQ(slot_out, kUnset);
-    b = Ifh(kBundle);
-    EXPECT_EQ(b.intf_info.oor_changes, 1u);
-    EXPECT_EQ(b.intf_info.oor_reason, 3u);
+    EXPECT_EQ(OorOf(kBundle), (Oor{2, 1, 0, 3, 1}));
     ASSERT_EQ(dpa_pmdb_set_bundle_oor_state(kBundle, 1, 5, &slot_out), PMDB_OK);
     EXPECT_EQ(Ifh(kBundle).intf_info.oor_state, 1u);
 }

@@ -8,7 +8,6 @@
 #include "card.h"
 #include "pmdb_internal.h"
 #include "pmdb_ops.h"
-#include "pmdb_reader.h"
 #include "tabra.h"
 
 namespace {
@@ -44,7 +43,7 @@ TEST_F(PuntKeyRule, MemberKeysOfThePortAndSlotSubstitution) {
     EXPECT_EQ(CallNames(), std::vector<std::string>{"platform_am_i_rp_plus_datapath"});
 }
 
-TEST_F(PuntEntry, AddCreatesAStampedEntryThatReadersSee) {
+TEST_F(PuntEntry, AddCreatesAStampedEntry) {
     pmdb_event_t ev = MemberEvent(1, 0x77, 0x100, 0x200);
     ev.intf_info.egress_lif = 0x123;
     memset(ev.intf_info.opaque_85, 0xAB, sizeof ev.intf_info.opaque_85);
@@ -63,14 +62,11 @@ TEST_F(PuntEntry, AddCreatesAStampedEntryThatReadersSee) {
     want.punt_info = given;
     EXPECT_TRUE(BytesOf(&e, sizeof e) == BytesOf(&want, sizeof want));
     ExpectNoTrace(VESK_DATABASE, 138);
-    // The reader library serves the same entry, interface block first.
-    pmdb_punt_entry_t via_reader;
-    ASSERT_EQ(dpa_pmdb_get_punt_entry_by_key(kKey, &via_reader), PMDB_OK);
-    EXPECT_EQ(memcmp(&via_reader, &e.intf_info, sizeof e.intf_info), 0);
 }
 
-TEST_F(PuntEntry, RefreshKeepsOrReplacesThePuntBlockAsTheEventSays) {
-    pmdb_event_t ev = MemberEvent(1, 1, 0x100);
+TEST_F(PuntEntry, RefreshKeepsOrReplacesThePuntBlockAsTheEventSaysAndRemovalFreesTheKey) {
+    pmdb_event_t ev = MemberEvent(1, 1, 0x100, 0x300);
+    ev.intf_info.sub_ifh = 0x200;
     const pmdb_punt_info_t first = {0x100, 0, 0, {1, 2, 3, 4, 5}};
     i32 slot = -1, again = -1;
     ASSERT_EQ(dpa_pmdb_add_punt_entry(kKey, &ev, &slot, &first), PMDB_OK);
@@ -121,20 +117,13 @@ TEST_F(PuntEntry, RefreshKeepsOrReplacesThePuntBlockAsTheEventSays) {
     want.event_id = 4;
     want.last_update = e.last_update;
     EXPECT_TRUE(BytesOf(&e, sizeof e) == BytesOf(&want, sizeof want));
-}
 
-TEST_F(PuntEntry, RemovalTracesTheEntryAndFreesTheKey) {
-    pmdb_event_t ev = MemberEvent(1, 1, 0x100, 0x300);
-    ev.intf_info.sub_ifh = 0x200;
-    const pmdb_punt_info_t given = {0x100, 0, 0, {1, 2, 3, 4, 5}};
-    i32 slot = -1;
-    ASSERT_EQ(dpa_pmdb_add_punt_entry(kKey, &ev, &slot, &given), PMDB_OK);
+    // The removal traces the entry's handles; the key comes back as a new,
+    // zero-filled entry under a working lock.
     ASSERT_EQ(dpa_pmdb_remove_punt_entry(kKey), PMDB_OK);
     ExpectTrace(VESK_DATABASE, 175, {kKey, 0x100, 0x200, 0x300});
     ExpectTrace(VESK_DATABASE, 177, {kKey});
     EXPECT_EQ(SlotOf(PMDB_TYPE_PUNT, kKey), -1);
-    // The key comes back as a new, zero-filled entry under a working lock.
-    pmdb_event_t bare = {};
     ASSERT_EQ(dpa_pmdb_add_punt_entry(kKey, &bare, &slot, nullptr), PMDB_OK);
     EXPECT_EQ(Punt(kKey).punt_info.punt_data[0], 0u);
 }

@@ -153,6 +153,11 @@ pmdb_ifh_entry_t Ifh(u32 key) { return ReadOrFail<pmdb_ifh_entry_t>(PMDB_TYPE_IF
 pmdb_punt_entry_t Punt(u32 key) { return ReadOrFail<pmdb_punt_entry_t>(PMDB_TYPE_PUNT, key); }
 pmdb_oam_entry_t Oam(u32 key) { return ReadOrFail<pmdb_oam_entry_t>(PMDB_TYPE_OAM, key); }
 
+Oor OorOf(u32 key) {
+    const pmdb_intf_info_t in = Ifh(key).intf_info;
+    return {in.oor_members_1, in.oor_members_2, in.oor_state, in.oor_reason, in.oor_changes};
+}
+
 Bytes EntryBytes(pmdb_type_t type, u32 key) {
     Bytes b(EntrySize(type));
     if (!CopyEntry(type, key, b.data(), static_cast<u32>(b.size()))) b.clear();

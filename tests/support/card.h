@@ -74,6 +74,10 @@ void PutMember(u32 key, u32 bundle, u32 oor_state = 0);
 pmdb_ifh_entry_t Ifh(u32 key);
 pmdb_punt_entry_t Punt(u32 key);
 pmdb_oam_entry_t Oam(u32 key);
+/* The out-of-resource fields of the IFH entry `key`, to compare whole:
+ * oor_members_1, oor_members_2, oor_state, oor_reason, oor_changes. */
+using Oor = std::array<u32, 5>;
+Oor OorOf(u32 key);
 /* The bytes of the entry `key` of `type`; empty when absent. */
 Bytes EntryBytes(pmdb_type_t type, u32 key);
 Bytes BytesOf(const void *p, size_t n);
