@@ -338,34 +338,6 @@ void CloseChild(Child *c) {
     c->cmd = c->rep = -1;
 }
 
-// Forks a child that runs body() in namespace ns with only its two pipe
-// ends (and stdin, stdout, stderr) open.
-Child Fork(const std::string &ns, const std::function<void()> &body) {
-    int in[2], out[2];
-    if (pipe(in) != 0 || pipe(out) != 0) return {};  // the campaign ends: nothing to close
-    const pid_t parent = getpid();
-    Child c;
-    c.pid = fork();
-    if (c.pid == 0) {
-        prctl(PR_SET_PDEATHSIG, SIGKILL);
-        if (getppid() != parent) _exit(5);
-        if (dup2(in[0], kChildIn) < 0 || dup2(out[1], kChildOut) < 0) _exit(5);
-        close_range(3, kChildIn - 1, 0);
-        close_range(kChildOut + 1, ~0u, 0);
-        setenv("PMDB_NS", ns.c_str(), 1);
-        // Below the supervisor, which must see a writer reach an item and
-        // kill it within microseconds even on a machine with few cores.
-        if (nice(10) < 0) _exit(5);
-        body();
-    }
-    close(in[0]);
-    close(out[1]);
-    c.cmd = in[1];
-    c.rep = out[0];
-    if (c.pid < 0) CloseChild(&c);
-    return c;
-}
-
 // ---- the supervisor ---------------------------------------------------------
 
 struct Options {
@@ -602,10 +574,28 @@ class Campaign {
     }
 
     // Starts writer w from the position after the last it reported done,
-    // or (w < 0) the shadow, in namespace ns.
+    // or (w < 0) the shadow, in namespace ns, with only its two pipe ends
+    // (and stdin, stdout, stderr) open.
     Child Spawn(const std::string &ns, int w) {
         const uint32_t from = w < 0 ? 0 : writers_[w].done;
-        const Child c = Fork(ns, [&] { ChildMain(plan_, w, from, in_call_); });
+        int in[2], out[2];
+        if (pipe(in) != 0 || pipe(out) != 0) Fail("no pipes for a child process");
+        const pid_t parent = getpid();
+        Child c{fork(), in[1], out[0]};
+        if (c.pid == 0) {
+            prctl(PR_SET_PDEATHSIG, SIGKILL);
+            if (getppid() != parent) _exit(5);
+            if (dup2(in[0], kChildIn) < 0 || dup2(out[1], kChildOut) < 0) _exit(5);
+            close_range(3, kChildIn - 1, 0);
+            close_range(kChildOut + 1, ~0u, 0);
+            setenv("PMDB_NS", ns.c_str(), 1);
+            // Below the supervisor, which must see a writer reach an item and
+            // kill it within microseconds even on a machine with few cores.
+            if (nice(10) < 0) _exit(5);
+            ChildMain(plan_, w, from, in_call_);
+        }
+        close(in[0]);
+        close(out[1]);
         if (c.pid < 0) Fail(w < 0 ? "cannot start the shadow process" : "cannot start " + Name(w));
         return c;
     }
