@@ -13,6 +13,11 @@
 #include <stdio.h>
 #include <stdlib.h>
 #include <string.h>
+#include <unistd.h>
+
+#include <string>
+
+#include "host/os_host.h"
 
 namespace fuzz {
 
@@ -41,10 +46,21 @@ private:
 
 /* A broken invariant: one line on stderr and abort, which libFuzzer keeps
  * as a crash and the regression test reports as its failure. */
-[[noreturn]] inline void Broken(const char *what, unsigned long long a = 0,
+[[noreturn]] inline void Broken(const std::string &what, unsigned long long a = 0,
                                 unsigned long long b = 0) {
-    fprintf(stderr, "fuzz: broken invariant: %s (0x%llx, 0x%llx)\n", what, a, b);
+    fprintf(stderr, "fuzz: broken invariant: %s (0x%llx, 0x%llx)\n", what.c_str(), a, b);
     abort();
+}
+
+/* libFuzzer's process: a namespace of its own ("<prefix><pid>", also in
+ * PMDB_NS), removed at exit; its name. */
+inline const char *OwnNamespace(const char *prefix) {
+    static char ns[24];
+    snprintf(ns, sizeof ns, "%s%d", prefix, static_cast<int>(getpid()));
+    vorn_host_set_namespace(ns);
+    setenv("PMDB_NS", ns, 1);
+    atexit([] { vorn_host_remove_namespace(ns); });
+    return ns;
 }
 
 }  // namespace fuzz

@@ -14,16 +14,13 @@
  * included, so an event may leave them apart); after the input the three
  * tables pass the table store's check.  Then every entry is removed.
  */
-#include <unistd.h>
-
 #include "fuzz_input.h"
-#include "host/os_host.h"
 #include "host/settings.h"
+#include "host_tabra.h"
 #include "pmdb.h"
 #include "pmdb_counts.h"
 #include "pmdb_db_test.h"
 #include "pmdb_reader.h"
-#include "tabra.h"
 
 namespace {
 
@@ -66,12 +63,8 @@ void CheckTables() {
     for (const char *name : kTables) {
         tabra_hdl_t h = nullptr;
         if (tabra_attach(name, &h) != 0) continue;
-        char report[256] = "";
-        const cerrno st = tabra_check(h, report, sizeof report);
-        if (st != 0) {
-            fprintf(stderr, "fuzz: %s: %s\n", name, report);
-            fuzz::Broken("table check", st);
-        }
+        const std::string bad = host_test::CheckReport(h);
+        if (!bad.empty()) fuzz::Broken(std::string("table check: ") + name + ": " + bad);
     }
 }
 
@@ -92,16 +85,9 @@ void CheckCounts() {
     if (st != 0 && st != PMDB_ENOTFOUND) fuzz::Broken("bundle counter check", st);
 }
 
-void RemoveNamespace() { vorn_host_remove_namespace(vorn_host_namespace()); }
-
-/* libFuzzer's process: a namespace of its own, removed at exit. */
 [[maybe_unused]] void Setup() {
-    char ns[32];
-    snprintf(ns, sizeof ns, "fzo%d", static_cast<int>(getpid()));
-    vorn_host_set_namespace(ns);
-    setenv("PMDB_NS", ns, 1);
+    fuzz::OwnNamespace("fzo");
     vesk_host_set_records(64);
-    atexit(RemoveNamespace);
 }
 
 }  // namespace

@@ -24,20 +24,17 @@
 #include <vector>
 
 #include "fuzz_input.h"
-#include "host/os_host.h"
-#include "tabra.h"
-#include "tabra_layout.h"
-#include "tabra_params.h"
+#include "host_tabra.h"
 
 namespace {
+
+using host_test::Mod7;
 
 constexpr u32 kEntrySize = 24;
 constexpr u32 kBuckets = 7;
 constexpr char kTable[] = "FZ";
 constexpr size_t kPage = 4096;
 constexpr u32 kWriterOff = 128, kWriterEnd = 168;
-
-u32 Mod7(u32 key) { return key % kBuckets; }
 
 tabra_params_t Params() { return pmdb::test::Params(kTable, kEntrySize, Mod7, kBuckets, 64); }
 
@@ -48,14 +45,8 @@ struct Page {
 };
 size_t g_size;
 std::vector<Page> g_pages;
-char g_base[24];
+const char *g_base;
 unsigned g_round;
-
-int ObjectFd(int flags) {
-    char object[128];
-    vorn_host_shm_name((std::string(TABRA_SHM_PREFIX) + kTable).c_str(), object, sizeof object);
-    return shm_open(object, flags, 0600);
-}
 
 void KeepPages(const u8 *m) {
     for (size_t at = 0; at < g_size; at += kPage) {
@@ -80,7 +71,7 @@ void MakeSoundObject() {
         memcpy(e, &key, sizeof key);
     }
     for (u32 key : {3u, 8u, 10u}) tabra_remove_entry(h, TABRA_REMOVE_BY_KEY, key);
-    const int fd = ObjectFd(O_RDONLY);
+    const int fd = host_test::TableFd(kTable, O_RDONLY);
     struct stat sb {};
     fstat(fd, &sb);
     g_size = static_cast<size_t>(sb.st_size);
@@ -115,7 +106,7 @@ void Patch(u8 *m, fuzz::Input &in) {
 
 /* The damaged copy, as the object of kTable in the current namespace. */
 void WriteDamagedCopy(fuzz::Input &in, uint8_t mode) {
-    const int fd = ObjectFd(O_RDWR | O_CREAT | O_EXCL);
+    const int fd = host_test::TableFd(kTable, O_RDWR | O_CREAT | O_EXCL);
     if (fd < 0 || ftruncate(fd, static_cast<off_t>(g_size)) != 0) fuzz::Broken("copy not made");
     void *v = mmap(nullptr, g_size, PROT_READ | PROT_WRITE, MAP_SHARED, fd, 0);
     if (v == MAP_FAILED) fuzz::Broken("copy not mapped");
@@ -128,16 +119,16 @@ void WriteDamagedCopy(fuzz::Input &in, uint8_t mode) {
     close(fd);
 }
 
-/* Reading calls on any table the store accepted; the check's status. */
-cerrno ReadAll(tabra_hdl_t h) {
+/* Reading calls on any table the store accepted; true when its check finds
+ * it consistent. */
+bool ReadAll(tabra_hdl_t h) {
     u8 buf[kEntrySize];
     for (u32 key = 0; key < 16; key++) tabra_copy_entry_by_key(h, key, buf, sizeof buf, nullptr);
     tabra_walk(h, [](void *, u32, i32, const void *) { return 0; }, nullptr);
     tabra_info_t info;
     tabra_get_info(h, &info);
     (void)tabra_count(h);
-    char report[256];
-    return tabra_check(h, report, sizeof report);
+    return host_test::CheckReport(h).empty();
 }
 
 /* A consistent table stays so through adds and removes driven by input. */
@@ -150,21 +141,13 @@ void ChangeSound(tabra_hdl_t h, fuzz::Input &in) {
             tabra_remove_entry(h, TABRA_REMOVE_BY_KEY, key);
         else if (tabra_add_entry(h, key, &e, &slot) == 0)
             memcpy(e, &key, sizeof key);
-        char report[256] = "";
-        const cerrno st = tabra_check(h, report, sizeof report);
-        if (st != 0) {
-            fprintf(stderr, "fuzz: after %u: %s\n", key, report);
-            fuzz::Broken("consistent table damaged by a change", key, st);
-        }
+        const std::string bad = host_test::CheckReport(h);
+        if (!bad.empty()) fuzz::Broken("consistent table damaged by a change: " + bad, key);
     }
 }
 
-void RemoveBase() { vorn_host_remove_namespace(g_base); }
-
 void Setup() {
-    snprintf(g_base, sizeof g_base, "fzt%d", static_cast<int>(getpid()));
-    vorn_host_set_namespace(g_base);
-    atexit(RemoveBase);
+    g_base = fuzz::OwnNamespace("fzt");
     MakeSoundObject();
 }
 
@@ -181,7 +164,7 @@ int FuzzTabra(const uint8_t *data, size_t size) {
     tabra_hdl_t h = nullptr;
     const tabra_params_t p = Params();
     const cerrno st = (mode & 1) != 0 ? tabra_attach_hashed(kTable, Mod7, &h) : tabra_open(&p, &h);
-    if (st == 0 && ReadAll(h) == 0 && (mode & 1) == 0) ChangeSound(h, in);
+    if (st == 0 && ReadAll(h) && (mode & 1) == 0) ChangeSound(h, in);
     vorn_host_remove_namespace(ns);
     vorn_host_set_namespace(g_base);
     return 0;
