@@ -9,6 +9,7 @@
 #include <sstream>
 
 #include "host/pm_fault.h"
+#include "card.h"
 #include "host/settings.h"
 #include "paths_support.h"
 #include "pmdb_reader.h"
@@ -68,15 +69,9 @@ protected:
         Oper(PMDB_EV_SUB_ADD, Intf(5, 0, kBundle, kSub), 1);
         Oper(PMDB_EV_SUB_ADD, Intf(5, 0, kBundle, kSub), 2);
         Oper(PMDB_EV_SUB_ADD, Intf(6, 0, kLone, kLoneSub), 1);
-        u8 members = 0;
-        ASSERT_EQ(dpa_pmdb_get_num_members(&members, kBundle), PMDB_OK);
-        ASSERT_EQ(members, 3);
-        ASSERT_EQ(Ifh(kSub).node_mask, 0b110);
         MarkTraces();
     }
 };
-
-// ---- records that change nothing -----------------------------------------
 
 struct Want {
     vesk_kind_t kind;
@@ -147,8 +142,6 @@ TEST_P(DispatchNoChange, TablesStayByteForByte) {
 INSTANTIATE_TEST_SUITE_P(Records, DispatchNoChange, ::testing::ValuesIn(kNoChange),
                          [](const auto &i) { return std::string(i.param.name); });
 
-// ---- handle and node selection -------------------------------------------
-
 struct NodeCase {
     u8 type;
     u16 intf_type;
@@ -194,8 +187,6 @@ TEST_F(Dispatch, PuntImageUsesNodeZero) {
     Oper(PMDB_EV_INTF_PUNT, in, 5);
     EXPECT_EQ(Ifh(kPort).node_mask, (1u << 1) | (1u << 5));
 }
-
-// ---- paths ---------------------------------------------------------------
 
 TEST_F(Dispatch, BundleSubInterfaceGoesWithTheLastNode) {
     const pmdb_intf_info_t sub = Intf(5, 0, kBundle, kSub);
@@ -255,10 +246,7 @@ TEST_F(Dispatch, ReKeyRemovesOldMemberKeysAndWritesOnePerMember) {
         EXPECT_EQ(CountTraces(VESK_EVENT, 261), s.removed.size());
     }
     // A written entry carries event_id 0 and its member's stored block.
-    u8 buf[PMDB_PUNT_ENTRY_SIZE];
-    ASSERT_EQ(dpa_pmdb_copy_entry(PMDB_TYPE_PUNT, 0x82020000, buf, sizeof buf), PMDB_OK);
-    pmdb_punt_entry_t e;
-    memcpy(&e, buf, sizeof e);
+    const pmdb_punt_entry_t e = card::Punt(0x82020000);
     EXPECT_EQ(e.event_id, 0u);
     EXPECT_EQ(e.intf_info.ifh, kMembers[1]);
     EXPECT_EQ(e.intf_info.member_port, MemberInfo(1).member_port);
@@ -309,9 +297,8 @@ TEST_P(DispatchRefresh, NodeLocalPortsPuntEntriesTakeTheWords) {
     // add path makes no IFH entry (type 20).
     ev.punt_info.punt_data[0] = 0x99;
     dpa_pmdb_oper(&ev, 1);
-    pmdb_punt_entry_t e;
-    ASSERT_EQ(dpa_pmdb_copy_entry(PMDB_TYPE_PUNT, in.ingress_lif, &e, sizeof e), PMDB_OK);
-    EXPECT_EQ(e.punt_info.punt_data[0], c.writes != 0 || c.type == 8 ? 0x99u : 0u);
+    EXPECT_EQ(card::Punt(in.ingress_lif).punt_info.punt_data[0],
+              c.writes != 0 || c.type == 8 ? 0x99u : 0u);
 }
 
 INSTANTIATE_TEST_SUITE_P(Cases, DispatchRefresh,
