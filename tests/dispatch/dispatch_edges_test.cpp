@@ -114,14 +114,10 @@ const NoChange kNoChange[] = {
      {{VESK_EVENT, 278, {12, kMembers[0], kId}}}, false},
     {"SubOfBundleWithoutMembers", [] { Oper(15, Intf(6, 0, kLone, kLoneSub)); },
      {{VESK_DATABASE, 256, {kLoneSub, kLone, 0}}}, false},
-    {"RemoveMissingPort", [] { Oper(14, Intf(9, kMissing)); },
-     {{VESK_ERROR, 210, {kMissing, TABRA_E_NOTFOUND}}}, false},
     {"MacOfMissingBundle", [] { Oper(22, Intf(9, 0, kMissing)); },
      {{VESK_DATABASE, 258, {kMissing, 0, 0}}}, false},
     {"ReKeyOfMissingBundle", [] { Oper(10, Intf(9, 0, kMissing)); },
      {{VESK_DATABASE, 258, {kMissing, 0, 0}}}, false},
-    {"PuntAndBit5", [] { Typed(8, PMDB_VF_PUNT | PMDB_VF_NO_PUNT); },
-     {{VESK_ERROR, 142, {}}}, false},
 };
 
 class DispatchNoChange : public Dispatch, public ::testing::WithParamInterface<NoChange> {};

@@ -1,6 +1,5 @@
 // The demo and its card writer, run as the operator runs them: separate
-// processes, the card read back from shared memory by this process through
-// the reader library.
+// processes, the card read back from shared memory by this process.
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 #include <unistd.h>
@@ -16,7 +15,6 @@
 
 #include "card.h"
 #include "pmdb.h"
-#include "pmdb_reader.h"
 
 namespace {
 
@@ -34,7 +32,9 @@ class CardWriterTest : public pmdb::test::PmdbTest {};
 
 // The card as other processes see it: the ports, the bundle with its
 // out-of-resource member, and the BVI that followed its node out of the
-// inventory.  The entry counts are the demo's to check.
+// inventory.  What card_writer checks itself (entries present, member
+// counts, the BVI's new node, the removed punt entry) and the entry counts
+// and member list that the demo shows are not checked again.
 TEST_F(CardWriterTest, BuildsTheCardItReports) {
     const ToolRun r = CardWriter({"build"});
     ASSERT_EQ(r.status, 0) << r.out << r.err;
@@ -55,6 +55,7 @@ TEST_F(CardWriterTest, BuildsTheCardItReports) {
         const std::array<u32, 4> placed = {e.intf_info.node_id, e.node_mask,
                                            e.intf_info.member_port, e.intf_info.oor_state};
         EXPECT_EQ(placed, p.placed) << std::hex << p.ifh;
+        EXPECT_EQ(e.key, p.ifh);
         EXPECT_EQ(Punt(p.ingress_lif).intf_info.ifh, p.ifh);
     }
     // The bundle's own punt entry is stored with node 999, and its interface
@@ -62,19 +63,12 @@ TEST_F(CardWriterTest, BuildsTheCardItReports) {
     EXPECT_EQ(Punt(0x0301).intf_info.node_id, 999u);
     EXPECT_EQ(Punt(0x0301).intf_info.bundle_ifh, 0x3001u);
     EXPECT_EQ(Oam(0x0031001C).oam_info.oam_ifh, 0x3001u);
-    // Port 0x2002 lost its extension punt entry.
-    u8 buf[PMDB_PUNT_ENTRY_SIZE];
-    EXPECT_EQ(dpa_pmdb_get_punt_entry_by_key(0x00220000, buf), PMDB_ENOTFOUND);
 
     // Member count, out-of-resource members at levels 1 and 2, level.
     const pmdb_ifh_entry_t bundle = Ifh(0x3001);
     EXPECT_EQ((std::array<u32, 4>{bundle.member_count, bundle.intf_info.oor_members_1,
                                   bundle.intf_info.oor_members_2, bundle.intf_info.oor_state}),
               (std::array<u32, 4>{2, 0, 1, 2}));
-    u32 members[4] = {};
-    ASSERT_EQ(dpa_pmdb_get_bundle_member_ifh_entries(0x3001, members, 4, PMDB_READER_ALL_NODES),
-              0u);
-    EXPECT_THAT(members, ::testing::ElementsAre(0x1001, 0x2001, 0, 0));
     // The member's flap is what the out-of-resource callback was told, in
     // the line below each step: the bundle's level drops to 0 on the leave
     // and is back at 2 on the rejoin.
@@ -86,13 +80,10 @@ TEST_F(CardWriterTest, BuildsTheCardItReports) {
 
     const pmdb_ifh_entry_t bvi = Ifh(0x4001);
     EXPECT_EQ(bvi.intf_info.intf_type, PMDB_INTF_TYPE_BVI);
-    EXPECT_EQ(bvi.intf_info.node_id, 1u);
     // Node 1's MAC as the platform reports it (the host default 02:<node>:<unit>).
     EXPECT_EQ(MacOf(bvi.intf_info.node_mac), (Mac{0x02, 0x00, 0x00, 0x00, 0x01, 0x00}));
     EXPECT_THAT(r.out, HasSubstr("    AIB update callback: 1 handle(s): 0x00004001 (status 0)\n"));
 }
-
-// ---- failures are reported -----------------------------------------------------
 
 TEST_F(CardWriterTest, UnexpectedStatusesAndBadArgumentsExitNonZero) {
     const ToolRun missing = CardWriter({"hold", "0x9999"});
@@ -106,8 +97,6 @@ TEST_F(CardWriterTest, UnexpectedStatusesAndBadArgumentsExitNonZero) {
     EXPECT_EQ(CardWriter({}).status, 2);
     EXPECT_EQ(CardWriter({"build", "extra"}).status, 2);
 }
-
-// ---- the whole demo ----------------------------------------------------------------
 
 TEST(DemoTest, RunsUnattendedShowsTheCardAndLeavesNothingBehind) {
     const auto start = std::chrono::steady_clock::now();
