@@ -23,8 +23,6 @@ constexpr u32 kPort = 0x1001;
 constexpr u32 kMembers[3] = {0x1002, 0x1003, 0x1004};
 constexpr u32 kBundle = 0x3001;
 constexpr u32 kSub = 0x3101;      // sub-interface of kBundle, nodes 1 and 2
-constexpr u32 kLone = 0x3002;     // a bundle without members
-constexpr u32 kLoneSub = 0x3102;  // and its sub-interface
 constexpr u32 kMissing = 0x9999;  // no entry anywhere
 constexpr u32 kId = 77;
 
@@ -52,8 +50,8 @@ void Oper(u8 type, const pmdb_intf_info_t &in, u32 node = 1, u8 flags = PMDB_VF_
     dpa_pmdb_oper(&ev, node);
 }
 
-// A port, a bundle with three members and a sub-interface on nodes 1 and 2,
-// and a bundle without members with a sub-interface: all through events.
+// A port, and a bundle with three members and a sub-interface on nodes 1
+// and 2: all through events.
 class Dispatch : public pmdb::test::PmdbTest {
 protected:
     void SetUp() override {
@@ -61,14 +59,12 @@ protected:
         Set("oam_enable", 1);
         Oper(PMDB_EV_INTF_ADD, Intf(1, kPort));
         Oper(PMDB_EV_BUNDLE_ADD, Intf(3, 0, kBundle));
-        Oper(PMDB_EV_BUNDLE_ADD, Intf(4, 0, kLone));
         for (u32 i = 0; i < 3; i++) {
             Oper(PMDB_EV_INTF_ADD, Intf(10 + i, kMembers[i]));
             Oper(PMDB_EV_MEMBER_JOIN, MemberInfo(i));
         }
         Oper(PMDB_EV_SUB_ADD, Intf(5, 0, kBundle, kSub), 1);
         Oper(PMDB_EV_SUB_ADD, Intf(5, 0, kBundle, kSub), 2);
-        Oper(PMDB_EV_SUB_ADD, Intf(6, 0, kLone, kLoneSub), 1);
         MarkTraces();
     }
 };
@@ -108,12 +104,8 @@ const NoChange kNoChange[] = {
      {{VESK_EVENT, 278, {9, 0, kId}}, {VESK_ERROR, 289, {0, kId, 22}}}, false},
     {"SubPuntNoReading", [] { Oper(11, Intf(5, 0, kBundle, kSub), 1, 0); },
      {{VESK_EVENT, 278, {11, 0, kId}}, {VESK_ERROR, 289, {0, kId, 22}}}, false},
-    {"BundleWithMembers", [] { Oper(13, Intf(3, 0, kBundle)); },
-     {{VESK_EVENT, 278, {13, kBundle, kId}}}, false},
     {"PortOfBundleWithMembers", [] { Oper(12, MemberInfo(0)); },
      {{VESK_EVENT, 278, {12, kMembers[0], kId}}}, false},
-    {"SubOfBundleWithoutMembers", [] { Oper(15, Intf(6, 0, kLone, kLoneSub)); },
-     {{VESK_DATABASE, 256, {kLoneSub, kLone, 0}}}, false},
     {"MacOfMissingBundle", [] { Oper(22, Intf(9, 0, kMissing)); },
      {{VESK_DATABASE, 258, {kMissing, 0, 0}}}, false},
     {"ReKeyOfMissingBundle", [] { Oper(10, Intf(9, 0, kMissing)); },
