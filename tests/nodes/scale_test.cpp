@@ -5,6 +5,7 @@
 #include <gtest/gtest.h>
 
 #include <cstring>
+#include <utility>
 
 #include "host/pm_fault.h"
 #include "pmdb.h"
@@ -17,6 +18,12 @@ using pmdb::test::CallNames;
 
 class ScaleTest : public CardTest {};
 
+// The high-scale mask and node of the IFH region.
+std::pair<u32, u32> HighScale() {
+    const dnx_pmdb_glbls_t g = Globals();
+    return {g.hs_node_mask, g.hs_node_id};
+}
+
 TEST_F(ScaleTest, AddingANodeThatIsNotHighScaleOpensNothingAndIndicesWrap) {
     pm_calllog_enable(1);
     EXPECT_EQ(dpa_pmdb_update_scale_info(5, 1, 0, 1, nullptr), 0u);
@@ -26,16 +33,14 @@ TEST_F(ScaleTest, AddingANodeThatIsNotHighScaleOpensNothingAndIndicesWrap) {
     ExpectNoTrace(VESK_EVENT, 114);
 
     /* The IFH region, once it exists, has no node values. */
-    const dnx_pmdb_glbls_t g = Globals();
-    EXPECT_EQ(g.hs_node_mask, 0u);
-    EXPECT_EQ(g.hs_node_id, 0u);
+    EXPECT_EQ(HighScale(), std::make_pair(0u, 0u));
 
     /* Node indices wrap modulo 32. */
     EXPECT_EQ(dpa_pmdb_update_scale_info(12, 35, 1, 1, nullptr), 0u);
-    EXPECT_EQ(Globals().hs_node_mask, 1u << 3);
+    EXPECT_EQ(HighScale(), std::make_pair(1u << 3, 12u));
     ExpectTrace(VESK_EVENT, 114, {12, 8});
     EXPECT_EQ(dpa_pmdb_update_scale_info(13, 31, 1, 1, nullptr), 0u);
-    EXPECT_EQ(Globals().hs_node_mask, (1u << 3) | (1u << 31));
+    EXPECT_EQ(HighScale(), std::make_pair((1u << 3) | (1u << 31), 13u));
 }
 
 TEST_F(ScaleTest, HighScaleRoleIsHandedToTheNextListedNodeUntilNoneIsLeft) {
@@ -43,17 +48,13 @@ TEST_F(ScaleTest, HighScaleRoleIsHandedToTheNextListedNodeUntilNoneIsLeft) {
     EXPECT_EQ(dpa_pmdb_update_scale_info(5, 1, 1, 1, nullptr), 0u);
     pm_port_inv_entry_add(6, 2, 0, 1);
     EXPECT_EQ(dpa_pmdb_update_scale_info(6, 2, 1, 1, nullptr), 0u);
-    dnx_pmdb_glbls_t g = Globals();
-    EXPECT_EQ(g.hs_node_id, 6u);
-    EXPECT_EQ(g.hs_node_mask, 6u);
+    EXPECT_EQ(HighScale(), std::make_pair(6u, 6u));
 
     /* Node 6 leaves the list, then its role goes to node 5. */
     pm_port_inv_entry_remove(6);
     MarkTraces();
     EXPECT_EQ(dpa_pmdb_update_scale_info(6, 2, 1, 0, nullptr), 0u);
-    g = Globals();
-    EXPECT_EQ(g.hs_node_mask, 2u);
-    EXPECT_EQ(g.hs_node_id, 5u);
+    EXPECT_EQ(HighScale(), std::make_pair(2u, 5u));
     ExpectTrace(VESK_EVENT, 107, {5});
     ExpectTrace(VESK_EVENT, 117, {5, 2});
 
@@ -61,9 +62,7 @@ TEST_F(ScaleTest, HighScaleRoleIsHandedToTheNextListedNodeUntilNoneIsLeft) {
     pm_port_inv_entry_remove(5);
     MarkTraces();
     EXPECT_EQ(dpa_pmdb_update_scale_info(5, 1, 1, 0, nullptr), 2u);
-    g = Globals();
-    EXPECT_EQ(g.hs_node_mask, 0u);
-    EXPECT_EQ(g.hs_node_id, 5u);
+    EXPECT_EQ(HighScale(), std::make_pair(0u, 5u));
     ExpectTrace(VESK_EVENT, 116, {});
     ExpectNoTrace(VESK_EVENT, 117);
 }
@@ -76,9 +75,7 @@ TEST_F(ScaleTest, RemovingANodeThatIsNotCurrentClearsOnlyItsBit) {
     /* The removal clears the bit whatever the scale flag says. */
     EXPECT_EQ(dpa_pmdb_update_scale_info(5, 1, 0, 0, nullptr), 0u);
 
-    const dnx_pmdb_glbls_t g = Globals();
-    EXPECT_EQ(g.hs_node_mask, 4u);
-    EXPECT_EQ(g.hs_node_id, 6u);
+    EXPECT_EQ(HighScale(), std::make_pair(4u, 6u));
     ExpectTrace(VESK_EVENT, 115, {});
     ExpectNoTrace(VESK_EVENT, 107);
 }
