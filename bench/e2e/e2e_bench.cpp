@@ -59,6 +59,7 @@
 #include "host/os_host.h"
 #include "pmdb.h"
 #include "pmdb_reader.h"
+#include "stream_apply.h"
 #include "tabra.h"
 
 extern char **environ;
@@ -214,32 +215,6 @@ Stream card_stream() {
     return s;
 }
 
-/* Calls the entry point of one line. */
-void apply(StreamLine &l) {
-    u32 bundle = 0, state = 0, changed = 0, slot = 0;
-    switch (l.op) {
-        case StreamOp::kEvent:
-            dpa_pmdb_oper(&l.event, l.node);
-            break;
-        case StreamOp::kOamEvent:
-            dpa_pmdb_oam_oper(&l.event);
-            break;
-        case StreamOp::kOor:
-            dpa_pmdb_update_bundle_oor_state(l.ifh, l.state, l.reason, &bundle, &state, &changed,
-                                             &slot);
-            break;
-        case StreamOp::kBundleOor:
-            dpa_pmdb_set_bundle_oor_state(l.ifh, static_cast<i32>(l.state), l.reason, &slot);
-            break;
-        case StreamOp::kInventoryAdd:
-            pm_port_inv_entry_add(l.node_id, l.node_index, l.npu_index, l.high_scale);
-            break;
-        case StreamOp::kInventoryRemove:
-            pm_port_inv_entry_remove(l.node_id);
-            break;
-    }
-}
-
 /* Write access to tables [0, n) while it lives. */
 class WriteAccess {
 public:
@@ -288,7 +263,7 @@ CardFig run_card(Stream s, bool batched) {
             WriteAccess hold(batched ? PMDB_NUM_TYPES : 0);
             for (; at < s.end[p]; at++) {
                 const double e0 = now_ns();
-                apply(s.lines[at]);
+                ApplyStreamLine(s.lines[at]);
                 each.push_back(now_ns() - e0);
                 f.kind_ns[p][kind_of(s.lines[at])] += each.back();
                 f.kind_n[p][kind_of(s.lines[at])]++;
@@ -385,7 +360,7 @@ int record_replay() {
     size_t at = 0;
     for (int p = 0; p < kPhases; p++) {
         mark(p);
-        for (; at < s.end[p]; at++) apply(s.lines[at]);
+        for (; at < s.end[p]; at++) ApplyStreamLine(s.lines[at]);
     }
     vorn_host_remove_namespace(nullptr);
     return 0;

@@ -42,6 +42,7 @@
 #include "host/os_host.h"
 #include "pmdb.h"
 #include "pmdb_test.h"
+#include "stream_apply.h"
 
 namespace campaign {
 namespace {
@@ -237,28 +238,10 @@ void Reply(MsgKind kind, uint32_t value) {
     if (!Send(kChildOut, kind, value)) _exit(3);
 }
 
-// The entry point of line `l`, as pmdbctl replay calls it.  A call the
-// library refuses is not retried: the tables, compared with the shadow's,
-// judge the outcome.
-void ApplyLine(StreamLine l) {
-    u32 bundle = 0, state = 0, changed = 0, slot = 0;
-    switch (l.op) {
-    case StreamOp::kEvent:
-        return dpa_pmdb_oper(&l.event, l.node);
-    case StreamOp::kOamEvent:
-        return dpa_pmdb_oam_oper(&l.event);
-    case StreamOp::kOor:
-        return (void)dpa_pmdb_update_bundle_oor_state(l.ifh, l.state, l.reason, &bundle, &state,
-                                                      &changed, &slot);
-    case StreamOp::kBundleOor:
-        return (void)dpa_pmdb_set_bundle_oor_state(l.ifh, static_cast<i32>(l.state), l.reason,
-                                                   &slot);
-    case StreamOp::kInventoryAdd:
-        return (void)pm_port_inv_entry_add(l.node_id, l.node_index, l.npu_index, l.high_scale);
-    case StreamOp::kInventoryRemove:
-        return (void)pm_port_inv_entry_remove(l.node_id);
-    }
-}
+// The entry point of line `l`, called as pmdbctl replay calls it, on a copy
+// (the plan stays as generated).  A call the library refuses is not
+// retried: the tables, compared with the shadow's, judge the outcome.
+void ApplyLine(StreamLine l) { (void)pmdbctl::ApplyStreamLine(l); }
 
 // A port mapper registers an out-of-resource callback; only then do member
 // joins and leaves move their level in the bundle's counters.

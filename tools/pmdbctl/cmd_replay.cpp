@@ -33,6 +33,7 @@
 #include "format.h"
 #include "pmdb.h"
 #include "pmdb_reader.h"
+#include "stream_apply.h"
 
 namespace pmdbctl {
 namespace {
@@ -74,31 +75,6 @@ std::string CountName(const StreamLine &l) {
     if (l.op != StreamOp::kEvent) return StreamOpName(l.op);
     const char *name = EventTypeName(l.event.event_type);
     return name[0] != '\0' ? name : "type " + std::to_string(l.event.event_type);
-}
-
-// Calls the entry point of `l`; false when it answered with a failure.
-bool Apply(StreamLine &l) {
-    u32 bundle = 0, state = 0, changed = 0, slot = 0;
-    switch (l.op) {
-        case StreamOp::kEvent:
-            dpa_pmdb_oper(&l.event, l.node);
-            return true;
-        case StreamOp::kOamEvent:
-            dpa_pmdb_oam_oper(&l.event);
-            return true;
-        case StreamOp::kOor:
-            return dpa_pmdb_update_bundle_oor_state(l.ifh, l.state, l.reason, &bundle, &state,
-                                                    &changed, &slot) == 0;
-        case StreamOp::kBundleOor:
-            return dpa_pmdb_set_bundle_oor_state(l.ifh, static_cast<i32>(l.state), l.reason,
-                                                 &slot) == 0;
-        case StreamOp::kInventoryAdd:
-            return pm_port_inv_entry_add(l.node_id, l.node_index, l.npu_index, l.high_scale) !=
-                   nullptr;
-        case StreamOp::kInventoryRemove:
-            return pm_port_inv_entry_remove(l.node_id) == 0;
-    }
-    return false;
 }
 
 // Write access to the three tables for the whole stream (--batch).
@@ -210,7 +186,7 @@ bool ApplyAll(const ReplayOptions &o, const std::vector<std::string> &lines, Sum
             ok = o.keep_going;
             continue;
         }
-        s.failed += Apply(l) ? 0 : 1;
+        s.failed += ApplyStreamLine(l) ? 0 : 1;
         s.applied[CountName(l)]++;
         s.lines++;
         progress.Update(i + 1);
