@@ -18,8 +18,7 @@ std::vector<AibCall> g_aib_calls;
 
 template <typename E>
 E ReadOrFail(pmdb_type_t type, u32 key) {
-    E e;
-    memset(&e, 0, sizeof e);
+    E e{};
     EXPECT_TRUE(CopyEntry(type, key, &e, sizeof e)) << "no entry " << std::hex << key;
     return e;
 }

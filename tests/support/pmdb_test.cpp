@@ -182,11 +182,7 @@ void ChildLink::Ready() {
 
 bool ChildLink::WaitRelease() {
     char c = 0;
-    ssize_t n = 0;
-    do {
-        n = read(release_fd_, &c, 1);
-    } while (n < 0 && errno == EINTR);
-    return n == 1;
+    return TEMP_FAILURE_RETRY(read(release_fd_, &c, 1)) == 1;
 }
 
 ChildProcess::ChildProcess(std::function<int(ChildLink &)> body) {
@@ -289,26 +285,20 @@ Tool::Tool(const std::string &path, const std::vector<std::string> &args) {
                              std::to_string(g_tool_counter++);
     out_path_ = base + ".out";
     err_path_ = base + ".err";
-    pid_ = ForkChild();
-    if (pid_ != 0) {
-        if (pid_ < 0) ADD_FAILURE() << "fork failed: " << strerror(errno);
-        return;
-    }
-    const int o = open(out_path_.c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0600);
-    const int e = open(err_path_.c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0600);
-    if (o < 0 || e < 0 || dup2(o, 1) < 0 || dup2(e, 2) < 0) _exit(126);
-    std::vector<char *> argv{const_cast<char *>(path.c_str())};
-    for (const std::string &a : args) argv.push_back(const_cast<char *>(a.c_str()));
-    argv.push_back(nullptr);
-    execvp(path.c_str(), argv.data());
-    _exit(127);
+    child_ = std::make_unique<ChildProcess>([&](ChildLink &) -> int {
+        const int o = open(out_path_.c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0600);
+        const int e = open(err_path_.c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0600);
+        if (o < 0 || e < 0 || dup2(o, 1) < 0 || dup2(e, 2) < 0) _exit(126);
+        std::vector<char *> argv{const_cast<char *>(path.c_str())};
+        for (const std::string &a : args) argv.push_back(const_cast<char *>(a.c_str()));
+        argv.push_back(nullptr);
+        execvp(path.c_str(), argv.data());
+        _exit(127);
+    });
 }
 
 Tool::~Tool() {
-    if (pid_ > 0 && !reaped_) {
-        kill(pid_, SIGKILL);
-        waitpid(pid_, nullptr, 0);
-    }
+    child_.reset();
     unlink(out_path_.c_str());
     unlink(err_path_.c_str());
 }
@@ -316,12 +306,11 @@ Tool::~Tool() {
 std::string Tool::OutSoFar() const { return ReadFile(out_path_); }
 std::string Tool::ErrSoFar() const { return ReadFile(err_path_); }
 
+/* Bounded below the test timeout: a tool that hangs fails its test. */
 ToolRun Tool::Finish() {
+    const ChildResult c = child_->Wait(240s);
     ToolRun r;
-    int st = 0;
-    if (pid_ > 0 && !reaped_ && waitpid(pid_, &st, 0) == pid_)
-        r.status = WIFEXITED(st) ? WEXITSTATUS(st) : -WTERMSIG(st);
-    reaped_ = true;
+    r.status = c.exited ? c.exit_code : c.signal != 0 ? -c.signal : -1;
     r.out = ReadFile(out_path_);
     r.err = ReadFile(err_path_);
     return r;

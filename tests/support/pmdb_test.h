@@ -1,16 +1,7 @@
 /*
- * pmdb_test.h - shared test support: a fixture with a private namespace,
- * trace expectations, helpers for child processes and for programs (the
- * tools) run as a user runs them.
- *
- *   class MyTest : public pmdb::test::PmdbTest {};
- *   TEST_F(MyTest, Something) {
- *       ... act ...
- *       ExpectTrace(VESK_ERROR, 58, {2621472}, "dnx_pmdb_ifh_shrd");
- *       ExpectNoTrace(VESK_DATABASE, 62);
- *       auto r = RunInChild([] { return do_something() == 0 ? 0 : 1; });
- *       EXPECT_TRUE(r.ExitedWith(0)) << r.Describe();
- *   }
+ * pmdb_test.h - shared test support: a fixture with a private namespace
+ * (PmdbTest), trace expectations, helpers for child processes and for
+ * programs (the tools) run as a user runs them.
  */
 #ifndef PMDB_TEST_SUPPORT_H
 #define PMDB_TEST_SUPPORT_H
@@ -165,10 +156,8 @@ class Tool {
 public:
     Tool(const std::string &path, const std::vector<std::string> &args);
     ~Tool();
-    Tool(const Tool &) = delete;
-    Tool &operator=(const Tool &) = delete;
 
-    pid_t pid() const { return pid_; }
+    pid_t pid() const { return child_->pid(); }
     /* What it has written to standard output (error) so far. */
     std::string OutSoFar() const;
     std::string ErrSoFar() const;
@@ -176,10 +165,9 @@ public:
     ToolRun Finish();
 
 private:
-    pid_t pid_ = -1;
-    bool reaped_ = false;
     std::string out_path_;
     std::string err_path_;
+    std::unique_ptr<ChildProcess> child_;
 };
 
 /* Runs `path` with `args` to its end. */
