@@ -7,6 +7,7 @@
 #include <sstream>
 
 #include "host/settings.h"
+#include "pmdb_fields.h"
 #include "pmdb_reader.h"
 
 namespace paths_test {
@@ -45,8 +46,6 @@ namespace {
 
 // Where each type keeps its change stamp (event_id and last_update, 20 bytes).
 constexpr size_t kStampAt[PMDB_NUM_TYPES] = {12, 4, 4};
-constexpr u32 kSize[PMDB_NUM_TYPES] = {PMDB_IFH_ENTRY_SIZE, PMDB_PUNT_ENTRY_SIZE,
-                                       PMDB_OAM_ENTRY_SIZE};
 
 struct WalkCtx {
     int type;
@@ -57,7 +56,7 @@ struct WalkCtx {
 int Keep(void *ctx, u32 key, const void *entry) {
     auto *w = static_cast<WalkCtx *>(ctx);
     const auto *p = static_cast<const u8 *>(entry);
-    std::vector<u8> bytes(p, p + kSize[w->type]);
+    std::vector<u8> bytes(p, p + pmdb_fields::kEntrySize[w->type]);
     if (!w->stamps) memset(bytes.data() + kStampAt[w->type], 0, 20);
     (*w->into)[key] = bytes;
     return 0;
