@@ -6,12 +6,12 @@
 
 #include "paths_support.h"
 #include "pmdb_ops.h"
-#include "pmdb_reader.h"
 #include "tabra.h"
 
 namespace {
 
 using namespace paths_test;
+using card::Punt;
 
 constexpr u32 kIfh = 0x7001;
 
@@ -72,26 +72,24 @@ TEST_F(MemberPath, JoinModifyLeaveUseTheMembersFourKeysAndNeedABundle) {
     ExpectTrace(VESK_ERROR, 283, {0x52340000, 7, TABRA_E_NOTFOUND});
     EXPECT_EQ(CountTraces(VESK_EVENT, 244), 0u);
     EXPECT_EQ(Keys(PMDB_TYPE_PUNT), punt_before);
-    EXPECT_EQ(PuntInfo(0x12340000).bundle_ifh, kBundle);
-    EXPECT_EQ(PuntInfo(0x12340000).member_port, (3 << 10) | 5);
-    u8 count = 0;
-    ASSERT_EQ(dpa_pmdb_get_num_members(&count, kBundle), PMDB_OK);
-    EXPECT_EQ(count, 2);
+    EXPECT_EQ(Punt(0x12340000).intf_info.bundle_ifh, kBundle);
+    EXPECT_EQ(Punt(0x12340000).intf_info.member_port, (3 << 10) | 5);
+    EXPECT_EQ(Ifh(kBundle).member_count, 2);
 
     // Modify: the bundle-member key 0x8C050000 and the port key are written.
     MarkTraces();
     Member(PMDB_EV_MEMBER_MODIFY, m);
     ExpectTrace(VESK_EVENT, 247, {PMDB_EV_MEMBER_MODIFY, kIfh, 0x8C050000, 0});
     ExpectTrace(VESK_EVENT, 247, {PMDB_EV_MEMBER_MODIFY, kIfh, 0x12340000, 0});
-    EXPECT_EQ(PuntInfo(0x8C050000).ifh, kIfh);
+    EXPECT_EQ(Punt(0x8C050000).intf_info.ifh, kIfh);
 
     // Leave while another member stays: the member key goes, the bundle stays.
     MarkTraces();
     Member(PMDB_EV_MEMBER_LEAVE, m);
     ExpectTrace(VESK_EVENT, 246, {PMDB_EV_MEMBER_LEAVE, kIfh, 0x8C050000, 0});
     EXPECT_FALSE(Has(PMDB_TYPE_PUNT, 0x8C050000));
-    EXPECT_EQ(PuntInfo(0x12340000).bundle_ifh, 0u);
-    EXPECT_EQ(PuntInfo(0x12340000).member_port, 0u);
+    EXPECT_EQ(Punt(0x12340000).intf_info.bundle_ifh, 0u);
+    EXPECT_EQ(Punt(0x12340000).intf_info.member_port, 0u);
     EXPECT_TRUE(Has(PMDB_TYPE_IFH, kBundle));
 
     // A modify while inactive writes the key again; a leave of an inactive
@@ -127,9 +125,7 @@ TEST_F(MemberPath, BundlePuntEventRefreshesTheKeysOfItsMembers) {
     ExpectTrace(VESK_DATABASE, 184, {kBundle, 2, 0});
     for (u32 key : {0x80000000u, 0x80010000u, 0x12340000u, 0x12350000u}) {
         ExpectTrace(VESK_EVENT, 186, {kBundle, key});
-        u8 buf[PMDB_PUNT_ENTRY_SIZE] = {};
-        ASSERT_EQ(dpa_pmdb_get_punt_entry_by_key(key, buf), PMDB_OK);
-        EXPECT_EQ(reinterpret_cast<pmdb_punt_info_t *>(buf + 256)->punt_data[0], 0x51u);
+        EXPECT_EQ(Punt(key).punt_info.punt_data[0], 0x51u);
     }
 }
 

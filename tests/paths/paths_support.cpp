@@ -6,9 +6,8 @@
 #include <cstring>
 #include <sstream>
 
-#include "card.h"
 #include "host/settings.h"
-#include "pmdb_db_test.h"
+#include "pmdb_fields.h"
 #include "pmdb_reader.h"
 
 namespace paths_test {
@@ -38,18 +37,15 @@ pmdb_event_t Event(u8 type, const pmdb_intf_info_t &in, u32 event_id) {
 }
 
 pmdb_event_t PuntEvent(u8 type, u32 ifh, u32 event_id) {
-    pmdb_event_t ev = card::BlankEvent(type, PMDB_VF_PUNT, event_id);
-    ev.punt_info = {ifh, 1, 0, {0x51, 0x52, 0x53, 0x54, 0x55}};
+    pmdb_event_t ev = card::PuntEvent(type, ifh, {0x51, 0x52, 0x53, 0x54, 0x55});
+    ev.event_id = event_id;
     return ev;
 }
 
 namespace {
 
-// Where each type keeps its change stamp (event_id and last_update).
+// Where each type keeps its change stamp (event_id and last_update, 20 bytes).
 constexpr size_t kStampAt[PMDB_NUM_TYPES] = {12, 4, 4};
-constexpr size_t kStampLen[PMDB_NUM_TYPES] = {20, 20, 20};
-constexpr u32 kSize[PMDB_NUM_TYPES] = {PMDB_IFH_ENTRY_SIZE, PMDB_PUNT_ENTRY_SIZE,
-                                       PMDB_OAM_ENTRY_SIZE};
 
 struct WalkCtx {
     int type;
@@ -60,8 +56,8 @@ struct WalkCtx {
 int Keep(void *ctx, u32 key, const void *entry) {
     auto *w = static_cast<WalkCtx *>(ctx);
     const auto *p = static_cast<const u8 *>(entry);
-    std::vector<u8> bytes(p, p + kSize[w->type]);
-    if (!w->stamps) memset(bytes.data() + kStampAt[w->type], 0, kStampLen[w->type]);
+    std::vector<u8> bytes(p, p + pmdb_fields::kEntrySize[w->type]);
+    if (!w->stamps) memset(bytes.data() + kStampAt[w->type], 0, 20);
     (*w->into)[key] = bytes;
     return 0;
 }
@@ -100,8 +96,7 @@ std::string Diff(const Tables &before, const Tables &after) {
 }
 
 bool Has(pmdb_type_t type, u32 key) {
-    std::vector<u8> buf(PMDB_IFH_ENTRY_SIZE);
-    return dpa_pmdb_copy_entry(type, key, buf.data(), kSize[type]) == PMDB_OK;
+    return !card::EntryBytes(type, key).empty();
 }
 
 std::set<u32> Keys(pmdb_type_t type) {
@@ -120,30 +115,6 @@ pmdb_intf_info_t Worked(bool egress_key) {
     memset(in.oam_slots, 0, sizeof in.oam_slots);
     in.oam_slots[2] = 0x42;
     return in;
-}
-
-void PutIfh(u32 key, const pmdb_intf_info_t &in, u8 member_count) {
-    const cerrno rc = pmdb::test::WriteEntry(PMDB_TYPE_IFH, key, [&](void *p) {
-        auto *e = static_cast<pmdb_ifh_entry_t *>(p);
-        e->key = key;
-        e->member_count = member_count;
-        e->intf_info = in;
-    });
-    EXPECT_EQ(rc, 0u) << "writing IFH entry " << key;
-}
-
-pmdb_intf_info_t PuntInfo(u32 key) {
-    u8 buf[PMDB_PUNT_ENTRY_SIZE] = {};
-    EXPECT_EQ(dpa_pmdb_get_punt_entry_by_key(key, buf), PMDB_OK) << std::hex << key;
-    pmdb_intf_info_t in;
-    memcpy(&in, buf, sizeof in);
-    return in;
-}
-
-pmdb_ifh_entry_t Ifh(u32 key) {
-    pmdb_ifh_entry_t e{};
-    EXPECT_EQ(dpa_pmdb_copy_entry(PMDB_TYPE_IFH, key, &e, sizeof e), PMDB_OK) << std::hex << key;
-    return e;
 }
 
 void Set(const char *name, int64_t value) { ASSERT_EQ(halvo_host_set(name, value), 0) << name; }

@@ -7,6 +7,7 @@
 #include <tuple>
 
 #include "host/settings.h"
+#include "pmdb_fields.h"
 #include "pmdb_ops.h"
 #include "tabra.h"
 
@@ -18,15 +19,9 @@ std::vector<AibCall> g_aib_calls;
 
 template <typename E>
 E ReadOrFail(pmdb_type_t type, u32 key) {
-    E e;
-    memset(&e, 0, sizeof e);
+    E e{};
     EXPECT_TRUE(CopyEntry(type, key, &e, sizeof e)) << "no entry " << std::hex << key;
     return e;
-}
-
-size_t EntrySize(pmdb_type_t type) {
-    if (type == PMDB_TYPE_IFH) return sizeof(pmdb_ifh_entry_t);
-    return type == PMDB_TYPE_PUNT ? sizeof(pmdb_punt_entry_t) : sizeof(pmdb_oam_entry_t);
 }
 
 void ClearInventory() {
@@ -114,7 +109,7 @@ void PutIfh(u32 key, const std::function<void(pmdb_ifh_entry_t &)> &fill) {
 
 void PutRecord(pmdb_type_t type, u32 key, const void *record) {
     const cerrno rc =
-        WriteEntry(type, key, [&](void *p) { memcpy(p, record, EntrySize(type)); });
+        WriteEntry(type, key, [&](void *p) { memcpy(p, record, pmdb_fields::kEntrySize[type]); });
     EXPECT_EQ(rc, 0u) << "writing entry " << key << " of type " << type;
 }
 
@@ -159,7 +154,7 @@ Oor OorOf(u32 key) {
 }
 
 Bytes EntryBytes(pmdb_type_t type, u32 key) {
-    Bytes b(EntrySize(type));
+    Bytes b(pmdb_fields::kEntrySize[type]);
     if (!CopyEntry(type, key, b.data(), static_cast<u32>(b.size()))) b.clear();
     return b;
 }

@@ -3,16 +3,8 @@
  * port mapper sends them, entries put in place the way the library's writers
  * put them (one entry change cycle each, pmdb_db_test.h) and read back the
  * way other processes read them, recorders of the two callbacks, holders of
- * slot locks, and a fixture that starts every test without callbacks and
- * with an empty inventory.
- *
- *   class MyTest : public card::CardTest {};
- *   TEST_F(MyTest, Something) {
- *       PutPort(0x1100);
- *       pmdb_event_t ev = PortEvent(PMDB_EV_INTF_ADD, 0x1100);
- *       ...
- *       EXPECT_EQ(Ifh(0x1100).intf_info.node_id, 5u);
- *   }
+ * slot locks, and a fixture (CardTest) that starts every test without
+ * callbacks and with an empty inventory.
  */
 #ifndef PMDB_TEST_CARD_H
 #define PMDB_TEST_CARD_H

@@ -6,19 +6,11 @@
 #include <vector>
 
 #include "pmdb_cycle.h"
+#include "pmdb_fields.h"
 #include "pmdb_reader.h"
 #include "tabra.h"
 
 namespace pmdb::test {
-
-namespace {
-
-const char *TableName(pmdb_type_t type) {
-    if (type == PMDB_TYPE_IFH) return PMDB_IFH_TABLE_NAME;
-    return type == PMDB_TYPE_PUNT ? PMDB_PUNT_TABLE_NAME : PMDB_OAM_TABLE_NAME;
-}
-
-}  // namespace
 
 cerrno WriteEntry(pmdb_type_t type, u32 key, const std::function<void(void *entry)> &fill,
                   i32 *slot) {
@@ -61,7 +53,7 @@ bool RemoveAllEntries() {
 
 bool CopyEntry(pmdb_type_t type, u32 key, void *out, u32 len, i32 *slot) {
     tabra_hdl_t table = nullptr;
-    if (tabra_attach(TableName(type), &table) != 0) return false;
+    if (tabra_attach(pmdb_fields::kTableName[type], &table) != 0) return false;
     return tabra_copy_entry_by_key(table, key, out, len, slot) == 0;
 }
 

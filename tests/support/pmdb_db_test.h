@@ -2,14 +2,6 @@
  * pmdb_db_test.h - test support for groups that link the library's internals
  * (pmdb_static): entries written and removed the way the library's own
  * writers do it, and read back the way another process reads them.
- *
- *   ASSERT_EQ(WriteEntry(PMDB_TYPE_OAM, key, [&](void *p) {
- *       auto *e = static_cast<pmdb_oam_entry_t *>(p);
- *       e->key = key;
- *   }), 0u);
- *   pmdb_oam_entry_t got;
- *   ASSERT_TRUE(CopyEntry(PMDB_TYPE_OAM, key, &got, sizeof got));
- *
  * A test binary links either this library (and so pmdb_static) or
  * libpmdb.so, never both.
  */

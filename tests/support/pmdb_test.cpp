@@ -11,11 +11,8 @@
 
 #include <algorithm>
 #include <atomic>
-#include <cinttypes>
 #include <cstdio>
 #include <fstream>
-#include <memory>
-#include <vector>
 #include <mutex>
 #include <sstream>
 #include <thread>
@@ -41,45 +38,44 @@ std::vector<vesk_rec_t> TracesSince(const TraceMark &mark, vesk_kind_t kind) {
     const vesk_buf_t *buf = vesk_open(kind);
     std::vector<vesk_rec_t> out(vesk_capacity(buf));
     uint64_t lost = 0;
-    const size_t n = vesk_read(buf, mark.seq[kind], out.data(), out.size(), nullptr, &lost);
-    out.resize(n);
+    out.resize(vesk_read(buf, mark.seq[kind], out.data(), out.size(), nullptr, &lost));
     return out;
 }
 
 std::vector<vesk_rec_t> FindTraces(const TraceMark &mark, vesk_kind_t kind, uint32_t point) {
     std::vector<vesk_rec_t> found;
-    for (const vesk_rec_t &r : TracesSince(mark, kind)) {
+    for (const vesk_rec_t &r : TracesSince(mark, kind))
         if (r.point == point) found.push_back(r);
-    }
     return found;
-}
-
-std::string DescribeTrace(vesk_kind_t kind, const vesk_rec_t &rec) {
-    std::ostringstream os;
-    os << vesk_kind_name(kind) << ' ' << rec.point << " (0x" << std::hex << rec.id << std::dec
-       << ") [";
-    for (uint32_t i = 0; i < rec.nargs; i++) os << (i ? ", " : "") << rec.args[i];
-    os << ']';
-    if (rec.is_string) os << " \"" << rec.str << '"';
-    os << " pid " << rec.pid;
-    return os.str();
 }
 
 namespace {
 
-bool RecordMatches(const vesk_rec_t &r, const std::vector<uint64_t> &args, const char *str) {
-    if (r.nargs != args.size()) return false;
-    for (size_t i = 0; i < args.size(); i++) {
-        if (r.args[i] != args[i]) return false;
-    }
-    if (str == nullptr) return !r.is_string;
-    return r.is_string && strcmp(r.str, str) == 0;
+/* Exit codes of a child whose body failed a gtest expectation or threw. */
+constexpr int kChildFailedExpectation = 101;
+constexpr int kChildThrew = 102;
+
+std::string Join(const uint64_t *args, size_t n) {
+    std::ostringstream os;
+    for (size_t i = 0; i < n; i++) os << (i ? ", " : "") << args[i];
+    return os.str();
 }
 
+/* One line per record: "error 58 (0x1020000003a) [2621472] \"name\" pid 12". */
 std::string ListRecords(vesk_kind_t kind, const std::vector<vesk_rec_t> &recs) {
-    std::string s;
-    for (const vesk_rec_t &r : recs) s += "\n  " + DescribeTrace(kind, r);
-    return s.empty() ? "\n  (none)" : s;
+    std::ostringstream os;
+    for (const vesk_rec_t &r : recs) {
+        os << "\n  " << vesk_kind_name(kind) << ' ' << r.point << " (0x" << std::hex << r.id
+           << std::dec << ") [" << Join(r.args, r.nargs) << ']';
+        if (r.is_string) os << " \"" << r.str << '"';
+        os << " pid " << r.pid;
+    }
+    return recs.empty() ? "\n  (none)" : os.str();
+}
+
+bool RecordMatches(const vesk_rec_t &r, const std::vector<uint64_t> &args, const char *str) {
+    if (r.nargs != args.size() || !std::equal(args.begin(), args.end(), r.args)) return false;
+    return str == nullptr ? !r.is_string : r.is_string && strcmp(r.str, str) == 0;
 }
 
 }  // namespace
@@ -87,17 +83,13 @@ std::string ListRecords(vesk_kind_t kind, const std::vector<vesk_rec_t> &recs) {
 ::testing::AssertionResult TraceWritten(const TraceMark &mark, vesk_kind_t kind, uint32_t point,
                                         const std::vector<uint64_t> &args, const char *str) {
     const std::vector<vesk_rec_t> all = TracesSince(mark, kind);
-    for (const vesk_rec_t &r : all) {
+    for (const vesk_rec_t &r : all)
         if (r.point == point && RecordMatches(r, args, str)) return ::testing::AssertionSuccess();
-    }
-    std::ostringstream want;
-    want << "no " << vesk_kind_name(kind) << " trace " << point << " [";
-    for (size_t i = 0; i < args.size(); i++) want << (i ? ", " : "") << args[i];
-    want << ']';
-    if (str != nullptr) want << " \"" << str << '"';
-    return ::testing::AssertionFailure()
-           << want.str() << "; " << vesk_kind_name(kind) << " records since the mark:"
-           << ListRecords(kind, all);
+    ::testing::AssertionResult r = ::testing::AssertionFailure();
+    r << "no " << vesk_kind_name(kind) << " trace " << point << " [" << Join(args.data(), args.size())
+      << ']';
+    if (str != nullptr) r << " \"" << str << '"';
+    return r << "; " << vesk_kind_name(kind) << " records since the mark:" << ListRecords(kind, all);
 }
 
 ::testing::AssertionResult TraceNotWritten(const TraceMark &mark, vesk_kind_t kind,
@@ -129,11 +121,10 @@ std::vector<std::string> CallNames(const std::string &prefix) {
 
 std::string ChildResult::Describe() const {
     std::ostringstream os;
-    if (exited) {
+    if (exited)
         os << "exited with " << exit_code;
-    } else {
+    else
         os << "killed by signal " << signal << " (" << strsignal(signal) << ')';
-    }
     if (timed_out) os << " after timing out";
     return os.str();
 }
@@ -167,7 +158,6 @@ ChildResult Reap(pid_t pid, std::chrono::milliseconds timeout) {
     try {
         code = body();
     } catch (...) {
-        code = kChildThrew;
     }
     if (::testing::Test::HasFailure()) code = kChildFailedExpectation;
     fflush(nullptr);
@@ -182,13 +172,7 @@ pid_t ForkChild() {
 }  // namespace
 
 ChildResult RunInChildProcess(const std::function<int()> &body, std::chrono::milliseconds timeout) {
-    const pid_t pid = ForkChild();
-    if (pid == 0) ChildExit(body);
-    if (pid < 0) {
-        ADD_FAILURE() << "fork failed: " << strerror(errno);
-        return ChildResult{};
-    }
-    return Reap(pid, timeout);
+    return ChildProcess([&body](ChildLink &) { return body(); }).Wait(timeout);
 }
 
 void ChildLink::Ready() {
@@ -198,16 +182,11 @@ void ChildLink::Ready() {
 
 bool ChildLink::WaitRelease() {
     char c = 0;
-    ssize_t n = 0;
-    do {
-        n = read(release_fd_, &c, 1);
-    } while (n < 0 && errno == EINTR);
-    return n == 1;
+    return TEMP_FAILURE_RETRY(read(release_fd_, &c, 1)) == 1;
 }
 
 ChildProcess::ChildProcess(std::function<int(ChildLink &)> body) {
-    int ready[2];
-    int release[2];
+    int ready[2], release[2];
     if (pipe2(ready, O_CLOEXEC) != 0 || pipe2(release, O_CLOEXEC) != 0) {
         ADD_FAILURE() << "pipe failed: " << strerror(errno);
         return;
@@ -247,9 +226,8 @@ bool ChildProcess::WaitReady(std::chrono::milliseconds timeout) {
 
 void ChildProcess::Release() {
     const char c = 'g';
-    if (release_fd_ >= 0 && write(release_fd_, &c, 1) != 1) {
+    if (release_fd_ >= 0 && write(release_fd_, &c, 1) != 1)
         ADD_FAILURE() << "could not release child " << pid_;
-    }
 }
 
 void ChildProcess::Kill(int sig) {
@@ -278,15 +256,7 @@ std::unique_ptr<ChildProcess> StartHeldChild(std::function<void()> before,
 void RunAtOnce(size_t n, const std::function<void()> &setup,
                const std::function<void(size_t)> &work) {
     std::vector<std::unique_ptr<ChildProcess>> child;
-    for (size_t i = 0; i < n; i++) {
-        child.push_back(std::make_unique<ChildProcess>([i, &setup, &work](ChildLink &link) {
-            if (setup) setup();
-            link.Ready();
-            if (!link.WaitRelease()) return 1;
-            work(i);
-            return ::testing::Test::HasFailure() ? 1 : 0;
-        }));
-    }
+    for (size_t i = 0; i < n; i++) child.push_back(StartHeldChild(setup, [i, &work] { work(i); }));
     for (auto &c : child) ASSERT_TRUE(c->WaitReady());
     for (auto &c : child) c->Release();
     for (auto &c : child) {
@@ -315,26 +285,20 @@ Tool::Tool(const std::string &path, const std::vector<std::string> &args) {
                              std::to_string(g_tool_counter++);
     out_path_ = base + ".out";
     err_path_ = base + ".err";
-    pid_ = ForkChild();
-    if (pid_ != 0) {
-        if (pid_ < 0) ADD_FAILURE() << "fork failed: " << strerror(errno);
-        return;
-    }
-    const int o = open(out_path_.c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0600);
-    const int e = open(err_path_.c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0600);
-    if (o < 0 || e < 0 || dup2(o, 1) < 0 || dup2(e, 2) < 0) _exit(126);
-    std::vector<char *> argv{const_cast<char *>(path.c_str())};
-    for (const std::string &a : args) argv.push_back(const_cast<char *>(a.c_str()));
-    argv.push_back(nullptr);
-    execvp(path.c_str(), argv.data());
-    _exit(127);
+    child_ = std::make_unique<ChildProcess>([&](ChildLink &) -> int {
+        const int o = open(out_path_.c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0600);
+        const int e = open(err_path_.c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0600);
+        if (o < 0 || e < 0 || dup2(o, 1) < 0 || dup2(e, 2) < 0) _exit(126);
+        std::vector<char *> argv{const_cast<char *>(path.c_str())};
+        for (const std::string &a : args) argv.push_back(const_cast<char *>(a.c_str()));
+        argv.push_back(nullptr);
+        execvp(path.c_str(), argv.data());
+        _exit(127);
+    });
 }
 
 Tool::~Tool() {
-    if (pid_ > 0 && !reaped_) {
-        kill(pid_, SIGKILL);
-        waitpid(pid_, nullptr, 0);
-    }
+    child_.reset();
     unlink(out_path_.c_str());
     unlink(err_path_.c_str());
 }
@@ -342,12 +306,11 @@ Tool::~Tool() {
 std::string Tool::OutSoFar() const { return ReadFile(out_path_); }
 std::string Tool::ErrSoFar() const { return ReadFile(err_path_); }
 
+/* Bounded below the test timeout: a tool that hangs fails its test. */
 ToolRun Tool::Finish() {
+    const ChildResult c = child_->Wait(240s);
     ToolRun r;
-    int st = 0;
-    if (pid_ > 0 && !reaped_ && waitpid(pid_, &st, 0) == pid_)
-        r.status = WIFEXITED(st) ? WEXITSTATUS(st) : -WTERMSIG(st);
-    reaped_ = true;
+    r.status = c.exited ? c.exit_code : c.signal != 0 ? -c.signal : -1;
     r.out = ReadFile(out_path_);
     r.err = ReadFile(err_path_);
     return r;
@@ -382,8 +345,7 @@ void SweepDeadNamespaces() {
         char dot = 0;
         if (sscanf(name, "t%lu_%u%c", &pid, &n, &dot) != 3 || dot != '.') continue;
         if (kill((pid_t)pid, 0) == 0 || errno != ESRCH) continue;
-        const std::string path = std::string("/dev/shm/") + de->d_name;
-        unlink(path.c_str());
+        unlink((std::string("/dev/shm/") + de->d_name).c_str());
     }
     closedir(dir);
 }

@@ -1,16 +1,7 @@
 /*
- * pmdb_test.h - shared test support: a fixture with a private namespace,
- * trace expectations, helpers for child processes and for programs (the
- * tools) run as a user runs them.
- *
- *   class MyTest : public pmdb::test::PmdbTest {};
- *   TEST_F(MyTest, Something) {
- *       ... act ...
- *       ExpectTrace(VESK_ERROR, 58, {2621472}, "dnx_pmdb_ifh_shrd");
- *       ExpectNoTrace(VESK_DATABASE, 62);
- *       auto r = RunInChild([] { return do_something() == 0 ? 0 : 1; });
- *       EXPECT_TRUE(r.ExitedWith(0)) << r.Describe();
- *   }
+ * pmdb_test.h - shared test support: a fixture with a private namespace
+ * (PmdbTest), trace expectations, helpers for child processes and for
+ * programs (the tools) run as a user runs them.
  */
 #ifndef PMDB_TEST_SUPPORT_H
 #define PMDB_TEST_SUPPORT_H
@@ -43,12 +34,10 @@ struct TraceMark {
     static TraceMark Now();
 };
 
-/* Records written to `kind` since `mark` (at most the ring's capacity). */
+/* Records written to `kind` since `mark` (at most the ring's capacity), and
+ * those of them with trace point `point`. */
 std::vector<vesk_rec_t> TracesSince(const TraceMark &mark, vesk_kind_t kind);
-/* Those of them with trace point `point`. */
 std::vector<vesk_rec_t> FindTraces(const TraceMark &mark, vesk_kind_t kind, uint32_t point);
-/* One line per record: "error 58 (0x1020000003a) [2621472] \"name\" pid 12". */
-std::string DescribeTrace(vesk_kind_t kind, const vesk_rec_t &rec);
 
 /* Successful when a record of `point` with exactly `args` (same count) was
  * written to `kind` since mark; with `str`, the record must be a string
@@ -80,28 +69,24 @@ struct ChildResult {
     std::string Describe() const;
 };
 
-/* Exit codes of a child whose body failed a gtest expectation or threw. */
-constexpr int kChildFailedExpectation = 101;
-constexpr int kChildThrew = 102;
-
 ChildResult RunInChildProcess(const std::function<int()> &body, std::chrono::milliseconds timeout);
 
 /* Runs body (returning int, or void meaning 0) in a forked child and waits
- * for it; the child exits with the body's result (kChildFailedExpectation
- * when it failed an EXPECT).  After `timeout` the child is killed with
+ * for it; the child exits with the body's result (101 when it failed an
+ * EXPECT, 102 when it threw).  After `timeout` the child is killed with
  * SIGKILL and timed_out is set. */
 template <class Body>
 ChildResult RunInChild(Body &&body, std::chrono::milliseconds timeout = 60s) {
-    if constexpr (std::is_void_v<std::invoke_result_t<Body>>) {
-        return RunInChildProcess(
-            [&body] {
+    return RunInChildProcess(
+        [&body] {
+            if constexpr (std::is_void_v<std::invoke_result_t<Body>>) {
                 body();
                 return 0;
-            },
-            timeout);
-    } else {
-        return RunInChildProcess([&body] { return static_cast<int>(body()); }, timeout);
-    }
+            } else {
+                return static_cast<int>(body());
+            }
+        },
+        timeout);
 }
 
 /* Child side of a ChildProcess handshake. */
@@ -171,10 +156,8 @@ class Tool {
 public:
     Tool(const std::string &path, const std::vector<std::string> &args);
     ~Tool();
-    Tool(const Tool &) = delete;
-    Tool &operator=(const Tool &) = delete;
 
-    pid_t pid() const { return pid_; }
+    pid_t pid() const { return child_->pid(); }
     /* What it has written to standard output (error) so far. */
     std::string OutSoFar() const;
     std::string ErrSoFar() const;
@@ -182,10 +165,9 @@ public:
     ToolRun Finish();
 
 private:
-    pid_t pid_ = -1;
-    bool reaped_ = false;
     std::string out_path_;
     std::string err_path_;
+    std::unique_ptr<ChildProcess> child_;
 };
 
 /* Runs `path` with `args` to its end. */
