@@ -14,30 +14,33 @@
 
 #include <algorithm>
 #include <array>
-#include <vector>
-#include <random>
-#include <memory>
 #include <atomic>
 #include <chrono>
 #include <functional>
+#include <memory>
+#include <random>
 #include <set>
-#include <utility>
 #include <thread>
+#include <utility>
+#include <vector>
 
+#include "card.h"
 #include "pmdb_cycle.h"
+#include "pmdb_fields.h"
 #include "pmdb_lock_view.h"
 #include "pmdb_reader.h"
 #include "pmdb_test.h"
-#include "reader_card.h"
 #include "tabra.h"
 
 namespace {
 
-using namespace rcard;
 using namespace std::chrono_literals;
 using pmdb::test::ChildLink;
 using pmdb::test::ChildProcess;
 using pmdb::test::PmdbTest;
+using pmdb::test::RemoveEntry;
+using pmdb::test::SlotOf;
+using pmdb::test::WriteEntry;
 using Clock = std::chrono::steady_clock;
 
 constexpr size_t kWords = PMDB_READER_INFO_COPY_SIZE / 4;
@@ -46,6 +49,7 @@ constexpr size_t kWords = PMDB_READER_INFO_COPY_SIZE / 4;
 constexpr auto kHang = 30s;
 constexpr u32 kHangMs = 30000;
 using Copy = std::array<u32, PMDB_PUNT_ENTRY_SIZE / 4>;
+constexpr u32 kPort = 0x1001, kMember = 0x1002, kBundle = 0x5000;
 
 class ReaderConsistencyTest : public PmdbTest {
 protected:
@@ -231,8 +235,8 @@ TEST_F(ReaderConsistencyTest, NoTornCopyWhileAnotherProcessRewrites) {
 }
 
 TEST_F(ReaderConsistencyTest, DeadOrOwnWriterHoldingTheLockDoesNotBlockReaders) {
-    ASSERT_EQ(PutPattern(PMDB_TYPE_IFH, P1, 1), PMDB_OK);
-    auto holder = StartHolder(PMDB_TYPE_IFH, P1, 9);
+    ASSERT_EQ(PutPattern(PMDB_TYPE_IFH, kPort, 1), PMDB_OK);
+    auto holder = StartHolder(PMDB_TYPE_IFH, kPort, 9);
     ASSERT_TRUE(holder->WaitReady());
     holder->Kill(SIGKILL);
     EXPECT_TRUE(holder->Wait().KilledBy(SIGKILL));
@@ -242,7 +246,7 @@ TEST_F(ReaderConsistencyTest, DeadOrOwnWriterHoldingTheLockDoesNotBlockReaders) 
     dpa_pmdb_reader_set_lock_wait_ms(kHangMs);
     const u64 dead_before = Stats().owner_dead;
     Copy c;
-    ASSERT_EQ(ReadBlocks(PMDB_TYPE_IFH, P1, &c), PMDB_OK);
+    ASSERT_EQ(ReadBlocks(PMDB_TYPE_IFH, kPort, &c), PMDB_OK);
     EXPECT_EQ(Stats().owner_dead, dead_before + 1);
     /* The copy shows what the dead writer left: the old half, then its half. */
     EXPECT_EQ(c[0], 1u);
@@ -251,13 +255,13 @@ TEST_F(ReaderConsistencyTest, DeadOrOwnWriterHoldingTheLockDoesNotBlockReaders) 
      * between (the dead writer's window still refuses lock-free copies),
      * takes it at once, without another recovery. */
     dpa_pmdb_reader_set_lock_wait_ms(1000);
-    ASSERT_EQ(ReadBlocks(PMDB_TYPE_IFH, P1, &c), PMDB_OK);
+    ASSERT_EQ(ReadBlocks(PMDB_TYPE_IFH, kPort, &c), PMDB_OK);
     EXPECT_EQ(Stats().owner_dead, dead_before + 1);
     EXPECT_EQ(c[kWords - 1], 9u);
 
     /* The lock is usable again for writers and readers. */
-    ASSERT_EQ(PutPattern(PMDB_TYPE_IFH, P1, 3), PMDB_OK);
-    ASSERT_EQ(ReadBlocks(PMDB_TYPE_IFH, P1, &c), PMDB_OK);
+    ASSERT_EQ(PutPattern(PMDB_TYPE_IFH, kPort, 3), PMDB_OK);
+    ASSERT_EQ(ReadBlocks(PMDB_TYPE_IFH, kPort, &c), PMDB_OK);
     EXPECT_TRUE(Uniform(c));
     EXPECT_EQ(c[0], 3u);
 
@@ -265,10 +269,10 @@ TEST_F(ReaderConsistencyTest, DeadOrOwnWriterHoldingTheLockDoesNotBlockReaders) 
      * end in 16) and does not release the writer's lock. */
     pmdb_cycle_t cyc;
     ASSERT_EQ(pmdb_cycle_open(&cyc, PMDB_TYPE_IFH), PMDB_OK);
-    ASSERT_EQ(pmdb_cycle_find_lock(&cyc, P1), PMDB_OK);
+    ASSERT_EQ(pmdb_cycle_find_lock(&cyc, kPort), PMDB_OK);
     dpa_pmdb_reader_set_lock_wait_ms(5000);
     c.fill(0);
-    EXPECT_EQ(ReadBlocks(PMDB_TYPE_IFH, P1, &c), PMDB_OK);
+    EXPECT_EQ(ReadBlocks(PMDB_TYPE_IFH, kPort, &c), PMDB_OK);
     EXPECT_EQ(c[0], 3u);
     EXPECT_EQ(pmdb_cycle_release(&cyc, PMDB_OK), PMDB_OK);
 }
@@ -293,7 +297,7 @@ TEST_F(ReaderConsistencyTest, EntryHeldPastTheBoundEndsTheReadOnItsOwn) {
         {"new entry without its key", Hold::created, kLockKept, PMDB_ENOTFOUND},
         {"stuck writer", Hold::locked, kLockKept, PMDB_EBUSY},
     };
-    ASSERT_EQ(PutIfh(P2, Intf(P2, 0, B, kNode1), PMDB_IFH_MEMBER_ACTIVE), PMDB_OK);
+    card::PutMember(kMember, kBundle);
     dnx_db_hdl_t *hdl = nullptr;
     ASSERT_EQ(dpa_chk_shrd_ctx_open(nullptr, &hdl, PMDB_TYPE_IFH), 0u);
     dpa_pmdb_reader_set_lock_wait_ms(60);
@@ -301,11 +305,8 @@ TEST_F(ReaderConsistencyTest, EntryHeldPastTheBoundEndsTheReadOnItsOwn) {
         const auto &k = cases[i];
         SCOPED_TRACE(k.what);
         const u32 key = 0x4300 + i;
-        const bool stuck = k.how == Hold::locked; /* only it is a member of B */
-        const u8 flags = stuck ? PMDB_IFH_MEMBER_ACTIVE : 0;
-        const bool put =
-            k.how == Hold::created || PutIfh(key, Intf(key, 0, stuck ? B : 0, kNode1), flags) == 0;
-        ASSERT_TRUE(put);
+        const bool stuck = k.how == Hold::locked; /* only it is a member of kBundle */
+        if (k.how != Hold::created) card::PutMember(key, stuck ? kBundle : 0);
         auto holder = StartHolder(PMDB_TYPE_IFH, key, 9, false, k.how);
         ASSERT_TRUE(holder->WaitReady());
         pellin_mutex_type *lock = nullptr;
@@ -330,10 +331,10 @@ TEST_F(ReaderConsistencyTest, EntryHeldPastTheBoundEndsTheReadOnItsOwn) {
         EXPECT_TRUE(lock == nullptr || memcmp(&before, lock, sizeof before) == 0) << "lock changed";
         EXPECT_EQ(dpa_pmdb_copy_entry(PMDB_TYPE_IFH, key, c.data(), 8), k.want);
         std::array<u32, 3> members{7, 7, 7};
-        EXPECT_EQ(
-            dpa_pmdb_get_bundle_member_ifh_entries(B, members.data(), 2, PMDB_READER_ALL_NODES),
-            stuck ? PMDB_EBUSY : PMDB_OK);
-        EXPECT_EQ(members, (std::array<u32, 3>{P2, 0, 7}));
+        EXPECT_EQ(dpa_pmdb_get_bundle_member_ifh_entries(kBundle, members.data(), 2,
+                                                         PMDB_READER_ALL_NODES),
+                  stuck ? PMDB_EBUSY : PMDB_OK);
+        EXPECT_EQ(members, (std::array<u32, 3>{kMember, 0, 7}));
         holder->Release();
         EXPECT_TRUE(holder->Wait().ExitedWith(0));
         if (!stuck) continue;
@@ -343,74 +344,31 @@ TEST_F(ReaderConsistencyTest, EntryHeldPastTheBoundEndsTheReadOnItsOwn) {
     }
 }
 
-TEST_F(ReaderConsistencyTest, SlotReusedByAnotherKeyIsNeverCopiedAsTheFirst) {
-    constexpr u32 kA = 0x1111, kB = 0x2222;
-    ASSERT_EQ(PutPattern(PMDB_TYPE_PUNT, kA, kA), PMDB_OK);
-    /* Each key rests a little after it is written, so that a reader that
-     * waits long for the processor still finds both keys now and then. */
-    const auto put = [](u32 key) {
-        const cerrno rc = PutPattern(PMDB_TYPE_PUNT, key, key);
-        usleep(100);
-        return rc;
-    };
-    ChildProcess writer([&](ChildLink &link) {
-        link.Ready();
-        for (;;)
-            for (const auto &[gone, next] : {std::pair{kA, kB}, {kB, kA}})
-                if (RemoveEntry(PMDB_TYPE_PUNT, gone) != 0 || put(next) != 0) return 1;
-    });
-    ASSERT_TRUE(writer.WaitReady());
-    dpa_pmdb_reader_set_lock_wait_ms(kHangMs); /* a loaded machine must not turn a wait into 16 */
-    /* Reads until both keys were found and one was missing. */
-    size_t found[2] = {0, 0}, missing = 0, wrong = 0;
-    const auto hang = Clock::now() + kHang;
-    for (unsigned i = 0; (found[0] == 0 || found[1] == 0 || missing == 0) && Clock::now() < hang;
-         i++) {
-        const u32 key = i % 2 == 0 ? kA : kB;
-        Copy c;
-        const cerrno rc = ReadBlocks(PMDB_TYPE_PUNT, key, &c);
-        ASSERT_TRUE(rc == PMDB_OK || rc == PMDB_ENOTFOUND) << rc;
-        if (rc == PMDB_ENOTFOUND) missing++;
-        if (rc == PMDB_OK && (!Uniform(c) || c[0] != key)) wrong++;
-        if (rc == PMDB_OK) found[i % 2]++;
-    }
-    EXPECT_EQ(wrong, 0u);
-    EXPECT_GT(found[0], 0u);
-    EXPECT_GT(found[1], 0u);
-    EXPECT_GT(missing, 0u);
-    const auto r = writer.Wait(0ms); /* still running: killed here */
-    EXPECT_FALSE(r.exited) << "the writer failed: " << r.Describe();
-}
-
 /* ---- many writers of the same keys ---------------------------------------
  * Adds, refreshes and removals of the same few keys, from several threads in
  * each of several processes at once, while another process copies them
  * through the reader: no call crashes or hangs, every call answers a status
  * it documents, a writer never shares its entry with another writer, no
- * reader copy mixes two writers' words, and the table and its locks are
- * sound afterwards. */
+ * reader copy mixes two writers' words or is of another key whose entry
+ * took the slot, and the table and its locks are sound afterwards. */
 
 constexpr int kWriterProcs = 3, kThreadsPerProc = 2, kOpsPerThread = 1500, kReads = 20000;
 constexpr std::array<u32, 2> kKeys = {0x0011, 0x0012};
 
 /* Faults of a child's thread: a writer saw another writer's words in its
  * entry; a call answered a status it does not document; a reader copy held
- * words of two writers.  A child exits with the sum of its threads' faults. */
+ * words of two writers or of another key.  A child exits with the sum of its
+ * threads' faults. */
 constexpr int kMixed = 1, kBadStatus = 2, kTorn = 3;
 
-struct RaceCase {
-    const char *name;
-    pmdb_type_t type;
-    u32 entry_size;
-};
+class SameKeyRaceTest : public PmdbTest, public ::testing::WithParamInterface<pmdb_type_t> {};
 
-class SameKeyRaceTest : public pmdb::test::PmdbTest,
-                        public ::testing::WithParamInterface<RaceCase> {};
-
-/* Writes `value` into every word of the entry after its key, yielding half
- * way so that a second writer would interleave, then checks that every word
- * still holds it: under a sound entry lock nobody else writes meanwhile. */
-bool FillAndCheck(void *entry, u32 words, u32 key, u32 value) {
+/* Writes `tag` with the key in its top byte into every word of the entry
+ * after its key, yielding half way so that a second writer would interleave,
+ * then checks that every word still holds it: under a sound entry lock nobody
+ * else writes meanwhile. */
+bool FillAndCheck(void *entry, pmdb_type_t type, u32 key, u32 tag) {
+    const u32 words = pmdb_fields::kEntrySize[type] / 4, value = key << 24 | tag;
     u32 *w = static_cast<u32 *>(entry);
     __atomic_store_n(&w[0], key, __ATOMIC_RELAXED);
     for (u32 i = 1; i < words; i++) {
@@ -430,18 +388,18 @@ int BadStatus(const char *what, cerrno st) {
 
 /* One writer thread: a random mix of adds or refreshes (two in three) and
  * removals.  0, or the child exit code of the first fault. */
-int WriterThread(const RaceCase &rc, u32 seed) {
+int WriterThread(pmdb_type_t type, u32 seed) {
     std::mt19937 rng(seed);
     for (int op = 0; op < kOpsPerThread; op++) {
         const u32 key = kKeys[rng() % kKeys.size()];
         if (rng() % 3 == 2) {
-            const cerrno st = RemoveEntry(rc.type, key);
+            const cerrno st = RemoveEntry(type, key);
             if (st != 0 && st != TABRA_E_NOTFOUND) return BadStatus("remove", st);
             continue;
         }
         bool mixed = false;
-        const cerrno st = WriteEntry(rc.type, key, [&](void *e) {
-            mixed = !FillAndCheck(e, rc.entry_size / 4, key, (seed << 16) | (op + 1u));
+        const cerrno st = WriteEntry(type, key, [&](void *e) {
+            mixed = !FillAndCheck(e, type, key, (seed << 16) | (op + 1u));
         });
         if (mixed) return kMixed;
         if (st != 0) return BadStatus("add", st);
@@ -449,12 +407,16 @@ int WriterThread(const RaceCase &rc, u32 seed) {
     return 0;
 }
 
-int ReaderProcess(const RaceCase &rc) {
+/* The reader's lock wait is long: a writer holds an entry for microseconds,
+ * so a busy answer would be a fault, not a loaded machine. */
+int ReaderProcess(pmdb_type_t type) {
+    dpa_pmdb_reader_set_lock_wait_ms(kHangMs);
     for (int i = 0; i < kReads; i++) {
         Copy c;
-        const cerrno st = ReadBlocks(rc.type, kKeys[i % kKeys.size()], &c);
-        if (st == 0 && !Uniform(c, rc.type)) return kTorn;
-        if (st != 0 && st != PMDB_ENOTFOUND && st != PMDB_EBUSY) return BadStatus("lookup", st);
+        const u32 key = kKeys[i % kKeys.size()];
+        const cerrno st = ReadBlocks(type, key, &c);
+        if (st == 0 && (!Uniform(c, type) || c[1] >> 24 != key)) return kTorn;
+        if (st != 0 && st != PMDB_ENOTFOUND) return BadStatus("lookup", st);
     }
     return 0;
 }
@@ -477,38 +439,33 @@ int InThreads(int n, const std::function<int(int)> &body) {
 }
 
 TEST_P(SameKeyRaceTest, EveryInterleavingLeavesOneWriterPerEntry) {
-    const RaceCase rc = GetParam();
+    const pmdb_type_t type = GetParam();
     std::vector<std::unique_ptr<ChildProcess>> children;
     for (int p = 0; p < kWriterProcs; p++)
-        children.push_back(std::make_unique<ChildProcess>([rc, p](ChildLink &) {
+        children.push_back(std::make_unique<ChildProcess>([type, p](ChildLink &) {
             return InThreads(kThreadsPerProc, [&](int t) {
-                return WriterThread(rc, static_cast<u32>(p * kThreadsPerProc + t + 1));
+                return WriterThread(type, static_cast<u32>(p * kThreadsPerProc + t + 1));
             });
         }));
-    children.push_back(std::make_unique<ChildProcess>([rc](ChildLink &) { return ReaderProcess(rc); }));
+    children.push_back(
+        std::make_unique<ChildProcess>([type](ChildLink &) { return ReaderProcess(type); }));
     for (auto &c : children) {
         const auto r = c->Wait(120s); /* a hang detector; the run takes a second or two */
         EXPECT_TRUE(r.ExitedWith(0)) << r.Describe();
     }
 
     tabra_hdl_t table = nullptr;
-    ASSERT_EQ(tabra_attach(rc.type == PMDB_TYPE_IFH    ? PMDB_IFH_TABLE_NAME
-                           : rc.type == PMDB_TYPE_PUNT ? PMDB_PUNT_TABLE_NAME
-                                                       : PMDB_OAM_TABLE_NAME,
-                           &table),
-              0u);
+    ASSERT_EQ(tabra_attach(pmdb_fields::kTableName[type], &table), 0u);
     char report[256] = "";
     EXPECT_EQ(tabra_check(table, report, sizeof report), 0u) << report;
     dnx_db_hdl_t *hdl = nullptr;
-    ASSERT_EQ(dpa_chk_shrd_ctx_open(nullptr, &hdl, rc.type), 0u);
+    ASSERT_EQ(dpa_chk_shrd_ctx_open(nullptr, &hdl, type), 0u);
     /* One more entry, so that the reads below find at least one. */
     constexpr u32 kAfter = 0x0013;
-    ASSERT_EQ(WriteEntry(rc.type, kAfter,
-                                [&](void *e) { FillAndCheck(e, rc.entry_size / 4, kAfter, 5); }),
-              0u);
+    ASSERT_EQ(WriteEntry(type, kAfter, [&](void *e) { FillAndCheck(e, type, kAfter, 5); }), 0u);
     std::vector<u32> left;
     for (u32 key : {kKeys[0], kKeys[1], kAfter}) {
-        const i32 slot = SlotOf(rc.type, key);
+        const i32 slot = SlotOf(type, key);
         if (slot < 0) continue;
         left.push_back(key);
         pmdb_lock_view_t view;
@@ -523,16 +480,16 @@ TEST_P(SameKeyRaceTest, EveryInterleavingLeavesOneWriterPerEntry) {
                             Copy c;
                             for (int i = 0; i < 200; i++)
                                 for (u32 key : left)
-                                    failures += ReadBlocks(rc.type, key, &c) != 0 || !Uniform(c, rc.type);
+                                    failures += ReadBlocks(type, key, &c) != 0 || !Uniform(c, type);
                             return failures;
                         }),
               0);
 }
 
 INSTANTIATE_TEST_SUITE_P(Tables, SameKeyRaceTest,
-                         ::testing::Values(RaceCase{"Ifh", PMDB_TYPE_IFH, PMDB_IFH_ENTRY_SIZE},
-                                           RaceCase{"Punt", PMDB_TYPE_PUNT, PMDB_PUNT_ENTRY_SIZE},
-                                           RaceCase{"Oam", PMDB_TYPE_OAM, PMDB_OAM_ENTRY_SIZE}),
-                         [](const auto &info) { return std::string(info.param.name); });
+                         ::testing::Values(PMDB_TYPE_IFH, PMDB_TYPE_PUNT, PMDB_TYPE_OAM),
+                         [](const auto &info) {
+                             return std::string(std::array{"Ifh", "Punt", "Oam"}[info.param]);
+                         });
 
 }  // namespace
