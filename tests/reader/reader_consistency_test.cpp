@@ -355,12 +355,6 @@ TEST_F(ReaderConsistencyTest, EntryHeldPastTheBoundEndsTheReadOnItsOwn) {
 constexpr int kWriterProcs = 3, kThreadsPerProc = 2, kOpsPerThread = 1500, kReads = 20000;
 constexpr std::array<u32, 2> kKeys = {0x0011, 0x0012};
 
-/* Faults of a child's thread: a writer saw another writer's words in its
- * entry; a call answered a status it does not document; a reader copy held
- * words of two writers or of another key.  A child exits with the sum of its
- * threads' faults. */
-constexpr int kMixed = 1, kBadStatus = 2, kTorn = 3;
-
 class SameKeyRaceTest : public PmdbTest, public ::testing::WithParamInterface<pmdb_type_t> {};
 
 /* Writes `tag` with the key in its top byte into every word of the entry
@@ -381,78 +375,57 @@ bool FillAndCheck(void *entry, pmdb_type_t type, u32 key, u32 tag) {
     return true;
 }
 
-int BadStatus(const char *what, cerrno st) {
-    fprintf(stderr, "%s answered %#x\n", what, st);
-    return kBadStatus;
-}
-
 /* One writer thread: a random mix of adds or refreshes (two in three) and
- * removals.  0, or the child exit code of the first fault. */
-int WriterThread(pmdb_type_t type, u32 seed) {
+ * removals, until the first fault. */
+void WriterThread(pmdb_type_t type, u32 seed) {
     std::mt19937 rng(seed);
     for (int op = 0; op < kOpsPerThread; op++) {
         const u32 key = kKeys[rng() % kKeys.size()];
-        if (rng() % 3 == 2) {
-            const cerrno st = RemoveEntry(type, key);
-            if (st != 0 && st != TABRA_E_NOTFOUND) return BadStatus("remove", st);
-            continue;
-        }
-        bool mixed = false;
-        const cerrno st = WriteEntry(type, key, [&](void *e) {
-            mixed = !FillAndCheck(e, type, key, (seed << 16) | (op + 1u));
+        const bool remove = rng() % 3 == 2;
+        bool shared = false;
+        const cerrno st = remove ? RemoveEntry(type, key) : WriteEntry(type, key, [&](void *e) {
+            shared = !FillAndCheck(e, type, key, (seed << 16) | (op + 1u));
         });
-        if (mixed) return kMixed;
-        if (st != 0) return BadStatus("add", st);
+        ASSERT_FALSE(shared) << "another writer wrote in entry " << key;
+        ASSERT_TRUE(st == 0 || (remove && st == TABRA_E_NOTFOUND)) << remove << " " << st;
     }
-    return 0;
 }
 
 /* The reader's lock wait is long: a writer holds an entry for microseconds,
  * so a busy answer would be a fault, not a loaded machine. */
-int ReaderProcess(pmdb_type_t type) {
+void ReadWhileWritten(pmdb_type_t type) {
     dpa_pmdb_reader_set_lock_wait_ms(kHangMs);
     for (int i = 0; i < kReads; i++) {
         Copy c;
         const u32 key = kKeys[i % kKeys.size()];
         const cerrno st = ReadBlocks(type, key, &c);
-        if (st == 0 && (!Uniform(c, type) || c[1] >> 24 != key)) return kTorn;
-        if (st != 0 && st != PMDB_ENOTFOUND) return BadStatus("lookup", st);
+        ASSERT_TRUE(st == 0 || st == PMDB_ENOTFOUND) << st;
+        ASSERT_TRUE(st != 0 || (Uniform(c, type) && c[1] >> 24 == key)) << "torn or another key";
     }
-    return 0;
 }
 
-/* Runs body(0) .. body(n - 1) in threads released together; the sum of their
- * results. */
-int InThreads(int n, const std::function<int(int)> &body) {
+/* Runs body(0) .. body(n - 1) in threads released together. */
+void InThreads(int n, const std::function<void(int)> &body) {
     std::atomic<bool> go{false};
-    std::atomic<int> sum{0};
     std::vector<std::thread> threads;
     for (int t = 0; t < n; t++)
         threads.emplace_back([&, t] {
             while (!go.load()) {
             }
-            sum += body(t);
+            body(t);
         });
     go = true;
     for (auto &th : threads) th.join();
-    return sum.load();
 }
 
 TEST_P(SameKeyRaceTest, EveryInterleavingLeavesOneWriterPerEntry) {
     const pmdb_type_t type = GetParam();
-    std::vector<std::unique_ptr<ChildProcess>> children;
-    for (int p = 0; p < kWriterProcs; p++)
-        children.push_back(std::make_unique<ChildProcess>([type, p](ChildLink &) {
-            return InThreads(kThreadsPerProc, [&](int t) {
-                return WriterThread(type, static_cast<u32>(p * kThreadsPerProc + t + 1));
-            });
-        }));
-    children.push_back(
-        std::make_unique<ChildProcess>([type](ChildLink &) { return ReaderProcess(type); }));
-    for (auto &c : children) {
-        const auto r = c->Wait(120s); /* a hang detector; the run takes a second or two */
-        EXPECT_TRUE(r.ExitedWith(0)) << r.Describe();
-    }
+    pmdb::test::RunAtOnce(kWriterProcs + 1, {}, [type](size_t p) {
+        if (p == kWriterProcs) return ReadWhileWritten(type);
+        InThreads(kThreadsPerProc, [&](int t) {
+            WriterThread(type, static_cast<u32>(p * kThreadsPerProc + t + 1));
+        });
+    });
 
     tabra_hdl_t table = nullptr;
     ASSERT_EQ(tabra_attach(pmdb_fields::kTableName[type], &table), 0u);
@@ -474,16 +447,12 @@ TEST_P(SameKeyRaceTest, EveryInterleavingLeavesOneWriterPerEntry) {
     }
     /* Threads of this process, which has not used the reader yet, race to
      * attach and each reads every entry left, whole. */
-    EXPECT_EQ(InThreads(4,
-                        [&](int) {
-                            int failures = 0;
-                            Copy c;
-                            for (int i = 0; i < 200; i++)
-                                for (u32 key : left)
-                                    failures += ReadBlocks(type, key, &c) != 0 || !Uniform(c, type);
-                            return failures;
-                        }),
-              0);
+    InThreads(4, [&](int) {
+        Copy c;
+        for (int i = 0; i < 200; i++)
+            for (u32 key : left)
+                ASSERT_TRUE(ReadBlocks(type, key, &c) == 0 && Uniform(c, type)) << key;
+    });
 }
 
 INSTANTIATE_TEST_SUITE_P(Tables, SameKeyRaceTest,
