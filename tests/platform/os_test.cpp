@@ -266,8 +266,6 @@ TEST_F(OsTest, InjectedFaultsFailWithErrnoAndDoNothingAndCallsAreLogged) {
 
 /* ---- thread-debug service and fault arming ------------------------------- */
 
-class KemtTest : public pmdb::test::PmdbTest {};
-
 /* Waits like the library does: try-lock, register the wait, lock, unset. */
 void RegisteredLock(pthread_mutex_t *m, const char *where, int line) {
     if (pthread_mutex_trylock(m) == 0) return;
@@ -279,7 +277,7 @@ void RegisteredLock(pthread_mutex_t *m, const char *where, int line) {
 /* Threads waiting at once are all listed, each with its mutex, place and
  * thread, until they get the mutex; their waits are counted, and each thread
  * has a last wait of its own. */
-TEST_F(KemtTest, BlockedThreadsAreVisibleUntilTheyGetTheMutex) {
+TEST_F(OsTest, BlockedThreadsAreVisibleUntilTheyGetTheMutex) {
     constexpr int kThreads = 4;
     pthread_mutex_t m = PTHREAD_MUTEX_INITIALIZER;
     pthread_mutex_lock(&m);
@@ -323,8 +321,6 @@ TEST_F(KemtTest, BlockedThreadsAreVisibleUntilTheyGetTheMutex) {
     EXPECT_EQ(kemt_host_location_waits("dpa_pmdb_mprotect_tabra", -1), 0u);
 }
 
-class FaultTest : public pmdb::test::PmdbTest {};
-
 /* "1" for each of n calls of `name` that the armed faults fail, else "0". */
 std::string Hits(const char *name, int n, int64_t *result) {
     std::string s;
@@ -332,7 +328,7 @@ std::string Hits(const char *name, int n, int64_t *result) {
     return s;
 }
 
-TEST_F(FaultTest, CountedNegativeZeroAndRearming) {
+TEST_F(OsTest, ArmedFaultsAreCountedNegativeZeroAndRearmed) {
     int64_t r = 0;
     EXPECT_EQ(Hits("tabra_open", 1, &r), "0");
     pm_fault_set("tabra_open", 17, 2);

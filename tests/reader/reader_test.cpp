@@ -423,9 +423,9 @@ TEST_F(ReaderQueryTest, LookupsCopyTheStoredBlocksAndNothingElse) {
 /* Nothing is found before the database exists, and a reader that asked too
  * early finds the tables once a writer has made them, without a restart. */
 TEST_F(ReaderQueryTest, MissingEntriesAndBadArgumentsLeaveBuffersAlone) {
-    std::array<u8, 312> buf;
-    buf.fill(kFill);
-    const std::array<u8, 312> untouched = buf;
+    Copy buf;
+    buf.fill(kGuard);
+    const Copy untouched = buf;
     EXPECT_EQ(dpa_pmdb_get_ifh_entry_by_key(P1, buf.data(), 0, 0), PMDB_ENOTFOUND);
     EXPECT_EQ(dpa_pmdb_get_punt_entry_by_key(0x101, buf.data()), PMDB_ENOTFOUND);
     EXPECT_EQ(Ask(List(dpa_pmdb_get_bundle_punt_entries, B), 3, PMDB_ENOTFOUND),
@@ -440,11 +440,8 @@ TEST_F(ReaderQueryTest, MissingEntriesAndBadArgumentsLeaveBuffersAlone) {
     EXPECT_EQ(dpa_pmdb_count_entries(PMDB_TYPE_IFH, &n), PMDB_OK);
     EXPECT_EQ(n, 12u);
 
-    EXPECT_EQ(dpa_pmdb_get_ifh_entry_by_key(0x7777, buf.data(), 0, 0), PMDB_ENOTFOUND);
-    EXPECT_EQ(dpa_pmdb_get_punt_entry_by_key(0x7777, buf.data()), PMDB_ENOTFOUND);
-    EXPECT_EQ(
-        dpa_pmdb_get_oam_entry_by_key(0x7777, reinterpret_cast<pmdb_oam_entry_t *>(buf.data())),
-        PMDB_ENOTFOUND);
+    for (const pmdb_type_t type : {PMDB_TYPE_IFH, PMDB_TYPE_PUNT, PMDB_TYPE_OAM})
+        EXPECT_EQ(ReadBlocks(type, 0x7777, &buf), PMDB_ENOTFOUND) << type;
     EXPECT_EQ(dpa_pmdb_get_ifh_entry_by_key(0, buf.data(), 0, 0), PMDB_EINVAL);
     EXPECT_EQ(dpa_pmdb_get_ifh_entry_by_key(P1, buf.data(), 1, 0), PMDB_EINVAL);
     EXPECT_EQ(dpa_pmdb_get_ifh_entry_by_key(P1, buf.data(), 0, 1), PMDB_EINVAL);
@@ -643,8 +640,6 @@ TEST_F(ReaderConsistencyTest, EntryHeldPastTheBoundEndsTheReadOnItsOwn) {
         {"stuck writer", Hold::locked, kLockKept, PMDB_EBUSY},
     };
     card::PutMember(P2, B);
-    dnx_db_hdl_t *hdl = nullptr;
-    ASSERT_EQ(dpa_chk_shrd_ctx_open(nullptr, &hdl, PMDB_TYPE_IFH), 0u);
     dpa_pmdb_reader_set_lock_wait_ms(60);
     for (u32 i = 0; i < std::size(cases); i++) {
         const auto &k = cases[i];
@@ -654,10 +649,10 @@ TEST_F(ReaderConsistencyTest, EntryHeldPastTheBoundEndsTheReadOnItsOwn) {
         if (k.how != Hold::created) card::PutMember(key, stuck ? B : 0);
         auto holder = StartHolder(PMDB_TYPE_IFH, key, 9, false, k.how);
         ASSERT_TRUE(holder->WaitReady());
-        pellin_mutex_type *lock = nullptr;
+        pellin_mutex_type *lock =
+            k.lock_kind != kLockKept ? card::SlotLock(PMDB_TYPE_IFH, key) : nullptr;
         pellin_mutex_type before{};
-        if (k.lock_kind != kLockKept) {
-            lock = &hdl->shrd_ctx->entry_lock[SlotOf(PMDB_TYPE_IFH, key)];
+        if (lock != nullptr) {
             memset(lock, 0, sizeof *lock);
             lock->__data.__kind = k.lock_kind;
             before = *lock;
@@ -776,19 +771,16 @@ TEST_P(SameKeyRaceTest, EveryInterleavingLeavesOneWriterPerEntry) {
     ASSERT_EQ(tabra_attach(pmdb_fields::kTableName[type], &table), 0u);
     char report[256] = "";
     EXPECT_EQ(tabra_check(table, report, sizeof report), 0u) << report;
-    dnx_db_hdl_t *hdl = nullptr;
-    ASSERT_EQ(dpa_chk_shrd_ctx_open(nullptr, &hdl, type), 0u);
     /* One more entry, so that the reads below find at least one. */
     constexpr u32 kAfter = 0x0013;
     ASSERT_EQ(WriteEntry(type, kAfter, [&](void *e) { FillAndCheck(e, type, kAfter, 5); }), 0u);
     std::vector<u32> left;
     for (u32 key : {kKeys[0], kKeys[1], kAfter}) {
-        const i32 slot = SlotOf(type, key);
-        if (slot < 0) continue;
+        if (SlotOf(type, key) < 0) continue;
         left.push_back(key);
         pmdb_lock_view_t view;
-        pmdb_lock_inspect(&hdl->shrd_ctx->entry_lock[slot], &view);
-        EXPECT_TRUE(view.initialised && !view.held) << "key " << key << " slot " << slot;
+        pmdb_lock_inspect(card::SlotLock(type, key), &view);
+        EXPECT_TRUE(view.initialised && !view.held) << "key " << key;
     }
     /* Threads of this process, which has not used the reader yet, race to
      * attach and each reads every entry left, whole. */
