@@ -94,7 +94,6 @@ void PutIfh(u32 key, const pmdb_intf_info_t &info, u8 ifh_flags = 0, u8 member_c
         e.intf_info = info;
         e.punt_info.ifh = key;
         e.punt_info.punt_data[0] = key ^ 0xA5A5u;
-        pmdb_stamp(&e.event_id, &e.last_update, key);
     });
 }
 
@@ -103,7 +102,6 @@ void PutPunt(u32 key, const pmdb_intf_info_t &info) {
     e.key = key;
     e.intf_info = info;
     e.punt_info.punt_data[4] = key;
-    pmdb_stamp(&e.event_id, &e.last_update, key);
     card::PutRecord(PMDB_TYPE_PUNT, key, &e);
 }
 
@@ -146,10 +144,9 @@ void BuildCard() {
         PutIfh(c.sub != 0 ? c.sub : (c.ifh != 0 ? c.ifh : c.bundle), info, c.flags, c.members);
         for (u32 key : c.punt_keys) PutPunt(key, info);
     }
-    PutOam(0x81010008, P1);
-    PutOam(0x0042001C, P1);
-    PutOam(0x0043001C, S1);
-    PutOam(0x0050001C, B);
+    for (const auto &[key, ifh] :
+         {std::pair{0x81010008u, P1}, {0x0042001Cu, P1}, {0x0043001Cu, S1}, {0x0050001Cu, B}})
+        PutOam(key, ifh);
 }
 
 /* `keys` sorted by their table slot (the order the list queries promise). */
