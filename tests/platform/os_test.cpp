@@ -228,9 +228,6 @@ TEST_F(OsTest, InjectedFaultsFailWithErrnoAndDoNothingAndCallsAreLogged) {
     EXPECT_EQ(_shm_open("x", O_CREAT | O_RDWR, 0600), -1);
     EXPECT_EQ(errno, EACCES);
     EXPECT_EQ(ReadObject("x"), -1);  // nothing was created
-    pm_fault_set("vornos_mmap", ENOMEM, 1);
-    EXPECT_EQ(vornos_mmap(nullptr, 4096, PROT_READ, MAP_SHARED, -1, 0), MAP_FAILED);
-    EXPECT_EQ(errno, ENOMEM);
     pm_fault_set("vorn_sem_open", EMFILE, 2);
     EXPECT_EQ(vorn_sem_open("s", O_CREAT | O_EXCL, 0600, 1), SEM_FAILED);
     EXPECT_EQ(vorn_sem_open("s", O_CREAT, 0600, 1), SEM_FAILED);
