@@ -11,13 +11,6 @@
 // interleaving a test needs is either made by a handshake (a writer holds the
 // entry until the reader is seen on the path under test) or awaited by
 // reading until it has been seen.  Time bounds only detect hangs.
-//
-// The card:
-//   node 1: ports P1 (with port sub-interface S1), P2, P6
-//   node 2: ports P3, P4, P5
-//   bundle B  (node 999 punt key): active members P2, P3, P4; P5 carries B but
-//             is not active; sub-interfaces BS1, BS2
-//   bundle B2: active member P6; sub-interface BS3
 #include <gmock/gmock.h>
 #include <sched.h>
 #include <string.h>
@@ -114,9 +107,12 @@ void PutOam(u32 key, u32 oam_ifh) {
     card::PutRecord(PMDB_TYPE_OAM, key, &e);
 }
 
-/* The card's interfaces: handles, node, IFH flags and member count, and the
- * PUNT keys written with the interface's block.  BS2's IFH entry is the one
- * of node 1 (the later row). */
+/* The card: ports P1 (with port sub-interface S1), P2, P6 on node 1, P3, P4,
+ * P5 on node 2; bundle B with active members P2, P3, P4 (P5 carries B but is
+ * not active) and sub-interfaces BS1, BS2; bundle B2 with P6 and BS3.  Each
+ * row: handles, node, IFH flags and member count, and the PUNT keys written
+ * with the interface's block.  BS2's IFH entry is the one of node 1 (the
+ * later row). */
 const struct {
     u32 ifh, sub, bundle, node;
     u8 flags, members;
