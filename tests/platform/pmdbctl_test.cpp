@@ -26,13 +26,9 @@ using json = nlohmann::json;
 using namespace std::chrono_literals;
 using pmdb::test::PmdbTest;
 using pmdb::test::RunInChild;
+using pmdb::test::RunTool;
 using pmdb::test::ToolRun;
 using pmdbctl::FindTracePoint;
-
-/* pmdbctl with `args`, run to its end. */
-ToolRun Pmdbctl(const std::vector<std::string> &args) {
-    return pmdb::test::RunTool(PMDBCTL_PATH, args);
-}
 
 class PmdbctlTest : public PmdbTest {};
 
@@ -50,7 +46,7 @@ void WriteSampleInChild() {
 
 TEST_F(PmdbctlTest, TraceJsonDecodesNamesAndArguments) {
     WriteSampleInChild();
-    const ToolRun r = Pmdbctl({"trace", "--json"});
+    const ToolRun r = RunTool(PMDBCTL_PATH, {"trace", "--json"});
     ASSERT_EQ(r.status, 0) << r.err;
     json j = json::parse(r.out);
     EXPECT_EQ(j["namespace"], ns());
@@ -161,7 +157,7 @@ TEST_F(PmdbctlTest, CommandsPrintWhatTheyWereAskedOrOneLineOfError) {
         if (says == "{ns}") says = ns();
         SCOPED_TRACE(std::string(row.pmdb_ns ? row.pmdb_ns : "") + " | " + args);
         setenv(VORN_NS_ENV, row.pmdb_ns != nullptr ? row.pmdb_ns : ns().c_str(), 1);
-        const ToolRun r = Pmdbctl(pmdb::test::Words(args));
+        const ToolRun r = RunTool(PMDBCTL_PATH, pmdb::test::Words(args));
         if (row.status < 0) {
             EXPECT_NE(r.status, 0);
             EXPECT_EQ(std::count(r.err.begin(), r.err.end(), '\n'), 1) << r.err;
@@ -175,7 +171,7 @@ TEST_F(PmdbctlTest, CommandsPrintWhatTheyWereAskedOrOneLineOfError) {
         EXPECT_NE(r.err.find(row.errs), std::string::npos) << r.err;
     }
     /* An empty --ns is refused, not taken for the current namespace. */
-    const ToolRun empty = Pmdbctl({"--ns", "", "settings"});
+    const ToolRun empty = RunTool(PMDBCTL_PATH, {"--ns", "", "settings"});
     EXPECT_NE(empty.status, 0);
     EXPECT_TRUE(empty.out.empty()) << empty.out;
     vorn_host_remove_namespace(other.c_str());
@@ -211,7 +207,7 @@ TEST_F(PmdbctlTest, BytesThatAreNotTextAreEscapedInEveryCommand) {
              DamagedInput{{"check", "--json"}, 1, R"("name": "T\\xff")"},
              DamagedInput{{"check"}, 1, R"(T\xff )"},
          }) {
-        const ToolRun r = Pmdbctl(d.args);
+        const ToolRun r = RunTool(PMDBCTL_PATH, d.args);
         SCOPED_TRACE(d.args[0] + (d.args.size() > 1 ? " " + d.args[1] : ""));
         EXPECT_EQ(r.status, d.status) << r.err;
         EXPECT_NE(r.out.find(d.says), std::string::npos) << r.out;

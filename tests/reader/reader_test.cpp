@@ -358,12 +358,10 @@ template <typename... Rest>
 auto List(cerrno (*fn)(u32, u32 *, u32, Rest...), u32 handle, Rest... rest) {
     return [=](u32 *out, u32 cap) { return fn(handle, out, cap, rest...); };
 }
-auto PortPunt(u32 ifh) {
-    return List(dpa_pmdb_get_port_punt_entries, ifh);
-}
-auto Members(u32 bundle, u32 node) {
+const auto PortPunt = [](u32 ifh) { return List(dpa_pmdb_get_port_punt_entries, ifh); };
+const auto Members = [](u32 bundle, u32 node) {
     return List(dpa_pmdb_get_bundle_member_ifh_entries, bundle, node);
-}
+};
 
 struct Visits {
     std::vector<u32> keys;
