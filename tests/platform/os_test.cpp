@@ -24,7 +24,6 @@
 #include "host/kemt_host.h"
 #include "host/os_host.h"
 #include "host/pm_fault.h"
-#include "host/settings.h"
 #include "host/vesk_reader.h"
 #include "kemt.h"
 #include "pmdb_test.h"
