@@ -6,8 +6,8 @@
 #include <unistd.h>
 
 #include <algorithm>
+#include <cctype>
 #include <nlohmann/json.hpp>
-#include <regex>
 #include <set>
 #include <sstream>
 #include <string>
@@ -219,7 +219,11 @@ TEST_F(PmdbctlTest, BytesThatAreNotTextAreEscapedInEveryCommand) {
 /* ---- the trace point table ---------------------------------------------- */
 
 bool SnakeCase(const char *s) {
-    return s != nullptr && std::regex_match(s, std::regex("[a-z][a-z0-9_]*"));
+    if (s == nullptr || !islower((unsigned char)s[0])) return false;
+    for (const char *p = s; *p; p++) {
+        if (!islower((unsigned char)*p) && !isdigit((unsigned char)*p) && *p != '_') return false;
+    }
+    return true;
 }
 
 /* Every documented point once, with a snake_case name and unique snake_case
