@@ -24,7 +24,6 @@
 #include "host/kemt_host.h"
 #include "host/os_host.h"
 #include "host/pm_fault.h"
-#include "host/settings.h"
 #include "host/vesk_reader.h"
 #include "kemt.h"
 #include "pmdb_test.h"
@@ -228,9 +227,6 @@ TEST_F(OsTest, InjectedFaultsFailWithErrnoAndDoNothingAndCallsAreLogged) {
     EXPECT_EQ(_shm_open("x", O_CREAT | O_RDWR, 0600), -1);
     EXPECT_EQ(errno, EACCES);
     EXPECT_EQ(ReadObject("x"), -1);  // nothing was created
-    pm_fault_set("vornos_mmap", ENOMEM, 1);
-    EXPECT_EQ(vornos_mmap(nullptr, 4096, PROT_READ, MAP_SHARED, -1, 0), MAP_FAILED);
-    EXPECT_EQ(errno, ENOMEM);
     pm_fault_set("vorn_sem_open", EMFILE, 2);
     EXPECT_EQ(vorn_sem_open("s", O_CREAT | O_EXCL, 0600, 1), SEM_FAILED);
     EXPECT_EQ(vorn_sem_open("s", O_CREAT, 0600, 1), SEM_FAILED);
@@ -266,8 +262,6 @@ TEST_F(OsTest, InjectedFaultsFailWithErrnoAndDoNothingAndCallsAreLogged) {
 
 /* ---- thread-debug service and fault arming ------------------------------- */
 
-class KemtTest : public pmdb::test::PmdbTest {};
-
 /* Waits like the library does: try-lock, register the wait, lock, unset. */
 void RegisteredLock(pthread_mutex_t *m, const char *where, int line) {
     if (pthread_mutex_trylock(m) == 0) return;
@@ -279,7 +273,7 @@ void RegisteredLock(pthread_mutex_t *m, const char *where, int line) {
 /* Threads waiting at once are all listed, each with its mutex, place and
  * thread, until they get the mutex; their waits are counted, and each thread
  * has a last wait of its own. */
-TEST_F(KemtTest, BlockedThreadsAreVisibleUntilTheyGetTheMutex) {
+TEST_F(OsTest, BlockedThreadsAreVisibleUntilTheyGetTheMutex) {
     constexpr int kThreads = 4;
     pthread_mutex_t m = PTHREAD_MUTEX_INITIALIZER;
     pthread_mutex_lock(&m);
@@ -323,8 +317,6 @@ TEST_F(KemtTest, BlockedThreadsAreVisibleUntilTheyGetTheMutex) {
     EXPECT_EQ(kemt_host_location_waits("dpa_pmdb_mprotect_tabra", -1), 0u);
 }
 
-class FaultTest : public pmdb::test::PmdbTest {};
-
 /* "1" for each of n calls of `name` that the armed faults fail, else "0". */
 std::string Hits(const char *name, int n, int64_t *result) {
     std::string s;
@@ -332,7 +324,7 @@ std::string Hits(const char *name, int n, int64_t *result) {
     return s;
 }
 
-TEST_F(FaultTest, CountedNegativeZeroAndRearming) {
+TEST_F(OsTest, ArmedFaultsAreCountedNegativeZeroAndRearmed) {
     int64_t r = 0;
     EXPECT_EQ(Hits("tabra_open", 1, &r), "0");
     pm_fault_set("tabra_open", 17, 2);
