@@ -220,6 +220,26 @@ TEST_F(OsTest, ObjectsArePrivateAndAnotherUsersAreRefused) {
     vorn_host_remove_namespace(other.c_str());
 }
 
+/* The first opener of a region unlinks its semaphore when done: an open
+ * that meets that unlink between opening the semaphore and checking its
+ * owner (through its file, by name) must open again, not fail. */
+TEST_F(OsTest, SemaphoreOpensWhileAnotherProcessUnlinksIt) {
+    pmdb::test::RunAtOnce(
+        3, [] {},
+        [](size_t k) {
+            for (int i = 0; i < 1000; i++) {
+                if (k == 0) {
+                    vorn_sem_unlink("race");
+                    usleep(100); /* paces the unlinks; the openers run freely */
+                    continue;
+                }
+                sem_t *s = vorn_sem_open("race", O_CREAT, 0777, 1);
+                ASSERT_NE(s, SEM_FAILED) << "open " << i << ": errno " << errno;
+                sem_close(s);
+            }
+        });
+}
+
 /* Each injected fault fails its call with its errno and does nothing, as
  * many times as armed; the call log holds only the calls made while on. */
 TEST_F(OsTest, InjectedFaultsFailWithErrnoAndDoNothingAndCallsAreLogged) {
