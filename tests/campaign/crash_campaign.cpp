@@ -396,8 +396,11 @@ class Campaign {
         printf(
             "crash campaign: seed %u, %u writers, %zu lines in %zu phases, %u pass(es), %.1f s\n",
             o_.seed, o_.writers, plan_.lines.size(), plan_.phase_end.size(), passes, took.count());
-        printf("  %u kills (%u inside a library call), %u found by pmdbctl check; findings:%s\n",
-               kills_, kills_in_call_, found_, findings.empty() ? " none" : findings.c_str());
+        printf("  %u kills (%u inside a library call), each a round: check, tables against the shadow's\n",
+               kills_, kills_in_call_);
+        printf("  %u violations found by pmdbctl check, %u repaired by pmdbctl repair; findings:%s\n",
+               found_, repaired_, findings.empty() ? " none" : findings.c_str());
+        printf("  longest wait without a report: %.1f ms (%s)\n", longest_ms_, longest_what_.c_str());
         printf("  result: %s\n", unknown_ == 0 ? "passed" : "FAILED: new re-application findings");
         Cleanup();
         return unknown_ == 0 ? 0 : 1;
@@ -422,7 +425,11 @@ class Campaign {
     std::set<Problem> accepted_;  // check findings explained in this pass
     KillMap kill_at_;             // (writer, position) -> offset in us
     json seq_card_, seq_whole_;
-    unsigned kills_ = 0, kills_in_call_ = 0, found_ = 0, unknown_ = 0;
+    unsigned kills_ = 0, kills_in_call_ = 0, found_ = 0, repaired_ = 0, unknown_ = 0;
+    // The longest a wait went without a report from any child (the hang
+    // bound is --hang-ms), and what it waited for.
+    double longest_ms_ = 0;
+    std::string longest_what_;
     std::map<std::string, unsigned> findings_;  // known and new findings, by kind of item
     std::string round_;                         // what the current round did, for messages
 
@@ -539,6 +546,13 @@ class Campaign {
         return true;
     }
 
+    void Note(const std::string &what, std::chrono::steady_clock::time_point since) {
+        const std::chrono::duration<double, std::milli> ms = std::chrono::steady_clock::now() - since;
+        if (ms.count() <= longest_ms_) return;
+        longest_ms_ = ms.count();
+        longest_what_ = what;
+    }
+
     void WaitFor(const std::function<bool()> &done, const std::string &what, bool kills = false) {
         auto since = std::chrono::steady_clock::now();
         const auto hang = std::chrono::milliseconds(o_.hang_ms);
@@ -546,13 +560,15 @@ class Campaign {
             // A round may leave another writer waiting at its kill's item.
             while (kills && MaybeKill()) {
             }
-            if (done()) return;
+            if (done()) return Note(what, since);
             const auto left = hang - (std::chrono::steady_clock::now() - since);
             if (left <= left.zero())
                 Fail("hang: no report for " + std::to_string(o_.hang_ms) +
                      " ms while waiting for " + what);
             const auto ms = std::chrono::duration_cast<std::chrono::milliseconds>(left).count();
-            if (Pump(static_cast<int>(ms) + 1, kills)) since = std::chrono::steady_clock::now();
+            if (!Pump(static_cast<int>(ms) + 1, kills)) continue;
+            Note(what, since);
+            since = std::chrono::steady_clock::now();
         }
     }
 
@@ -756,6 +772,7 @@ class Campaign {
             Fail("pmdbctl check fails after pmdbctl repair (status " +
                  std::to_string(repair.status) + "):" + Lines(after) +
                  "\n  repair said: " + repair.out + repair.err);
+        repaired_ += after.empty();
         if (after.empty()) return;
         findings_[known_kind + (retired ? " (retired lock)" : " (check)")]++;
         accepted_.insert(after.begin(), after.end());
