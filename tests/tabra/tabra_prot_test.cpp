@@ -187,48 +187,6 @@ TEST_F(TabraProtection, ProtectionBelongsToEachProcess) {
     EXPECT_EQ(static_cast<u8 *>(mine)[0], 2);
 }
 
-/* Copies at rest: the store refuses them for the entries this process
- * obtained while it could write them, until it protects the table again; a
- * process killed inside its window keeps refusing its entries until they
- * are removed, without making the table inconsistent. */
-TEST_F(TabraProtection, CopiesAtRestRefuseEntriesOpenForWritingUntilProtectedOrRemoved) {
-    tabra_params_t p = Params("P", 8);
-    tabra_hdl_t h = OpenOrDie(p);
-    memset(AddOrDie(h, 1), 0x11, 8);
-    memset(AddOrDie(h, 2), 0x22, 8);
-    u8 b[8] = {};
-    i32 slot = -1;
-    const auto at_rest = [&](u32 key) {
-        return tabra_copy_entry_at_rest(h, key, b, 0, sizeof b, 0);
-    };
-    EXPECT_EQ(at_rest(1), TABRA_E_WRITING) << "writable from tabra_open on";
-    EXPECT_EQ(tabra_entry_open_here(h, 1), 1) << "this process obtained it writable";
-    ASSERT_EQ(tabra_make_shm_readonly_protected(h, &p), 0u);
-    ASSERT_EQ(at_rest(1), 0u);
-    EXPECT_EQ(b[7], 0x11);
-
-    /* Killed inside its window: refused until the entry is removed. */
-    auto dead = StartHeldChild([&] {
-        tabra_make_shm_writable(h, &p);
-        void *e = nullptr;
-        i32 s = -1;
-        tabra_get_entry_by_key(h, 2, &e, &s);
-    });
-    ASSERT_TRUE(dead->WaitReady());
-    dead->Kill();
-    dead->Wait();
-    EXPECT_EQ(at_rest(2), TABRA_E_WRITING);
-    EXPECT_EQ(tabra_copy_entry_by_key(h, 2, b, sizeof b, &slot), 0u) << "one occupant all along";
-    EXPECT_EQ(CheckReport(h), "");
-    ASSERT_EQ(tabra_remove_entry(h, TABRA_REMOVE_BY_KEY, 2), 0u);
-    EXPECT_EQ(CheckReport(h), "") << "a freed slot keeps no bracket";
-    tabra_make_shm_writable(h, &p);
-    memset(AddOrDie(h, 2), 0x44, 8);
-    ASSERT_EQ(tabra_make_shm_readonly_protected(h, &p), 0u);
-    ASSERT_EQ(at_rest(2), 0u);
-    EXPECT_EQ(b[0], 0x44);
-}
-
 /* Where an at-rest copy goes: bytes [off, off + len) straight into the
  * caller's buffer, and nothing at all into it when the answer is that the
  * key is absent (an answer, not a fault: nothing traced), its entry does
@@ -256,10 +214,12 @@ TEST_F(TabraProtection, CopiesAtRestWriteTheBufferOnlyWithAnEntryThatCanStand) {
         for (u32 i = 0; i < 16; i++) e[i] = static_cast<u8>(0x10 + i);
         memcpy(e, &keyed, sizeof keyed);
         memset(AddOrDie(h, unkeyed), 0x5A, 16); /* first word not its key */
-        ASSERT_EQ(tabra_make_shm_readonly_protected(h, &p), 0u);
-
         u8 b[12];
         memset(b, 0xEE, sizeof b);
+        EXPECT_EQ(tabra_copy_entry_at_rest(h, keyed, b, 0, 8, 0), TABRA_E_WRITING)
+            << "writable from tabra_open on";
+        EXPECT_EQ(tabra_entry_open_here(h, keyed), 1) << "this process obtained it writable";
+        ASSERT_EQ(tabra_make_shm_readonly_protected(h, &p), 0u);
         const auto untouched = [&] {
             return std::all_of(b, b + sizeof b, [](u8 v) { return v == 0xEE; });
         };
@@ -285,14 +245,11 @@ TEST_F(TabraProtection, CopiesAtRestWriteTheBufferOnlyWithAnEntryThatCanStand) {
         auto writer = StartHeldChild(
             [&] {
                 tabra_make_shm_writable(h, &p);
-                void *w = nullptr;
-                i32 s = -1;
-                if (tabra_get_entry_by_key(h, keyed, &w, &s) == 0) static_cast<u8 *>(w)[4] = 0x33;
+                if (void *w = Find(h, keyed)) static_cast<u8 *>(w)[4] = 0x33;
             },
             [&] { tabra_make_shm_readonly_protected(h, &p); });
         ASSERT_TRUE(writer->WaitReady());
-        EXPECT_EQ(tabra_copy_entry_at_rest(h, keyed, b, 0, 12, TABRA_COPY_KEYED),
-                  TABRA_E_WRITING);
+        EXPECT_EQ(tabra_copy_entry_at_rest(h, keyed, b, 0, 12, TABRA_COPY_KEYED), TABRA_E_WRITING);
         EXPECT_TRUE(untouched());
         EXPECT_EQ(tabra_entry_open_here(h, keyed), 0) << "open in another process";
         EXPECT_EQ(tabra_copy_entry_at_rest(h, unkeyed, b, 0, 1, 0), 0u);
@@ -307,6 +264,21 @@ TEST_F(TabraProtection, CopiesAtRestWriteTheBufferOnlyWithAnEntryThatCanStand) {
         EXPECT_TRUE(untouched());
         EXPECT_EQ(tabra_copy_entry_at_rest(h, keyed, b, 0, 12, TABRA_COPY_KEYED), 0u)
             << "armed once";
+
+        /* A writer killed inside its window: its entry is refused until removed. */
+        auto dead = StartHeldChild([&] {
+            tabra_make_shm_writable(h, &p);
+            Find(h, unkeyed);
+        });
+        ASSERT_TRUE(dead->WaitReady());
+        dead->Kill();
+        dead->Wait();
+        EXPECT_EQ(tabra_copy_entry_at_rest(h, unkeyed, b, 0, 1, 0), TABRA_E_WRITING);
+        i32 slot = -1;
+        EXPECT_EQ(tabra_copy_entry_by_key(h, unkeyed, b, 1, &slot), 0u) << "one occupant all along";
+        EXPECT_EQ(CheckReport(h), "");
+        ASSERT_EQ(tabra_remove_entry(h, TABRA_REMOVE_BY_KEY, unkeyed), 0u);
+        EXPECT_EQ(CheckReport(h), "") << "a freed slot keeps no bracket";
     }
 
     /* Entries too short to begin with a key cannot be copied keyed. */

@@ -40,13 +40,22 @@ TEST_F(TabraTool, TablesListsEachTableWithItsFiguresAndCheckSelectsOne) {
     auto j = nlohmann::json::parse(o.out);
     /* Entries of 80 and 328 bytes need no padding. */
     const auto row = [](const char *name, u32 size, u32 n, u32 max, u32 buckets) {
-        return nlohmann::json{{"name", name}, {"entry_size", size}, {"entries", n}, {"capacity", 65536},
-                              {"max_entries", max}, {"occupancy_percent", 100.0 * n / 65536},
-                              {"hash_buckets", buckets}, {"object_size", TABRA_OFF_ENTRIES + 65536ull * size},
-                              {"adds", n}, {"removes", 0}, {"repairs", 0}, {"pinned_free", 0}};
+        return nlohmann::json{{"name", name},
+                              {"entry_size", size},
+                              {"entries", n},
+                              {"capacity", 65536},
+                              {"max_entries", max},
+                              {"occupancy_percent", 100.0 * n / 65536},
+                              {"hash_buckets", buckets},
+                              {"object_size", TABRA_OFF_ENTRIES + 65536ull * size},
+                              {"adds", n},
+                              {"removes", 0},
+                              {"repairs", 0},
+                              {"pinned_free", 0}};
     };
     for (auto &t : j) t.erase("max_lock_wait_ns");
-    EXPECT_EQ(j, nlohmann::json::array({row("ALPHA", 328, 655, 65536, 65536), row("BETA", 80, 3, 1000, 7)}))
+    EXPECT_EQ(j, nlohmann::json::array(
+                     {row("ALPHA", 328, 655, 65536, 65536), row("BETA", 80, 3, 1000, 7)}))
         << o.out;
 
     const Output text = Pmdbctl("tables");
