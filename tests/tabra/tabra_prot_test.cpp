@@ -235,6 +235,8 @@ TEST_F(TabraProtection, CopiesAtRestWriteTheBufferOnlyWithAnEntryThatCanStand) {
 
         tabra_rest_view_t v{};
         EXPECT_EQ(tabra_rest_view(h, TABRA_SHM_FORMAT + 1, &v), TABRA_E_MISMATCH);
+        EXPECT_EQ(tabra_rest_view(h, TABRA_SHM_FORMAT, &v), 0u)
+            << "the reader's inline copies use it";
         ASSERT_EQ(tabra_copy_entry_at_rest(h, keyed, b, 6, 10, TABRA_COPY_KEYED), 0u);
         for (u32 i = 0; i < 10; i++) EXPECT_EQ(b[i], 0x16 + i) << i;
         EXPECT_EQ(b[10], 0xEE) << "past len";
