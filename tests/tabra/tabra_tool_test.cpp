@@ -3,7 +3,6 @@
  */
 #include <signal.h>
 
-#include <cctype>
 #include <functional>
 #include <memory>
 #include <nlohmann/json.hpp>
@@ -37,19 +36,26 @@ TEST_F(TabraTool, TablesListsEachTableWithItsFiguresAndCheckSelectsOne) {
 
     const Output o = Pmdbctl("tables --json");
     ASSERT_EQ(o.status, 0) << o.out;
-    const auto j = nlohmann::json::parse(o.out);
-    ASSERT_EQ(j.size(), 2u) << o.out;
-    EXPECT_EQ(j[0]["name"], "ALPHA");
-    EXPECT_EQ(j[0]["entry_size"], 328);
-    EXPECT_EQ(j[0]["entries"], 655);
-    EXPECT_EQ(j[0]["capacity"], 65536);
-    EXPECT_NEAR(j[0]["occupancy_percent"].get<double>(), 1.0, 0.01);
-    EXPECT_EQ(j[1]["name"], "BETA");
-    EXPECT_EQ(j[1]["entry_size"], 80);
-    EXPECT_EQ(j[1]["entries"], 3);
-    EXPECT_EQ(j[1]["max_entries"], 1000);
-    EXPECT_NEAR(j[1]["occupancy_percent"].get<double>(), 300.0 / 65536, 1e-6) << "of the capacity";
-    EXPECT_EQ(j[1]["hash_buckets"], 7);
+    auto j = nlohmann::json::parse(o.out);
+    /* Entries of 80 and 328 bytes need no padding. */
+    const auto row = [](const char *name, u32 size, u32 n, u32 max, u32 buckets) {
+        return nlohmann::json{{"name", name},
+                              {"entry_size", size},
+                              {"entries", n},
+                              {"capacity", 65536},
+                              {"max_entries", max},
+                              {"occupancy_percent", 100.0 * n / 65536},
+                              {"hash_buckets", buckets},
+                              {"object_size", TABRA_OFF_ENTRIES + 65536ull * size},
+                              {"adds", n},
+                              {"removes", 0},
+                              {"repairs", 0},
+                              {"pinned_free", 0}};
+    };
+    for (auto &t : j) t.erase("max_lock_wait_ns");
+    EXPECT_EQ(j, nlohmann::json::array(
+                     {row("ALPHA", 328, 655, 65536, 65536), row("BETA", 80, 3, 1000, 7)}))
+        << o.out;
 
     const Output text = Pmdbctl("tables");
     ASSERT_EQ(text.status, 0) << text.out;
@@ -136,12 +142,8 @@ TEST_P(TabraToolDamage, CheckReportsTheDamagedTableOnItsLine) {
     munmap(obj, TABRA_OFF_ENTRIES);
 }
 
-INSTANTIATE_TEST_SUITE_P(Rows, TabraToolDamage, ::testing::ValuesIn(kDamages),
-                         [](const auto &info) {
-                             std::string n = info.param.what;
-                             for (char &c : n) c = isalnum(static_cast<unsigned char>(c)) ? c : '_';
-                             return n;
-                         });
+/* Rows are named by their number; PrintTo shows what each one does. */
+INSTANTIATE_TEST_SUITE_P(Rows, TabraToolDamage, ::testing::ValuesIn(kDamages));
 
 TEST_F(TabraTool, InterruptEndsTheWaitForAWriterLockAndSaysWhatItWaitedFor) {
     OpenOrDie(Params("BAD", 80));
