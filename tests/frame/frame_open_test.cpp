@@ -319,15 +319,13 @@ TEST_F(FrameOpenTest, EachFailingStepOfTheFirstOpenIsTracedAndTheNextOpenResumes
 
 // A writer whose protection change fails stays counted, and the change is
 // owed: the next writer in (for write access) or out (for protection)
-// makes it.
+// makes it.  (Count and state right after the failure: ops/failure_test.)
 TEST_F(FrameOpenTest, FailedProtectionChangesAreMadeByTheNextWriter) {
     dnx_db_hdl_t *hdl = Open(PMDB_TYPE_OAM, 0);
     pm_fault_set("tabra_make_shm_writable", TABRA_E_PROT, 1);
     MarkTraces();
     EXPECT_EQ(dpa_chk_pmdb_open(nullptr, &hdl, PMDB_TYPE_OAM, 1), TABRA_E_PROT);
     ExpectTrace(VESK_ERROR, 68, {TABRA_E_PROT});
-    EXPECT_EQ(hdl->prot_state, PMDB_PROT_READONLY);
-    EXPECT_EQ(pmdb_frame_wr_refcnt(PMDB_TYPE_OAM), 1);
     pm_calllog_clear();
     EXPECT_EQ(Open(PMDB_TYPE_OAM, 1), hdl);
     EXPECT_EQ(CallNames("tabra_"), Names{"tabra_make_shm_writable"});
@@ -338,8 +336,6 @@ TEST_F(FrameOpenTest, FailedProtectionChangesAreMadeByTheNextWriter) {
     MarkTraces();
     EXPECT_EQ(Release(hdl, PMDB_TYPE_OAM), TABRA_E_PROT);
     EXPECT_TRUE(Traces(VESK_ERROR).empty());
-    EXPECT_EQ(hdl->prot_state, PMDB_PROT_WRITABLE);
-    EXPECT_EQ(pmdb_frame_wr_refcnt(PMDB_TYPE_OAM), 0);
     pm_calllog_clear();
     EXPECT_EQ(Open(PMDB_TYPE_OAM, 1), hdl);
     EXPECT_TRUE(CallNames("tabra_").empty());
