@@ -259,13 +259,15 @@ TEST_F(FrameLockTest, WaiterAtRetirementGetsARebuiltLock) {
     std::atomic<cerrno> waiter_rc{12345};
     kemt_wait_t wait;
     int last_wait = -1;
+    std::atomic<pid_t> tid{0};
     std::thread waiter([&] {
+        tid = gettid();
         waiter_rc = pmdb_entry_lock(lock_);
         last_wait = kemt_host_last_wait(&wait);
         if (waiter_rc == 0) pmdb_entry_unlock(lock_);
     });
     while (kemt_host_location_waits("pmdb_entry_lock", 101) == 0) std::this_thread::sleep_for(1ms);
-    std::this_thread::sleep_for(20ms);  // the waiter sleeps in the kernel now
+    ASSERT_TRUE(pmdb::test::WaitUntilBlockedOnFutex(tid));
     ASSERT_EQ(pmdb_entry_unlock(lock_), 0u);
     cerrno destroyed = PMDB_EBUSY;
     while (destroyed == PMDB_EBUSY) destroyed = pmdb_lock_destroy(lock_);

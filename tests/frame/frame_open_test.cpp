@@ -390,18 +390,6 @@ bool RegionContentsZero(const dnx_pmdb_shrd_ctx_t *ctx) {
                        [](unsigned char b) { return b == 0; });
 }
 
-// Waits (up to 10 s, a hang detector) until process `pid` sleeps in a futex
-// wait: for these tests' children, the region semaphore.
-bool WaitUntilBlockedOnFutex(int pid) {
-    const std::string path = "/proc/" + std::to_string(pid) + "/wchan";
-    for (int i = 0; i < 10000; i++, usleep(1000)) {
-        std::string wchan;
-        std::ifstream(path) >> wchan;
-        if (wchan.find("futex") != std::string::npos) return true;
-    }
-    return false;
-}
-
 // Child body: maps the IFH region, then sets `bit` in the globals block.
 int MapAndMark(u32 bit) {
     dnx_db_hdl_t *hdl = nullptr;
@@ -443,7 +431,7 @@ TEST_F(FrameRegionTest, MagicThatAppearsDuringTheWaitIsNotZeroedAgain) {
             return MapAndMark(bit);
         }));
         ASSERT_TRUE(waiters.back()->WaitReady());
-        ASSERT_TRUE(WaitUntilBlockedOnFutex(waiters.back()->pid()));
+        ASSERT_TRUE(pmdb::test::WaitUntilBlockedOnFutex(waiters.back()->pid()));
     }
     __atomic_store_n(&raw->magic, PMDB_SHRD_CTX_MAGIC, __ATOMIC_RELEASE);
     ASSERT_EQ(sem_post(sem), 0);

@@ -320,6 +320,16 @@ ToolRun RunTool(const std::string &path, const std::vector<std::string> &args) {
     return Tool(path, args).Finish();
 }
 
+bool WaitUntilBlockedOnFutex(pid_t tid) {
+    const std::string path = "/proc/" + std::to_string(tid) + "/wchan";
+    for (int i = 0; i < 10000; i++, usleep(1000)) {
+        std::string wchan;
+        std::ifstream(path) >> wchan;
+        if (wchan.find("futex") != std::string::npos) return true;
+    }
+    return false;
+}
+
 std::vector<std::string> Words(const std::string &line) {
     std::vector<std::string> words;
     std::istringstream in(line);

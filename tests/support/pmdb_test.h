@@ -138,6 +138,11 @@ std::unique_ptr<ChildProcess> StartHeldChild(std::function<void()> before,
 void RunAtOnce(size_t n, const std::function<void()> &setup,
                const std::function<void(size_t)> &work);
 
+/* Waits (up to 10 s, a hang detector) until the process or thread `tid`
+ * sleeps in a futex wait (a mutex or semaphore it waits for); false when
+ * it never does. */
+bool WaitUntilBlockedOnFutex(pid_t tid);
+
 /* ---- programs ------------------------------------------------------------ */
 
 /* What a program run by a test did. */
