@@ -39,7 +39,10 @@ done
 run_consumer() {  # label executable
   local ns=pmdbinst$$_$1
   namespaces+=("$ns")
-  ldd "$2" | grep -q "libpmdb.so.0 => $prefix/" || fail "$1 consumer does not load libpmdb from the prefix"
+  # Not `ldd | grep -q`: grep ends at its first match, ldd may then die of
+  # SIGPIPE, and pipefail would report that as a missing match.
+  ldd "$2" >"$work/ldd.out" || fail "ldd $2 failed"
+  grep -q "libpmdb.so.0 => $prefix/" "$work/ldd.out" || fail "$1 consumer does not load libpmdb from the prefix"
   env -i PATH="$PATH" PMDB_NS="$ns" PMDB_MAX_ENTRIES=64 "$2" || fail "$1 consumer failed"
   env -i PATH="$PATH" PMDB_MAX_ENTRIES=64 "$prefix/bin/pmdbctl" --ns "$ns" show 0x5001 \
     >"$work/show.out" || fail "installed pmdbctl show failed in $ns"
