@@ -9,7 +9,9 @@
 #include <unistd.h>
 
 #include <cstring>
+#include <atomic>
 #include <random>
+#include <thread>
 
 #include "card.h"
 #include "pmdb_member_ops.h"
@@ -223,6 +225,35 @@ TEST_F(MemberUpdate, TwoProcessesKeepTheBundleCountersConsistent) {
     }
     ExpectNoTrace(VESK_ERROR, 293);  // no counter ever had a member missing
     ExpectNoTrace(VESK_ERROR, 294);
+}
+
+// The bundle's counters change only under the bundle's slot lock: while
+// another process holds it, a member's out-of-resource change waits there
+// and the bundle stays as it was; released, the change completes.
+TEST_F(MemberUpdate, OutOfResourceChangeWaitsForTheBundleLock) {
+    PutBundle(kBundle);
+    PutMember(kMember, kBundle);
+    RecordOorCalls();  // only with a callback do members move the counters
+    const Bytes before = EntryBytes(PMDB_TYPE_IFH, kBundle);
+    const auto holder = HoldInChild(SlotLock(PMDB_TYPE_IFH, kBundle));
+    ASSERT_TRUE(holder->WaitReady());
+    std::atomic<pid_t> tid{0};
+    std::atomic<bool> returned{false};
+    cerrno rc = 12345;
+    std::thread changer([&] {
+        tid = gettid();
+        u32 out[4];
+        rc = dpa_pmdb_update_bundle_oor_state(kMember, 2, 7, &out[0], &out[1], &out[2], &out[3]);
+        returned = true;
+    });
+    while (tid == 0) std::this_thread::yield();
+    const bool blocked = WaitUntilBlockedOnFutex(tid);
+    EXPECT_TRUE(blocked && !returned) << "the change did not wait for the bundle's lock";
+    EXPECT_EQ(EntryBytes(PMDB_TYPE_IFH, kBundle), before);
+    holder->Release();
+    changer.join();
+    EXPECT_EQ(rc, PMDB_OK);
+    EXPECT_EQ(OorOf(kBundle)[1], 1u) << "oor_members_2";
 }
 
 // A writer killed at a point between a member's change and its bundle's
