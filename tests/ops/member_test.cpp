@@ -9,9 +9,7 @@
 #include <unistd.h>
 
 #include <cstring>
-#include <atomic>
 #include <random>
-#include <thread>
 
 #include "card.h"
 #include "pmdb_member_ops.h"
@@ -237,22 +235,21 @@ TEST_F(MemberUpdate, OutOfResourceChangeWaitsForTheBundleLock) {
     const Bytes before = EntryBytes(PMDB_TYPE_IFH, kBundle);
     const auto holder = HoldInChild(SlotLock(PMDB_TYPE_IFH, kBundle));
     ASSERT_TRUE(holder->WaitReady());
-    std::atomic<pid_t> tid{0};
-    std::atomic<bool> returned{false};
-    cerrno rc = 12345;
-    std::thread changer([&] {
-        tid = gettid();
+    // A process, not a thread: its wait is on a lock another process holds,
+    // which a thread checker cannot see as ordering this test's reads.
+    ChildProcess changer([](ChildLink &) {
         u32 out[4];
-        rc = dpa_pmdb_update_bundle_oor_state(kMember, 2, 7, &out[0], &out[1], &out[2], &out[3]);
-        returned = true;
+        return dpa_pmdb_update_bundle_oor_state(kMember, 2, 7, &out[0], &out[1], &out[2],
+                                                &out[3]) == PMDB_OK
+                   ? 0
+                   : 1;
     });
-    while (tid == 0) std::this_thread::yield();
-    const bool blocked = WaitUntilBlockedOnFutex(tid);
-    EXPECT_TRUE(blocked && !returned) << "the change did not wait for the bundle's lock";
+    EXPECT_TRUE(WaitUntilBlockedOnFutex(changer.pid()))
+        << "the change did not wait for the bundle's lock";
     EXPECT_EQ(EntryBytes(PMDB_TYPE_IFH, kBundle), before);
     holder->Release();
-    changer.join();
-    EXPECT_EQ(rc, PMDB_OK);
+    const ChildResult r = changer.Wait();
+    EXPECT_TRUE(r.ExitedWith(0)) << r.Describe();
     EXPECT_EQ(OorOf(kBundle)[1], 1u) << "oor_members_2";
 }
 
